@@ -12,8 +12,8 @@ namespace zelvanor {
 
 /// What the host tells the SDK once: request timeout, batch threshold, sandbox switch.
 struct ZConfiguration {
-  double timeout = 5.0;              ///< seconds, for every HTTP request
-  std::uint64_t batchSize = 1;       ///< records that gather in memory before sending starts
+  double timeout = 5.0;         ///< seconds, for every HTTP request
+  std::uint64_t batchSize = 1;  ///< records that gather in memory before sending starts
   bool usingSandboxEnvironment = false;
 
   /// timeout 5.0, batchSize 1, production collector. A new value on every call.
@@ -28,7 +28,8 @@ enum class DeploymentType { development, production };
 /// "development" or "production".
 ZELVANOR_API std::string_view rawValue(DeploymentType type) noexcept;
 /// Accepts exactly "development" and "production"; anything else is absent.
-ZELVANOR_API std::optional<DeploymentType> deploymentTypeFromRawValue(std::string_view text) noexcept;
+ZELVANOR_API std::optional<DeploymentType> deploymentTypeFromRawValue(
+    std::string_view text) noexcept;
 
 /// The sdk block: which SDK made the record.
 struct ZSDK {

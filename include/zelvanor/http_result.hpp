@@ -8,8 +8,8 @@
 namespace zelvanor {
 
 struct ZHTTPResponseStatus {
-  std::string code;
-  std::string message;  ///< travels under "msg"
+  std::string code{};
+  std::string message{};  ///< travels under "msg"
 
   friend bool operator==(const ZHTTPResponseStatus&, const ZHTTPResponseStatus&) = default;
 };
@@ -18,8 +18,8 @@ struct ZHTTPResponseStatus {
 template <class T>
 struct ZHTTPResult {
   std::int64_t version = 0;
-  ZHTTPResponseStatus status;
-  std::optional<T> data;
+  ZHTTPResponseStatus status{};
+  std::optional<T> data{};
 
   friend bool operator==(const ZHTTPResult&, const ZHTTPResult&) = default;
 };

@@ -31,20 +31,23 @@ template <class T>
 ZELVANOR_API Result<T> decodeJson(std::string_view json);
 
 // The types these two serve.
-#define ZELVANOR_CODABLE_TYPES(X)                                                             \
-  X(ZSDK)                                                                                     \
-  X(ZCommon)                                                                                  \
-  X(ZAgent)                                                                                   \
-  X(ZId) X(ZAgreement) X(ZApp) X(ZUtm) X(ZBucket) X(ZPage) X(ZClick) X(ZUsage) X(ZLocation) \
-      X(ZPromotion) X(ZViewImpressionContent) X(ZStatus) X(ZSearch) X(ZPurchase) X(ZChat)    \
-          X(ZVideoMeeting) X(ZDomain) X(ZAction) X(ZXid) X(ZUcid) X(ZLogRecord)
+#define ZELVANOR_CODABLE_TYPES(X)                                                                  \
+  X(ZSDK)                                                                                          \
+  X(ZCommon)                                                                                       \
+  X(ZAgent)                                                                                        \
+  X(ZId)                                                                                           \
+  X(ZAgreement) X(ZApp) X(ZUtm) X(ZBucket) X(ZPage) X(ZClick) X(ZUsage) X(ZLocation) X(ZPromotion) \
+      X(ZViewImpressionContent) X(ZStatus) X(ZSearch) X(ZPurchase) X(ZChat) X(ZVideoMeeting)       \
+          X(ZDomain) X(ZAction) X(ZXid) X(ZUcid) X(ZLogRecord)
 #define ZELVANOR_ENCODE_ONLY_TYPES(X) X(ZLogTemplate)
 #define ZELVANOR_DECODE_ONLY_TYPES(X) \
-  X(ZHTTPResponseStatus) X(ZHTTPResultEmpty) X(ZHTTPResult<ZHTTPResultEmpty>) X(ZHTTPResult<std::vector<ZXid>>)
+  X(ZHTTPResponseStatus)              \
+  X(ZHTTPResultEmpty) X(ZHTTPResult<ZHTTPResultEmpty>) X(ZHTTPResult<std::vector<ZXid>>)
 
 #define ZELVANOR_DECLARE_ENCODE(T) \
   extern template ZELVANOR_API Result<std::string> encodeJson<T>(const T&, JsonStyle);
-#define ZELVANOR_DECLARE_DECODE(T) extern template ZELVANOR_API Result<T> decodeJson<T>(std::string_view);
+#define ZELVANOR_DECLARE_DECODE(T) \
+  extern template ZELVANOR_API Result<T> decodeJson<T>(std::string_view);
 ZELVANOR_CODABLE_TYPES(ZELVANOR_DECLARE_ENCODE)
 ZELVANOR_CODABLE_TYPES(ZELVANOR_DECLARE_DECODE)
 ZELVANOR_ENCODE_ONLY_TYPES(ZELVANOR_DECLARE_ENCODE)

@@ -20,7 +20,9 @@ struct ZAction {
    public:
     enum class Case { custom, pageView, event, ecommerce, usage, viewImpression, location, app };
 
-    static ZActionType custom(std::string text) { return ZActionType(Case::custom, std::move(text)); }
+    static ZActionType custom(std::string text) {
+      return ZActionType(Case::custom, std::move(text));
+    }
     static const ZActionType pageView;
     static const ZActionType event;
     static const ZActionType ecommerce;
@@ -38,7 +40,7 @@ struct ZAction {
    private:
     ZActionType(Case c, std::string text) : case_(c), text_(std::move(text)) {}
     Case case_;
-    std::string text_;
+    std::string text_{};
   };
 
   ZAction() = default;
@@ -47,9 +49,9 @@ struct ZAction {
   ZAction(const ZActionType& type, std::string name, std::string kind)
       : type(type.text()), name(std::move(name)), kind(std::move(kind)) {}
 
-  std::string type;
-  std::string name;
-  std::string kind;
+  std::string type{};
+  std::string name{};
+  std::string kind{};
 
   friend bool operator==(const ZAction&, const ZAction&) = default;
 };
@@ -59,24 +61,24 @@ inline const ZAction::ZActionType ZAction::ZActionType::event{Case::event, "even
 inline const ZAction::ZActionType ZAction::ZActionType::ecommerce{Case::ecommerce, "ecommerce"};
 inline const ZAction::ZActionType ZAction::ZActionType::usage{Case::usage, "usage"};
 inline const ZAction::ZActionType ZAction::ZActionType::viewImpression{Case::viewImpression,
-                                                                        "view_imp"};
+                                                                       "view_imp"};
 inline const ZAction::ZActionType ZAction::ZActionType::location{Case::location, "location"};
 inline const ZAction::ZActionType ZAction::ZActionType::app{Case::app, "app"};
 
 /// The cross-service identity triple issued by the identity sync server.
 struct ZXid {
-  std::string cid;
-  std::string did;
-  std::string sid;
+  std::string cid{};
+  std::string did{};
+  std::string sid{};
 
   friend bool operator==(const ZXid&, const ZXid&) = default;
 };
 
 /// The user's id as the collector keys it.
 struct ZUcid {
-  std::optional<std::string> serviceName;
-  std::optional<std::string> serviceId;
-  std::optional<std::string> id;
+  std::optional<std::string> serviceName{};
+  std::optional<std::string> serviceId{};
+  std::optional<std::string> id{};
 
   friend bool operator==(const ZUcid&, const ZUcid&) = default;
 };
@@ -84,26 +86,26 @@ struct ZUcid {
 /// One event, as one flat JSON object. xid, sdk and action are required; absent members are
 /// left out. viewImpressionContents travels under "viewimp_contents".
 struct ZLogRecord {
-  ZXid xid;
-  ZSDK sdk;
-  ZAction action;
-  std::optional<ZCommon> common;
-  std::optional<ZId> id;
-  std::optional<ZUcid> ucid;
-  std::optional<ZAgreement> agreement;
-  std::optional<ZUtm> utm;
-  std::optional<ZAgent> agent;
-  std::optional<ZApp> app;
-  std::optional<ZLocation> location;
-  std::optional<ZPage> page;
-  std::optional<ZClick> click;
-  std::optional<ZUsage> usage;
-  std::optional<ZDomain> domain;
-  std::optional<ZPromotion> promotion;
-  std::optional<std::vector<ZViewImpressionContent>> viewImpressionContents;
-  std::optional<std::vector<ZBucket>> buckets;
-  std::optional<ZStatus> status;
-  std::optional<std::string> free;
+  ZXid xid{};
+  ZSDK sdk{};
+  ZAction action{};
+  std::optional<ZCommon> common{};
+  std::optional<ZId> id{};
+  std::optional<ZUcid> ucid{};
+  std::optional<ZAgreement> agreement{};
+  std::optional<ZUtm> utm{};
+  std::optional<ZAgent> agent{};
+  std::optional<ZApp> app{};
+  std::optional<ZLocation> location{};
+  std::optional<ZPage> page{};
+  std::optional<ZClick> click{};
+  std::optional<ZUsage> usage{};
+  std::optional<ZDomain> domain{};
+  std::optional<ZPromotion> promotion{};
+  std::optional<std::vector<ZViewImpressionContent>> viewImpressionContents{};
+  std::optional<std::vector<ZBucket>> buckets{};
+  std::optional<ZStatus> status{};
+  std::optional<std::string> free{};
 
   friend bool operator==(const ZLogRecord&, const ZLogRecord&) = default;
 };
@@ -111,20 +113,20 @@ struct ZLogRecord {
 /// The per-event blocks of an event tracked before the identity triple was known. Encodes only;
 /// its view-impression list is written as "viewImpressionContents".
 struct ZLogTemplate {
-  std::optional<ZAgreement> agreement;
-  std::optional<ZApp> app;
-  std::optional<ZClick> click;
-  std::optional<ZDomain> domain;
-  std::optional<ZLocation> location;
-  std::optional<ZPage> page;
-  std::optional<ZPromotion> promotion;
-  std::optional<ZStatus> status;
-  std::optional<ZUsage> usage;
-  std::optional<ZUtm> utm;
-  std::optional<std::vector<ZBucket>> buckets;
-  std::optional<std::vector<ZViewImpressionContent>> viewImpressionContents;
-  std::optional<ZAction> action;
-  std::optional<std::string> free;
+  std::optional<ZAgreement> agreement{};
+  std::optional<ZApp> app{};
+  std::optional<ZClick> click{};
+  std::optional<ZDomain> domain{};
+  std::optional<ZLocation> location{};
+  std::optional<ZPage> page{};
+  std::optional<ZPromotion> promotion{};
+  std::optional<ZStatus> status{};
+  std::optional<ZUsage> usage{};
+  std::optional<ZUtm> utm{};
+  std::optional<std::vector<ZBucket>> buckets{};
+  std::optional<std::vector<ZViewImpressionContent>> viewImpressionContents{};
+  std::optional<ZAction> action{};
+  std::optional<std::string> free{};
 
   friend bool operator==(const ZLogTemplate&, const ZLogTemplate&) = default;
 };

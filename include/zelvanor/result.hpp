@@ -34,7 +34,8 @@ ZELVANOR_API const char* toString(CodecError::Kind kind) noexcept;
 template <class T>
 class Result {
  public:
-  Result(T value) : state_(std::in_place_index<0>, std::move(value)) {}  // NOLINT: implicit by design
+  Result(T value)
+      : state_(std::in_place_index<0>, std::move(value)) {}  // NOLINT: implicit by design
   Result(CodecError error) : state_(std::in_place_index<1>, std::move(error)) {}  // NOLINT
 
   bool ok() const noexcept { return state_.index() == 0; }

@@ -1,0 +1,74 @@
+// The public encode/decode entry points, instantiated for every type the SDK puts on the wire.
+#include <new>
+
+#include "model/field_tables.hpp"
+#include "zelvanor/json.hpp"
+
+namespace zelvanor {
+
+const char* toString(CodecError::Kind kind) noexcept {
+  switch (kind) {
+    case CodecError::Kind::keyNotFound:
+      return "key not found";
+    case CodecError::Kind::valueNotFound:
+      return "value not found";
+    case CodecError::Kind::typeMismatch:
+      return "type mismatch";
+    case CodecError::Kind::dataCorrupted:
+      return "data corrupted";
+    case CodecError::Kind::invalidValue:
+      return "invalid value";
+  }
+  return "unknown";
+}
+
+std::string CodecError::describe() const {
+  std::string text = toString(kind);
+  if (!path.empty()) text += " at " + path;
+  if (!detail.empty()) text += ": " + detail;
+  return text;
+}
+
+template <class T>
+Result<std::string> encodeJson(const T& value, JsonStyle style) {
+  try {
+    std::string out;
+    out.reserve(512);
+    detail::JsonWriter writer(out, style == JsonStyle::pretty);
+    CodecError error;
+    if (!detail::encodeValue(writer, value, error)) return error;
+    return out;
+  } catch (const std::bad_alloc&) {
+    return CodecError{CodecError::Kind::invalidValue, "", "out of memory"};
+  }
+}
+
+template <class T>
+Result<T> decodeJson(std::string_view json) {
+  try {
+    // One parser per thread keeps its buffers between calls.
+    thread_local simdjson::dom::parser parser;
+    simdjson::dom::element root;
+    const auto parsed = parser.parse(json.data(), json.size(), true).get(root);
+    if (parsed != simdjson::SUCCESS) {
+      return CodecError{CodecError::Kind::dataCorrupted, "", simdjson::error_message(parsed)};
+    }
+    T value{};
+    CodecError error;
+    if (!detail::decodeValue(root, value, error)) return error;
+    return value;
+  } catch (const std::bad_alloc&) {
+    return CodecError{CodecError::Kind::dataCorrupted, "", "out of memory"};
+  }
+}
+
+#define ZELVANOR_INSTANTIATE_ENCODE(T) \
+  template ZELVANOR_API Result<std::string> encodeJson<T>(const T&, JsonStyle);
+#define ZELVANOR_INSTANTIATE_DECODE(T) \
+  template ZELVANOR_API Result<T> decodeJson<T>(std::string_view);
+ZELVANOR_CODABLE_TYPES(ZELVANOR_INSTANTIATE_ENCODE)
+ZELVANOR_CODABLE_TYPES(ZELVANOR_INSTANTIATE_DECODE)
+ZELVANOR_ENCODE_ONLY_TYPES(ZELVANOR_INSTANTIATE_ENCODE)
+ZELVANOR_DECODE_ONLY_TYPES(ZELVANOR_INSTANTIATE_DECODE)
+
+}  // namespace zelvanor

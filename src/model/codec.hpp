@@ -1,0 +1,342 @@
+// The one generic codec. Each type declares its members once, in a FieldTable (field_tables.hpp);
+// these templates write and read every type from that table.
+#pragma once
+
+#include <simdjson.h>
+
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "model/json_writer.hpp"
+#include "zelvanor/configuration.hpp"
+#include "zelvanor/result.hpp"
+
+namespace zelvanor::detail {
+
+/// How a member meets the wire.
+enum class Wire {
+  both,        ///< written when present, read when present
+  readOnly,    ///< read from JSON, never written
+  memoryOnly,  ///< neither written nor read: the key is reserved but the value stays in memory
+};
+
+template <class Owner, class Member>
+struct Field {
+  std::string_view key;
+  Member Owner::*member;
+  Wire wire;
+};
+
+/// A key the type reserves but binds to no member; never written, ignored when read.
+struct ReservedKey {
+  std::string_view key;
+};
+
+template <class O, class M>
+constexpr Field<O, M> field(std::string_view key, M O::*member) {
+  return {key, member, Wire::both};
+}
+template <class O, class M>
+constexpr Field<O, M> readOnlyField(std::string_view key, M O::*member) {
+  return {key, member, Wire::readOnly};
+}
+template <class O, class M>
+constexpr Field<O, M> memoryOnlyField(std::string_view key, M O::*member) {
+  return {key, member, Wire::memoryOnly};
+}
+
+/// Specialised once per type with `static constexpr auto fields = std::tuple{...}`.
+template <class T>
+struct FieldTable;
+
+template <class T>
+concept HasFieldTable = requires {
+  FieldTable<T>::fields;
+};
+
+template <class T>
+struct IsOptional : std::false_type {};
+template <class T>
+struct IsOptional<std::optional<T>> : std::true_type {};
+template <class T>
+struct IsVector : std::false_type {};
+template <class T>
+struct IsVector<std::vector<T>> : std::true_type {};
+
+template <class F>
+struct IsReservedKey : std::is_same<std::remove_cvref_t<F>, ReservedKey> {};
+
+// ----- error paths: built while unwinding, so the success path pays nothing ------------------
+
+inline void prependKey(CodecError& error, std::string_view key) {
+  if (error.path.empty()) {
+    error.path.assign(key);
+  } else if (error.path.front() == '[') {
+    error.path.insert(0, key);
+  } else {
+    error.path.insert(0, 1, '.');
+    error.path.insert(0, key);
+  }
+}
+
+inline void prependIndex(CodecError& error, std::size_t index) {
+  std::string prefix = "[" + std::to_string(index) + "]";
+  if (!error.path.empty() && error.path.front() != '[') prefix.push_back('.');
+  error.path.insert(0, prefix);
+}
+
+inline bool fail(CodecError& error, CodecError::Kind kind, std::string detail) {
+  error.kind = kind;
+  error.detail = std::move(detail);
+  return false;
+}
+
+// ----- encoding -----------------------------------------------------------------------------
+
+template <class T>
+bool encodeValue(JsonWriter& writer, const T& value, CodecError& error);
+
+template <class T, std::size_t I>
+bool encodeField(JsonWriter& writer, const T& object, CodecError& error) {
+  constexpr auto& field = std::get<I>(FieldTable<T>::fields);
+  using F = std::remove_cvref_t<decltype(field)>;
+  if constexpr (IsReservedKey<F>::value) {
+    return true;
+  } else if constexpr (field.wire != Wire::both) {
+    return true;
+  } else {
+    const auto& member = object.*(field.member);
+    using Member = std::remove_cvref_t<decltype(member)>;
+    if constexpr (IsOptional<Member>::value) {
+      if (!member) return true;  // absent members are left out, never written as null
+      writer.key(field.key);
+      if (encodeValue(writer, *member, error)) return true;
+    } else {
+      writer.key(field.key);
+      if (encodeValue(writer, member, error)) return true;
+    }
+    prependKey(error, field.key);
+    return false;
+  }
+}
+
+template <class T>
+constexpr std::size_t fieldCount() {
+  return std::tuple_size_v<std::remove_cvref_t<decltype(FieldTable<T>::fields)>>;
+}
+
+template <class T>
+bool encodeValue(JsonWriter& writer, const T& value, CodecError& error) {
+  if constexpr (std::is_same_v<T, std::string>) {
+    if (writer.string(value)) return true;
+    return fail(error, CodecError::Kind::invalidValue, "string is not valid UTF-8");
+  } else if constexpr (std::is_same_v<T, bool>) {
+    writer.boolean(value);
+    return true;
+  } else if constexpr (std::is_same_v<T, std::int64_t>) {
+    writer.integer(value);
+    return true;
+  } else if constexpr (std::is_floating_point_v<T>) {
+    if (writer.number(value)) return true;
+    return fail(error, CodecError::Kind::invalidValue, "number is not finite");
+  } else if constexpr (std::is_same_v<T, DeploymentType>) {
+    writer.string(rawValue(value));
+    return true;
+  } else if constexpr (IsVector<T>::value) {
+    writer.beginArray();
+    for (std::size_t i = 0; i < value.size(); ++i) {
+      writer.element();
+      if (!encodeValue(writer, value[i], error)) {
+        prependIndex(error, i);
+        return false;
+      }
+    }
+    writer.endArray();
+    return true;
+  } else {
+    static_assert(HasFieldTable<T>, "no field table for this type");
+    writer.beginObject();
+    const bool ok = [&]<std::size_t... I>(std::index_sequence<I...>) {
+      return (encodeField<T, I>(writer, value, error) && ...);
+    }
+    (std::make_index_sequence<fieldCount<T>()>{});
+    if (!ok) return false;
+    writer.endObject();
+    return true;
+  }
+}
+
+// ----- decoding -----------------------------------------------------------------------------
+
+using simdjson::dom::element;
+using simdjson::dom::element_type;
+
+template <class T>
+bool decodeValue(element json, T& out, CodecError& error);
+
+inline bool typeMismatch(CodecError& error, const char* expected) {
+  return fail(error, CodecError::Kind::typeMismatch, std::string("expected ") + expected);
+}
+
+// Decodes `value` into field I of `out` if `key` names it. Returns true when the key matched.
+template <class T, std::size_t I>
+bool decodeFieldIfNamed(std::string_view key, element value, T& out, std::uint64_t& seen, bool& ok,
+                        CodecError& error) {
+  constexpr auto& field = std::get<I>(FieldTable<T>::fields);
+  using F = std::remove_cvref_t<decltype(field)>;
+  if constexpr (IsReservedKey<F>::value) {
+    return false;
+  } else if constexpr (field.wire == Wire::memoryOnly) {
+    return false;
+  } else {
+    if (key != field.key) return false;
+    seen |= std::uint64_t{1} << I;
+    auto& member = out.*(field.member);
+    using Member = std::remove_cvref_t<decltype(member)>;
+    if constexpr (IsOptional<Member>::value) {
+      if (value.is_null()) {
+        member.reset();  // null in an optional member means absent
+        return true;
+      }
+      member.emplace();
+      ok = decodeValue(value, *member, error);
+    } else {
+      if (value.is_null()) {
+        ok = fail(error, CodecError::Kind::valueNotFound, "required value is null");
+      } else {
+        ok = decodeValue(value, member, error);
+      }
+    }
+    if (!ok) prependKey(error, field.key);
+    return true;
+  }
+}
+
+template <class T, std::size_t I>
+bool checkRequiredSeen(std::uint64_t seen, CodecError& error) {
+  constexpr auto& field = std::get<I>(FieldTable<T>::fields);
+  using F = std::remove_cvref_t<decltype(field)>;
+  if constexpr (IsReservedKey<F>::value) {
+    return true;
+  } else {
+    using Member = std::remove_cvref_t<decltype(std::declval<T&>().*(field.member))>;
+    if constexpr (IsOptional<Member>::value || field.wire == Wire::memoryOnly) {
+      return true;
+    } else {
+      if (seen & (std::uint64_t{1} << I)) return true;
+      error.path.assign(field.key);
+      return fail(error, CodecError::Kind::keyNotFound, "required key is missing");
+    }
+  }
+}
+
+template <class T>
+bool decodeObject(element json, T& out, CodecError& error) {
+  simdjson::dom::object object;
+  if (json.get(object) != simdjson::SUCCESS) return typeMismatch(error, "an object");
+  constexpr std::size_t count = fieldCount<T>();
+  static_assert(count <= 64, "seen-mask holds 64 fields");
+  std::uint64_t seen = 0;
+  for (auto member : object) {
+    bool ok = true;
+    [&]<std::size_t... I>(std::index_sequence<I...>) {
+      static_cast<void>(
+          (decodeFieldIfNamed<T, I>(member.key, member.value, out, seen, ok, error) || ...));
+    }
+    (std::make_index_sequence<count>{});
+    if (!ok) return false;  // unknown keys simply match nothing
+  }
+  return [&]<std::size_t... I>(std::index_sequence<I...>) {
+    return (checkRequiredSeen<T, I>(seen, error) && ...);
+  }
+  (std::make_index_sequence<count>{});
+}
+
+template <class T>
+bool decodeValue(element json, T& out, CodecError& error) {
+  if constexpr (std::is_same_v<T, std::string>) {
+    std::string_view text;
+    if (json.get(text) != simdjson::SUCCESS) return typeMismatch(error, "a string");
+    out.assign(text);
+    return true;
+  } else if constexpr (std::is_same_v<T, bool>) {
+    if (json.get(out) != simdjson::SUCCESS) return typeMismatch(error, "a bool");
+    return true;
+  } else if constexpr (std::is_same_v<T, std::int64_t>) {
+    switch (json.type()) {
+      case element_type::INT64:
+        out = json.get_int64().value_unsafe();
+        return true;
+      case element_type::UINT64:
+        return fail(error, CodecError::Kind::dataCorrupted, "number does not fit a 64-bit integer");
+      default:
+        return typeMismatch(error, "an integer");
+    }
+  } else if constexpr (std::is_floating_point_v<T>) {
+    double number = 0;
+    switch (json.type()) {
+      case element_type::INT64:
+        number = static_cast<double>(json.get_int64().value_unsafe());
+        break;
+      case element_type::UINT64:
+        number = static_cast<double>(json.get_uint64().value_unsafe());
+        break;
+      case element_type::DOUBLE:
+        number = json.get_double().value_unsafe();
+        break;
+      default:
+        return typeMismatch(error, "a number");
+    }
+    if constexpr (std::is_same_v<T, float>) {
+      if (std::fabs(number) > FLT_MAX) {
+        return fail(error, CodecError::Kind::dataCorrupted, "number does not fit a 32-bit float");
+      }
+    }
+    out = static_cast<T>(number);
+    return true;
+  } else if constexpr (std::is_same_v<T, DeploymentType>) {
+    std::string_view text;
+    if (json.get(text) != simdjson::SUCCESS) return typeMismatch(error, "a string");
+    auto type = deploymentTypeFromRawValue(text);
+    if (!type) {
+      return fail(error, CodecError::Kind::dataCorrupted,
+                  "\"" + std::string(text) + "\" is not development or production");
+    }
+    out = *type;
+    return true;
+  } else if constexpr (IsVector<T>::value) {
+    simdjson::dom::array array;
+    if (json.get(array) != simdjson::SUCCESS) return typeMismatch(error, "an array");
+    out.clear();
+    out.reserve(array.size());
+    std::size_t index = 0;
+    for (element item : array) {
+      auto& slot = out.emplace_back();
+      bool ok = false;
+      if (item.is_null()) {
+        ok = fail(error, CodecError::Kind::valueNotFound, "array element is null");
+      } else {
+        ok = decodeValue(item, slot, error);
+      }
+      if (!ok) {
+        prependIndex(error, index);
+        return false;
+      }
+      ++index;
+    }
+    return true;
+  } else {
+    static_assert(HasFieldTable<T>, "no field table for this type");
+    return decodeObject(json, out, error);
+  }
+}
+
+}  // namespace zelvanor::detail
