@@ -1,0 +1,145 @@
+// POSIX file operations: no symlink is ever followed at the final path component, files are
+// created 0600, and descriptors never leak into child processes.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/file_ops.hpp"
+
+namespace zelvanor::platform {
+namespace {
+
+constexpr mode_t kPrivateMode = S_IRUSR | S_IWUSR;
+
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) noexcept : fd_(fd) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  int get() const noexcept { return fd_; }
+  explicit operator bool() const noexcept { return fd_ >= 0; }
+  /// Closes now and reports the result, which for a written file is the last chance to see an
+  /// I/O error.
+  bool close() noexcept {
+    const int fd = fd_;
+    fd_ = -1;
+    return fd < 0 || ::close(fd) == 0;
+  }
+
+ private:
+  int fd_;
+};
+
+int openNoFollow(const std::filesystem::path& file, int flags, mode_t mode = 0) noexcept {
+  int fd;
+  do {
+    // O_NONBLOCK keeps a FIFO planted at the path from blocking the open; it has no effect on
+    // regular files, which are all we go on to use.
+    fd = ::open(file.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, mode);
+  } while (fd < 0 && errno == EINTR);
+  return fd;
+}
+
+bool isRegular(int fd, struct stat& info) noexcept {
+  return ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+}
+
+/// Writes everything, continuing after a short write or an interrupted call.
+bool writeAll(int fd, std::string_view bytes) noexcept {
+  const char* data = bytes.data();
+  std::size_t left = bytes.size();
+  while (left > 0) {
+    const ssize_t written = ::write(fd, data, left);
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    if (written == 0) return false;
+    data += written;
+    left -= static_cast<std::size_t>(written);
+  }
+  return true;
+}
+
+}  // namespace
+
+bool appendPrivate(const std::filesystem::path& file, std::string_view bytes) noexcept {
+  Descriptor fd(openNoFollow(file, O_WRONLY | O_APPEND | O_CREAT, kPrivateMode));
+  if (!fd) return false;
+  struct stat info {};
+  if (!isRegular(fd.get(), info)) return false;
+  // A file someone else loosened (or created before us with a wider umask) is tightened again.
+  if ((info.st_mode & 07777) != kPrivateMode) (void)::fchmod(fd.get(), kPrivateMode);
+  const off_t oldSize = info.st_size;
+  if (!writeAll(fd.get(), bytes)) {
+    // A half-written frame in the middle of the file would make every later frame unreadable;
+    // cutting back to the old length keeps the file a sequence of whole frames.
+    (void)::ftruncate(fd.get(), oldSize);
+    return false;
+  }
+  return fd.close();
+}
+
+std::optional<std::string> readWhole(const std::filesystem::path& file) noexcept {
+  try {
+    Descriptor fd(openNoFollow(file, O_RDONLY));
+    if (!fd) return std::nullopt;
+    struct stat info {};
+    if (!isRegular(fd.get(), info)) return std::nullopt;
+    std::string content;
+    // The size is a hint only: the file may still grow, so read until end of file.
+    std::size_t capacity = static_cast<std::size_t>(info.st_size) + 1;
+    content.resize(capacity);
+    std::size_t used = 0;
+    for (;;) {
+      if (used == content.size()) content.resize(content.size() * 2);
+      const ssize_t got = ::read(fd.get(), content.data() + used, content.size() - used);
+      if (got < 0) {
+        if (errno == EINTR) continue;
+        return std::nullopt;
+      }
+      if (got == 0) break;
+      used += static_cast<std::size_t>(got);
+    }
+    content.resize(used);
+    return content;
+  } catch (...) {
+    return std::nullopt;
+  }
+}
+
+bool removeFile(const std::filesystem::path& file) noexcept {
+  return ::unlink(file.c_str()) == 0 || errno == ENOENT;
+}
+
+bool writeWholePrivateAtomically(const std::filesystem::path& file,
+                                 std::string_view bytes) noexcept {
+  try {
+    std::string temporary = file.string() + ".XXXXXX";
+    // mkostemp creates the file exclusively with mode 0600.
+    Descriptor fd(::mkostemp(temporary.data(), O_CLOEXEC));
+    if (!fd) return false;
+    const bool written = writeAll(fd.get(), bytes) && ::fsync(fd.get()) == 0 && fd.close();
+    if (!written || ::rename(temporary.c_str(), file.c_str()) != 0) {
+      ::unlink(temporary.c_str());
+      return false;
+    }
+    // The rename itself only survives a power cut once the directory is on disk too.
+    std::filesystem::path directory = file.parent_path();
+    if (directory.empty()) directory = ".";
+    Descriptor dir(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (dir) (void)::fsync(dir.get());
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+}  // namespace zelvanor::platform

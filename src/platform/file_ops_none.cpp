@@ -1,0 +1,107 @@
+// Portable file operations on std::filesystem and std::fstream, for platforms without a native
+// file layer. The symlink checks race with other processes; a native layer should replace this
+// wherever the data directory can be reached by another user.
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <string>
+#include <system_error>
+
+#include "platform/file_ops.hpp"
+
+namespace zelvanor::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr fs::perms kPrivatePerms = fs::perms::owner_read | fs::perms::owner_write;
+
+/// True when the path is missing or names a regular file (not through a link).
+bool missingOrRegular(const fs::path& file, bool& exists) {
+  std::error_code error;
+  const fs::file_status status = fs::symlink_status(file, error);
+  exists = fs::exists(status);
+  if (!exists) return true;
+  return fs::is_regular_file(status);
+}
+
+bool writeFile(const fs::path& file, std::string_view bytes, std::ios::openmode mode) {
+  std::ofstream out(file, std::ios::binary | std::ios::out | mode);
+  if (!out) return false;
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  out.close();
+  return !out.fail();
+}
+
+}  // namespace
+
+bool appendPrivate(const std::filesystem::path& file, std::string_view bytes) noexcept {
+  try {
+    bool exists = false;
+    if (!missingOrRegular(file, exists)) return false;
+    std::error_code error;
+    std::uintmax_t oldSize = 0;
+    if (exists) {
+      oldSize = fs::file_size(file, error);
+      if (error) return false;
+    } else {
+      // Create it empty first so that it is private before any byte lands in it.
+      if (!writeFile(file, {}, std::ios::app)) return false;
+      fs::permissions(file, kPrivatePerms, fs::perm_options::replace, error);
+    }
+    if (!writeFile(file, bytes, std::ios::app)) {
+      fs::resize_file(file, oldSize, error);
+      return false;
+    }
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+std::optional<std::string> readWhole(const std::filesystem::path& file) noexcept {
+  try {
+    bool exists = false;
+    if (!missingOrRegular(file, exists) || !exists) return std::nullopt;
+    std::ifstream in(file, std::ios::binary);
+    if (!in) return std::nullopt;
+    std::string content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (in.bad()) return std::nullopt;
+    return content;
+  } catch (...) {
+    return std::nullopt;
+  }
+}
+
+bool removeFile(const std::filesystem::path& file) noexcept {
+  std::error_code error;
+  fs::remove(file, error);  // removes a link itself, never its target
+  return !error;
+}
+
+bool writeWholePrivateAtomically(const std::filesystem::path& file,
+                                 std::string_view bytes) noexcept {
+  try {
+    std::random_device random;
+    fs::path temporary = file;
+    temporary += ".tmp" + std::to_string(random());
+    std::error_code error;
+    if (fs::exists(fs::symlink_status(temporary, error))) return false;
+    if (!writeFile(temporary, {}, std::ios::trunc)) return false;
+    fs::permissions(temporary, kPrivatePerms, fs::perm_options::replace, error);
+    if (!writeFile(temporary, bytes, std::ios::trunc)) {
+      fs::remove(temporary, error);
+      return false;
+    }
+    fs::rename(temporary, file, error);
+    if (error) {
+      fs::remove(temporary, error);
+      return false;
+    }
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+}  // namespace zelvanor::platform

@@ -1,0 +1,74 @@
+#include "queue/logs_file_manager.hpp"
+
+#include <cstring>
+#include <string>
+
+#include "platform/file_ops.hpp"
+#include "zelvanor/json.hpp"
+
+namespace zelvanor::detail {
+
+std::filesystem::path ZLogsFileManager::pendingFilePath(
+    const std::filesystem::path& dataDirectory) {
+  return dataDirectory / kPendingFileName;
+}
+
+void ZLogsFileManager::appendRecordData(std::string_view json,
+                                        const std::filesystem::path& file) noexcept {
+  try {
+    // The frame is built whole and appended in one write, so a crash mid-append leaves at most
+    // this frame torn, and the reader gives back everything before it.
+    const auto length = static_cast<std::int64_t>(json.size());
+    std::string frame(kLengthFieldSize + json.size(), '\0');
+    std::memcpy(frame.data(), &length, kLengthFieldSize);
+    std::memcpy(frame.data() + kLengthFieldSize, json.data(), json.size());
+    (void)platform::appendPrivate(file, frame);
+  } catch (...) {
+    // Out of memory: the record is lost, like any other write failure.
+  }
+}
+
+ZLogsFileManager::FrameEnd ZLogsFileManager::splitFrames(std::string_view content,
+                                                         std::vector<std::string_view>& payloads) {
+  std::size_t offset = 0;
+  while (offset < content.size()) {
+    const std::size_t left = content.size() - offset;
+    if (left < kLengthFieldSize) return FrameEnd::torn;
+    std::int64_t length = 0;
+    std::memcpy(&length, content.data() + offset, kLengthFieldSize);
+    offset += kLengthFieldSize;
+    if (length < 0 || static_cast<std::uint64_t>(length) > content.size() - offset) {
+      return FrameEnd::torn;
+    }
+    payloads.push_back(content.substr(offset, static_cast<std::size_t>(length)));
+    offset += static_cast<std::size_t>(length);
+  }
+  return FrameEnd::clean;
+}
+
+std::vector<ZLogRecord> ZLogsFileManager::readRecords(const std::filesystem::path& file) noexcept {
+  try {
+    const std::optional<std::string> content = platform::readWhole(file);
+    if (!content || content->empty()) return {};
+
+    std::vector<std::string_view> payloads;
+    payloads.reserve(content->size() / 512 + 1);
+    // A torn end still gives back the whole frames before it; the file goes away with them.
+    (void)splitFrames(*content, payloads);
+
+    std::vector<ZLogRecord> records;
+    records.reserve(payloads.size());
+    for (const std::string_view payload : payloads) {
+      Result<ZLogRecord> decoded = decodeJson<ZLogRecord>(payload);
+      // A record this build cannot read stays on disk rather than being thrown away.
+      if (!decoded) return {};
+      records.push_back(std::move(decoded).value());
+    }
+    if (!platform::removeFile(file)) return {};
+    return records;
+  } catch (...) {
+    return {};
+  }
+}
+
+}  // namespace zelvanor::detail

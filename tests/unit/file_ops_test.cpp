@@ -1,0 +1,114 @@
+#include "platform/file_ops.hpp"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+namespace zelvanor::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string slurp(const fs::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+unsigned modeOf(const fs::path& file) {
+  struct stat info {};
+  EXPECT_EQ(::lstat(file.c_str(), &info), 0);
+  return info.st_mode & 07777;
+}
+
+class FileOpsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = (fs::temp_directory_path() / "zelvanor-fileops-XXXXXX").string();
+    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+    dir_ = pattern;
+  }
+  void TearDown() override {
+    std::error_code error;
+    fs::remove_all(dir_, error);
+  }
+  fs::path dir_;
+};
+
+TEST_F(FileOpsTest, AppendCreatesPrivatelyAndReadGivesEverythingBack) {
+  const fs::path file = dir_ / "f";
+  EXPECT_FALSE(readWhole(file).has_value());
+  std::string big(200000, 'x');  // larger than any single buffer on the way
+  big[123456] = '\0';
+  ASSERT_TRUE(appendPrivate(file, "head"));
+  ASSERT_TRUE(appendPrivate(file, big));
+  EXPECT_EQ(modeOf(file), 0600u);
+  const std::optional<std::string> content = readWhole(file);
+  ASSERT_TRUE(content.has_value());
+  EXPECT_EQ(*content, "head" + big);
+}
+
+TEST_F(FileOpsTest, OnlyRegularFilesAreWrittenOrRead) {
+  const fs::path link = dir_ / "link";
+  const fs::path target = dir_ / "target";
+  std::ofstream(target) << "secret";
+  fs::create_symlink(target, link);
+  EXPECT_FALSE(appendPrivate(link, "x"));
+  EXPECT_FALSE(readWhole(link).has_value());
+  EXPECT_EQ(slurp(target), "secret");
+
+  EXPECT_FALSE(appendPrivate(dir_, "x"));
+  EXPECT_FALSE(readWhole(dir_).has_value());
+
+  // A FIFO would block an ordinary open until someone reads it.
+  const fs::path fifo = dir_ / "fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  const auto started = std::chrono::steady_clock::now();
+  EXPECT_FALSE(appendPrivate(fifo, "x"));
+  EXPECT_FALSE(readWhole(fifo).has_value());
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
+}
+
+TEST_F(FileOpsTest, RemoveTakesTheLinkNotItsTarget) {
+  const fs::path link = dir_ / "link";
+  const fs::path target = dir_ / "target";
+  std::ofstream(target) << "keep";
+  fs::create_symlink(target, link);
+  EXPECT_TRUE(removeFile(link));
+  EXPECT_FALSE(fs::exists(fs::symlink_status(link)));
+  EXPECT_EQ(slurp(target), "keep");
+  EXPECT_TRUE(removeFile(link));  // nothing there: nothing left, so that is success
+  EXPECT_FALSE(removeFile(dir_));
+}
+
+TEST_F(FileOpsTest, AtomicWriteReplacesWholeAndPrivately) {
+  const fs::path file = dir_ / "settings.json";
+  ASSERT_TRUE(writeWholePrivateAtomically(file, "first, longer content"));
+  ASSERT_TRUE(writeWholePrivateAtomically(file, "second"));
+  EXPECT_EQ(slurp(file), "second");
+  EXPECT_EQ(modeOf(file), 0600u);
+
+  const fs::path target = dir_ / "target";
+  std::ofstream(target) << "untouched";
+  const fs::path link = dir_ / "jar";
+  fs::create_symlink(target, link);
+  ASSERT_TRUE(writeWholePrivateAtomically(link, "cookies"));
+  EXPECT_FALSE(fs::is_symlink(fs::symlink_status(link)));
+  EXPECT_EQ(slurp(link), "cookies");
+  EXPECT_EQ(slurp(target), "untouched");
+
+  EXPECT_FALSE(writeWholePrivateAtomically(dir_ / "missing-dir" / "f", "x"));
+  // No temporary files are left behind.
+  std::size_t entries = 0;
+  for ([[maybe_unused]] const auto& entry : fs::directory_iterator(dir_)) ++entries;
+  EXPECT_EQ(entries, 3u);
+}
+
+}  // namespace
+}  // namespace zelvanor::platform
