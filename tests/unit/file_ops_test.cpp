@@ -1,7 +1,10 @@
 #include "platform/file_ops.hpp"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -73,6 +76,31 @@ TEST_F(FileOpsTest, OnlyRegularFilesAreWrittenOrRead) {
   EXPECT_FALSE(appendPrivate(fifo, "x"));
   EXPECT_FALSE(readWhole(fifo).has_value());
   EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
+}
+
+// A full disk, played by a file size limit: the append that does not fit is taken back whole,
+// so the file stays a run of whole appends. The limit is per process, hence the child.
+TEST_F(FileOpsTest, AppendThatDoesNotFitIsTakenBackWhole) {
+  const fs::path file = dir_ / "f";
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{10000, 10000};
+    if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) ::_exit(2);
+    const std::string chunk(3000, 'c');
+    int appended = 0;
+    while (appendPrivate(file, chunk)) {
+      if (++appended > 10) ::_exit(3);
+    }
+    // One more that would fit again after a smaller one failed.
+    ::_exit(appended == 3 && appendPrivate(file, std::string(1000, 'd')) ? 0 : 4);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  ASSERT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(slurp(file), std::string(9000, 'c') + std::string(1000, 'd'));
 }
 
 TEST_F(FileOpsTest, RemoveTakesTheLinkNotItsTarget) {
