@@ -1,0 +1,120 @@
+// Restoring the pending-record file at start: read, split, decode every record, remove the file.
+// The start of the host app waits for this, so 10,000 records must stay well under 20 ms.
+#include <benchmark/benchmark.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "queue/logs_file_manager.hpp"
+#include "zelvanor/json.hpp"
+
+namespace {
+
+using zelvanor::detail::ZLogsFileManager;
+namespace fs = std::filesystem;
+
+/// A record as a shop app would send it, about 600 bytes of JSON, varying with i.
+zelvanor::ZLogRecord realisticRecord(int i) {
+  using namespace zelvanor;
+  const std::string n = std::to_string(i);
+  ZLogRecord record;
+  record.xid = ZXid{"8f14e45f-ceea-467f-a0e6-7d1c4e2b9a31", "d41d8cd9-8f00-4b20", "s-" + n};
+  record.sdk = ZSDK{DeploymentType::production, "0.9.0", "1.2.0"};
+  record.action = ZAction("event", "add_to_cart", "click");
+  ZCommon common;
+  common.serviceName = "shop";
+  common.svcDomain = "com.example.shop";
+  common.requestTimeStamp = 1764000000 + i;
+  common.deployment = "production";
+  common.url = "app://shop/item/" + n;
+  record.common = common;
+  record.agent = ZAgent{.os = "Linux", .osVersion = "6.1.0", .networkState = "wifi"};
+  record.page = ZPage{.id = "item-" + n, .name = "item", .title = "Blue mug / 350 ml"};
+  record.click = ZClick{.type = "button", .layer1 = "buy", .posX = 120, .posY = 640 + i % 100};
+  record.buckets = std::vector<ZBucket>{ZBucket{.name = "checkout", .group = "B"}};
+  return record;
+}
+
+std::string pendingFileContent(int records, std::size_t* jsonBytes) {
+  std::string content;
+  *jsonBytes = 0;
+  for (int i = 0; i < records; ++i) {
+    const zelvanor::Result<std::string> json = zelvanor::encodeJson(realisticRecord(i));
+    if (!json) std::abort();
+    const auto length = static_cast<std::int64_t>(json->size());
+    content.append(reinterpret_cast<const char*>(&length), sizeof length);
+    content += *json;
+    *jsonBytes += json->size();
+  }
+  return content;
+}
+
+struct TempDir {
+  TempDir() {
+    std::string pattern = (fs::temp_directory_path() / "zelvanor-bench-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr) std::abort();
+    path = pattern;
+  }
+  ~TempDir() {
+    std::error_code error;
+    fs::remove_all(path, error);
+  }
+  fs::path path;
+};
+
+void BM_RestorePendingRecords(benchmark::State& state) {
+  const int count = static_cast<int>(state.range(0));
+  std::size_t jsonBytes = 0;
+  const std::string content = pendingFileContent(count, &jsonBytes);
+  const TempDir dir;
+  const fs::path file = ZLogsFileManager::pendingFilePath(dir.path);
+
+  for (auto _ : state) {
+    state.PauseTiming();
+    {
+      std::ofstream out(file, std::ios::binary | std::ios::trunc);
+      out.write(content.data(), static_cast<std::streamsize>(content.size()));
+    }
+    state.ResumeTiming();
+
+    std::vector<zelvanor::ZLogRecord> records = ZLogsFileManager::readRecords(file);
+
+    state.PauseTiming();
+    if (records.size() != static_cast<std::size_t>(count) || fs::exists(file)) {
+      state.SkipWithError("restore lost records or left the file");
+    }
+    benchmark::DoNotOptimize(records.data());
+    records.clear();  // freeing the records is the queue's cost later, not the restore's
+    state.ResumeTiming();
+  }
+  state.counters["records"] = count;
+  state.counters["avg_json_bytes"] = static_cast<double>(jsonBytes) / count;
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * content.size()));
+}
+BENCHMARK(BM_RestorePendingRecords)->Arg(10000)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_AppendPendingRecord(benchmark::State& state) {
+  const zelvanor::Result<std::string> json = zelvanor::encodeJson(realisticRecord(1));
+  if (!json) std::abort();
+  const TempDir dir;
+  const fs::path file = ZLogsFileManager::pendingFilePath(dir.path);
+  std::int64_t appended = 0;
+  for (auto _ : state) {
+    ZLogsFileManager::appendRecordData(*json, file);
+    // Keep the file from growing without bound over millions of iterations.
+    if (++appended % 100000 == 0) {
+      state.PauseTiming();
+      fs::remove(file);
+      state.ResumeTiming();
+    }
+  }
+  state.SetItemsProcessed(appended);
+}
+BENCHMARK(BM_AppendPendingRecord)->UseRealTime();
+
+}  // namespace
