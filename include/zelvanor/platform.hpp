@@ -17,16 +17,16 @@ struct ZScreenSize {
 
 /// Every member left absent keeps the detected value.
 struct ZPlatformFacts {
-  std::optional<std::string> bundleIdentifier;  ///< default: the executable's name
-  std::optional<std::string> appVersion;        ///< default: "Unknown Version"
-  std::optional<std::string> os;                ///< default: uname sysname
-  std::optional<std::string> osVersion;         ///< default: uname release
-  std::optional<std::string> deviceModel;       ///< default: DMI product name, else uname machine
-  std::optional<std::string> language;          ///< default: from LC_ALL / LC_MESSAGES / LANG
-  std::optional<ZScreenSize> screen;            ///< default: none
+  std::optional<std::string> bundleIdentifier{};  ///< default: the executable's name
+  std::optional<std::string> appVersion{};        ///< default: "Unknown Version"
+  std::optional<std::string> os{};                ///< default: uname sysname
+  std::optional<std::string> osVersion{};         ///< default: uname release
+  std::optional<std::string> deviceModel{};       ///< default: DMI product name, else uname machine
+  std::optional<std::string> language{};          ///< default: from LC_ALL / LC_MESSAGES / LANG
+  std::optional<ZScreenSize> screen{};            ///< default: none
   /// Where the SDK keeps its settings, pending records and cookies. Default:
   /// $XDG_STATE_HOME/<bundle id>/, else ~/.local/state/<bundle id>/.
-  std::optional<std::string> dataDirectory;
+  std::optional<std::string> dataDirectory{};
 
   friend bool operator==(const ZPlatformFacts&, const ZPlatformFacts&) = default;
 };

@@ -1,0 +1,122 @@
+// ZelvanorTracker: the SDK's one entry point. Every operation is static, callable from any thread,
+// never throws, and (except getData) returns a ZelvanorTracker so calls chain:
+//
+//   ZelvanorTracker::setProduction()
+//       .set([] { return ZPage{.id = "home", .name = "home", .title = "Home"}; })
+//       .set(ZAction(ZAction::ZActionType::pageView, "home", "view"))
+//       .track(false, false);
+#pragma once
+
+#include <concepts>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "zelvanor/blocks.hpp"
+#include "zelvanor/configuration.hpp"
+#include "zelvanor/endpoints.hpp"
+#include "zelvanor/export.hpp"
+#include "zelvanor/platform.hpp"
+#include "zelvanor/record.hpp"
+
+namespace zelvanor {
+
+/// Application lifecycle moments the host reports (see ZelvanorTracker::post).
+enum class ZLifecycleEvent {
+  willTerminate,        ///< records a background event
+  willResignActive,     ///< records a background event
+  willEnterForeground,  ///< records a launch event
+};
+
+class ZELVANOR_API ZelvanorTracker {
+ public:
+  // ----- configuration ------------------------------------------------------------------------
+  /// Applies timeout, batch size and sandbox switch. May be called any time, any number of times;
+  /// each call also subscribes the SDK's internal listeners once more.
+  static ZelvanorTracker setRequired(const ZConfiguration& configuration);
+  template <class F>
+    requires std::is_invocable_r_v<ZConfiguration, F>
+  static ZelvanorTracker setRequired(F&& makeConfiguration) {
+    return setRequired(static_cast<ZConfiguration>(std::invoke(std::forward<F>(makeConfiguration))));
+  }
+  /// Records carry sdk.type "development" (the default) or "production".
+  static ZelvanorTracker setDevelopment();
+  static ZelvanorTracker setProduction();
+  /// Records go to the sandbox collector, or back to the production one.
+  static ZelvanorTracker useSandboxEnvironment();
+  static ZelvanorTracker useGeneralEnvrionment();
+  /// The console error line on or off (on by default). Does not start the SDK.
+  static ZelvanorTracker turnOnConsoleLogs();
+  static ZelvanorTracker turnOffConsoleLogs();
+  /// Records gather in memory until this many are waiting. 0 sends everything on every track.
+  static ZelvanorTracker setBatchSize(std::uint64_t size);
+  /// Request timeout in seconds. Does not start the SDK; starting it applies the default
+  /// configuration, so call this after the first other operation for it to last.
+  static ZelvanorTracker setTimeout(double seconds);
+
+  // ----- blocks -------------------------------------------------------------------------------
+  /// Context that outlives one event. A new common block also runs install/update/launch detection.
+  static ZelvanorTracker set(ZCommon block);
+  static ZelvanorTracker set(const ZAgent& block);  ///< merged into the SDK's agent
+  static ZelvanorTracker set(const ZId& block);     ///< merged into the SDK's ids
+  /// Blocks of the next event; setting one twice keeps the last.
+  static ZelvanorTracker set(ZAgreement block);
+  static ZelvanorTracker set(ZClick block);
+  static ZelvanorTracker set(ZLocation block);
+  static ZelvanorTracker set(ZPage block);
+  static ZelvanorTracker set(ZPromotion block);
+  static ZelvanorTracker set(ZStatus block);
+  static ZelvanorTracker set(ZUsage block);
+  static ZelvanorTracker set(ZAction block);
+  static ZelvanorTracker set(ZDomain block);
+  static ZelvanorTracker set(ZUtm block);
+  /// Buckets and view impressions accumulate until the next track.
+  static ZelvanorTracker set(ZBucket block);
+  static ZelvanorTracker set(std::vector<ZBucket> blocks);
+  static ZelvanorTracker set(ZViewImpressionContent block);
+  static ZelvanorTracker set(std::vector<ZViewImpressionContent> blocks);
+  /// Accepted and ignored: records never carry a free text.
+  static ZelvanorTracker set(std::string text);
+  /// Every set also takes a callable that returns the block; it is called once, at once.
+  template <class F>
+    requires std::invocable<F> && (!std::is_same_v<std::decay_t<F>, std::string>)
+  static ZelvanorTracker set(F&& makeBlock) {
+    return set(std::invoke(std::forward<F>(makeBlock)));
+  }
+
+  // ----- events -------------------------------------------------------------------------------
+  /// Turns the blocks set so far into one record (or, before the identity triple is known, a
+  /// template that becomes a record when it arrives). Needs an action block; `disabled` builds
+  /// and discards. Never waits for the network or the disk.
+  static ZelvanorTracker track(bool verbose, bool disabled);
+  /// Sends every record waiting in memory, oldest first.
+  static ZelvanorTracker flush();
+  /// The current event as pretty-printed JSON (this uses up its blocks), or a status text.
+  static std::string getData();
+
+  // ----- host integration ---------------------------------------------------------------------
+  /// Replaces platform facts (bundle id, app version, device, data directory). Call before the
+  /// first other operation: the SDK reads them when it starts.
+  static ZelvanorTracker setPlatformFacts(const ZPlatformFacts& facts);
+  /// Replaces the SDK's default servers. Returns false, changing nothing, unless every URL is an
+  /// absolute https URL. Applies to requests built afterwards; the CA file to the next start.
+  static bool setEndpoints(const ZEndpoints& endpoints);
+  /// The servers in force.
+  static ZEndpoints endpoints();
+  /// Reports network reachability as a flag word (0x2 reachable, 0x40000 cellular) for hosts
+  /// whose platform knows better than the SDK's own route watch; repeated flags are ignored.
+  static ZelvanorTracker setReachabilityFlags(std::uint32_t flags);
+  /// Reports an application lifecycle moment.
+  static ZelvanorTracker post(ZLifecycleEvent event);
+  /// Where the console error line goes; an empty function restores stderr.
+  static ZelvanorTracker setConsoleLogSink(std::function<void(std::string_view line)> sink);
+  /// Stops the SDK's threads and keeps every undelivered record in the pending file for the next
+  /// start. Also runs at process exit. A later operation starts the SDK afresh.
+  static void shutdown();
+};
+
+}  // namespace zelvanor

@@ -1,0 +1,31 @@
+// The shared SDK instance behind the static facade.
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "manager/internal_log_manager.hpp"
+
+namespace zelvanor::detail {
+
+/// Makes the delivery, identity and network sources for a new instance.
+using SourcesFactory = std::function<ManagerSources()>;
+
+/// Replaces how new instances get their sources (tests inject recording ones). An empty function
+/// restores the real ones. Takes effect at the next start.
+void setSourcesFactory(SourcesFactory factory);
+
+/// The running instance, started (and configured with the defaults) if there is none.
+std::shared_ptr<ZInternalLogManager> ensureShared();
+/// The running instance, or null.
+std::shared_ptr<ZInternalLogManager> sharedIfRunning();
+/// Stops the running instance, keeping undelivered records for the next start.
+void shutdownShared();
+
+/// The running instance's network monitor, or null.
+std::shared_ptr<NetworkMonitor> runningNetworkMonitor();
+
+/// The real sources: HTTPS delivery, the pending-record file, identity sync and reachability.
+ManagerSources makeDefaultSources();
+
+}  // namespace zelvanor::detail

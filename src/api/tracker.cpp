@@ -1,0 +1,246 @@
+#include "zelvanor/tracker.hpp"
+
+#include <cstdlib>
+#include <mutex>
+
+#include "api/console_log.hpp"
+#include "api/settings.hpp"
+#include "api/shared_instance.hpp"
+#include "network/endpoints.hpp"
+#include "platform/platform.hpp"
+
+namespace zelvanor {
+
+namespace detail {
+
+namespace {
+
+struct SharedState {
+  std::mutex mutex;
+  std::shared_ptr<ZInternalLogManager> manager;
+  ManagerSources sources;
+  SourcesFactory factory;
+  bool exitHookInstalled = false;
+};
+
+SharedState& shared() {
+  // Never destroyed: the exit hook and late host threads may still reach it during exit.
+  static auto* state = new SharedState();
+  return *state;
+}
+
+}  // namespace
+
+void setSourcesFactory(SourcesFactory factory) {
+  std::lock_guard lock(shared().mutex);
+  shared().factory = std::move(factory);
+}
+
+std::shared_ptr<ZInternalLogManager> ensureShared() {
+  auto& state = shared();
+  std::lock_guard lock(state.mutex);
+  if (!state.manager) {
+    ManagerSources sources = state.factory ? state.factory() : makeDefaultSources();
+    auto manager = ZInternalLogManager::create(sources);
+    manager->configure(ZConfiguration::defaults());
+    state.sources = std::move(sources);
+    state.manager = std::move(manager);
+    if (!state.exitHookInstalled) {
+      state.exitHookInstalled = true;
+      std::atexit([] { shutdownShared(); });
+    }
+  }
+  return state.manager;
+}
+
+std::shared_ptr<ZInternalLogManager> sharedIfRunning() {
+  std::lock_guard lock(shared().mutex);
+  return shared().manager;
+}
+
+void shutdownShared() {
+  std::shared_ptr<ZInternalLogManager> manager;
+  ManagerSources sources;
+  {
+    auto& state = shared();
+    std::lock_guard lock(state.mutex);
+    manager = std::move(state.manager);
+    sources = std::move(state.sources);
+    state.manager.reset();
+    state.sources = {};
+  }
+  if (!manager) return;
+  manager->stop();
+  if (sources.network) sources.network->stop();
+  if (sources.transport) sources.transport->shutdown(manager->queue().takeRecords());
+}
+
+std::shared_ptr<NetworkMonitor> runningNetworkMonitor() {
+  std::lock_guard lock(shared().mutex);
+  return shared().sources.network;
+}
+
+}  // namespace detail
+
+namespace {
+
+using detail::ZInternalLogManager;
+
+// Runs `action` on the shared instance; nothing thrown inside reaches the host.
+template <class Action>
+ZelvanorTracker withShared(Action&& action) noexcept {
+  try {
+    if (auto manager = detail::ensureShared()) action(*manager);
+  } catch (...) {
+    // Failing quietly is the contract: the host's app must never pay for an analytics fault.
+  }
+  return ZelvanorTracker{};
+}
+
+}  // namespace
+
+ZelvanorTracker ZelvanorTracker::setRequired(const ZConfiguration& configuration) {
+  return withShared([&](ZInternalLogManager& m) { m.configure(configuration); });
+}
+
+ZelvanorTracker ZelvanorTracker::setDevelopment() {
+  return withShared([](ZInternalLogManager& m) { m.setDeploymentType(DeploymentType::development); });
+}
+
+ZelvanorTracker ZelvanorTracker::setProduction() {
+  return withShared([](ZInternalLogManager& m) { m.setDeploymentType(DeploymentType::production); });
+}
+
+ZelvanorTracker ZelvanorTracker::useSandboxEnvironment() {
+  return withShared([](ZInternalLogManager&) { detail::settings().usingSandbox.store(true); });
+}
+
+ZelvanorTracker ZelvanorTracker::useGeneralEnvrionment() {
+  return withShared([](ZInternalLogManager&) { detail::settings().usingSandbox.store(false); });
+}
+
+ZelvanorTracker ZelvanorTracker::turnOnConsoleLogs() {
+  detail::settings().consoleLogsEnabled.store(true);
+  return {};
+}
+
+ZelvanorTracker ZelvanorTracker::turnOffConsoleLogs() {
+  detail::settings().consoleLogsEnabled.store(false);
+  return {};
+}
+
+ZelvanorTracker ZelvanorTracker::setBatchSize(std::uint64_t size) {
+  return withShared([&](ZInternalLogManager& m) { m.queue().setBatchSize(size); });
+}
+
+ZelvanorTracker ZelvanorTracker::setTimeout(double seconds) {
+  detail::settings().requestTimeout.store(seconds);
+  return {};
+}
+
+ZelvanorTracker ZelvanorTracker::set(ZCommon block) {
+  return withShared([&](ZInternalLogManager& m) { m.setCommon(std::move(block)); });
+}
+ZelvanorTracker ZelvanorTracker::set(const ZAgent& block) {
+  return withShared([&](ZInternalLogManager& m) { m.setAgent(block); });
+}
+ZelvanorTracker ZelvanorTracker::set(const ZId& block) {
+  return withShared([&](ZInternalLogManager& m) { m.setId(block); });
+}
+
+#define ZELVANOR_FACADE_SETTER(Type, Method)                                          \
+  ZelvanorTracker ZelvanorTracker::set(Type block) {                                  \
+    return withShared([&](ZInternalLogManager& m) { m.Method(std::move(block)); }); \
+  }
+ZELVANOR_FACADE_SETTER(ZAgreement, setAgreement)
+ZELVANOR_FACADE_SETTER(ZClick, setClick)
+ZELVANOR_FACADE_SETTER(ZLocation, setLocation)
+ZELVANOR_FACADE_SETTER(ZPage, setPage)
+ZELVANOR_FACADE_SETTER(ZPromotion, setPromotion)
+ZELVANOR_FACADE_SETTER(ZStatus, setStatus)
+ZELVANOR_FACADE_SETTER(ZUsage, setUsage)
+ZELVANOR_FACADE_SETTER(ZAction, setAction)
+ZELVANOR_FACADE_SETTER(ZDomain, setDomain)
+ZELVANOR_FACADE_SETTER(ZUtm, setUtm)
+ZELVANOR_FACADE_SETTER(ZBucket, appendBucket)
+ZELVANOR_FACADE_SETTER(std::vector<ZBucket>, appendBuckets)
+ZELVANOR_FACADE_SETTER(ZViewImpressionContent, appendViewImpressionContent)
+ZELVANOR_FACADE_SETTER(std::vector<ZViewImpressionContent>, appendViewImpressionContents)
+#undef ZELVANOR_FACADE_SETTER
+
+ZelvanorTracker ZelvanorTracker::set(std::string /*text*/) {
+  // Records have a "free" member, but hosts never fill it; the text is dropped on purpose.
+  return withShared([](ZInternalLogManager&) {});
+}
+
+ZelvanorTracker ZelvanorTracker::track(bool verbose, bool disabled) {
+  return withShared([&](ZInternalLogManager& m) { m.track(verbose, disabled); });
+}
+
+ZelvanorTracker ZelvanorTracker::flush() {
+  return withShared([](ZInternalLogManager& m) { m.queue().flush(); });
+}
+
+std::string ZelvanorTracker::getData() {
+  std::string text;
+  withShared([&](ZInternalLogManager& m) { text = m.getData(); });
+  return text;
+}
+
+ZelvanorTracker ZelvanorTracker::setPlatformFacts(const ZPlatformFacts& facts) {
+  try {
+    zelvanor::setPlatformFacts(facts);
+  } catch (...) {
+  }
+  return {};
+}
+
+bool ZelvanorTracker::setEndpoints(const ZEndpoints& endpoints) {
+  try {
+    return detail::replaceEndpoints(endpoints);
+  } catch (...) {
+    return false;
+  }
+}
+
+ZEndpoints ZelvanorTracker::endpoints() {
+  try {
+    return detail::currentEndpoints();
+  } catch (...) {
+    return {};
+  }
+}
+
+ZelvanorTracker ZelvanorTracker::setReachabilityFlags(std::uint32_t flags) {
+  return withShared([&](ZInternalLogManager&) {
+    if (auto monitor = detail::runningNetworkMonitor()) monitor->pushFlags(flags);
+  });
+}
+
+ZelvanorTracker ZelvanorTracker::post(ZLifecycleEvent event) {
+  return withShared([&](ZInternalLogManager&) {
+    using platform::LifecycleEvent;
+    const LifecycleEvent mapped = event == ZLifecycleEvent::willTerminate ? LifecycleEvent::willTerminate
+                                  : event == ZLifecycleEvent::willResignActive
+                                      ? LifecycleEvent::willResignActive
+                                      : LifecycleEvent::willEnterForeground;
+    platform::lifecycleEvents().send(mapped);
+  });
+}
+
+ZelvanorTracker ZelvanorTracker::setConsoleLogSink(std::function<void(std::string_view)> sink) {
+  try {
+    detail::setConsoleSink(std::move(sink));
+  } catch (...) {
+  }
+  return {};
+}
+
+void ZelvanorTracker::shutdown() {
+  try {
+    detail::shutdownShared();
+  } catch (...) {
+  }
+}
+
+}  // namespace zelvanor

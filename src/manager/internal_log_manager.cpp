@@ -1,0 +1,372 @@
+#include "manager/internal_log_manager.hpp"
+
+#include <simdjson.h>
+
+#include <chrono>
+
+#include "api/settings.hpp"
+#include "platform/platform.hpp"
+#include "zelvanor/json.hpp"
+#include "zelvanor/platform.hpp"
+
+namespace zelvanor::detail {
+
+namespace {
+
+constexpr const char* kUnstable = "Zelvanor Status unstable not yet.";
+constexpr const char* kNoRecord = "Can't make logRecord.";
+constexpr const char* kCannotEncode = "Can't Encode logRecord";
+constexpr const char* kCannotMakeString = "Can't create jsonString.";
+
+std::int64_t nowInWholeSeconds() {
+  using namespace std::chrono;
+  return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
+}
+
+template <class T>
+void takeIfPresent(std::optional<T>& stored, const std::optional<T>& given) {
+  if (given) stored = given;
+}
+
+ZAction appAction(const char* name, const char* kind) {
+  return ZAction(ZAction::ZActionType::app, name, kind);
+}
+
+}  // namespace
+
+std::shared_ptr<ZInternalLogManager> ZInternalLogManager::create(ManagerSources sources) {
+  std::shared_ptr<ZInternalLogManager> manager(new ZInternalLogManager(std::move(sources)));
+  manager->subscribeToLifecycle();
+  manager->queue_.restorePendingRecords();
+  return manager;
+}
+
+ZInternalLogManager::ZInternalLogManager(ManagerSources sources)
+    : sources_(std::move(sources)), queue_(sources_.transport) {}
+
+ZInternalLogManager::~ZInternalLogManager() { serial_.stop(); }
+
+void ZInternalLogManager::stop() { serial_.stop(); }
+
+void ZInternalLogManager::waitForIdentityWork() {
+  serial_.sync([] {});
+}
+
+void ZInternalLogManager::subscribeToLifecycle() {
+  using platform::LifecycleEvent;
+  std::weak_ptr<ZInternalLogManager> weak = weak_from_this();
+  auto on = [&](LifecycleEvent wanted, void (ZInternalLogManager::*handler)()) {
+    cancellables_.insert(platform::lifecycleEvents().subscribe([weak, wanted, handler](const LifecycleEvent& event) {
+      if (event != wanted) return;
+      if (auto self = weak.lock()) ((*self).*handler)();
+    }));
+  };
+  on(LifecycleEvent::willTerminate, &ZInternalLogManager::trackAppBackground);
+  on(LifecycleEvent::willResignActive, &ZInternalLogManager::trackAppBackground);
+  on(LifecycleEvent::willEnterForeground, &ZInternalLogManager::trackAppLaunch);
+}
+
+void ZInternalLogManager::configure(const ZConfiguration& configuration) {
+  auto& process = settings();
+  process.requestTimeout.store(configuration.timeout);
+  process.usingSandbox.store(configuration.usingSandboxEnvironment);
+  queue_.setBatchSize(configuration.batchSize);
+
+  std::weak_ptr<ZInternalLogManager> weak = weak_from_this();
+  // Identity results are applied in the SDK's serial context, whichever thread delivers them.
+  cancellables_.insert(sources_.identity->fetchXid([weak](const ZXid& xid) {
+    if (auto self = weak.lock()) {
+      self->serial_.async([weak, xid] {
+        if (auto manager = weak.lock()) manager->handleIdentity(xid);
+      });
+    }
+  }));
+
+  fillDefaultAgent();
+
+  cancellables_.insert(commonSubject_.subscribe(
+      [weak](const std::optional<ZCommon>&) {
+        if (auto self = weak.lock()) self->checkAppVersion();
+      },
+      /*skipCurrent=*/true));
+  cancellables_.insert(readySubject_.subscribe(
+      [weak](const bool& ready) {
+        if (auto self = weak.lock()) self->resolveTemplates(ready);
+      },
+      /*skipCurrent=*/true));
+}
+
+void ZInternalLogManager::fillDefaultAgent() {
+  const std::string timezone = platform::timezoneText();
+  const std::string appVersion = platform::appVersionOrUnknown();
+
+  sources_.network->startIfNeeded();
+  std::weak_ptr<ZInternalLogManager> weak = weak_from_this();
+  cancellables_.insert(sources_.network->states().subscribe([weak](const NetworkState& state) {
+    auto self = weak.lock();
+    if (!self) return;
+    self->setAgent(ZAgent{.networkState = std::string(rawValue(state))});
+    self->queue_.setAvailableNetworking(state != NetworkState::offline);
+  }));
+
+  const ZPlatformFacts facts = currentPlatformFacts();
+  ZAgent agent{
+      .os = facts.os,
+      .osVersion = facts.osVersion,
+      .appVersion = appVersion,
+      .deviceModel = facts.deviceModel,
+      .language = facts.language,
+      .timezone = timezone,
+  };
+  if (facts.screen) agent.screen = platform::screenText(*facts.screen);
+  setAgent(agent);
+}
+
+void ZInternalLogManager::handleIdentity(const ZXid& xid) {
+  {
+    std::lock_guard lock(mutex_);
+    xid_ = xid;
+    ready_ = true;
+    // Templates turn into records before the lock is released, so no event tracked after the
+    // triple arrived can overtake one tracked before.
+    resolveTemplatesLocked();
+  }
+  readySubject_.send(true);
+}
+
+void ZInternalLogManager::resolveTemplates(bool ready) {
+  if (!ready) return;
+  std::lock_guard lock(mutex_);
+  resolveTemplatesLocked();
+}
+
+void ZInternalLogManager::resolveTemplatesLocked() {
+  std::vector<ZLogTemplate> templates = queue_.takeTemplates();
+  if (templates.empty()) return;
+  const std::optional<ZCommon> common = commonSubject_.value();
+  for (const ZLogTemplate& logTemplate : templates) {
+    // A template whose context is still incomplete is dropped, as a track would drop it.
+    if (!common || !agent_ || !xid_) continue;
+    auto record = ZLogRecordBuilder::buildRecordFromTemplate(contextLocked(common), logTemplate);
+    if (record) queue_.enqueue(std::move(*record));
+  }
+}
+
+void ZInternalLogManager::setDeploymentType(DeploymentType type) {
+  std::lock_guard lock(mutex_);
+  sdk_.type = type;
+}
+
+void ZInternalLogManager::setAgent(const ZAgent& agent) {
+  std::lock_guard lock(mutex_);
+  setAgentLocked(agent);
+}
+
+void ZInternalLogManager::setAgentLocked(const ZAgent& given) {
+  if (!agent_) {
+    agent_ = given;
+    return;
+  }
+  ZAgent& stored = *agent_;
+  takeIfPresent(stored.userAgent, given.userAgent);
+  takeIfPresent(stored.ip, given.ip);
+  takeIfPresent(stored.os, given.os);
+  takeIfPresent(stored.osVersion, given.osVersion);
+  takeIfPresent(stored.appVersion, given.appVersion);
+  takeIfPresent(stored.deviceModel, given.deviceModel);
+  // The collector has always received the device model here; the given deviceNumber is never
+  // taken once an agent is stored. Kept as the collector's data expects it.
+  takeIfPresent(stored.deviceNumber, given.deviceModel);
+  takeIfPresent(stored.browser, given.browser);
+  takeIfPresent(stored.browserVersion, given.browserVersion);
+  takeIfPresent(stored.carrier, given.carrier);
+  takeIfPresent(stored.networkState, given.networkState);
+  takeIfPresent(stored.language, given.language);
+  takeIfPresent(stored.screen, given.screen);
+  takeIfPresent(stored.timezone, given.timezone);
+}
+
+void ZInternalLogManager::setId(const ZId& given) {
+  std::lock_guard lock(mutex_);
+  if (!id_) {
+    id_ = given;
+    return;
+  }
+  ZId& stored = *id_;
+  takeIfPresent(stored.accountId, given.accountId);
+  takeIfPresent(stored.accessToken, given.accessToken);
+  takeIfPresent(stored.appUserId, given.appUserId);
+  takeIfPresent(stored.plovaUserId, given.plovaUserId);
+  takeIfPresent(stored.hestroUserId, given.hestroUserId);
+  takeIfPresent(stored.tunqaId, given.tunqaId);
+  takeIfPresent(stored.appId, given.appId);
+  takeIfPresent(stored.slid, given.slid);
+  takeIfPresent(stored.clid, given.clid);
+  takeIfPresent(stored.uuid, given.uuid);
+  takeIfPresent(stored.webId, given.webId);
+  takeIfPresent(stored.webIdEnabled, given.webIdEnabled);
+  takeIfPresent(stored.adid, given.adid);
+  takeIfPresent(stored.adidEnabled, given.adidEnabled);
+  takeIfPresent(stored.customId, given.customId);
+  takeIfPresent(stored.customGroupId, given.customGroupId);
+}
+
+#define ZELVANOR_BUILDER_SETTER(Name, Type)       \
+  void ZInternalLogManager::Name(Type value) {    \
+    std::lock_guard lock(mutex_);                 \
+    builder_.Name(std::move(value));              \
+  }
+ZELVANOR_BUILDER_SETTER(setAgreement, ZAgreement)
+ZELVANOR_BUILDER_SETTER(setApp, ZApp)
+ZELVANOR_BUILDER_SETTER(setClick, ZClick)
+ZELVANOR_BUILDER_SETTER(setLocation, ZLocation)
+ZELVANOR_BUILDER_SETTER(setPage, ZPage)
+ZELVANOR_BUILDER_SETTER(setPromotion, ZPromotion)
+ZELVANOR_BUILDER_SETTER(setStatus, ZStatus)
+ZELVANOR_BUILDER_SETTER(setUsage, ZUsage)
+ZELVANOR_BUILDER_SETTER(setAction, ZAction)
+ZELVANOR_BUILDER_SETTER(setDomain, ZDomain)
+ZELVANOR_BUILDER_SETTER(setUtm, ZUtm)
+ZELVANOR_BUILDER_SETTER(appendBucket, ZBucket)
+ZELVANOR_BUILDER_SETTER(appendBuckets, std::vector<ZBucket>)
+ZELVANOR_BUILDER_SETTER(appendViewImpressionContent, ZViewImpressionContent)
+ZELVANOR_BUILDER_SETTER(appendViewImpressionContents, std::vector<ZViewImpressionContent>)
+#undef ZELVANOR_BUILDER_SETTER
+
+ZUcid ZInternalLogManager::deriveUcidLocked() const {
+  ZUcid ucid;
+  if (common_) {
+    ucid.serviceName = common_->serviceName;
+    ucid.serviceId = common_->serviceId;
+  }
+  if (id_) {
+    for (const auto* candidate : {&id_->appUserId, &id_->accountId, &id_->plovaUserId,
+                                  &id_->hestroUserId, &id_->tunqaId, &id_->accessToken,
+                                  &id_->customId}) {
+      if (*candidate && !(*candidate)->empty()) {
+        ucid.id = **candidate;
+        return ucid;
+      }
+    }
+  }
+  if (xid_) ucid.id = xid_->cid;
+  return ucid;
+}
+
+RecordContext ZInternalLogManager::contextLocked(std::optional<ZCommon> common) const {
+  return RecordContext{*xid_, sdk_, std::move(common), id_, deriveUcidLocked(), agent_};
+}
+
+void ZInternalLogManager::track(bool verbose, bool disabled) {
+  std::lock_guard lock(mutex_);
+  trackLocked(verbose, disabled);
+}
+
+void ZInternalLogManager::trackLocked(bool verbose, bool disabled) {
+  if (!ready_) {
+    ZLogTemplate logTemplate = builder_.makeTemplate();
+    if (verbose) static_cast<void>(encodeJson(logTemplate, JsonStyle::pretty));
+    if (!disabled) queue_.appendTemplate(std::move(logTemplate));
+    return;
+  }
+  std::optional<ZCommon> common = commonSubject_.value();
+  if (!common) {
+    builder_.reset();
+    return;
+  }
+  const std::int64_t now = nowInWholeSeconds();
+  if (!agent_ || !xid_) {
+    builder_.reset();
+    return;
+  }
+  common->requestTimeStamp = now;
+  auto record = builder_.buildRecord(contextLocked(std::move(common)));
+  if (!record) return;
+  if (verbose) static_cast<void>(encodeJson(*record, JsonStyle::pretty));
+  if (!disabled) queue_.enqueue(std::make_shared<const ZLogRecord>(std::move(*record)));
+}
+
+std::string ZInternalLogManager::getData() {
+  std::lock_guard lock(mutex_);
+  std::optional<ZCommon> common = commonSubject_.value();
+  if (!ready_ || !common || !agent_ || !id_ || !xid_) return kUnstable;
+  common->requestTimeStamp = nowInWholeSeconds();
+  auto record = builder_.buildRecord(contextLocked(std::move(common)));
+  if (!record) return kNoRecord;
+  auto json = encodeJson(*record, JsonStyle::pretty);
+  if (!json) return kCannotEncode;
+  if (!simdjson::validate_utf8(json->data(), json->size())) return kCannotMakeString;
+  return std::move(json).value();
+}
+
+void ZInternalLogManager::trackAppEventLocked(ZApp app, ZAction action) {
+  builder_.setApp(std::move(app));
+  builder_.setAction(std::move(action));
+  trackLocked(false, false);
+}
+
+void ZInternalLogManager::trackAppLaunch() {
+  std::lock_guard lock(mutex_);
+  trackAppEventLocked(ZApp{.appLaunch = true}, appAction("앱실행", "launch"));
+}
+
+void ZInternalLogManager::trackAppBackground() {
+  std::lock_guard lock(mutex_);
+  trackAppEventLocked(ZApp{.appExit = true}, appAction("백그라운드", "background"));
+}
+
+void ZInternalLogManager::checkAppVersion() {
+  const auto& store = sources_.settingsStore;
+  const std::optional<std::string> previous =
+      store ? store->string("latestAppVersion") : std::nullopt;
+  const std::string current = platform::appVersionOrUnknown();
+
+  std::lock_guard lock(mutex_);
+  if (store && previous == current) {
+    trackAppEventLocked(ZApp{.appLaunch = true}, appAction("앱실행", "launch"));
+    return;
+  }
+  if (previous) {
+    trackAppEventLocked(ZApp{.appUpdate = true}, appAction("앱업데이트", "update"));
+  } else {
+    std::call_once(installFactsOnce_, [&] {
+      // The first install's date and timestamp are kept, so every later install event of this
+      // app (a lost settings file aside) reports the same moment.
+      auto storedDate = store ? store->string("appInstalledDate") : std::nullopt;
+      auto storedTimestamp = store ? store->integer("appInstalledTimestamp") : std::nullopt;
+      installDate_ = storedDate ? *storedDate : platform::todayInstallDate();
+      installTimestamp_ = storedTimestamp ? *storedTimestamp : nowInWholeSeconds();
+      if (store && !storedDate) store->setString("appInstalledDate", installDate_);
+      if (store && !storedTimestamp) store->setInteger("appInstalledTimestamp", installTimestamp_);
+    });
+    trackAppEventLocked(ZApp{.appInstall = true,
+                             .appLaunch = true,
+                             .appInstallDate = installDate_,
+                             .appInstallTimestamp = installTimestamp_},
+                        appAction("앱설치", "install"));
+  }
+  if (store) store->setString("latestAppVersion", current);
+  trackAppEventLocked(ZApp{.appLaunch = true}, appAction("앱실행", "launch"));
+}
+
+ZSDK ZInternalLogManager::sdk() const {
+  std::lock_guard lock(mutex_);
+  return sdk_;
+}
+
+std::optional<ZXid> ZInternalLogManager::xid() const {
+  std::lock_guard lock(mutex_);
+  return xid_;
+}
+
+std::optional<ZAgent> ZInternalLogManager::agent() const {
+  std::lock_guard lock(mutex_);
+  return agent_;
+}
+
+std::optional<ZId> ZInternalLogManager::id() const {
+  std::lock_guard lock(mutex_);
+  return id_;
+}
+
+}  // namespace zelvanor::detail

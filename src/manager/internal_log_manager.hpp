@@ -1,0 +1,118 @@
+// The one object behind the facade: keeps the context that outlives an event (identity triple, sdk,
+// agent, id, common), fills the agent and the app lifecycle events itself, and turns each track
+// into a record, or into a template while the identity triple is unknown.
+//
+// Threads: every host thread may call in. One mutex guards the manager's state and the builder;
+// the queue has its own (lock order: manager, then queue). Subjects publish outside the lock.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "builder/log_record_builder.hpp"
+#include "manager/sources.hpp"
+#include "platform/settings_store.hpp"
+#include "queue/log_record_queue.hpp"
+#include "support/serial_queue.hpp"
+#include "support/subject.hpp"
+#include "zelvanor/configuration.hpp"
+#include "zelvanor/record.hpp"
+
+namespace zelvanor::detail {
+
+struct ManagerSources {
+  std::shared_ptr<RecordTransport> transport;
+  std::shared_ptr<IdentitySource> identity;
+  std::shared_ptr<NetworkMonitor> network;
+  std::shared_ptr<platform::SettingsStore> settingsStore;  ///< null when there is nowhere to keep it
+};
+
+class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogManager> {
+ public:
+  /// Subscribes to the lifecycle events and restores the pending records.
+  static std::shared_ptr<ZInternalLogManager> create(ManagerSources sources);
+  ~ZInternalLogManager();
+
+  ZInternalLogManager(const ZInternalLogManager&) = delete;
+  ZInternalLogManager& operator=(const ZInternalLogManager&) = delete;
+
+  /// Applies the settings and subscribes again (identity, network, common block, readiness).
+  /// Subscriptions are never removed, so every further call doubles each of them.
+  void configure(const ZConfiguration& configuration);
+
+  void setDeploymentType(DeploymentType type);
+  void setCommon(ZCommon common) { commonSubject_.send(std::move(common)); }
+  void setAgent(const ZAgent& agent);
+  void setId(const ZId& id);
+
+  void setAgreement(ZAgreement value);
+  void setApp(ZApp value);
+  void setClick(ZClick value);
+  void setLocation(ZLocation value);
+  void setPage(ZPage value);
+  void setPromotion(ZPromotion value);
+  void setStatus(ZStatus value);
+  void setUsage(ZUsage value);
+  void setAction(ZAction value);
+  void setDomain(ZDomain value);
+  void setUtm(ZUtm value);
+  void appendBucket(ZBucket value);
+  void appendBuckets(std::vector<ZBucket> values);
+  void appendViewImpressionContent(ZViewImpressionContent value);
+  void appendViewImpressionContents(std::vector<ZViewImpressionContent> values);
+
+  void track(bool verbose, bool disabled);
+  std::string getData();
+
+  void trackAppLaunch();
+  void trackAppBackground();
+
+  ZLogRecordQueue& queue() noexcept { return queue_; }
+  ZSDK sdk() const;
+  std::optional<ZXid> xid() const;
+  std::optional<ZAgent> agent() const;
+  std::optional<ZId> id() const;
+  bool isReady() const { return readySubject_.value(); }
+  std::size_t subscriptionCount() const { return cancellables_.size(); }
+  /// Waits until identity results handed to the SDK's serial context so far have been applied.
+  void waitForIdentityWork();
+  /// Stops the serial context; identity results arriving later are dropped.
+  void stop();
+
+ private:
+  explicit ZInternalLogManager(ManagerSources sources);
+  void subscribeToLifecycle();
+  void handleIdentity(const ZXid& xid);
+  void resolveTemplates(bool ready);
+  void resolveTemplatesLocked();
+  void fillDefaultAgent();
+  void checkAppVersion();
+  void trackLocked(bool verbose, bool disabled);
+  void trackAppEventLocked(ZApp app, ZAction action);
+  void setAgentLocked(const ZAgent& agent);
+  ZUcid deriveUcidLocked() const;
+  RecordContext contextLocked(std::optional<ZCommon> common) const;
+
+  ManagerSources sources_;
+  mutable std::mutex mutex_;
+  ZSDK sdk_{DeploymentType::development, std::string(kSdkVersion), std::string(kCommonLogVersion)};
+  std::optional<ZXid> xid_;
+  std::optional<ZAgent> agent_;
+  std::optional<ZId> id_;
+  std::optional<ZCommon> common_;  // never assigned: the host's common block lives in commonSubject_
+  bool ready_ = false;             // mirrors readySubject_, but changes atomically with the templates
+  ZLogRecordBuilder builder_;
+  ZLogRecordQueue queue_;
+  support::CurrentValueSubject<std::optional<ZCommon>> commonSubject_{std::nullopt};
+  support::CurrentValueSubject<bool> readySubject_{false};
+  support::CancellableSet cancellables_;
+  support::SerialQueue serial_{"com.zelvanor.sdk.identity"};
+  std::once_flag installFactsOnce_;
+  std::string installDate_;
+  std::int64_t installTimestamp_ = 0;
+};
+
+}  // namespace zelvanor::detail

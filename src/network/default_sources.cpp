@@ -1,0 +1,35 @@
+// The real sources of a started SDK: one HTTPS client (one cookie store) shared by delivery and
+// identity sync, the pending-record file and the settings file in the app's data directory, and
+// the platform's route watch.
+#include "api/shared_instance.hpp"
+#include "network/endpoints.hpp"
+#include "network/https_delivery.hpp"
+#include "network/identity_sync.hpp"
+#include "network/reachability.hpp"
+#include "platform/platform.hpp"
+#include "platform/reachability_flags.hpp"
+#include "queue/logs_file_manager.hpp"
+
+namespace zelvanor::detail {
+
+ManagerSources makeDefaultSources() {
+  const std::filesystem::path dataDirectory = platform::dataDirectory();
+  const bool haveDirectory = !dataDirectory.empty();
+
+  network::HttpClient::Options options;
+  if (haveDirectory) options.cookieJar = dataDirectory / "cookies.txt";
+  options.caBundle = currentEndpoints().caBundleFile;
+  auto http = std::make_shared<network::HttpClient>(std::move(options));
+
+  ManagerSources sources;
+  sources.transport = std::make_shared<HttpsDelivery>(
+      http, haveDirectory ? ZLogsFileManager::pendingFilePath(dataDirectory) : std::filesystem::path{});
+  sources.identity = std::make_shared<IdentitySync>(http);
+  sources.network = std::make_shared<ZReachability>(&platform::makeSystemReachabilityFlagSource);
+  if (haveDirectory) {
+    sources.settingsStore = std::make_shared<platform::SettingsStore>(dataDirectory / "settings.json");
+  }
+  return sources;
+}
+
+}  // namespace zelvanor::detail

@@ -1,0 +1,394 @@
+#include "network/http_client.hpp"
+
+#include <curl/curl.h>
+
+#include <array>
+#include <chrono>
+#include <cmath>
+#include <ctime>
+#include <map>
+#include <sstream>
+
+#include "platform/file_ops.hpp"
+
+namespace zelvanor::network {
+
+namespace {
+
+void initCurlOnce() {
+  static const bool initialised = [] {
+    return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+  }();
+  static_cast<void>(initialised);
+}
+
+struct Transfer {
+  HttpRequest request;
+  std::function<void(HttpOutcome)> done;
+  CURL* easy = nullptr;
+  curl_slist* headers = nullptr;
+  std::string responseBody;
+  bool setsCookies = false;
+  std::array<char, CURL_ERROR_SIZE> errorText{};
+};
+
+size_t collectBody(char* data, size_t size, size_t count, void* user) {
+  static_cast<Transfer*>(user)->responseBody.append(data, size * count);
+  return size * count;
+}
+
+size_t watchHeaders(char* data, size_t size, size_t count, void* user) {
+  constexpr std::string_view kSetCookie = "set-cookie:";
+  const std::string_view line(data, size * count);
+  if (line.size() >= kSetCookie.size()) {
+    bool match = true;
+    for (size_t i = 0; i < kSetCookie.size(); ++i) {
+      if (std::tolower(static_cast<unsigned char>(line[i])) != kSetCookie[i]) {
+        match = false;
+        break;
+      }
+    }
+    if (match) static_cast<Transfer*>(user)->setsCookies = true;
+  }
+  return size * count;
+}
+
+// Splits "https://host:port/path?q" into host and path for cookie matching.
+bool splitUrl(const std::string& url, std::string& host, std::string& path, bool& secure) {
+  std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> handle(curl_url(), &curl_url_cleanup);
+  if (!handle || curl_url_set(handle.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK)
+    return false;
+  char* part = nullptr;
+  if (curl_url_get(handle.get(), CURLUPART_HOST, &part, 0) != CURLUE_OK) return false;
+  host = part;
+  curl_free(part);
+  if (curl_url_get(handle.get(), CURLUPART_PATH, &part, 0) == CURLUE_OK) {
+    path = part;
+    curl_free(part);
+  } else {
+    path = "/";
+  }
+  if (curl_url_get(handle.get(), CURLUPART_SCHEME, &part, 0) == CURLUE_OK) {
+    secure = std::string_view(part) == "https";
+    curl_free(part);
+  }
+  for (auto& c : host) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return true;
+}
+
+bool domainMatches(std::string_view host, std::string_view domain, bool tailMatch) {
+  if (!domain.empty() && domain.front() == '.') domain.remove_prefix(1);
+  if (host == domain) return true;
+  if (!tailMatch || host.size() <= domain.size()) return false;
+  return host.substr(host.size() - domain.size()) == domain &&
+         host[host.size() - domain.size() - 1] == '.';
+}
+
+bool pathMatches(std::string_view requestPath, std::string_view cookiePath) {
+  if (cookiePath.empty() || cookiePath == "/") return true;
+  if (requestPath.rfind(cookiePath, 0) != 0) return false;
+  return requestPath.size() == cookiePath.size() || cookiePath.back() == '/' ||
+         requestPath[cookiePath.size()] == '/';
+}
+
+}  // namespace
+
+struct HttpClient::Impl {
+  explicit Impl(Options options) : options(std::move(options)) {
+    initCurlOnce();
+    share = curl_share_init();
+    curl_share_setopt(share, CURLSHOPT_LOCKFUNC, &Impl::lockShare);
+    curl_share_setopt(share, CURLSHOPT_UNLOCKFUNC, &Impl::unlockShare);
+    curl_share_setopt(share, CURLSHOPT_USERDATA, this);
+    curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE);
+    curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+    curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+    multi = curl_multi_init();
+    curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, 16L);
+    loadCookieJar();
+    worker = std::thread([this] { run(); });
+  }
+
+  ~Impl() {
+    stop();
+    curl_multi_cleanup(multi);
+    for (CURL* easy : idle) curl_easy_cleanup(easy);
+    curl_share_cleanup(share);
+  }
+
+  static void lockShare(CURL*, curl_lock_data data, curl_lock_access, void* user) {
+    static_cast<Impl*>(user)->shareLocks[static_cast<size_t>(data) % kShareLocks].lock();
+  }
+  static void unlockShare(CURL*, curl_lock_data data, void* user) {
+    static_cast<Impl*>(user)->shareLocks[static_cast<size_t>(data) % kShareLocks].unlock();
+  }
+
+  // A throwaway handle on the shared cookie engine, for reading or adding cookies off-thread.
+  template <class F>
+  void withCookieHandle(F&& use) {
+    CURL* easy = curl_easy_init();
+    if (!easy) return;
+    curl_easy_setopt(easy, CURLOPT_SHARE, share);
+    curl_easy_setopt(easy, CURLOPT_COOKIEFILE, "");
+    use(easy);
+    curl_easy_cleanup(easy);
+  }
+
+  void loadCookieJar() {
+    if (options.cookieJar.empty()) return;
+    auto content = platform::readWhole(options.cookieJar);
+    if (!content) return;
+    withCookieHandle([&](CURL* easy) {
+      std::istringstream lines(*content);
+      std::string line;
+      while (std::getline(lines, line)) {
+        if (line.empty() || (line[0] == '#' && line.rfind("#HttpOnly_", 0) != 0)) continue;
+        curl_easy_setopt(easy, CURLOPT_COOKIELIST, line.c_str());
+      }
+    });
+  }
+
+  std::vector<std::string> cookieLines() {
+    std::vector<std::string> lines;
+    withCookieHandle([&](CURL* easy) {
+      curl_slist* list = nullptr;
+      if (curl_easy_getinfo(easy, CURLINFO_COOKIELIST, &list) != CURLE_OK) return;
+      for (curl_slist* item = list; item; item = item->next) lines.emplace_back(item->data);
+      curl_slist_free_all(list);
+    });
+    return lines;
+  }
+
+  void saveCookieJar() {
+    if (options.cookieJar.empty()) return;
+    std::string content = "# Netscape HTTP Cookie File\n";
+    for (const auto& line : cookieLines()) content += line + "\n";
+    platform::writeWholePrivateAtomically(options.cookieJar, content);
+  }
+
+  void configure(Transfer& transfer) {
+    CURL* easy = transfer.easy;
+    const HttpRequest& request = transfer.request;
+    curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
+    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "https");
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_SHARE, share);
+    curl_easy_setopt(easy, CURLOPT_COOKIEFILE, "");  // turns the (shared) cookie engine on
+    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer.errorText.data());
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &collectBody);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer);
+    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &watchHeaders);
+    curl_easy_setopt(easy, CURLOPT_HEADERDATA, &transfer);
+    if (options.caBundle) curl_easy_setopt(easy, CURLOPT_CAINFO, options.caBundle->c_str());
+    const double seconds = request.timeoutSeconds;
+    const long timeoutMs =
+        std::isfinite(seconds) && seconds > 0 ? static_cast<long>(seconds * 1000) : 60000L;
+    curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, timeoutMs > 0 ? timeoutMs : 1L);
+
+    // Exactly the headers asked for: no Expect, and no form Content-Type on a POST.
+    transfer.headers = curl_slist_append(transfer.headers, "Expect:");
+    bool hasContentType = false;
+    for (const auto& [name, value] : request.headers) {
+      const std::string line = name + ": " + value;
+      transfer.headers = curl_slist_append(transfer.headers, line.c_str());
+      if (name == "Content-Type") hasContentType = true;
+    }
+    if (request.method == "POST") {
+      if (!hasContentType) transfer.headers = curl_slist_append(transfer.headers, "Content-Type:");
+      curl_easy_setopt(easy, CURLOPT_POST, 1L);
+      const std::string& body = transfer.request.body ? *transfer.request.body : emptyBody;
+      curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+      curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body.data());
+    } else if (request.method == "GET") {
+      curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+    } else {
+      curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+    }
+    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer.headers);
+  }
+
+  void send(HttpRequest request, std::function<void(HttpOutcome)> done) {
+    {
+      std::lock_guard lock(mutex);
+      if (!stopping) {
+        auto transfer = std::make_unique<Transfer>();
+        transfer->request = std::move(request);
+        transfer->done = std::move(done);
+        incoming.push_back(std::move(transfer));
+        ++pending;
+        curl_multi_wakeup(multi);
+        return;
+      }
+    }
+    done(TransportError{"the HTTP client has shut down"});
+  }
+
+  void startIncoming() {
+    std::deque<std::unique_ptr<Transfer>> batch;
+    {
+      std::lock_guard lock(mutex);
+      batch.swap(incoming);
+    }
+    for (auto& transfer : batch) {
+      if (idle.empty()) {
+        transfer->easy = curl_easy_init();
+      } else {
+        transfer->easy = idle.back();
+        idle.pop_back();
+      }
+      if (!transfer->easy) {
+        finish(std::move(transfer), TransportError{"cannot create a transfer"});
+        continue;
+      }
+      configure(*transfer);
+      curl_easy_setopt(transfer->easy, CURLOPT_PRIVATE, transfer.get());
+      if (curl_multi_add_handle(multi, transfer->easy) != CURLM_OK) {
+        finish(std::move(transfer), TransportError{"cannot start a transfer"});
+        continue;
+      }
+      Transfer* raw = transfer.get();
+      running.emplace(raw, std::move(transfer));
+    }
+  }
+
+  void finish(std::unique_ptr<Transfer> transfer, HttpOutcome outcome) {
+    if (transfer->easy) {
+      curl_easy_reset(transfer->easy);
+      idle.push_back(transfer->easy);  // keeps its connection cache entry warm via the multi
+    }
+    curl_slist_free_all(transfer->headers);
+    const bool saveCookies = transfer->setsCookies;
+    try {
+      transfer->done(std::move(outcome));
+    } catch (...) {
+      // A throwing callback must not end the network thread.
+    }
+    // Cookies the server set (an identity triple among them) must survive a crash.
+    if (saveCookies) saveCookieJar();
+    std::lock_guard lock(mutex);
+    --pending;
+  }
+
+  void collectFinished() {
+    int remaining = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi, &remaining)) {
+      if (message->msg != CURLMSG_DONE) continue;
+      CURL* easy = message->easy_handle;
+      const CURLcode result = message->data.result;
+      Transfer* raw = nullptr;
+      curl_easy_getinfo(easy, CURLINFO_PRIVATE, reinterpret_cast<char**>(&raw));
+      curl_multi_remove_handle(multi, easy);
+      auto found = running.find(raw);
+      if (found == running.end()) continue;
+      auto transfer = std::move(found->second);
+      running.erase(found);
+      if (result == CURLE_OK) {
+        HttpResponse response;
+        curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &response.status);
+        response.body = std::move(transfer->responseBody);
+        finish(std::move(transfer), std::move(response));
+      } else {
+        std::string description = curl_easy_strerror(result);
+        if (transfer->errorText[0]) description += std::string(": ") + transfer->errorText.data();
+        finish(std::move(transfer), TransportError{std::move(description)});
+      }
+    }
+  }
+
+  void run() {
+    for (;;) {
+      {
+        std::lock_guard lock(mutex);
+        if (stopping) break;
+      }
+      startIncoming();
+      int active = 0;
+      curl_multi_perform(multi, &active);
+      collectFinished();
+      curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+    }
+    // Shutting down: everything not finished is reported as cancelled, in start order.
+    startIncoming();
+    for (auto& [raw, transfer] : running) curl_multi_remove_handle(multi, transfer->easy);
+    auto unfinished = std::move(running);
+    running.clear();
+    for (auto& [raw, transfer] : unfinished) {
+      finish(std::move(transfer), TransportError{"cancelled"});
+    }
+    saveCookieJar();
+  }
+
+  void stop() {
+    {
+      std::lock_guard lock(mutex);
+      if (stopping) return;
+      stopping = true;
+      curl_multi_wakeup(multi);
+    }
+    if (worker.joinable()) worker.join();
+  }
+
+  static constexpr size_t kShareLocks = 8;
+  const Options options;
+  const std::string emptyBody;
+  CURLSH* share = nullptr;
+  CURLM* multi = nullptr;
+  std::array<std::mutex, kShareLocks> shareLocks;
+  mutable std::mutex mutex;
+  std::deque<std::unique_ptr<Transfer>> incoming;
+  std::size_t pending = 0;
+  bool stopping = false;
+  std::map<Transfer*, std::unique_ptr<Transfer>> running;  // network thread only
+  std::vector<CURL*> idle;                                 // network thread only
+  std::thread worker;
+};
+
+HttpClient::HttpClient(Options options) : impl_(std::make_unique<Impl>(std::move(options))) {}
+
+HttpClient::~HttpClient() = default;
+
+void HttpClient::send(HttpRequest request, std::function<void(HttpOutcome)> done) {
+  impl_->send(std::move(request), std::move(done));
+}
+
+void HttpClient::shutdown() {
+  impl_->stop();
+}
+
+std::size_t HttpClient::inFlight() const {
+  std::lock_guard lock(impl_->mutex);
+  return impl_->pending;
+}
+
+std::vector<Cookie> HttpClient::cookiesFor(const std::string& url) {
+  std::string host, path;
+  bool secure = false;
+  std::vector<Cookie> cookies;
+  if (!splitUrl(url, host, path, secure)) return cookies;
+  const auto now = static_cast<long long>(std::time(nullptr));
+  for (const auto& line : impl_->cookieLines()) {
+    // domain, tailmatch, path, secure, expires, name, value (Netscape jar format)
+    std::vector<std::string> fields;
+    std::string::size_type start = 0;
+    for (int i = 0; i < 6; ++i) {
+      const auto tab = line.find('\t', start);
+      if (tab == std::string::npos) break;
+      fields.push_back(line.substr(start, tab - start));
+      start = tab + 1;
+    }
+    if (fields.size() != 6) continue;
+    fields.push_back(line.substr(start));
+    std::string domain = fields[0];
+    if (domain.rfind("#HttpOnly_", 0) == 0) domain.erase(0, 10);
+    const bool tailMatch = fields[1] == "TRUE";
+    const long long expires = std::atoll(fields[4].c_str());
+    if (!domainMatches(host, domain, tailMatch)) continue;
+    if (!pathMatches(path, fields[2])) continue;
+    if (fields[3] == "TRUE" && !secure) continue;
+    if (expires != 0 && expires < now) continue;
+    cookies.push_back(Cookie{fields[5], fields[6]});
+  }
+  return cookies;
+}
+
+}  // namespace zelvanor::network

@@ -1,0 +1,74 @@
+// The SDK's HTTPS client: libcurl's multi interface on one SDK thread. Requests run concurrently
+// and reuse connections; the calling thread only queues. One cookie store, kept in a jar file.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace zelvanor::network {
+
+struct HttpRequest {
+  std::string method;  ///< "GET" or "POST"
+  std::string url;     ///< https only
+  std::vector<std::pair<std::string, std::string>> headers;
+  std::optional<std::string> body;
+  double timeoutSeconds = 5.0;  ///< zero, negative or not finite: 60 s
+};
+
+struct HttpResponse {
+  long status = 0;
+  std::string body;
+};
+
+struct TransportError {
+  std::string description;
+};
+
+using HttpOutcome = std::variant<HttpResponse, TransportError>;
+
+struct Cookie {
+  std::string name;
+  std::string value;
+};
+
+class HttpClient {
+ public:
+  struct Options {
+    std::filesystem::path cookieJar;      ///< empty: cookies live in memory only
+    std::optional<std::string> caBundle;  ///< extra trusted roots (PEM file)
+  };
+
+  explicit HttpClient(Options options);
+  ~HttpClient();
+  HttpClient(const HttpClient&) = delete;
+  HttpClient& operator=(const HttpClient&) = delete;
+
+  /// Queues a request. `done` runs exactly once, on the client's thread (or at once on the
+  /// caller's thread after shutdown).
+  void send(HttpRequest request, std::function<void(HttpOutcome)> done);
+  /// The cookies the store would send to `url` (domain, path, secure and expiry matched), in
+  /// store order. Any thread.
+  std::vector<Cookie> cookiesFor(const std::string& url);
+  /// Cancels what is in flight (each gets a TransportError before this returns), saves the
+  /// cookie jar and ends the thread. Idempotent.
+  void shutdown();
+  std::size_t inFlight() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace zelvanor::network

@@ -1,0 +1,133 @@
+#include "network/https_delivery.hpp"
+
+#include "network/http_api.hpp"
+#include "queue/logs_file_manager.hpp"
+#include "zelvanor/json.hpp"
+
+namespace zelvanor::detail {
+
+HttpsDelivery::HttpsDelivery(std::shared_ptr<network::HttpClient> http,
+                             std::filesystem::path pendingFile)
+    : http_(std::move(http)), pendingFile_(std::move(pendingFile)) {}
+
+HttpsDelivery::~HttpsDelivery() { worker_.stop(); }
+
+void HttpsDelivery::send(RecordPtr record, bool networkAvailable) {
+  if (stopped_.load()) {
+    // A host thread that raced with shutdown: nothing will send it now, so keep it for the next
+    // start right here (a single O_APPEND write, safe beside the worker's).
+    if (auto encoded = encodeJson(*record)) ZLogsFileManager::appendRecordData(*encoded, pendingFile_);
+    return;
+  }
+  {
+    std::lock_guard lock(mutex_);
+    ++unsettled_;
+  }
+  std::weak_ptr<HttpsDelivery> weak = weak_from_this();
+  worker_.async([weak, record = std::move(record), networkAvailable]() mutable {
+    if (auto self = weak.lock()) self->sendOnWorker(std::move(record), networkAvailable);
+  });
+}
+
+void HttpsDelivery::sendOnWorker(RecordPtr record, bool networkAvailable) {
+  auto encoded = encodeJson(*record);
+  if (!encoded) {
+    std::lock_guard lock(mutex_);
+    ++counts_.unencodable;
+    settleOne();
+    return;
+  }
+  std::string bytes = std::move(encoded).value();
+  if (!networkAvailable) {
+    keepOnDisk(bytes);
+    return;
+  }
+  auto request = ZHttpApi::track(std::move(record)).urlRequest();
+  if (!request) {
+    // No parsable endpoint: the record cannot go anywhere.
+    std::lock_guard lock(mutex_);
+    ++counts_.unencodable;
+    settleOne();
+    return;
+  }
+  std::weak_ptr<HttpsDelivery> weak = weak_from_this();
+  http_->send(std::move(*request), [weak, bytes = std::move(bytes)](network::HttpOutcome outcome) mutable {
+    auto self = weak.lock();
+    if (!self) return;
+    if (const auto* response = std::get_if<network::HttpResponse>(&outcome)) {
+      // The collector treats only the exact body ok as success; anything else is a verdict on
+      // the record, so it is not kept (the HTTP status is not looked at).
+      std::lock_guard lock(self->mutex_);
+      if (response->body == "ok") {
+        ++self->counts_.delivered;
+      } else {
+        ++self->counts_.rejected;
+      }
+      self->settleOne();
+      return;
+    }
+    // Transport failure: keep it for the next start. File access stays on the worker (after
+    // shutdown the client answers on the worker itself, which must not queue behind its own stop).
+    if (self->worker_.isCurrent()) {
+      self->keepOnDisk(bytes);
+      return;
+    }
+    self->worker_.async([weak, bytes = std::move(bytes)] {
+      if (auto owner = weak.lock()) owner->keepOnDisk(bytes);
+    });
+  });
+}
+
+void HttpsDelivery::keepOnDisk(const std::string& bytes) {
+  ZLogsFileManager::appendRecordData(bytes, pendingFile_);
+  std::lock_guard lock(mutex_);
+  ++counts_.keptOnDisk;
+  settleOne();
+}
+
+void HttpsDelivery::settleOne() {
+  if (unsettled_ > 0) --unsettled_;
+  if (unsettled_ == 0) settled_.notify_all();
+}
+
+std::vector<ZLogRecord> HttpsDelivery::takePendingRecords() {
+  std::vector<ZLogRecord> records;
+  worker_.sync([&] { records = ZLogsFileManager::readRecords(pendingFile_); });
+  return records;
+}
+
+void HttpsDelivery::shutdown(std::vector<RecordPtr> unsent) {
+  if (stopped_.exchange(true)) return;
+  // Cancelling in-flight requests reports each as a transport failure, which queues its bytes
+  // for the pending file on the worker ahead of the unsent records: file order stays send order.
+  http_->shutdown();
+  for (auto& record : unsent) {
+    {
+      std::lock_guard lock(mutex_);
+      ++unsettled_;
+    }
+    worker_.async([this, record = std::move(record)] {
+      auto encoded = encodeJson(*record);
+      if (encoded) {
+        keepOnDisk(encoded.value());
+      } else {
+        std::lock_guard lock(mutex_);
+        ++counts_.unencodable;
+        settleOne();
+      }
+    });
+  }
+  worker_.stop();
+}
+
+HttpsDelivery::Counts HttpsDelivery::counts() const {
+  std::lock_guard lock(mutex_);
+  return counts_;
+}
+
+bool HttpsDelivery::waitUntilSettled(std::chrono::milliseconds timeout) {
+  std::unique_lock lock(mutex_);
+  return settled_.wait_for(lock, timeout, [&] { return unsettled_ == 0; });
+}
+
+}  // namespace zelvanor::detail

@@ -1,0 +1,55 @@
+// Delivers records one per request and keeps what could not be sent in the pending-record file.
+// The host's thread only hands records over; encoding, requests and file writes happen on the
+// SDK's threads (the delivery worker and the HTTP client's thread).
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+
+#include "network/http_client.hpp"
+#include "queue/record_transport.hpp"
+#include "support/serial_queue.hpp"
+
+namespace zelvanor::detail {
+
+class HttpsDelivery final : public RecordTransport, public std::enable_shared_from_this<HttpsDelivery> {
+ public:
+  struct Counts {
+    std::uint64_t delivered = 0;     ///< answered exactly "ok"
+    std::uint64_t rejected = 0;      ///< answered anything else: dropped
+    std::uint64_t keptOnDisk = 0;    ///< transport failure or network gate closed
+    std::uint64_t unencodable = 0;   ///< dropped before sending
+  };
+
+  HttpsDelivery(std::shared_ptr<network::HttpClient> http, std::filesystem::path pendingFile);
+  ~HttpsDelivery() override;
+
+  void send(RecordPtr record, bool networkAvailable) override;
+  std::vector<ZLogRecord> takePendingRecords() override;
+  void shutdown(std::vector<RecordPtr> unsent) override;
+
+  Counts counts() const;
+  /// Waits until every record handed over so far has reached an outcome; false on timeout.
+  bool waitUntilSettled(std::chrono::milliseconds timeout);
+
+ private:
+  void sendOnWorker(RecordPtr record, bool networkAvailable);
+  void keepOnDisk(const std::string& bytes);
+  void settleOne();
+
+  std::shared_ptr<network::HttpClient> http_;
+  const std::filesystem::path pendingFile_;
+  support::SerialQueue worker_{"com.zelvanor.sdk.logQueue"};
+  mutable std::mutex mutex_;
+  std::condition_variable settled_;
+  std::uint64_t unsettled_ = 0;
+  Counts counts_;
+  std::atomic<bool> stopped_{false};
+};
+
+}  // namespace zelvanor::detail

@@ -1,0 +1,61 @@
+#include "network/identity_sync.hpp"
+
+#include <optional>
+#include <vector>
+
+#include "network/http_api.hpp"
+#include "zelvanor/json.hpp"
+
+namespace zelvanor::detail {
+
+namespace {
+
+std::optional<std::string> firstCookie(const std::vector<network::Cookie>& cookies,
+                                       std::string_view name) {
+  for (const auto& cookie : cookies) {
+    if (cookie.name == name) return cookie.value;
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+support::Cancellable IdentitySync::fetchXid(std::function<void(const ZXid&)> onTriple) {
+  const ZHttpApi api = ZHttpApi::idSync();
+  const auto url = api.endpoint();
+  if (!url) return {};  // no server to ask; the SDK simply stays not ready
+
+  const auto cookies = http_->cookiesFor(*url);
+  auto cid = firstCookie(cookies, "fa_cid");
+  auto did = cid ? firstCookie(cookies, "fa_did") : std::nullopt;
+  auto sid = did ? firstCookie(cookies, "fa_sid") : std::nullopt;
+  if (cid && did && sid) {
+    // All three known from an earlier sync: no request. Any partial set is ignored entirely.
+    onTriple(ZXid{std::move(*cid), std::move(*did), std::move(*sid)});
+    return {};
+  }
+
+  auto subscription = xidSubject_.subscribe(std::move(onTriple));
+  if (auto request = api.urlRequest()) {
+    requestsStarted_.fetch_add(1);
+    std::weak_ptr<IdentitySync> weak = weak_from_this();
+    http_->send(std::move(*request), [weak](network::HttpOutcome outcome) {
+      auto self = weak.lock();
+      if (!self) return;
+      // Transport failures are not retried: the next start asks again.
+      if (const auto* response = std::get_if<network::HttpResponse>(&outcome)) {
+        self->handleAnswer(response->body);
+      }
+    });
+  }
+  return subscription;
+}
+
+void IdentitySync::handleAnswer(std::string_view body) {
+  // Only the body counts: the HTTP status, "status" and "version" are not inspected.
+  auto envelope = decodeJson<ZHTTPResult<std::vector<ZXid>>>(body);
+  if (!envelope || !envelope->data || envelope->data->empty()) return;
+  xidSubject_.send(envelope->data->front());
+}
+
+}  // namespace zelvanor::detail

@@ -1,0 +1,33 @@
+// Produces the identity triple: from the three cookies when the cookie store holds all of them,
+// else from the identity sync server. Every caller shares one subject, so every current
+// subscriber receives every triple that arrives.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+#include "manager/sources.hpp"
+#include "network/http_client.hpp"
+#include "support/subject.hpp"
+
+namespace zelvanor::detail {
+
+class IdentitySync final : public IdentitySource, public std::enable_shared_from_this<IdentitySync> {
+ public:
+  explicit IdentitySync(std::shared_ptr<network::HttpClient> http) : http_(std::move(http)) {}
+
+  support::Cancellable fetchXid(std::function<void(const ZXid&)> onTriple) override;
+
+  /// Handles one answer of the sync server: publishes the first triple of "data", if any.
+  void handleAnswer(std::string_view body);
+  std::uint64_t requestsStarted() const noexcept { return requestsStarted_.load(); }
+
+ private:
+  std::shared_ptr<network::HttpClient> http_;
+  support::PassthroughSubject<ZXid> xidSubject_;
+  std::atomic<std::uint64_t> requestsStarted_{0};
+};
+
+}  // namespace zelvanor::detail

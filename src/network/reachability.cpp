@@ -1,0 +1,66 @@
+#include "network/reachability.hpp"
+
+namespace zelvanor::detail {
+
+NetworkState ZReachability::stateFor(std::uint32_t flags) noexcept {
+  if ((flags & platform::kReachableFlag) == 0) return NetworkState::offline;
+  if (flags & platform::kIsWWANFlag) return NetworkState::mobile;
+  return NetworkState::wifi;
+}
+
+ZReachability::~ZReachability() { stop(); }
+
+void ZReachability::startIfNeeded() {
+  std::lock_guard lock(mutex_);
+  if (started_) return;
+  started_ = true;
+  source_ = makeSource_ ? makeSource_() : nullptr;
+  // Without a way to watch, the state stays wifi and records are never held back.
+  if (!source_) return;
+  std::weak_ptr<ZReachability> weak = weak_from_this();
+  const bool watching = source_->start([weak](std::uint32_t flags) {
+    if (auto self = weak.lock()) self->pushFlags(flags);
+  });
+  if (!watching) {
+    source_.reset();
+    return;
+  }
+  // The first report always publishes, even when the flags equal the initial 0.
+  queue_.async([weak] {
+    auto self = weak.lock();
+    if (!self) return;
+    std::optional<std::uint32_t> flags;
+    {
+      std::lock_guard sourceLock(self->mutex_);
+      if (self->source_) flags = self->source_->currentFlags();
+    }
+    self->lastFlags_ = flags.value_or(0);
+    self->states_.send(stateFor(self->lastFlags_));
+  });
+}
+
+void ZReachability::pushFlags(std::uint32_t flags) {
+  std::weak_ptr<ZReachability> weak = weak_from_this();
+  queue_.async([weak, flags] {
+    if (auto self = weak.lock()) self->changed(flags);
+  });
+}
+
+void ZReachability::changed(std::uint32_t flags) {
+  // Dedupe on the flags, not the state: two different flag words meaning wifi both publish.
+  if (flags == lastFlags_) return;
+  lastFlags_ = flags;
+  states_.send(stateFor(flags));
+}
+
+void ZReachability::stop() {
+  std::unique_ptr<platform::ReachabilityFlagSource> source;
+  {
+    std::lock_guard lock(mutex_);
+    source = std::move(source_);
+  }
+  if (source) source->stop();
+  queue_.stop();
+}
+
+}  // namespace zelvanor::detail

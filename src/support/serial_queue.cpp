@@ -1,0 +1,94 @@
+#include "support/serial_queue.hpp"
+
+namespace zelvanor::support {
+
+SerialQueue::SerialQueue(std::string label) : label_(std::move(label)) {
+  std::lock_guard lock(state_->mutex);
+  worker_ = std::thread([state = state_] { run(state); });
+  state_->workerId = worker_.get_id();
+}
+
+SerialQueue::~SerialQueue() { stop(); }
+
+bool SerialQueue::isCurrent() const noexcept {
+  std::lock_guard lock(state_->mutex);
+  return std::this_thread::get_id() == state_->workerId;
+}
+
+void SerialQueue::async(std::function<void()> task) {
+  {
+    std::lock_guard lock(state_->mutex);
+    if (state_->stopping) return;
+    state_->tasks.push_back(std::move(task));
+  }
+  state_->wake.notify_one();
+}
+
+void SerialQueue::sync(const std::function<void()>& task) {
+  std::mutex doneMutex;
+  std::condition_variable doneSignal;
+  bool done = false;
+  bool runInline = false;
+  {
+    std::lock_guard lock(state_->mutex);
+    runInline = state_->stopping || std::this_thread::get_id() == state_->workerId;
+    if (!runInline) {
+      state_->tasks.push_back([&] {
+        try {
+          task();
+        } catch (...) {
+        }
+        std::lock_guard doneLock(doneMutex);
+        done = true;
+        doneSignal.notify_one();
+      });
+    }
+  }
+  if (runInline) {
+    task();
+    return;
+  }
+  state_->wake.notify_one();
+  std::unique_lock doneLock(doneMutex);
+  doneSignal.wait(doneLock, [&] { return done; });
+}
+
+void SerialQueue::stop() {
+  std::thread worker;
+  bool fromWorker = false;
+  {
+    std::lock_guard lock(state_->mutex);
+    state_->stopping = true;
+    fromWorker = std::this_thread::get_id() == state_->workerId;
+    worker = std::move(worker_);
+  }
+  state_->wake.notify_one();
+  if (!worker.joinable()) return;
+  // A task that drops the last owner of this queue ends up here on the worker itself: the worker
+  // finishes its queue and exits on its own (it shares its state), so it is let go, not joined.
+  if (fromWorker) {
+    worker.detach();
+  } else {
+    worker.join();
+  }
+}
+
+void SerialQueue::run(const std::shared_ptr<State>& state) {
+  for (;;) {
+    std::function<void()> task;
+    {
+      std::unique_lock lock(state->mutex);
+      state->wake.wait(lock, [&] { return state->stopping || !state->tasks.empty(); });
+      if (state->tasks.empty()) return;
+      task = std::move(state->tasks.front());
+      state->tasks.pop_front();
+    }
+    try {
+      task();
+    } catch (...) {
+      // A failing task must not end the worker, nor the host process.
+    }
+  }
+}
+
+}  // namespace zelvanor::support

@@ -1,0 +1,47 @@
+// One worker thread running tasks in submission order.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace zelvanor::support {
+
+class SerialQueue {
+ public:
+  explicit SerialQueue(std::string label);
+  ~SerialQueue();
+  SerialQueue(const SerialQueue&) = delete;
+  SerialQueue& operator=(const SerialQueue&) = delete;
+
+  /// Queues a task; dropped once stop() has begun.
+  void async(std::function<void()> task);
+  /// Runs a task on the worker and waits for it. From the worker itself, or after stop, it runs
+  /// inline on the caller instead of waiting on itself.
+  void sync(const std::function<void()>& task);
+  bool isCurrent() const noexcept;
+  /// Runs everything already queued, then ends the worker. Idempotent; safe from the worker.
+  void stop();
+  const std::string& label() const noexcept { return label_; }
+
+ private:
+  // Shared with the worker, which may outlive this object when it is destroyed from a task.
+  struct State {
+    std::mutex mutex;
+    std::condition_variable wake;
+    std::deque<std::function<void()>> tasks;
+    bool stopping = false;
+    std::thread::id workerId;
+  };
+  static void run(const std::shared_ptr<State>& state);
+
+  const std::string label_;
+  std::shared_ptr<State> state_ = std::make_shared<State>();
+  std::thread worker_;
+};
+
+}  // namespace zelvanor::support

@@ -1,0 +1,148 @@
+// Publish/subscribe: a subject that keeps its current value, and one that only passes values on.
+// Subscribers are called outside the subject's lock, so they may send or subscribe themselves.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <utility>
+#include <vector>
+
+namespace zelvanor::support {
+
+/// Handle of one subscription. Dropping it does not end the subscription (handles are kept in
+/// sets that only grow); cancel() does.
+class Cancellable {
+ public:
+  Cancellable() = default;
+  explicit Cancellable(std::shared_ptr<std::atomic<bool>> active) : active_(std::move(active)) {}
+  void cancel() noexcept {
+    if (active_) active_->store(false);
+  }
+
+ private:
+  std::shared_ptr<std::atomic<bool>> active_;
+};
+
+/// Subscription handles of one owner; it only grows.
+class CancellableSet {
+ public:
+  void insert(Cancellable cancellable) {
+    std::lock_guard lock(mutex_);
+    handles_.push_back(std::move(cancellable));
+  }
+  std::size_t size() const {
+    std::lock_guard lock(mutex_);
+    return handles_.size();
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<Cancellable> handles_;
+};
+
+namespace detail {
+
+template <class T>
+class SubscriberList {
+ public:
+  using Callback = std::function<void(const T&)>;
+
+  // Callers hold mutex().
+  Cancellable add(Callback callback) {
+    auto active = std::make_shared<std::atomic<bool>>(true);
+    subscribers_.push_back({std::make_shared<Callback>(std::move(callback)), active});
+    return Cancellable(active);
+  }
+  // Delivers in subscription order to every subscriber still active.
+  void deliver(
+      const T& value,
+      const std::vector<std::pair<std::shared_ptr<Callback>, std::shared_ptr<std::atomic<bool>>>>&
+          snapshot) {
+    for (const auto& [callback, active] : snapshot) {
+      if (active->load()) (*callback)(value);
+    }
+  }
+  auto snapshotLocked() const { return subscribers_; }
+  std::mutex& mutex() const { return mutex_; }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::pair<std::shared_ptr<Callback>, std::shared_ptr<std::atomic<bool>>>>
+      subscribers_;
+};
+
+}  // namespace detail
+
+/// Passes each value to the subscribers present at the time; keeps nothing.
+template <class T>
+class PassthroughSubject {
+ public:
+  void send(const T& value) {
+    decltype(list_.snapshotLocked()) snapshot;
+    {
+      std::lock_guard lock(list_.mutex());
+      snapshot = list_.snapshotLocked();
+    }
+    list_.deliver(value, snapshot);
+  }
+  Cancellable subscribe(std::function<void(const T&)> callback) {
+    std::lock_guard lock(list_.mutex());
+    return list_.add(std::move(callback));
+  }
+
+ private:
+  detail::SubscriberList<T> list_;
+};
+
+/// Keeps the latest value; a new subscriber receives it at once unless it asks to skip it.
+template <class T>
+class CurrentValueSubject {
+ public:
+  explicit CurrentValueSubject(T initial) : value_(std::move(initial)) {}
+
+  T value() const {
+    std::lock_guard lock(list_.mutex());
+    return value_;
+  }
+  void send(T value) {
+    decltype(list_.snapshotLocked()) snapshot;
+    {
+      std::lock_guard lock(list_.mutex());
+      value_ = value;
+      snapshot = list_.snapshotLocked();
+    }
+    list_.deliver(value, snapshot);
+  }
+  Cancellable subscribe(std::function<void(const T&)> callback, bool skipCurrent = false) {
+    Cancellable handle;
+    std::optional<T> current;
+    std::shared_ptr<std::function<void(const T&)>> shared;
+    {
+      std::lock_guard lock(list_.mutex());
+      if (!skipCurrent) {
+        current = value_;
+        shared = std::make_shared<std::function<void(const T&)>>(callback);
+      }
+      handle = list_.add(std::move(callback));
+    }
+    if (current) (*shared)(*current);
+    return handle;
+  }
+
+ private:
+  detail::SubscriberList<T> list_;
+  T value_;
+};
+
+/// A callable that runs f(owner, args...) only while `owner` still exists.
+template <class Owner, class F>
+auto weakly(std::weak_ptr<Owner> owner, F f) {
+  return [owner = std::move(owner), f = std::move(f)](auto&&... args) {
+    if (auto strong = owner.lock()) f(*strong, std::forward<decltype(args)>(args)...);
+  };
+}
+
+}  // namespace zelvanor::support

@@ -1,0 +1,112 @@
+// Sources a test controls: a transport that records what it is handed, an identity source that
+// answers when told, and a network monitor whose state the test sets.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "manager/internal_log_manager.hpp"
+#include "network/reachability.hpp"
+
+namespace zelvanor::testing {
+
+class RecordingTransport final : public detail::RecordTransport {
+ public:
+  struct Sent {
+    ZLogRecord record;
+    bool networkAvailable;
+  };
+
+  void send(detail::RecordPtr record, bool networkAvailable) override {
+    std::lock_guard lock(mutex_);
+    sent_.push_back({*record, networkAvailable});
+  }
+  std::vector<ZLogRecord> takePendingRecords() override {
+    std::lock_guard lock(mutex_);
+    ++restoreCalls_;
+    return std::exchange(pending_, {});
+  }
+  void shutdown(std::vector<detail::RecordPtr> unsent) override {
+    std::lock_guard lock(mutex_);
+    for (auto& record : unsent) unsentAtShutdown_.push_back(*record);
+  }
+
+  void setPending(std::vector<ZLogRecord> records) {
+    std::lock_guard lock(mutex_);
+    pending_ = std::move(records);
+  }
+  std::vector<Sent> sent() const {
+    std::lock_guard lock(mutex_);
+    return sent_;
+  }
+  std::vector<std::string> sentActionKinds() const {
+    std::lock_guard lock(mutex_);
+    std::vector<std::string> kinds;
+    for (const auto& s : sent_) kinds.push_back(s.record.action.kind);
+    return kinds;
+  }
+  std::vector<ZLogRecord> unsentAtShutdown() const {
+    std::lock_guard lock(mutex_);
+    return unsentAtShutdown_;
+  }
+  int restoreCalls() const {
+    std::lock_guard lock(mutex_);
+    return restoreCalls_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<Sent> sent_;
+  std::vector<ZLogRecord> pending_;
+  std::vector<ZLogRecord> unsentAtShutdown_;
+  int restoreCalls_ = 0;
+};
+
+class ManualIdentity final : public detail::IdentitySource {
+ public:
+  support::Cancellable fetchXid(std::function<void(const ZXid&)> onTriple) override {
+    {
+      std::lock_guard lock(mutex_);
+      ++fetches_;
+    }
+    return subject_.subscribe(std::move(onTriple));
+  }
+  void deliver(const ZXid& xid) { subject_.send(xid); }
+  int fetches() const {
+    std::lock_guard lock(mutex_);
+    return fetches_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  int fetches_ = 0;
+  support::PassthroughSubject<ZXid> subject_;
+};
+
+class ManualNetwork final : public detail::NetworkMonitor {
+ public:
+  void startIfNeeded() override { ++starts_; }
+  support::CurrentValueSubject<detail::NetworkState>& states() override { return states_; }
+  void pushFlags(std::uint32_t flags) override {
+    states_.send(detail::ZReachability::stateFor(flags));
+  }
+  void stop() override {}
+  int starts() const { return starts_; }
+
+ private:
+  std::atomic<int> starts_{0};
+  support::CurrentValueSubject<detail::NetworkState> states_{detail::NetworkState::wifi};
+};
+
+struct FakeSources {
+  std::shared_ptr<RecordingTransport> transport = std::make_shared<RecordingTransport>();
+  std::shared_ptr<ManualIdentity> identity = std::make_shared<ManualIdentity>();
+  std::shared_ptr<ManualNetwork> network = std::make_shared<ManualNetwork>();
+  std::shared_ptr<platform::SettingsStore> settings{};
+
+  detail::ManagerSources sources() const { return {transport, identity, network, settings}; }
+};
+
+}  // namespace zelvanor::testing

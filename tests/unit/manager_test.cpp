@@ -1,0 +1,294 @@
+// The flows a host goes through: first launch, later launch, update, events before and after the
+// identity triple, context merges, getData.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+
+#include "support/fake_sources.hpp"
+#include "platform/platform.hpp"
+#include "support/temp_dir.hpp"
+#include "zelvanor/json.hpp"
+#include "zelvanor/platform.hpp"
+
+namespace zelvanor {
+namespace {
+
+using detail::NetworkState;
+using detail::ZInternalLogManager;
+using testing::FakeSources;
+
+const ZXid kTriple{"cid-1", "did-1", "sid-1"};
+
+ZCommon shopCommon() {
+  return ZCommon({.serviceName = "shop", .deployment = "prod", .svcDomain = "shop.example"});
+}
+
+class ManagerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.shop",
+                                    .appVersion = "2.0",
+                                    .os = "Linux",
+                                    .osVersion = "6.1",
+                                    .deviceModel = "Board",
+                                    .language = "ko",
+                                    .screen = ZScreenSize{390, 844},
+                                    .dataDirectory = dir.path().string()});
+    fakes.settings = std::make_shared<platform::SettingsStore>(dir.path() / "settings.json");
+  }
+  void TearDown() override {
+    if (manager) manager->stop();
+    setPlatformFacts({});
+  }
+
+  std::shared_ptr<ZInternalLogManager> start(int configureCalls = 1) {
+    manager = ZInternalLogManager::create(fakes.sources());
+    for (int i = 0; i < configureCalls; ++i) manager->configure(ZConfiguration::defaults());
+    return manager;
+  }
+  void deliverTriple() {
+    fakes.identity->deliver(kTriple);
+    manager->waitForIdentityWork();
+  }
+  std::vector<ZLogRecord> sentRecords() const {
+    std::vector<ZLogRecord> records;
+    for (auto& s : fakes.transport->sent()) records.push_back(s.record);
+    return records;
+  }
+
+  testing::TempDir dir;
+  FakeSources fakes;
+  std::shared_ptr<ZInternalLogManager> manager;
+};
+
+TEST_F(ManagerTest, FirstLaunchAfterSetRequiredYieldsInstallThenTwoLaunches) {
+  start(/*configureCalls=*/2);  // creation's defaults, then the host's setRequired
+  deliverTriple();
+  manager->setCommon(shopCommon());
+
+  const auto records = sentRecords();
+  ASSERT_EQ(records.size(), 3u);
+  EXPECT_EQ(fakes.transport->sentActionKinds(), (std::vector<std::string>{"install", "launch", "launch"}));
+  const ZLogRecord& install = records[0];
+  EXPECT_EQ(install.action, ZAction("app", "앱설치", "install"));
+  ASSERT_TRUE(install.app);
+  EXPECT_EQ(install.app->appInstall, true);
+  EXPECT_EQ(install.app->appLaunch, true);
+  ASSERT_TRUE(install.app->appInstallDate);
+  EXPECT_EQ(install.app->appInstallDate->size(), 10u);  // yyyy-MM-dd
+  ASSERT_TRUE(install.app->appInstallTimestamp);
+  EXPECT_EQ(records[1].action, ZAction("app", "앱실행", "launch"));
+  EXPECT_EQ(records[1].app, (ZApp{.appLaunch = true}));
+  EXPECT_EQ(install.xid, kTriple);
+  ASSERT_TRUE(install.common);
+  EXPECT_TRUE(install.common->requestTimeStamp);
+  EXPECT_EQ(install.ucid, (ZUcid{.id = "cid-1"}));
+  EXPECT_EQ(fakes.settings->string("latestAppVersion"), "2.0");
+  EXPECT_EQ(fakes.settings->string("appInstalledDate"), install.app->appInstallDate);
+  EXPECT_EQ(fakes.settings->integer("appInstalledTimestamp"), install.app->appInstallTimestamp);
+}
+
+TEST_F(ManagerTest, LaterLaunchAndUpdateFollowTheStoredVersion) {
+  fakes.settings->setString("latestAppVersion", "2.0");
+  start();
+  deliverTriple();
+  manager->setCommon(shopCommon());
+  EXPECT_EQ(fakes.transport->sentActionKinds(), (std::vector<std::string>{"launch"}));
+
+  manager->stop();
+  fakes = FakeSources{.settings = fakes.settings};
+  fakes.settings->setString("latestAppVersion", "1.9");
+  start();
+  deliverTriple();
+  manager->setCommon(shopCommon());
+  const auto records = sentRecords();
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[0].action, ZAction("app", "앱업데이트", "update"));
+  EXPECT_EQ(records[0].app, (ZApp{.appUpdate = true}));
+  EXPECT_EQ(records[1].action.kind, "launch");
+  EXPECT_EQ(fakes.settings->string("latestAppVersion"), "2.0");
+}
+
+TEST_F(ManagerTest, WithoutASettingsStoreEveryStartLooksLikeAnInstall) {
+  fakes.settings.reset();
+  start();
+  deliverTriple();
+  manager->setCommon(shopCommon());
+  EXPECT_EQ(fakes.transport->sentActionKinds(), (std::vector<std::string>{"install", "launch"}));
+}
+
+TEST_F(ManagerTest, EventsBeforeTheTripleBecomeRecordsWithContextCurrentWhenItArrives) {
+  start();
+  manager->setPage(ZPage{.id = "p1", .name = "home", .title = "Home"});
+  manager->setAction(ZAction(ZAction::ZActionType::pageView, "home", "view"));
+  manager->track(false, false);
+  manager->setClick(ZClick{.type = "banner"});  // no action: the template makes no record
+  manager->track(false, false);
+  manager->setAction(ZAction("event", "ignored", "disabled"));
+  manager->track(false, /*disabled=*/true);  // not even kept as a template
+  manager->setAction(ZAction("event", "second", "tap"));
+  manager->track(true, false);
+  EXPECT_EQ(manager->queue().templateCount(), 3u);
+  EXPECT_TRUE(fakes.transport->sent().empty());
+
+  // Context that arrives later is what the records carry.
+  fakes.settings->setString("latestAppVersion", "2.0");
+  manager->setCommon(shopCommon());  // runs launch detection, itself kept as a template
+  manager->setId(ZId{.accountId = "acct-9"});
+  deliverTriple();
+
+  const auto records = sentRecords();
+  ASSERT_EQ(records.size(), 3u);
+  EXPECT_EQ(records[0].action.kind, "view");
+  EXPECT_EQ(records[0].page->name, "home");
+  EXPECT_EQ(records[1].action.kind, "tap");
+  EXPECT_FALSE(records[1].page);  // the builder started afresh after the first track
+  EXPECT_EQ(records[2].action.kind, "launch");
+  for (const auto& record : records) {
+    ASSERT_TRUE(record.common);
+    EXPECT_FALSE(record.common->requestTimeStamp) << "templates are never stamped";
+    EXPECT_EQ(record.ucid->id, "acct-9");
+    EXPECT_EQ(record.xid, kTriple);
+  }
+  EXPECT_EQ(manager->queue().templateCount(), 0u);
+
+  // After the triple, records are stamped and sent directly.
+  manager->setAction(ZAction("event", "after", "tap"));
+  manager->track(false, false);
+  ASSERT_EQ(sentRecords().size(), 4u);
+  EXPECT_TRUE(sentRecords().back().common->requestTimeStamp);
+}
+
+TEST_F(ManagerTest, TemplatesWithoutContextAreDroppedWhenTheTripleArrives) {
+  start();
+  manager->setAction(ZAction("event", "orphan", "tap"));
+  manager->track(false, false);
+  deliverTriple();  // no common block yet
+  EXPECT_TRUE(fakes.transport->sent().empty());
+  EXPECT_EQ(manager->queue().templateCount(), 0u);
+}
+
+TEST_F(ManagerTest, AgentMergeTakesDeviceModelAsDeviceNumber) {
+  start();
+  manager->setAgent(ZAgent{.deviceModel = "B", .deviceNumber = "A"});
+  auto agent = manager->agent();
+  ASSERT_TRUE(agent);
+  EXPECT_EQ(agent->deviceModel, "B");
+  EXPECT_EQ(agent->deviceNumber, "B");
+  manager->setAgent(ZAgent{.deviceNumber = "C", .carrier = "K"});
+  agent = manager->agent();
+  EXPECT_EQ(agent->deviceNumber, "B") << "a given deviceNumber is never taken";
+  EXPECT_EQ(agent->carrier, "K");
+  // Filled automatically from the platform and the network state.
+  EXPECT_EQ(agent->os, "Linux");
+  EXPECT_EQ(agent->appVersion, "2.0");
+  EXPECT_EQ(agent->language, "ko");
+  EXPECT_EQ(agent->screen, "(390.0, 844.0)");
+  EXPECT_EQ(agent->networkState, "wifi");
+  EXPECT_TRUE(agent->timezone);
+  EXPECT_EQ(fakes.network->starts(), 1);
+}
+
+TEST_F(ManagerTest, NetworkStateFeedsTheAgentAndTheGate) {
+  start();
+  deliverTriple();
+  fakes.settings->setString("latestAppVersion", "2.0");
+  manager->setCommon(shopCommon());
+  fakes.network->states().send(NetworkState::offline);
+  EXPECT_EQ(manager->agent()->networkState, "offline");
+  manager->setAction(ZAction("event", "x", "offline-tap"));
+  manager->track(false, false);
+  fakes.network->states().send(NetworkState::mobile);
+  manager->setAction(ZAction("event", "y", "mobile-tap"));
+  manager->track(false, false);
+
+  const auto sent = fakes.transport->sent();
+  ASSERT_EQ(sent.size(), 3u);
+  EXPECT_TRUE(sent[0].networkAvailable);
+  EXPECT_FALSE(sent[1].networkAvailable);
+  EXPECT_EQ(sent[1].record.agent->networkState, "offline");
+  EXPECT_TRUE(sent[2].networkAvailable);
+  EXPECT_EQ(sent[2].record.agent->networkState, "mobile");
+}
+
+TEST_F(ManagerTest, IdMergeAndUcidOrder) {
+  start();
+  deliverTriple();
+  manager->setId(ZId{.accountId = "u1", .appUserId = "", .webIdEnabled = false});
+  manager->setId(ZId{.customId = "c9"});
+  const auto id = manager->id();
+  EXPECT_EQ(id->accountId, "u1");
+  EXPECT_EQ(id->customId, "c9");
+  EXPECT_EQ(id->webIdEnabled, false);
+
+  fakes.settings->setString("latestAppVersion", "2.0");
+  manager->setCommon(shopCommon());
+  const auto record = sentRecords().at(0);
+  ASSERT_TRUE(record.ucid);
+  EXPECT_EQ(record.ucid->id, "u1") << "empty appUserId is skipped";
+  EXPECT_FALSE(record.ucid->serviceName);
+  EXPECT_FALSE(record.ucid->serviceId);
+  EXPECT_EQ(*encodeJson(*record.ucid), R"({"id":"u1"})");
+}
+
+TEST_F(ManagerTest, GetDataTexts) {
+  start();
+  EXPECT_EQ(manager->getData(), "Zelvanor Status unstable not yet.");
+  deliverTriple();
+  fakes.settings->setString("latestAppVersion", "2.0");
+  manager->setCommon(shopCommon());
+  EXPECT_EQ(manager->getData(), "Zelvanor Status unstable not yet.") << "no id block yet";
+  manager->setId(ZId{.appUserId = "me"});
+  EXPECT_EQ(manager->getData(), "Can't make logRecord.");
+
+  manager->setPage(ZPage{.id = "p", .name = "n", .title = "t"});
+  manager->setAction(ZAction("event", "e", "k"));
+  const std::string json = manager->getData();
+  auto decoded = decodeJson<ZLogRecord>(json);
+  ASSERT_TRUE(decoded.ok()) << json;
+  EXPECT_EQ(decoded->page->name, "n");
+  EXPECT_NE(json.find("\n  \"xid\""), std::string::npos) << "pretty-printed";
+  // getData used the blocks up.
+  EXPECT_EQ(manager->getData(), "Can't make logRecord.");
+
+  manager->setLocation(ZLocation{.latitude = std::nan("")});
+  manager->setAction(ZAction("event", "e", "k"));
+  EXPECT_EQ(manager->getData(), "Can't Encode logRecord");
+}
+
+TEST_F(ManagerTest, LifecycleEventsRecordBackgroundAndLaunch) {
+  fakes.settings->setString("latestAppVersion", "2.0");
+  start();
+  deliverTriple();
+  manager->setCommon(shopCommon());
+  platform::lifecycleEvents().send(platform::LifecycleEvent::willResignActive);
+  platform::lifecycleEvents().send(platform::LifecycleEvent::willTerminate);
+  platform::lifecycleEvents().send(platform::LifecycleEvent::willEnterForeground);
+  EXPECT_EQ(fakes.transport->sentActionKinds(),
+            (std::vector<std::string>{"launch", "background", "background", "launch"}));
+  EXPECT_EQ(sentRecords()[1].app, (ZApp{.appExit = true}));
+  EXPECT_EQ(sentRecords()[1].action.name, "백그라운드");
+}
+
+TEST_F(ManagerTest, SubscriptionsDoubleWithEveryConfigureAndPendingRecordsComeFirst) {
+  fakes.transport->setPending({ZLogRecord{.xid = kTriple, .action = {"a", "b", "restored"}}});
+  start();
+  const auto once = manager->subscriptionCount();
+  manager->configure(ZConfiguration{.timeout = 2, .batchSize = 2, .usingSandboxEnvironment = true});
+  EXPECT_EQ(manager->subscriptionCount() - once, once - 3) << "lifecycle subscriptions are made once";
+  EXPECT_EQ(fakes.identity->fetches(), 2);
+  EXPECT_EQ(fakes.transport->restoreCalls(), 1);
+  EXPECT_EQ(manager->queue().recordCount(), 1u);
+  EXPECT_EQ(manager->queue().batchSize(), 2u);
+
+  deliverTriple();
+  manager->setAction(ZAction("event", "e", "next"));
+  fakes.settings->setString("latestAppVersion", "2.0");
+  manager->setCommon(shopCommon());  // two subscriptions: two launches
+  EXPECT_EQ(fakes.transport->sentActionKinds()[0], "restored");
+}
+
+}  // namespace
+}  // namespace zelvanor

@@ -1,0 +1,135 @@
+// The static facade: chaining, when the shared instance starts, and how configuration calls
+// overwrite each other.
+#include <gtest/gtest.h>
+
+#include "api/settings.hpp"
+#include "api/shared_instance.hpp"
+#include "support/fake_sources.hpp"
+#include "support/temp_dir.hpp"
+#include "zelvanor/json.hpp"
+#include "zelvanor/tracker.hpp"
+
+namespace zelvanor {
+namespace {
+
+class TrackerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    detail::shutdownShared();
+    setPlatformFacts(ZPlatformFacts{.appVersion = "1.0", .dataDirectory = dir.path().string()});
+    fakes.settings = std::make_shared<platform::SettingsStore>(dir.path() / "settings.json");
+    fakes.settings->setString("latestAppVersion", "1.0");
+    detail::setSourcesFactory([this] { return fakes.sources(); });
+    // Process-wide settings back to their initial values.
+    detail::settings().requestTimeout = 5.0;
+    detail::settings().usingSandbox = false;
+    detail::settings().consoleLogsEnabled = true;
+  }
+  void TearDown() override {
+    detail::shutdownShared();
+    detail::setSourcesFactory({});
+    setPlatformFacts({});
+  }
+  void becomeReady() {
+    ZelvanorTracker::setDevelopment();  // starts the shared instance
+    fakes.identity->deliver(ZXid{"c", "d", "s"});
+    detail::sharedIfRunning()->waitForIdentityWork();
+    ZelvanorTracker::set([] { return ZCommon({.serviceName = "svc", .deployment = "dev"}); });
+  }
+
+  testing::TempDir dir;
+  testing::FakeSources fakes;
+};
+
+TEST_F(TrackerTest, ChainedCallsProduceOneRecordWithTheDefaultSdkBlock) {
+  becomeReady();
+  ZelvanorTracker::setDevelopment()
+      .set([] { return ZPage{.id = "p", .name = "home", .title = "Home"}; })
+      .set(ZBucket{.name = "b1"})
+      .set([] { return std::vector<ZBucket>{{.name = "b2"}}; })
+      .set([] { return std::string("ignored"); })
+      .set(ZAction(ZAction::ZActionType::pageView, "home", "view"))
+      .track(false, false);
+  const auto sent = fakes.transport->sent();
+  ASSERT_EQ(sent.size(), 2u);  // the launch, then ours (batch size 1 by default)
+  const ZLogRecord& record = sent[1].record;
+  EXPECT_EQ(record.page->name, "home");
+  EXPECT_EQ(record.buckets->size(), 2u);
+  EXPECT_FALSE(record.free) << "the text set is dropped";
+  const std::string json = *encodeJson(record.sdk);
+  EXPECT_EQ(json, R"({"type":"development","version":"0.9.0","common_log_version":"1.2.0"})");
+
+  ZelvanorTracker::setProduction().set(ZAction("e", "n", "k")).track(false, false);
+  EXPECT_EQ(*encodeJson(fakes.transport->sent().back().record.sdk),
+            R"({"type":"production","version":"0.9.0","common_log_version":"1.2.0"})");
+}
+
+TEST_F(TrackerTest, SwitchesThatDoNotStartTheSdkAndATimeoutOverwrittenAtStart) {
+  ZelvanorTracker::turnOffConsoleLogs();
+  ZelvanorTracker::setTimeout(30);
+  EXPECT_EQ(detail::sharedIfRunning(), nullptr);
+  EXPECT_FALSE(detail::settings().consoleLogsEnabled);
+  EXPECT_EQ(detail::settings().requestTimeout, 30.0);
+
+  ZelvanorTracker::setDevelopment();  // starts the SDK, which applies the defaults
+  ASSERT_NE(detail::sharedIfRunning(), nullptr);
+  EXPECT_EQ(detail::settings().requestTimeout, 5.0);
+  EXPECT_EQ(detail::sharedIfRunning()->queue().batchSize(), 1u);
+}
+
+TEST_F(TrackerTest, SetRequiredAndLaterCallsOverwriteEachOther) {
+  ZelvanorTracker::setRequired([] {
+    return ZConfiguration{.timeout = 10, .batchSize = 3, .usingSandboxEnvironment = true};
+  }).useGeneralEnvrionment();
+  EXPECT_EQ(detail::settings().requestTimeout, 10.0);
+  EXPECT_FALSE(detail::settings().usingSandbox);
+  EXPECT_EQ(detail::sharedIfRunning()->queue().batchSize(), 3u);
+
+  ZelvanorTracker::setTimeout(-1).setBatchSize(0).useSandboxEnvironment();
+  EXPECT_EQ(detail::settings().requestTimeout, -1.0) << "no range check";
+  EXPECT_EQ(detail::sharedIfRunning()->queue().batchSize(), 0u);
+  EXPECT_TRUE(detail::settings().usingSandbox);
+
+  ZelvanorTracker::setRequired(ZConfiguration::defaults());
+  EXPECT_EQ(detail::settings().requestTimeout, 5.0);
+  EXPECT_FALSE(detail::settings().usingSandbox);
+  EXPECT_EQ(ZConfiguration::defaults(), (ZConfiguration{5.0, 1, false}));
+}
+
+TEST_F(TrackerTest, BatchSizeFromTheFacadeAndFlush) {
+  becomeReady();
+  ZelvanorTracker::setBatchSize(5);
+  for (int i = 0; i < 4; ++i) ZelvanorTracker::set(ZAction("e", std::to_string(i), "k")).track(false, false);
+  EXPECT_EQ(fakes.transport->sent().size(), 1u);  // only the launch from becomeReady
+  ZelvanorTracker::flush();
+  const auto sent = fakes.transport->sent();
+  ASSERT_EQ(sent.size(), 5u);
+  EXPECT_EQ(sent[1].record.action.name, "0");
+  EXPECT_EQ(sent[4].record.action.name, "3");
+}
+
+TEST_F(TrackerTest, GetDataAndLifecyclePostingGoThroughTheSharedInstance) {
+  EXPECT_EQ(ZelvanorTracker::getData(), "Zelvanor Status unstable not yet.");
+  becomeReady();
+  ZelvanorTracker::set(ZId{.appUserId = "me"});
+  EXPECT_EQ(ZelvanorTracker::getData(), "Can't make logRecord.");
+  ZelvanorTracker::post(ZLifecycleEvent::willResignActive);
+  EXPECT_EQ(fakes.transport->sentActionKinds().back(), "background");
+}
+
+TEST_F(TrackerTest, ShutdownHandsOverUnsentRecordsAndTheNextCallStartsAfresh) {
+  becomeReady();
+  ZelvanorTracker::setBatchSize(10).set(ZAction("e", "waiting", "k")).track(false, false);
+  auto firstTransport = fakes.transport;
+  fakes = testing::FakeSources{.settings = fakes.settings};
+  ZelvanorTracker::shutdown();
+  ASSERT_EQ(firstTransport->unsentAtShutdown().size(), 1u);
+  EXPECT_EQ(firstTransport->unsentAtShutdown()[0].action.name, "waiting");
+  EXPECT_EQ(detail::sharedIfRunning(), nullptr);
+  ZelvanorTracker::setDevelopment();
+  EXPECT_NE(detail::sharedIfRunning(), nullptr);
+  EXPECT_EQ(fakes.transport->restoreCalls(), 1);
+}
+
+}  // namespace
+}  // namespace zelvanor
