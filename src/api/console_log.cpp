@@ -35,7 +35,8 @@ std::string formatConsoleLine(std::string_view message, std::string_view file,
   return text;
 }
 
-void logError(std::string_view message, std::string_view file, std::string_view function, int line) {
+void logError(std::string_view message, std::string_view file, std::string_view function,
+              int line) {
   if (!settings().consoleLogsEnabled.load(std::memory_order_relaxed)) return;
   const std::string text = formatConsoleLine(message, file, function, line);
   std::shared_ptr<const ConsoleSink> sink;

@@ -104,11 +104,13 @@ ZelvanorTracker ZelvanorTracker::setRequired(const ZConfiguration& configuration
 }
 
 ZelvanorTracker ZelvanorTracker::setDevelopment() {
-  return withShared([](ZInternalLogManager& m) { m.setDeploymentType(DeploymentType::development); });
+  return withShared(
+      [](ZInternalLogManager& m) { m.setDeploymentType(DeploymentType::development); });
 }
 
 ZelvanorTracker ZelvanorTracker::setProduction() {
-  return withShared([](ZInternalLogManager& m) { m.setDeploymentType(DeploymentType::production); });
+  return withShared(
+      [](ZInternalLogManager& m) { m.setDeploymentType(DeploymentType::production); });
 }
 
 ZelvanorTracker ZelvanorTracker::useSandboxEnvironment() {
@@ -148,8 +150,8 @@ ZelvanorTracker ZelvanorTracker::set(const ZId& block) {
   return withShared([&](ZInternalLogManager& m) { m.setId(block); });
 }
 
-#define ZELVANOR_FACADE_SETTER(Type, Method)                                          \
-  ZelvanorTracker ZelvanorTracker::set(Type block) {                                  \
+#define ZELVANOR_FACADE_SETTER(Type, Method)                                        \
+  ZelvanorTracker ZelvanorTracker::set(Type block) {                                \
     return withShared([&](ZInternalLogManager& m) { m.Method(std::move(block)); }); \
   }
 ZELVANOR_FACADE_SETTER(ZAgreement, setAgreement)
@@ -220,10 +222,10 @@ ZelvanorTracker ZelvanorTracker::setReachabilityFlags(std::uint32_t flags) {
 ZelvanorTracker ZelvanorTracker::post(ZLifecycleEvent event) {
   return withShared([&](ZInternalLogManager&) {
     using platform::LifecycleEvent;
-    const LifecycleEvent mapped = event == ZLifecycleEvent::willTerminate ? LifecycleEvent::willTerminate
-                                  : event == ZLifecycleEvent::willResignActive
-                                      ? LifecycleEvent::willResignActive
-                                      : LifecycleEvent::willEnterForeground;
+    const LifecycleEvent mapped =
+        event == ZLifecycleEvent::willTerminate      ? LifecycleEvent::willTerminate
+        : event == ZLifecycleEvent::willResignActive ? LifecycleEvent::willResignActive
+                                                     : LifecycleEvent::willEnterForeground;
     platform::lifecycleEvents().send(mapped);
   });
 }

@@ -18,7 +18,9 @@ void ZLogRecordBuilder::overrideSet(std::optional<Block>& slot, Block value, con
 }
 
 #define ZELVANOR_SINGLE_BLOCK_SETTER(Name, Type, member) \
-  void ZLogRecordBuilder::Name(Type value) { overrideSet(state_.member, std::move(value)); }
+  void ZLogRecordBuilder::Name(Type value) {             \
+    overrideSet(state_.member, std::move(value));        \
+  }
 ZELVANOR_SINGLE_BLOCK_SETTER(setApp, ZApp, app)
 ZELVANOR_SINGLE_BLOCK_SETTER(setClick, ZClick, click)
 ZELVANOR_SINGLE_BLOCK_SETTER(setDomain, ZDomain, domain)
@@ -98,6 +100,8 @@ std::optional<ZLogRecord> ZLogRecordBuilder::buildRecordFromTemplate(
   return makeRecord(context, ZLogTemplate(logTemplate));
 }
 
-ZLogTemplate ZLogRecordBuilder::makeTemplate() { return std::exchange(state_, ZLogTemplate{}); }
+ZLogTemplate ZLogRecordBuilder::makeTemplate() {
+  return std::exchange(state_, ZLogTemplate{});
+}
 
 }  // namespace zelvanor::detail

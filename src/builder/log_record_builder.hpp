@@ -44,7 +44,8 @@ class ZLogRecordBuilder {
   void appendViewImpressionContent(ZViewImpressionContent content);
   void appendViewImpressionContents(std::vector<ZViewImpressionContent> contents);
 
-  /// No action: nothing is made and the blocks are thrown away. Either way the builder is empty after.
+  /// No action: nothing is made and the blocks are thrown away. Either way the builder is empty
+  /// after.
   std::optional<ZLogRecord> buildRecord(const RecordContext& context);
   /// Reads the template only; the builder's own blocks stay as they are.
   static std::optional<ZLogRecord> buildRecordFromTemplate(const RecordContext& context,

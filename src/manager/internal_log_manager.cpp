@@ -44,9 +44,13 @@ std::shared_ptr<ZInternalLogManager> ZInternalLogManager::create(ManagerSources 
 ZInternalLogManager::ZInternalLogManager(ManagerSources sources)
     : sources_(std::move(sources)), queue_(sources_.transport) {}
 
-ZInternalLogManager::~ZInternalLogManager() { serial_.stop(); }
+ZInternalLogManager::~ZInternalLogManager() {
+  serial_.stop();
+}
 
-void ZInternalLogManager::stop() { serial_.stop(); }
+void ZInternalLogManager::stop() {
+  serial_.stop();
+}
 
 void ZInternalLogManager::waitForIdentityWork() {
   serial_.sync([] {});
@@ -56,10 +60,11 @@ void ZInternalLogManager::subscribeToLifecycle() {
   using platform::LifecycleEvent;
   std::weak_ptr<ZInternalLogManager> weak = weak_from_this();
   auto on = [&](LifecycleEvent wanted, void (ZInternalLogManager::*handler)()) {
-    cancellables_.insert(platform::lifecycleEvents().subscribe([weak, wanted, handler](const LifecycleEvent& event) {
-      if (event != wanted) return;
-      if (auto self = weak.lock()) ((*self).*handler)();
-    }));
+    cancellables_.insert(
+        platform::lifecycleEvents().subscribe([weak, wanted, handler](const LifecycleEvent& event) {
+          if (event != wanted) return;
+          if (auto self = weak.lock()) ((*self).*handler)();
+        }));
   };
   on(LifecycleEvent::willTerminate, &ZInternalLogManager::trackAppBackground);
   on(LifecycleEvent::willResignActive, &ZInternalLogManager::trackAppBackground);
@@ -211,10 +216,10 @@ void ZInternalLogManager::setId(const ZId& given) {
   takeIfPresent(stored.customGroupId, given.customGroupId);
 }
 
-#define ZELVANOR_BUILDER_SETTER(Name, Type)       \
-  void ZInternalLogManager::Name(Type value) {    \
-    std::lock_guard lock(mutex_);                 \
-    builder_.Name(std::move(value));              \
+#define ZELVANOR_BUILDER_SETTER(Name, Type)    \
+  void ZInternalLogManager::Name(Type value) { \
+    std::lock_guard lock(mutex_);              \
+    builder_.Name(std::move(value));           \
   }
 ZELVANOR_BUILDER_SETTER(setAgreement, ZAgreement)
 ZELVANOR_BUILDER_SETTER(setApp, ZApp)
@@ -240,9 +245,9 @@ ZUcid ZInternalLogManager::deriveUcidLocked() const {
     ucid.serviceId = common_->serviceId;
   }
   if (id_) {
-    for (const auto* candidate : {&id_->appUserId, &id_->accountId, &id_->plovaUserId,
-                                  &id_->hestroUserId, &id_->tunqaId, &id_->accessToken,
-                                  &id_->customId}) {
+    for (const auto* candidate :
+         {&id_->appUserId, &id_->accountId, &id_->plovaUserId, &id_->hestroUserId, &id_->tunqaId,
+          &id_->accessToken, &id_->customId}) {
       if (*candidate && !(*candidate)->empty()) {
         ucid.id = **candidate;
         return ucid;

@@ -27,7 +27,8 @@ struct ManagerSources {
   std::shared_ptr<RecordTransport> transport;
   std::shared_ptr<IdentitySource> identity;
   std::shared_ptr<NetworkMonitor> network;
-  std::shared_ptr<platform::SettingsStore> settingsStore;  ///< null when there is nowhere to keep it
+  std::shared_ptr<platform::SettingsStore>
+      settingsStore;  ///< null when there is nowhere to keep it
 };
 
 class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogManager> {
@@ -102,8 +103,9 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   std::optional<ZXid> xid_;
   std::optional<ZAgent> agent_;
   std::optional<ZId> id_;
-  std::optional<ZCommon> common_;  // never assigned: the host's common block lives in commonSubject_
-  bool ready_ = false;             // mirrors readySubject_, but changes atomically with the templates
+  std::optional<ZCommon>
+      common_;          // never assigned: the host's common block lives in commonSubject_
+  bool ready_ = false;  // mirrors readySubject_, but changes atomically with the templates
   ZLogRecordBuilder builder_;
   ZLogRecordQueue queue_;
   support::CurrentValueSubject<std::optional<ZCommon>> commonSubject_{std::nullopt};

@@ -23,11 +23,13 @@ ManagerSources makeDefaultSources() {
 
   ManagerSources sources;
   sources.transport = std::make_shared<HttpsDelivery>(
-      http, haveDirectory ? ZLogsFileManager::pendingFilePath(dataDirectory) : std::filesystem::path{});
+      http,
+      haveDirectory ? ZLogsFileManager::pendingFilePath(dataDirectory) : std::filesystem::path{});
   sources.identity = std::make_shared<IdentitySync>(http);
   sources.network = std::make_shared<ZReachability>(&platform::makeSystemReachabilityFlagSource);
   if (haveDirectory) {
-    sources.settingsStore = std::make_shared<platform::SettingsStore>(dataDirectory / "settings.json");
+    sources.settingsStore =
+        std::make_shared<platform::SettingsStore>(dataDirectory / "settings.json");
   }
   return sources;
 }

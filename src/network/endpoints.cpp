@@ -46,7 +46,8 @@ ZEndpoints currentEndpoints() {
 }
 
 bool replaceEndpoints(const ZEndpoints& endpoints) {
-  for (const std::string* base : {&endpoints.production, &endpoints.sandbox, &endpoints.identitySync}) {
+  for (const std::string* base :
+       {&endpoints.production, &endpoints.sandbox, &endpoints.identitySync}) {
     if (!joinHttpsUrl(*base, "/")) return false;
   }
   std::lock_guard lock(endpointsMutex);

@@ -15,7 +15,9 @@ class ZHttpApi {
  public:
   /// POST "/sdk/track" with one record as compact JSON, to the production or sandbox collector.
   static ZHttpApi track(RecordPtr log) { return ZHttpApi(std::move(log)); }
-  static ZHttpApi track(ZLogRecord log) { return track(std::make_shared<const ZLogRecord>(std::move(log))); }
+  static ZHttpApi track(ZLogRecord log) {
+    return track(std::make_shared<const ZLogRecord>(std::move(log)));
+  }
   /// GET "/sync?v=1" on the identity sync server: no body, no extra header.
   static ZHttpApi idSync() { return ZHttpApi(std::monostate{}); }
 

@@ -10,13 +10,16 @@ HttpsDelivery::HttpsDelivery(std::shared_ptr<network::HttpClient> http,
                              std::filesystem::path pendingFile)
     : http_(std::move(http)), pendingFile_(std::move(pendingFile)) {}
 
-HttpsDelivery::~HttpsDelivery() { worker_.stop(); }
+HttpsDelivery::~HttpsDelivery() {
+  worker_.stop();
+}
 
 void HttpsDelivery::send(RecordPtr record, bool networkAvailable) {
   if (stopped_.load()) {
     // A host thread that raced with shutdown: nothing will send it now, so keep it for the next
     // start right here (a single O_APPEND write, safe beside the worker's).
-    if (auto encoded = encodeJson(*record)) ZLogsFileManager::appendRecordData(*encoded, pendingFile_);
+    if (auto encoded = encodeJson(*record))
+      ZLogsFileManager::appendRecordData(*encoded, pendingFile_);
     return;
   }
   {
@@ -51,31 +54,33 @@ void HttpsDelivery::sendOnWorker(RecordPtr record, bool networkAvailable) {
     return;
   }
   std::weak_ptr<HttpsDelivery> weak = weak_from_this();
-  http_->send(std::move(*request), [weak, bytes = std::move(bytes)](network::HttpOutcome outcome) mutable {
-    auto self = weak.lock();
-    if (!self) return;
-    if (const auto* response = std::get_if<network::HttpResponse>(&outcome)) {
-      // The collector treats only the exact body ok as success; anything else is a verdict on
-      // the record, so it is not kept (the HTTP status is not looked at).
-      std::lock_guard lock(self->mutex_);
-      if (response->body == "ok") {
-        ++self->counts_.delivered;
-      } else {
-        ++self->counts_.rejected;
-      }
-      self->settleOne();
-      return;
-    }
-    // Transport failure: keep it for the next start. File access stays on the worker (after
-    // shutdown the client answers on the worker itself, which must not queue behind its own stop).
-    if (self->worker_.isCurrent()) {
-      self->keepOnDisk(bytes);
-      return;
-    }
-    self->worker_.async([weak, bytes = std::move(bytes)] {
-      if (auto owner = weak.lock()) owner->keepOnDisk(bytes);
-    });
-  });
+  http_->send(std::move(*request),
+              [weak, bytes = std::move(bytes)](network::HttpOutcome outcome) mutable {
+                auto self = weak.lock();
+                if (!self) return;
+                if (const auto* response = std::get_if<network::HttpResponse>(&outcome)) {
+                  // The collector treats only the exact body ok as success; anything else is a
+                  // verdict on the record, so it is not kept (the HTTP status is not looked at).
+                  std::lock_guard lock(self->mutex_);
+                  if (response->body == "ok") {
+                    ++self->counts_.delivered;
+                  } else {
+                    ++self->counts_.rejected;
+                  }
+                  self->settleOne();
+                  return;
+                }
+                // Transport failure: keep it for the next start. File access stays on the worker
+                // (after shutdown the client answers on the worker itself, which must not queue
+                // behind its own stop).
+                if (self->worker_.isCurrent()) {
+                  self->keepOnDisk(bytes);
+                  return;
+                }
+                self->worker_.async([weak, bytes = std::move(bytes)] {
+                  if (auto owner = weak.lock()) owner->keepOnDisk(bytes);
+                });
+              });
 }
 
 void HttpsDelivery::keepOnDisk(const std::string& bytes) {

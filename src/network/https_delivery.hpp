@@ -17,13 +17,14 @@
 
 namespace zelvanor::detail {
 
-class HttpsDelivery final : public RecordTransport, public std::enable_shared_from_this<HttpsDelivery> {
+class HttpsDelivery final : public RecordTransport,
+                            public std::enable_shared_from_this<HttpsDelivery> {
  public:
   struct Counts {
-    std::uint64_t delivered = 0;     ///< answered exactly "ok"
-    std::uint64_t rejected = 0;      ///< answered anything else: dropped
-    std::uint64_t keptOnDisk = 0;    ///< transport failure or network gate closed
-    std::uint64_t unencodable = 0;   ///< dropped before sending
+    std::uint64_t delivered = 0;    ///< answered exactly "ok"
+    std::uint64_t rejected = 0;     ///< answered anything else: dropped
+    std::uint64_t keptOnDisk = 0;   ///< transport failure or network gate closed
+    std::uint64_t unencodable = 0;  ///< dropped before sending
   };
 
   HttpsDelivery(std::shared_ptr<network::HttpClient> http, std::filesystem::path pendingFile);

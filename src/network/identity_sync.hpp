@@ -14,7 +14,8 @@
 
 namespace zelvanor::detail {
 
-class IdentitySync final : public IdentitySource, public std::enable_shared_from_this<IdentitySync> {
+class IdentitySync final : public IdentitySource,
+                           public std::enable_shared_from_this<IdentitySync> {
  public:
   explicit IdentitySync(std::shared_ptr<network::HttpClient> http) : http_(std::move(http)) {}
 

@@ -9,9 +9,12 @@ enum class NetworkState { wifi, mobile, offline };
 
 constexpr std::string_view rawValue(NetworkState state) noexcept {
   switch (state) {
-    case NetworkState::wifi: return "wifi";
-    case NetworkState::mobile: return "mobile";
-    case NetworkState::offline: return "offline";
+    case NetworkState::wifi:
+      return "wifi";
+    case NetworkState::mobile:
+      return "mobile";
+    case NetworkState::offline:
+      return "offline";
   }
   return "wifi";
 }

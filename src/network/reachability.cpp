@@ -8,7 +8,9 @@ NetworkState ZReachability::stateFor(std::uint32_t flags) noexcept {
   return NetworkState::wifi;
 }
 
-ZReachability::~ZReachability() { stop(); }
+ZReachability::~ZReachability() {
+  stop();
+}
 
 void ZReachability::startIfNeeded() {
   std::lock_guard lock(mutex_);

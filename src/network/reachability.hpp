@@ -14,7 +14,8 @@
 
 namespace zelvanor::detail {
 
-class ZReachability final : public NetworkMonitor, public std::enable_shared_from_this<ZReachability> {
+class ZReachability final : public NetworkMonitor,
+                            public std::enable_shared_from_this<ZReachability> {
  public:
   using SourceFactory = std::function<std::unique_ptr<platform::ReachabilityFlagSource>()>;
 
@@ -31,7 +32,9 @@ class ZReachability final : public NetworkMonitor, public std::enable_shared_fro
   /// Stops the platform watch and the reachability queue.
   void stop() override;
   /// Waits until reports handed over so far have been published.
-  void waitForReports() { queue_.sync([] {}); }
+  void waitForReports() {
+    queue_.sync([] {});
+  }
 
  private:
   void changed(std::uint32_t flags);  // on queue_

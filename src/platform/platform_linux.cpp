@@ -32,7 +32,8 @@ ZPlatformFacts detectFacts() {
   ZPlatformFacts facts;
   std::error_code error;
   const auto executable = std::filesystem::read_symlink("/proc/self/exe", error);
-  if (!error && !executable.filename().empty()) facts.bundleIdentifier = executable.filename().string();
+  if (!error && !executable.filename().empty())
+    facts.bundleIdentifier = executable.filename().string();
 
   utsname names{};
   if (uname(&names) == 0) {
@@ -42,7 +43,8 @@ ZPlatformFacts detectFacts() {
   }
   std::ifstream product("/sys/class/dmi/id/product_name");
   std::string model;
-  if (product && std::getline(product, model) && !trimmed(model).empty()) facts.deviceModel = trimmed(model);
+  if (product && std::getline(product, model) && !trimmed(model).empty())
+    facts.deviceModel = trimmed(model);
 
   for (const char* variable : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
     if (auto locale = environment(variable)) {

@@ -15,7 +15,8 @@ namespace zelvanor::platform {
 
 class SettingsStore {
  public:
-  /// Reads the file now; a missing or corrupt file reads as empty (and is replaced at the next write).
+  /// Reads the file now; a missing or corrupt file reads as empty (and is replaced at the next
+  /// write).
   explicit SettingsStore(std::filesystem::path file);
 
   std::optional<std::string> string(std::string_view key) const;

@@ -59,7 +59,7 @@ std::size_t ZLogRecordQueue::templateCount() const {
 std::vector<RecordPtr> ZLogRecordQueue::takeRecords() {
   std::lock_guard lock(mutex_);
   std::vector<RecordPtr> records(std::make_move_iterator(recordTable_.begin()),
-                                  std::make_move_iterator(recordTable_.end()));
+                                 std::make_move_iterator(recordTable_.end()));
   recordTable_.clear();
   return records;
 }

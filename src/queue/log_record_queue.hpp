@@ -29,14 +29,18 @@ class ZLogRecordQueue {
   /// Appends; once the table holds at least batchSize records, sends the oldest until fewer
   /// remain. So a batch size of 5 keeps four records waiting and sends one per further enqueue.
   void enqueue(RecordPtr record);
-  void enqueue(ZLogRecord record) { enqueue(std::make_shared<const ZLogRecord>(std::move(record))); }
+  void enqueue(ZLogRecord record) {
+    enqueue(std::make_shared<const ZLogRecord>(std::move(record)));
+  }
   /// Sends oldest first while the count is at least `threshold` (kNoThreshold counts as 0).
   void drain(std::uint64_t threshold);
   void flush() { drain(kNoThreshold); }
 
   std::uint64_t batchSize() const noexcept { return batchSize_.load(std::memory_order_relaxed); }
   /// Applies from the next enqueue; lowering it sends nothing by itself.
-  void setBatchSize(std::uint64_t size) noexcept { batchSize_.store(size, std::memory_order_relaxed); }
+  void setBatchSize(std::uint64_t size) noexcept {
+    batchSize_.store(size, std::memory_order_relaxed);
+  }
 
   bool isAvailableNetworking() const noexcept { return networkAvailable_.load(); }
   void setAvailableNetworking(bool available) noexcept { networkAvailable_.store(available); }

@@ -8,7 +8,9 @@ SerialQueue::SerialQueue(std::string label) : label_(std::move(label)) {
   state_->workerId = worker_.get_id();
 }
 
-SerialQueue::~SerialQueue() { stop(); }
+SerialQueue::~SerialQueue() {
+  stop();
+}
 
 bool SerialQueue::isCurrent() const noexcept {
   std::lock_guard lock(state_->mutex);

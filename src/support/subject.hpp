@@ -62,7 +62,12 @@ class SubscriberList {
       const std::vector<std::pair<std::shared_ptr<Callback>, std::shared_ptr<std::atomic<bool>>>>&
           snapshot) {
     for (const auto& [callback, active] : snapshot) {
-      if (active->load()) (*callback)(value);
+      if (!active->load()) continue;
+      try {
+        (*callback)(value);
+      } catch (...) {
+        // One failing subscriber must not keep the value from the others.
+      }
     }
   }
   auto snapshotLocked() const { return subscribers_; }

@@ -22,9 +22,10 @@ TEST(BuilderTest, OverrideKeepsOnlyTheLastBlockAndComposesAnUnshownWarning) {
   EXPECT_TRUE(builder.lastOverrideWarning().empty());
   builder.setPage(ZPage{.id = "2", .name = "second", .title = "t"});
   EXPECT_EQ(builder.lastOverrideWarning().rfind("Are you sure overriding ", 0), 0u);
-  EXPECT_NE(builder.lastOverrideWarning().find(
-                " value?. You are already set value. If you don't want excute track() method first."),
-            std::string::npos);
+  EXPECT_NE(
+      builder.lastOverrideWarning().find(
+          " value?. You are already set value. If you don't want excute track() method first."),
+      std::string::npos);
   builder.setAgreement(ZAgreement{});
   builder.setAgreement(ZAgreement{.cookieAgree = true});
   EXPECT_NE(builder.lastOverrideWarning().find(" value?.  You are already"), std::string::npos);
@@ -79,9 +80,10 @@ TEST(BuilderTest, TemplatesAreValueCopiesAndBuildWithoutTouchingTheBuilder) {
   builder.appendViewImpressionContent(ZViewImpressionContent{.id = "v"});
   ZLogTemplate logTemplate = builder.makeTemplate();
   EXPECT_EQ(builder.state(), ZLogTemplate{});
-  EXPECT_EQ(*encodeJson(logTemplate),
-            R"({"click":{"type":"in-template"},"page":{"id":"1","name":"n","title":"t"},)"
-            R"("viewImpressionContents":[{"id":"v"}],"action":{"type":"event","name":"e","kind":"k"}})");
+  EXPECT_EQ(
+      *encodeJson(logTemplate),
+      R"({"click":{"type":"in-template"},"page":{"id":"1","name":"n","title":"t"},)"
+      R"("viewImpressionContents":[{"id":"v"}],"action":{"type":"event","name":"e","kind":"k"}})");
 
   builder.setClick(ZClick{.type = "in-builder"});
   auto record = ZLogRecordBuilder::buildRecordFromTemplate(context(), logTemplate);
@@ -92,7 +94,8 @@ TEST(BuilderTest, TemplatesAreValueCopiesAndBuildWithoutTouchingTheBuilder) {
   EXPECT_NE(json.find(R"("viewimp_contents":[{"id":"v"}])"), std::string::npos);
   EXPECT_EQ(json.find("viewImpressionContents"), std::string::npos);
 
-  EXPECT_FALSE(ZLogRecordBuilder::buildRecordFromTemplate(context(), ZLogTemplate{.page = ZPage{}}));
+  EXPECT_FALSE(
+      ZLogRecordBuilder::buildRecordFromTemplate(context(), ZLogTemplate{.page = ZPage{}}));
 }
 
 }  // namespace

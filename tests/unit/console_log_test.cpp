@@ -51,7 +51,8 @@ TEST_F(ConsoleLogTest, SwitchIsReadAtEachCall) {
 }
 
 TEST_F(ConsoleLogTest, AThrowingSinkIsContained) {
-  ZelvanorTracker::setConsoleLogSink([](std::string_view) { throw std::runtime_error("host bug"); });
+  ZelvanorTracker::setConsoleLogSink(
+      [](std::string_view) { throw std::runtime_error("host bug"); });
   EXPECT_NO_THROW(detail::logError("m", "f", "g", 3));
 }
 

@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "support/fake_sources.hpp"
 #include "platform/platform.hpp"
+#include "support/fake_sources.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/json.hpp"
 #include "zelvanor/platform.hpp"
@@ -70,7 +70,8 @@ TEST_F(ManagerTest, FirstLaunchAfterSetRequiredYieldsInstallThenTwoLaunches) {
 
   const auto records = sentRecords();
   ASSERT_EQ(records.size(), 3u);
-  EXPECT_EQ(fakes.transport->sentActionKinds(), (std::vector<std::string>{"install", "launch", "launch"}));
+  EXPECT_EQ(fakes.transport->sentActionKinds(),
+            (std::vector<std::string>{"install", "launch", "launch"}));
   const ZLogRecord& install = records[0];
   EXPECT_EQ(install.action, ZAction("app", "앱설치", "install"));
   ASSERT_TRUE(install.app);
@@ -277,7 +278,8 @@ TEST_F(ManagerTest, SubscriptionsDoubleWithEveryConfigureAndPendingRecordsComeFi
   start();
   const auto once = manager->subscriptionCount();
   manager->configure(ZConfiguration{.timeout = 2, .batchSize = 2, .usingSandboxEnvironment = true});
-  EXPECT_EQ(manager->subscriptionCount() - once, once - 3) << "lifecycle subscriptions are made once";
+  EXPECT_EQ(manager->subscriptionCount() - once, once - 3)
+      << "lifecycle subscriptions are made once";
   EXPECT_EQ(fakes.identity->fetches(), 2);
   EXPECT_EQ(fakes.transport->restoreCalls(), 1);
   EXPECT_EQ(manager->queue().recordCount(), 1u);

@@ -19,7 +19,8 @@ struct QueueTest : ::testing::Test {
     for (const auto& s : transport->sent()) names.push_back(s.record.action.name);
     return names;
   }
-  std::shared_ptr<testing::RecordingTransport> transport = std::make_shared<testing::RecordingTransport>();
+  std::shared_ptr<testing::RecordingTransport> transport =
+      std::make_shared<testing::RecordingTransport>();
   ZLogRecordQueue queue{transport};
 };
 

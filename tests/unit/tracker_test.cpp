@@ -99,7 +99,8 @@ TEST_F(TrackerTest, SetRequiredAndLaterCallsOverwriteEachOther) {
 TEST_F(TrackerTest, BatchSizeFromTheFacadeAndFlush) {
   becomeReady();
   ZelvanorTracker::setBatchSize(5);
-  for (int i = 0; i < 4; ++i) ZelvanorTracker::set(ZAction("e", std::to_string(i), "k")).track(false, false);
+  for (int i = 0; i < 4; ++i)
+    ZelvanorTracker::set(ZAction("e", std::to_string(i), "k")).track(false, false);
   EXPECT_EQ(fakes.transport->sent().size(), 1u);  // only the launch from becomeReady
   ZelvanorTracker::flush();
   const auto sent = fakes.transport->sent();

@@ -1,0 +1,259 @@
+// Every outcome of sending a record, identity sync's answers, and reachability's reports.
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "api/settings.hpp"
+#include "network/endpoints.hpp"
+#include "network/http_api.hpp"
+#include "network/https_delivery.hpp"
+#include "network/identity_sync.hpp"
+#include "network/reachability.hpp"
+#include "queue/logs_file_manager.hpp"
+#include "support/https_test_server.hpp"
+#include "support/temp_dir.hpp"
+
+namespace zelvanor {
+namespace {
+
+using detail::HttpsDelivery;
+using detail::ZLogsFileManager;
+using testing::CannedResponse;
+using testing::ReceivedRequest;
+
+detail::RecordPtr record(const std::string& name) {
+  return std::make_shared<const ZLogRecord>(
+      ZLogRecord{.xid = {"c", "d", "s"}, .action = {"event", name, "tap"}});
+}
+
+struct NetworkTest : ::testing::Test {
+  void SetUp() override {
+    ASSERT_TRUE(detail::replaceEndpoints(ZEndpoints{.production = server.baseUrl(),
+                                                    .sandbox = server.baseUrl() + "/sandbox",
+                                                    .identitySync = server.baseUrl() + "/id",
+                                                    .caBundleFile = server.caFile().string()}));
+    detail::settings().usingSandbox = false;
+    detail::settings().requestTimeout = 5.0;
+    http = std::make_shared<network::HttpClient>(
+        network::HttpClient::Options{dir.path() / "cookies.txt", server.caFile().string()});
+  }
+  void TearDown() override { http->shutdown(); }
+  std::filesystem::path pendingFile() const { return dir.path() / "ZLogs.tmp"; }
+  std::vector<std::string> pendingNames() const {
+    std::vector<std::string> names;
+    for (const auto& r : ZLogsFileManager::readRecords(pendingFile()))
+      names.push_back(r.action.name);
+    return names;
+  }
+
+  testing::HttpsTestServer server;
+  testing::TempDir dir;
+  std::shared_ptr<network::HttpClient> http;
+};
+
+TEST_F(NetworkTest, RequestsAreBuiltFromTheSettingsInForceWhenBuilt) {
+  detail::settings().requestTimeout = 12.5;
+  auto request = detail::ZHttpApi::track(record("r")).urlRequest();
+  ASSERT_TRUE(request);
+  EXPECT_EQ(request->url, server.baseUrl() + "/sdk/track");
+  EXPECT_EQ(request->timeoutSeconds, 12.5);
+  EXPECT_EQ(request->headers, (decltype(request->headers){{"Content-Type", "application/json"}}));
+  ASSERT_TRUE(request->body);
+  EXPECT_EQ(request->body->front(), '{') << "one object, no batch wrapper";
+  detail::settings().usingSandbox = true;
+  EXPECT_EQ(detail::ZHttpApi::track(record("r")).urlRequest()->url,
+            server.baseUrl() + "/sandbox/sdk/track");
+  auto sync = detail::ZHttpApi::idSync().urlRequest();
+  EXPECT_EQ(sync->url, server.baseUrl() + "/id/sync?v=1");
+  EXPECT_EQ(sync->method, "GET");
+  EXPECT_TRUE(sync->headers.empty());
+  EXPECT_FALSE(sync->body);
+
+  EXPECT_FALSE(detail::replaceEndpoints(ZEndpoints{.production = "http://127.0.0.1:1",
+                                                   .sandbox = server.baseUrl(),
+                                                   .identitySync = server.baseUrl()}));
+  EXPECT_EQ(detail::currentEndpoints().production, server.baseUrl()) << "nothing changed";
+}
+
+TEST_F(NetworkTest, OnlyTheExactBodyOkIsSuccessAndOtherAnswersAreDropped) {
+  server.setResponder([](const ReceivedRequest& r) {
+    if (r.body.find("\"upper\"") != std::string::npos) return CannedResponse{200, "OK", {}, 0};
+    if (r.body.find("\"newline\"") != std::string::npos) return CannedResponse{200, "ok\n", {}, 0};
+    if (r.body.find("\"error\"") != std::string::npos) return CannedResponse{500, "ok", {}, 0};
+    return CannedResponse{400, "ok", {}, 0};  // the status is never looked at
+  });
+  auto delivery = std::make_shared<HttpsDelivery>(http, pendingFile());
+  for (const char* name : {"plain", "upper", "newline", "error"})
+    delivery->send(record(name), true);
+  ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(20)));
+  const auto counts = delivery->counts();
+  EXPECT_EQ(counts.delivered, 2u);
+  EXPECT_EQ(counts.rejected, 2u);
+  EXPECT_EQ(counts.keptOnDisk, 0u);
+  EXPECT_FALSE(std::filesystem::exists(pendingFile()));
+  EXPECT_EQ(server.received().size(), 4u);
+}
+
+TEST_F(NetworkTest, ClosedGateAndTransportFailuresKeepRecordsForTheNextStart) {
+  auto delivery = std::make_shared<HttpsDelivery>(http, pendingFile());
+  delivery->send(record("offline-1"), false);
+  delivery->send(record("offline-2"), false);
+  ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(10)));
+  EXPECT_TRUE(server.received().empty()) << "a closed gate sends nothing";
+  server.stop();
+  delivery->send(record("refused"), true);
+  ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(20)));
+  EXPECT_EQ(delivery->counts().keptOnDisk, 3u);
+  auto restored = delivery->takePendingRecords();
+  ASSERT_EQ(restored.size(), 3u);
+  EXPECT_EQ(restored[0].action.name, "offline-1");
+  EXPECT_EQ(restored[2].action.name, "refused");
+  EXPECT_FALSE(std::filesystem::exists(pendingFile()));
+}
+
+TEST_F(NetworkTest, ShutdownKeepsInFlightAndUnsentRecords) {
+  server.setResponder([](const ReceivedRequest&) { return CannedResponse{200, "ok", {}, 2000}; });
+  auto delivery = std::make_shared<HttpsDelivery>(http, pendingFile());
+  delivery->send(record("in-flight"), true);
+  for (int i = 0; i < 50 && server.received().empty(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  delivery->shutdown({record("unsent")});
+  EXPECT_EQ(pendingNames(), (std::vector<std::string>{"in-flight", "unsent"}));
+  delivery->send(record("late"), true);  // after shutdown: straight to disk
+  EXPECT_EQ(pendingNames(), (std::vector<std::string>{"late"}));
+}
+
+TEST_F(NetworkTest, IdentityComesFromAllThreeCookiesOrElseFromTheServer) {
+  const std::string sync =
+      R"({"version":1,"status":{"code":"0000","msg":"ok"},)"
+      R"("data":[{"cid":"c1","did":"d1","sid":"s1"},{"cid":"c2","did":"d2","sid":"s2"}]})";
+  server.setResponder([&](const ReceivedRequest&) {
+    return CannedResponse{
+        200, sync, {{"Set-Cookie", "fa_cid=k1; Path=/"}, {"Set-Cookie", "fa_did=k2; Path=/"}}, 0};
+  });
+  auto identity = std::make_shared<detail::IdentitySync>(http);
+  // Every current subscriber receives every triple, so each promise is set once only.
+  std::promise<ZXid> first;
+  std::atomic<bool> firstSet{false};
+  auto subscription = identity->fetchXid([&](const ZXid& xid) {
+    if (!firstSet.exchange(true)) first.set_value(xid);
+  });
+  auto future = first.get_future();
+  ASSERT_EQ(future.wait_for(std::chrono::seconds(10)), std::future_status::ready)
+      << server.received().size() << " requests";
+  EXPECT_EQ(future.get(), (ZXid{"c1", "d1", "s1"})) << "only the first triple of the answer";
+  EXPECT_EQ(identity->requestsStarted(), 1u);
+
+  // Two of three cookies: the server is asked again and the cookies are not used at all.
+  std::promise<ZXid> second;
+  std::atomic<bool> secondSet{false};
+  auto again = identity->fetchXid([&](const ZXid& xid) {
+    if (!secondSet.exchange(true)) second.set_value(xid);
+  });
+  ASSERT_EQ(second.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  EXPECT_EQ(identity->requestsStarted(), 2u);
+
+  server.setResponder([&](const ReceivedRequest&) {
+    return CannedResponse{
+        200,
+        sync,
+        {{"Set-Cookie", "fa_sid=k3; Path=/"}, {"Set-Cookie", "fa_cid=later; Path=/x"}},
+        0};
+  });
+  identity->fetchXid([&](const ZXid&) {});
+  for (int i = 0; i < 250 && http->cookiesFor(server.baseUrl() + "/id/sync?v=1").size() < 3; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  std::optional<ZXid> fromCookies;
+  identity->fetchXid([&](const ZXid& xid) { fromCookies = xid; });
+  ASSERT_TRUE(fromCookies) << "all three cookies: delivered at once";
+  EXPECT_EQ(*fromCookies, (ZXid{"k1", "k2", "k3"}));
+  EXPECT_EQ(identity->requestsStarted(), 3u) << "no request when the cookies suffice";
+}
+
+TEST(IdentityAnswerTest, OnlyAnEnvelopeWithAtLeastOneTriplePublishes) {
+  auto identity = std::make_shared<detail::IdentitySync>(
+      std::make_shared<network::HttpClient>(network::HttpClient::Options{}));
+  std::vector<ZXid> published;
+  // The server path subscribes; the request itself fails fast (no server), which publishes nothing.
+  ASSERT_TRUE(detail::replaceEndpoints(ZEndpoints{"https://127.0.0.1:1", "https://127.0.0.1:1",
+                                                  "https://127.0.0.1:1", std::nullopt}));
+  identity->fetchXid([&](const ZXid& xid) { published.push_back(xid); });
+  identity->handleAnswer(
+      R"({"version":1,"status":{"code":"9999","msg":"error"},"data":[{"cid":"a","did":"b","sid":"c"}]})");
+  identity->handleAnswer(R"({"version":1,"status":{"code":"0000","msg":"ok"},"data":[]})");
+  identity->handleAnswer(R"({"version":1,"status":{"code":"0000","msg":"ok"}})");
+  identity->handleAnswer(
+      R"({"version":1,"status":{"code":"0000","message":"ok"},"data":[{"cid":"x","did":"y","sid":"z"}]})");
+  identity->handleAnswer("<html>");
+  ASSERT_EQ(published.size(), 1u) << "an error code with a triple still publishes; the rest do not";
+  EXPECT_EQ(published[0], (ZXid{"a", "b", "c"}));
+}
+
+class ScriptedFlags final : public platform::ReachabilityFlagSource {
+ public:
+  explicit ScriptedFlags(std::optional<std::uint32_t> initial) : initial_(initial) {}
+  std::optional<std::uint32_t> currentFlags() override { return initial_; }
+  bool start(std::function<void(std::uint32_t)> onChange) override {
+    *change_ = std::move(onChange);
+    return true;
+  }
+  void stop() override {}
+  std::shared_ptr<std::function<void(std::uint32_t)>> change() const { return change_; }
+
+ private:
+  std::optional<std::uint32_t> initial_;
+  std::shared_ptr<std::function<void(std::uint32_t)>> change_ =
+      std::make_shared<std::function<void(std::uint32_t)>>();
+};
+
+TEST(ReachabilityTest, FlagsMapToStates) {
+  using detail::NetworkState;
+  using detail::ZReachability;
+  EXPECT_EQ(ZReachability::stateFor(0x2), NetworkState::wifi);
+  EXPECT_EQ(ZReachability::stateFor(0x40002), NetworkState::mobile);
+  EXPECT_EQ(ZReachability::stateFor(0x0), NetworkState::offline);
+  EXPECT_EQ(ZReachability::stateFor(0x40000), NetworkState::offline);
+  EXPECT_EQ(ZReachability::stateFor(0x2 | 0x4 | 0x10000), NetworkState::wifi)
+      << "other bits ignored";
+}
+
+TEST(ReachabilityTest, FirstReportAlwaysPublishesThenDedupesOnFlagsNotStates) {
+  std::shared_ptr<std::function<void(std::uint32_t)>> change;
+  auto reachability = std::make_shared<detail::ZReachability>([&] {
+    auto source = std::make_unique<ScriptedFlags>(std::nullopt);  // unreadable: counts as 0
+    change = source->change();
+    return source;
+  });
+  std::vector<std::string> seen;
+  std::mutex mutex;
+  reachability->states().subscribe([&](const detail::NetworkState& s) {
+    std::lock_guard lock(mutex);
+    seen.emplace_back(detail::rawValue(s));
+  });
+  reachability->startIfNeeded();
+  reachability->startIfNeeded();  // only once
+  reachability->waitForReports();
+  (*change)(0x0);      // same flags as the first report: nothing
+  (*change)(0x2);      // wifi
+  (*change)(0x2);      // same flags: nothing
+  (*change)(0x10002);  // other flags, still wifi: published again
+  reachability->pushFlags(0x40002);
+  reachability->waitForReports();
+  std::lock_guard lock(mutex);
+  EXPECT_EQ(seen, (std::vector<std::string>{"wifi", "offline", "wifi", "wifi", "mobile"}));
+  reachability->stop();
+}
+
+TEST(ReachabilityTest, WithoutAFlagSourceOnlyWifiIsEverSeen) {
+  auto reachability = std::make_shared<detail::ZReachability>([] { return nullptr; });
+  std::vector<detail::NetworkState> seen;
+  reachability->states().subscribe([&](const detail::NetworkState& s) { seen.push_back(s); });
+  reachability->startIfNeeded();
+  reachability->waitForReports();
+  EXPECT_EQ(seen, (std::vector<detail::NetworkState>{detail::NetworkState::wifi}));
+}
+
+}  // namespace
+}  // namespace zelvanor
