@@ -6,6 +6,7 @@
 #include "api/console_log.hpp"
 #include "api/settings.hpp"
 #include "api/shared_instance.hpp"
+#include "model/warm_up.hpp"
 #include "network/endpoints.hpp"
 #include "platform/platform.hpp"
 
@@ -40,6 +41,9 @@ std::shared_ptr<ZInternalLogManager> ensureShared() {
   auto& state = shared();
   std::lock_guard lock(state.mutex);
   if (!state.manager) {
+    // Statics the exit hook needs must be constructed before the hook is registered, so that
+    // they are destroyed after it runs.
+    warmUpCodec();
     ManagerSources sources = state.factory ? state.factory() : makeDefaultSources();
     auto manager = ZInternalLogManager::create(sources);
     manager->configure(ZConfiguration::defaults());

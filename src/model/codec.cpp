@@ -72,3 +72,14 @@ ZELVANOR_ENCODE_ONLY_TYPES(ZELVANOR_INSTANTIATE_ENCODE)
 ZELVANOR_DECODE_ONLY_TYPES(ZELVANOR_INSTANTIATE_DECODE)
 
 }  // namespace zelvanor
+
+namespace zelvanor::detail {
+
+void warmUpCodec() {
+  // simdjson picks its implementation in a function-local static on first use; doing that now
+  // makes it outlive exit hooks registered after this call.
+  static_cast<void>(decodeJson<ZXid>(R"({"cid":"","did":"","sid":""})"));
+  static_cast<void>(encodeJson(ZXid{}));
+}
+
+}  // namespace zelvanor::detail

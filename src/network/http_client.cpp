@@ -112,7 +112,6 @@ struct HttpClient::Impl {
   ~Impl() {
     stop();
     curl_multi_cleanup(multi);
-    for (CURL* easy : idle) curl_easy_cleanup(easy);
     curl_share_cleanup(share);
   }
 
@@ -128,8 +127,8 @@ struct HttpClient::Impl {
   void withCookieHandle(F&& use) {
     CURL* easy = curl_easy_init();
     if (!easy) return;
+    // The share handle carries the cookie engine; a file list here would only leak.
     curl_easy_setopt(easy, CURLOPT_SHARE, share);
-    curl_easy_setopt(easy, CURLOPT_COOKIEFILE, "");
     use(easy);
     curl_easy_cleanup(easy);
   }
@@ -172,8 +171,9 @@ struct HttpClient::Impl {
     curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "https");
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(easy, CURLOPT_SHARE, share);
-    curl_easy_setopt(easy, CURLOPT_COOKIEFILE, "");  // turns the (shared) cookie engine on
+    curl_easy_setopt(easy, CURLOPT_SHARE, share);  // the shared cookie engine, DNS and TLS sessions
+    curl_easy_setopt(easy, CURLOPT_COOKIEFILE,
+                     "");  // turns that cookie engine on for this transfer
     curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer.errorText.data());
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &collectBody);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer);
@@ -230,12 +230,7 @@ struct HttpClient::Impl {
       batch.swap(incoming);
     }
     for (auto& transfer : batch) {
-      if (idle.empty()) {
-        transfer->easy = curl_easy_init();
-      } else {
-        transfer->easy = idle.back();
-        idle.pop_back();
-      }
+      transfer->easy = curl_easy_init();
       if (!transfer->easy) {
         finish(std::move(transfer), TransportError{"cannot create a transfer"});
         continue;
@@ -252,10 +247,9 @@ struct HttpClient::Impl {
   }
 
   void finish(std::unique_ptr<Transfer> transfer, HttpOutcome outcome) {
-    if (transfer->easy) {
-      curl_easy_reset(transfer->easy);
-      idle.push_back(transfer->easy);  // keeps its connection cache entry warm via the multi
-    }
+    // Connections live in the multi handle's cache, so a fresh easy handle per request still
+    // reuses them (and a reset handle would keep its cookie file list).
+    if (transfer->easy) curl_easy_cleanup(transfer->easy);
     curl_slist_free_all(transfer->headers);
     const bool saveCookies = transfer->setsCookies;
     try {

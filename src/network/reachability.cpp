@@ -21,7 +21,11 @@ void ZReachability::startIfNeeded() {
   if (!source_) return;
   std::weak_ptr<ZReachability> weak = weak_from_this();
   const bool watching = source_->start([weak](std::uint32_t flags) {
-    if (auto self = weak.lock()) self->pushFlags(flags);
+    auto self = weak.lock();
+    if (!self) return;
+    self->queue_.async([weak, flags] {
+      if (auto owner = weak.lock()) owner->systemChanged(flags);
+    });
   });
   if (!watching) {
     source_.reset();
@@ -30,7 +34,7 @@ void ZReachability::startIfNeeded() {
   // The first report always publishes, even when the flags equal the initial 0.
   queue_.async([weak] {
     auto self = weak.lock();
-    if (!self) return;
+    if (!self || self->hostDriven_) return;
     std::optional<std::uint32_t> flags;
     {
       std::lock_guard sourceLock(self->mutex_);
@@ -44,8 +48,15 @@ void ZReachability::startIfNeeded() {
 void ZReachability::pushFlags(std::uint32_t flags) {
   std::weak_ptr<ZReachability> weak = weak_from_this();
   queue_.async([weak, flags] {
-    if (auto self = weak.lock()) self->changed(flags);
+    auto self = weak.lock();
+    if (!self) return;
+    self->hostDriven_ = true;
+    self->changed(flags);
   });
+}
+
+void ZReachability::systemChanged(std::uint32_t flags) {
+  if (!hostDriven_) changed(flags);
 }
 
 void ZReachability::changed(std::uint32_t flags) {

@@ -27,7 +27,8 @@ class ZReachability final : public NetworkMonitor,
 
   void startIfNeeded() override;
   support::CurrentValueSubject<NetworkState>& states() override { return states_; }
-  /// Flags from the host; handled like a change reported by the platform.
+  /// Flags from the host; handled like a change reported by the platform, and from then on the
+  /// platform's own reports are ignored (the host knows better, e.g. a VPN or a captive portal).
   void pushFlags(std::uint32_t flags) override;
   /// Stops the platform watch and the reachability queue.
   void stop() override;
@@ -38,12 +39,14 @@ class ZReachability final : public NetworkMonitor,
 
  private:
   void changed(std::uint32_t flags);  // on queue_
+  void systemChanged(std::uint32_t flags);  // on queue_
 
   SourceFactory makeSource_;
   std::mutex mutex_;
   bool started_ = false;
   std::unique_ptr<platform::ReachabilityFlagSource> source_;
   std::uint32_t lastFlags_ = 0;  // touched on queue_ only
+  bool hostDriven_ = false;      // once the host reports flags, the platform's are ignored (queue_)
   support::CurrentValueSubject<NetworkState> states_{NetworkState::wifi};
   support::SerialQueue queue_{"ZReachability.reachability"};
 };

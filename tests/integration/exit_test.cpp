@@ -1,0 +1,86 @@
+// Returning from main with records in flight: the process exits at once with status 0, and the
+// next start delivers what was in flight.
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <set>
+
+#include "api/shared_instance.hpp"
+#include "support/https_test_server.hpp"
+#include "support/temp_dir.hpp"
+#include "zelvanor/tracker.hpp"
+
+namespace zelvanor {
+namespace {
+
+using testing::CannedResponse;
+using testing::ReceivedRequest;
+
+constexpr const char* kSync =
+    R"({"version":1,"status":{"code":"0000","msg":"ok"},"data":[{"cid":"c","did":"d","sid":"s"}]})";
+
+std::set<std::string> trackedNames(const std::vector<ReceivedRequest>& requests) {
+  std::set<std::string> names;
+  for (const auto& r : requests) {
+    const auto at = r.body.find("\"exit-");
+    if (r.path == "/sdk/track" && at != std::string::npos) {
+      names.insert(r.body.substr(at + 1, r.body.find('"', at + 1) - at - 1));
+    }
+  }
+  return names;
+}
+
+TEST(ExitTest, InFlightRecordsSurviveReturnFromMainAndArriveAtTheNextStart) {
+  testing::TempDir dir;
+  testing::HttpsTestServer server;
+  // Identity answers at once; records are held far longer than the process lives.
+  server.setResponder([](const ReceivedRequest& r) {
+    if (r.path.rfind("/sync", 0) == 0) return CannedResponse{200, kSync, {}, 0};
+    return CannedResponse{200, "ok", {}, 4000};
+  });
+  const char* wrapper = std::getenv("ZELVANOR_CHILD_WRAPPER");
+  const std::string command = std::string(wrapper ? wrapper : "") + ZELVANOR_EXIT_CHILD + " '" +
+                              dir.path().string() + "' " + server.baseUrl() + " '" +
+                              server.caFile().string() + "' 5";
+  FILE* child = popen(command.c_str(), "r");
+  ASSERT_NE(child, nullptr);
+  long long returnedAtMicros = 0;
+  const bool printed = std::fscanf(child, "%lld", &returnedAtMicros) == 1;
+  const int status = pclose(child);
+  const auto exitedAt = std::chrono::duration_cast<std::chrono::microseconds>(
+                            std::chrono::steady_clock::now().time_since_epoch())
+                            .count();
+  ASSERT_TRUE(printed);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  // From main's return to the process being gone: the exit must not wait for the network.
+  EXPECT_LT(exitedAt - returnedAtMicros, 1'000'000);
+  EXPECT_TRUE(std::filesystem::exists(dir.path() / "ZLogs.tmp"));
+
+  // Next start, in this process: the pending records go out at the first flush.
+  server.setResponder([](const ReceivedRequest& r) {
+    if (r.path.rfind("/sync", 0) == 0) return CannedResponse{200, kSync, {}, 0};
+    return CannedResponse{200, "ok", {}, 0};
+  });
+  const auto before = server.received().size();
+  ZelvanorTracker::setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.exit",
+                                                   .appVersion = "1.0",
+                                                   .dataDirectory = dir.path().string()});
+  ASSERT_TRUE(ZelvanorTracker::setEndpoints(
+      ZEndpoints{server.baseUrl(), server.baseUrl(), server.baseUrl(), server.caFile().string()}));
+  ZelvanorTracker::setReachabilityFlags(0x2).flush();
+  std::set<std::string> names;
+  for (int i = 0; i < 250 && names.size() < 5; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    auto all = server.received();
+    names = trackedNames({all.begin() + static_cast<long>(before), all.end()});
+  }
+  EXPECT_EQ(names, (std::set<std::string>{"exit-0", "exit-1", "exit-2", "exit-3", "exit-4"}));
+  ZelvanorTracker::shutdown();
+}
+
+}  // namespace
+}  // namespace zelvanor
