@@ -1,0 +1,334 @@
+#define CPPHTTPLIB_OPENSSL_SUPPORT
+#define CPPHTTPLIB_ZLIB_SUPPORT
+#define CPPHTTPLIB_BROTLI_SUPPORT
+#include "collector.hpp"
+
+#include <httplib.h>
+#include <openssl/rand.h>
+
+#include <cstdio>
+#include <mutex>
+#include <thread>
+#include <zelvanor/json.hpp>
+
+#include "certificate.hpp"
+#include "event_store.hpp"
+#include "viewer_page.hpp"
+
+namespace zelvanor::collector {
+namespace {
+
+void appendJsonString(std::string& out, std::string_view text) {
+  out.push_back('"');
+  for (const char c : text) {
+    switch (c) {
+      case '"':
+        out.append("\\\"");
+        break;
+      case '\\':
+        out.append("\\\\");
+        break;
+      case '\n':
+        out.append("\\n");
+        break;
+      case '\r':
+        out.append("\\r");
+        break;
+      case '\t':
+        out.append("\\t");
+        break;
+      default:
+        if (static_cast<unsigned char>(c) < 0x20) {
+          char escaped[8];
+          std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(c));
+          out.append(escaped);
+        } else {
+          out.push_back(c);
+        }
+    }
+  }
+  out.push_back('"');
+}
+
+std::string randomId() {
+  unsigned char bytes[16];
+  if (RAND_bytes(bytes, sizeof bytes) != 1) return {};
+  static constexpr char digits[] = "0123456789abcdef";
+  std::string id;
+  for (const unsigned char b : bytes) {
+    id.push_back(digits[b >> 4]);
+    id.push_back(digits[b & 15]);
+  }
+  return id;
+}
+
+std::string eventsJson(const std::vector<StoredEvent>& events) {
+  std::string out = "{\"events\":[";
+  for (std::size_t i = 0; i < events.size(); ++i) {
+    const StoredEvent& e = events[i];
+    if (i > 0) out.push_back(',');
+    out.append("{\"id\":").append(std::to_string(e.id));
+    out.append(",\"receivedAt\":");
+    appendJsonString(out, e.receivedAt);
+    out.append(",\"actionType\":");
+    appendJsonString(out, e.actionType);
+    out.append(",\"actionName\":");
+    appendJsonString(out, e.actionName);
+    out.append(",\"actionKind\":");
+    appendJsonString(out, e.actionKind);
+    out.append(",\"page\":");
+    appendJsonString(out, e.page);
+    out.append(",\"xid\":{\"cid\":");
+    appendJsonString(out, e.xid.cid);
+    out.append(",\"did\":");
+    appendJsonString(out, e.xid.did);
+    out.append(",\"sid\":");
+    appendJsonString(out, e.xid.sid);
+    // Stored records decoded as records when they arrived, so the text is valid JSON.
+    out.append("},\"record\":").append(e.json).append("}");
+  }
+  out.append("]}");
+  return out;
+}
+
+const char* kindName(CodecError::Kind kind) {
+  switch (kind) {
+    case CodecError::Kind::keyNotFound:
+      return "key not found";
+    case CodecError::Kind::valueNotFound:
+      return "value not found";
+    case CodecError::Kind::typeMismatch:
+      return "type mismatch";
+    case CodecError::Kind::dataCorrupted:
+      return "data corrupted";
+    case CodecError::Kind::invalidValue:
+      return "invalid value";
+  }
+  return "unknown";
+}
+
+}  // namespace
+
+struct Collector::Impl {
+  Options options;
+  CertificateFiles certificate;
+  EventStore store;
+  std::unique_ptr<httplib::SSLServer> server;
+  std::thread thread;
+  int port = 0;
+
+  std::atomic<std::uint64_t> trackRequests{0};
+  std::atomic<std::uint64_t> syncRequests{0};
+  std::atomic<std::uint64_t> storedRecords{0};
+  std::atomic<std::uint64_t> rejectedRecords{0};
+
+  std::atomic<bool> dropConnections{false};
+  std::atomic<std::int64_t> delayMs{0};
+  std::mutex switchesMutex;
+  std::optional<std::string> trackAnswer;
+  std::optional<std::string> syncAnswer;
+
+  void wait() const {
+    const auto delay = delayMs.load();
+    if (delay > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+  }
+
+  // Sends the headers and then gives up on the body, so the client sees the connection close
+  // in the middle of an answer.
+  static void dropAnswer(httplib::Response& response) {
+    response.set_content_provider(
+        64, "text/plain", [](std::size_t, std::size_t, httplib::DataSink&) { return false; });
+  }
+
+  void onTrack(const httplib::Request& request, httplib::Response& response) {
+    trackRequests.fetch_add(1);
+    wait();
+    if (dropConnections) return dropAnswer(response);
+    std::optional<std::string> fixed;
+    {
+      std::lock_guard lock(switchesMutex);
+      fixed = trackAnswer;
+    }
+    if (fixed) {
+      response.set_content(*fixed, "text/plain");
+      return;
+    }
+    auto record = decodeJson<ZLogRecord>(request.body);
+    if (!record) {
+      rejectedRecords.fetch_add(1);
+      response.status = 400;
+      response.set_content(std::string("invalid record: ") + kindName(record.error().kind) +
+                               " at " + (record.error().path.empty() ? "$" : record.error().path),
+                           "text/plain");
+      return;
+    }
+    if (!store.add(*record, request.body)) {
+      response.status = 500;
+      response.set_content("cannot store the record", "text/plain");
+      return;
+    }
+    storedRecords.fetch_add(1);
+    // The SDK treats only this exact body as delivered.
+    response.set_content("ok", "text/plain");
+  }
+
+  void onSync(const httplib::Request&, httplib::Response& response) {
+    syncRequests.fetch_add(1);
+    wait();
+    if (dropConnections) return dropAnswer(response);
+    std::optional<std::string> fixed;
+    {
+      std::lock_guard lock(switchesMutex);
+      fixed = syncAnswer;
+    }
+    if (fixed) {
+      response.set_content(*fixed, "application/json");
+      return;
+    }
+    const std::string cid = randomId();
+    const std::string did = randomId();
+    const std::string sid = randomId();
+    // A year, as identity cookies usually live; the SDK reads them back at its next start.
+    for (const auto& [name, value] : {std::pair{"fa_cid", cid}, {"fa_did", did}, {"fa_sid", sid}}) {
+      response.set_header("Set-Cookie", std::string(name) + "=" + value +
+                                            "; Path=/; Max-Age=31536000; Secure; HttpOnly");
+    }
+    std::string body = R"({"version":1,"status":{"code":"0000","msg":"success"},"data":[{"cid":)";
+    appendJsonString(body, cid);
+    body.append(",\"did\":");
+    appendJsonString(body, did);
+    body.append(",\"sid\":");
+    appendJsonString(body, sid);
+    body.append("}]}");
+    response.set_content(body, "application/json");
+  }
+
+  void onEvents(const httplib::Request& request, httplib::Response& response) {
+    EventQuery query;
+    if (request.has_param("type") && !request.get_param_value("type").empty()) {
+      query.actionType = request.get_param_value("type");
+    }
+    try {
+      if (request.has_param("after")) query.afterId = std::stoll(request.get_param_value("after"));
+      if (request.has_param("limit"))
+        query.limit = std::clamp(std::stoi(request.get_param_value("limit")), 1, 5000);
+    } catch (const std::exception&) {
+      response.status = 400;
+      response.set_content("after and limit are numbers", "text/plain");
+      return;
+    }
+    response.set_header("Cache-Control", "no-store");
+    response.set_content(eventsJson(store.list(query)), "application/json");
+  }
+};
+
+Collector::Collector(Options options) : impl_(std::make_unique<Impl>()) {
+  impl_->options = std::move(options);
+  std::error_code ec;
+  // Absolute, so the CA path it prints works from any directory.
+  auto absolute = std::filesystem::absolute(impl_->options.dataDirectory, ec);
+  if (!ec) impl_->options.dataDirectory = absolute;
+}
+
+Collector::~Collector() {
+  stop();
+}
+
+bool Collector::start(std::string* error) {
+  std::string reason;
+  auto fail = [&](std::string why) {
+    if (error) *error = std::move(why);
+    return false;
+  };
+  std::error_code ec;
+  std::filesystem::create_directories(impl_->options.dataDirectory, ec);
+  if (ec)
+    return fail("cannot create " + impl_->options.dataDirectory.string() + ": " + ec.message());
+  if (!ensureCertificate(impl_->options.dataDirectory, impl_->certificate, reason))
+    return fail(reason);
+  if (!impl_->store.open(databaseFile(), reason)) return fail(reason);
+
+  impl_->server = std::make_unique<httplib::SSLServer>(impl_->certificate.certificate.c_str(),
+                                                       impl_->certificate.privateKey.c_str());
+  if (!impl_->server->is_valid()) return fail("cannot load the certificate into the TLS server");
+  auto& server = *impl_->server;
+  // Each kept-alive connection holds a worker; leave room for the SDK's parallel connections.
+  server.new_task_queue = [] { return new httplib::ThreadPool(32); };
+  server.set_keep_alive_max_count(100000);
+  Impl* impl = impl_.get();
+  server.Post("/sdk/track", [impl](const auto& req, auto& res) { impl->onTrack(req, res); });
+  server.Get("/sync", [impl](const auto& req, auto& res) { impl->onSync(req, res); });
+  server.Get("/api/events", [impl](const auto& req, auto& res) { impl->onEvents(req, res); });
+  server.Get("/", [](const auto&, auto& res) {
+    res.set_content(std::string(viewerPage()), "text/html; charset=utf-8");
+  });
+  if (impl_->options.logRequests) {
+    server.set_logger([](const httplib::Request& req, const httplib::Response& res) {
+      std::fprintf(stderr, "collector: %s %s -> %d\n", req.method.c_str(), req.target.c_str(),
+                   res.status);
+    });
+  }
+  if (impl_->options.port == 0) {
+    impl_->port = server.bind_to_any_port(impl_->options.host);
+  } else {
+    impl_->port =
+        server.bind_to_port(impl_->options.host, impl_->options.port) ? impl_->options.port : -1;
+  }
+  if (impl_->port <= 0) {
+    return fail("cannot listen on " + impl_->options.host + ":" +
+                std::to_string(impl_->options.port));
+  }
+  impl_->thread = std::thread([impl] { impl->server->listen_after_bind(); });
+  for (int i = 0; i < 1000 && !server.is_running(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+void Collector::stop() {
+  if (impl_->server) impl_->server->stop();
+  if (impl_->thread.joinable()) impl_->thread.join();
+}
+
+int Collector::port() const {
+  return impl_->port;
+}
+
+std::string Collector::baseUrl() const {
+  const std::string& host = impl_->options.host;
+  const bool v6 = host.find(':') != std::string::npos;
+  return "https://" + (v6 ? "[" + host + "]" : host) + ":" + std::to_string(impl_->port);
+}
+
+std::filesystem::path Collector::caFile() const {
+  return impl_->certificate.certificate;
+}
+
+std::filesystem::path Collector::databaseFile() const {
+  return impl_->options.dataDirectory / "events.sqlite";
+}
+
+CollectorCounters Collector::counters() const {
+  return {impl_->trackRequests.load(), impl_->syncRequests.load(), impl_->storedRecords.load(),
+          impl_->rejectedRecords.load()};
+}
+
+void Collector::setTrackAnswer(std::optional<std::string> body) {
+  std::lock_guard lock(impl_->switchesMutex);
+  impl_->trackAnswer = std::move(body);
+}
+
+void Collector::setSyncAnswer(std::optional<std::string> body) {
+  std::lock_guard lock(impl_->switchesMutex);
+  impl_->syncAnswer = std::move(body);
+}
+
+void Collector::setDropConnections(bool drop) {
+  impl_->dropConnections = drop;
+}
+
+void Collector::setDelay(std::chrono::milliseconds delay) {
+  impl_->delayMs = delay.count();
+}
+
+}  // namespace zelvanor::collector
