@@ -103,6 +103,10 @@ std::vector<ZLogRecord> HttpsDelivery::takePendingRecords() {
 
 void HttpsDelivery::shutdown(std::vector<RecordPtr> unsent) {
   if (stopped_.exchange(true)) return;
+  // A request the collector has already answered but whose answer is still on its way would be
+  // kept and sent again at the next start. A short grace lets those answers land; anything slower
+  // is cancelled, so exit stays quick.
+  waitUntilSettled(kInFlightGrace);
   // Cancelling in-flight requests reports each as a transport failure, which queues its bytes
   // for the pending file on the worker ahead of the unsent records: file order stays send order.
   http_->shutdown();

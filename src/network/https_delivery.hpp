@@ -33,6 +33,8 @@ class HttpsDelivery final : public RecordTransport,
   void send(RecordPtr record, bool networkAvailable) override;
   std::vector<ZLogRecord> takePendingRecords() override;
   void shutdown(std::vector<RecordPtr> unsent) override;
+  /// How long shutdown waits for in-flight answers before cancelling them.
+  static constexpr std::chrono::milliseconds kInFlightGrace{200};
 
   Counts counts() const;
   /// Waits until every record handed over so far has reached an outcome; false on timeout.

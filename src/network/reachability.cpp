@@ -47,7 +47,8 @@ void ZReachability::startIfNeeded() {
 
 void ZReachability::pushFlags(std::uint32_t flags) {
   std::weak_ptr<ZReachability> weak = weak_from_this();
-  queue_.async([weak, flags] {
+  // Synchronous: once the host's report returns, the next event it tracks sees the new state.
+  queue_.sync([weak, flags] {
     auto self = weak.lock();
     if (!self) return;
     self->hostDriven_ = true;

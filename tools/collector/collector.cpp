@@ -121,12 +121,14 @@ struct Collector::Impl {
   std::atomic<std::uint64_t> syncRequests{0};
   std::atomic<std::uint64_t> storedRecords{0};
   std::atomic<std::uint64_t> rejectedRecords{0};
+  std::atomic<std::uint64_t> fixedAnswers{0};
 
   std::atomic<bool> dropConnections{false};
   std::atomic<std::int64_t> delayMs{0};
   std::mutex switchesMutex;
   std::optional<std::string> trackAnswer;
   std::optional<std::string> syncAnswer;
+  std::vector<ZXid> issued;
 
   void wait() const {
     const auto delay = delayMs.load();
@@ -151,6 +153,7 @@ struct Collector::Impl {
     }
     if (fixed) {
       response.set_content(*fixed, "text/plain");
+      fixedAnswers.fetch_add(1);
       return;
     }
     auto record = decodeJson<ZLogRecord>(request.body);
@@ -188,6 +191,10 @@ struct Collector::Impl {
     const std::string cid = randomId();
     const std::string did = randomId();
     const std::string sid = randomId();
+    {
+      std::lock_guard lock(switchesMutex);
+      issued.push_back(ZXid{cid, did, sid});
+    }
     // A year, as identity cookies usually live; the SDK reads them back at its next start.
     for (const auto& [name, value] : {std::pair{"fa_cid", cid}, {"fa_did", did}, {"fa_sid", sid}}) {
       response.set_header("Set-Cookie", std::string(name) + "=" + value +
@@ -310,7 +317,16 @@ std::filesystem::path Collector::databaseFile() const {
 
 CollectorCounters Collector::counters() const {
   return {impl_->trackRequests.load(), impl_->syncRequests.load(), impl_->storedRecords.load(),
-          impl_->rejectedRecords.load()};
+          impl_->rejectedRecords.load(), impl_->fixedAnswers.load()};
+}
+
+std::vector<StoredEvent> Collector::events(const EventQuery& query) const {
+  return impl_->store.list(query);
+}
+
+std::vector<ZXid> Collector::issuedTriples() const {
+  std::lock_guard lock(impl_->switchesMutex);
+  return impl_->issued;
 }
 
 void Collector::setTrackAnswer(std::optional<std::string> body) {

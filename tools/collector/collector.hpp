@@ -13,6 +13,9 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
+
+#include "event_store.hpp"
 
 namespace zelvanor::collector {
 
@@ -21,6 +24,7 @@ struct CollectorCounters {
   std::uint64_t syncRequests = 0;
   std::uint64_t storedRecords = 0;
   std::uint64_t rejectedRecords = 0;
+  std::uint64_t fixedAnswers = 0;  ///< track requests answered with the setTrackAnswer body
 };
 
 class Collector {
@@ -49,6 +53,10 @@ class Collector {
   std::filesystem::path caFile() const;
   std::filesystem::path databaseFile() const;
   CollectorCounters counters() const;
+  /// What was stored, newest first.
+  std::vector<StoredEvent> events(const EventQuery& query = {}) const;
+  /// Every triple the sync endpoint handed out, oldest first.
+  std::vector<ZXid> issuedTriples() const;
 
   // Switches for tests and for trying an app against a misbehaving server.
   /// Answer every track request with this body instead of "ok"; nothing is stored.

@@ -23,7 +23,9 @@ std::string nowUtc() {
 }
 
 void bindText(sqlite3_stmt* statement, int index, std::string_view text) {
-  sqlite3_bind_text(statement, index, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
+  // A null pointer would bind SQL NULL; an absent text is stored as empty.
+  sqlite3_bind_text(statement, index, text.data() ? text.data() : "", static_cast<int>(text.size()),
+                    SQLITE_TRANSIENT);
 }
 
 std::string columnText(sqlite3_stmt* statement, int column) {

@@ -1,0 +1,240 @@
+// The SDK against a real local collector over HTTPS on loopback, through the public facade only.
+// Each "start" is a fresh shared instance over the same data directory, as the next launch of a
+// host app would be.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <thread>
+
+#include "collector.hpp"
+#include "support/temp_dir.hpp"
+#include "zelvanor/tracker.hpp"
+
+namespace zelvanor {
+namespace {
+
+using collector::Collector;
+using collector::StoredEvent;
+
+constexpr std::uint32_t kReachable = 0x2;
+
+class CollectorDeliveryTest : public ::testing::Test {
+ protected:
+  void SetUp() override { startCollector(0); }
+
+  void TearDown() override {
+    ZelvanorTracker::shutdown();
+    collector_.reset();
+  }
+
+  void startCollector(int port) {
+    collector_ = std::make_unique<Collector>(
+        Collector::Options{.dataDirectory = dir_.path() / "collector", .port = port});
+    std::string error;
+    ASSERT_TRUE(collector_->start(&error)) << error;
+  }
+
+  // Points a new SDK start at the collector and the app's own data directory. Nothing starts yet.
+  void prepareStart(const std::string& appVersion = "1.0") {
+    ZelvanorTracker::setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.shop",
+                                                     .appVersion = appVersion,
+                                                     .dataDirectory = appDir().string()});
+    const std::string base = collector_->baseUrl();
+    ASSERT_TRUE(
+        ZelvanorTracker::setEndpoints(ZEndpoints{base, base, base, collector_->caFile().string()}));
+  }
+
+  void startSdk() {
+    prepareStart();
+    // As a host does at launch: configuration, then its user's ids and the common block, which
+    // is what install and launch detection waits for.
+    ZelvanorTracker::setRequired(ZConfiguration{.timeout = 10, .batchSize = 1})
+        .setReachabilityFlags(kReachable)
+        .set(ZId{.appUserId = "user-7"})
+        .set(ZCommon({.serviceName = "shop", .deployment = "production"}));
+  }
+
+  static void track(const std::string& name) {
+    ZelvanorTracker::set(ZAction("event", name, "tap")).track(false, false);
+  }
+
+  // Stored events oldest first, once at least `count` are there (or after about five seconds).
+  std::vector<StoredEvent> waitForEvents(std::size_t count) {
+    std::vector<StoredEvent> events;
+    for (int i = 0; i < 250; ++i) {
+      events = collector_->events();
+      if (events.size() >= count) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    std::reverse(events.begin(), events.end());
+    return events;
+  }
+
+  // Action names in arrival order. Records go out on parallel connections, so the collector may
+  // store neighbours in either order; `sorted` compares what arrived, not when.
+  static std::vector<std::string> names(const std::vector<StoredEvent>& events) {
+    std::vector<std::string> result;
+    for (const auto& e : events) result.push_back(e.actionName);
+    return result;
+  }
+  static std::vector<std::string> sorted(std::vector<std::string> names) {
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+  static const StoredEvent& named(const std::vector<StoredEvent>& events, const std::string& name) {
+    static const StoredEvent none;
+    auto found = std::find_if(events.begin(), events.end(),
+                              [&](const auto& e) { return e.actionName == name; });
+    return found == events.end() ? none : *found;
+  }
+
+  std::filesystem::path appDir() const { return dir_.path() / "app"; }
+
+  testing::TempDir dir_;
+  std::unique_ptr<Collector> collector_;
+};
+
+// The triple the cookie jar holds for the sync server, as saved at shutdown.
+ZXid tripleInJar(const std::filesystem::path& jar) {
+  std::ifstream in(jar);
+  std::map<std::string, std::string> cookies;
+  for (std::string line; std::getline(in, line);) {
+    std::vector<std::string> columns;
+    std::stringstream fields(line);
+    for (std::string column; std::getline(fields, column, '\t');) columns.push_back(column);
+    if (columns.size() == 7) cookies[columns[5]] = columns[6];
+  }
+  return ZXid{cookies["fa_cid"], cookies["fa_did"], cookies["fa_sid"]};
+}
+
+TEST_F(CollectorDeliveryTest, AFreshInstallDeliversWithTheIssuedTripleAndTheNextStartReusesIt) {
+  startSdk();
+  // Each of the two configuration passes subscribes once more: two launch events, and two sync
+  // requests whose triples both arrive.
+  const auto first = waitForEvents(3);
+  ASSERT_EQ(sorted(names(first)), sorted({"앱설치", "앱실행", "앱실행"}));
+  EXPECT_EQ(collector_->counters().syncRequests, 2u);
+  const auto issued = collector_->issuedTriples();
+  auto wasIssued = [&](const ZXid& xid) {
+    return std::find(issued.begin(), issued.end(), xid) != issued.end();
+  };
+  for (const auto& e : first) EXPECT_TRUE(wasIssued(e.xid)) << e.xid.cid;
+
+  ZelvanorTracker::shutdown();
+  const ZXid kept = tripleInJar(appDir() / "cookies.txt");
+  EXPECT_FALSE(kept.cid.empty() || kept.did.empty() || kept.sid.empty());
+  EXPECT_EQ(
+      std::filesystem::status(appDir() / "cookies.txt").permissions() & std::filesystem::perms::all,
+      std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  EXPECT_TRUE(wasIssued(kept));
+  // Everything delivered was answered before shutdown, so nothing is kept to be sent twice.
+  EXPECT_FALSE(std::filesystem::exists(appDir() / "ZLogs.tmp"));
+
+  // The next start finds all three cookies and asks no one.
+  startSdk();
+  track("second-start");
+  const auto second = waitForEvents(6);
+  // Two more launches and the event: no second install.
+  ASSERT_EQ(sorted(names(second)),
+            sorted({"앱설치", "앱실행", "앱실행", "앱실행", "앱실행", "second-start"}));
+  for (std::size_t i = first.size(); i < second.size(); ++i) EXPECT_EQ(second[i].xid, kept);
+  EXPECT_EQ(collector_->counters().syncRequests, 2u);
+}
+
+TEST_F(CollectorDeliveryTest, RecordsThatFindTheCollectorDownArriveAtTheNextStart) {
+  startSdk();
+  ASSERT_EQ(waitForEvents(3).size(), 3u);
+  const int port = collector_->port();
+  collector_->stop();
+  for (const char* name : {"offline-1", "offline-2", "offline-3"}) track(name);
+  for (int i = 0; i < 250 && !std::filesystem::exists(appDir() / "ZLogs.tmp"); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  ZelvanorTracker::shutdown();
+  EXPECT_TRUE(std::filesystem::exists(appDir() / "ZLogs.tmp"));
+
+  collector_.reset();
+  startCollector(port);
+  startSdk();
+  ZelvanorTracker::flush();
+  const auto events = waitForEvents(8);
+  auto delivered = names(events);
+  std::erase_if(delivered, [](const std::string& n) { return n.rfind("offline-", 0) != 0; });
+  EXPECT_EQ(sorted(delivered), sorted({"offline-1", "offline-2", "offline-3"}));
+  for (int i = 0; i < 250 && std::filesystem::exists(appDir() / "ZLogs.tmp"); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  EXPECT_FALSE(std::filesystem::exists(appDir() / "ZLogs.tmp"));
+}
+
+TEST_F(CollectorDeliveryTest, AnAnswerOtherThanOkDropsTheRecordForGood) {
+  startSdk();
+  ASSERT_EQ(waitForEvents(3).size(), 3u);
+  collector_->setTrackAnswer("fail");
+  track("refused");
+  for (int i = 0; i < 250 && collector_->counters().fixedAnswers == 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  collector_->setTrackAnswer(std::nullopt);
+  track("accepted");
+  ASSERT_EQ(named(waitForEvents(4), "accepted").actionName, "accepted");
+
+  ZelvanorTracker::shutdown();
+  EXPECT_FALSE(std::filesystem::exists(appDir() / "ZLogs.tmp"));
+  startSdk();
+  ZelvanorTracker::flush();
+  const auto events = waitForEvents(6);
+  for (const auto& name : names(events)) EXPECT_NE(name, "refused");
+}
+
+TEST_F(CollectorDeliveryTest, AClosedNetworkGateParksRecordsInThePendingFile) {
+  startSdk();
+  ASSERT_EQ(waitForEvents(3).size(), 3u);
+  ZelvanorTracker::setReachabilityFlags(0);
+  track("gate-closed-1");
+  track("gate-closed-2");
+  for (int i = 0; i < 250 && !std::filesystem::exists(appDir() / "ZLogs.tmp"); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  EXPECT_TRUE(std::filesystem::exists(appDir() / "ZLogs.tmp"));
+
+  ZelvanorTracker::setReachabilityFlags(kReachable);
+  track("gate-open");
+  auto events = waitForEvents(4);
+  EXPECT_EQ(sorted(names(events)), sorted({"앱설치", "앱실행", "앱실행", "gate-open"}));
+
+  ZelvanorTracker::shutdown();
+  startSdk();
+  ZelvanorTracker::flush();
+  events = waitForEvents(8);
+  auto parked = names(events);
+  std::erase_if(parked, [](const std::string& n) { return n.rfind("gate-closed", 0) != 0; });
+  EXPECT_EQ(sorted(parked), sorted({"gate-closed-1", "gate-closed-2"}));
+}
+
+TEST_F(CollectorDeliveryTest, EventsTrackedBeforeTheTripleArrivesAreDeliveredWithIt) {
+  // The sync answer takes a while, so everything below is tracked before the triple is known.
+  collector_->setDelay(std::chrono::milliseconds(700));
+  startSdk();
+  for (const char* name : {"early-1", "early-2"}) {
+    ZelvanorTracker::set(ZPage{.id = "p1", .name = "home", .title = "Home"});
+    track(name);
+  }
+  EXPECT_EQ(collector_->counters().syncRequests, 2u);
+  EXPECT_EQ(collector_->counters().trackRequests, 0u);
+
+  const auto events = waitForEvents(5);
+  ASSERT_EQ(sorted(names(events)), sorted({"앱설치", "앱실행", "앱실행", "early-1", "early-2"}));
+  EXPECT_FALSE(events.front().xid.cid.empty());
+  for (const auto& e : events) EXPECT_EQ(e.xid, events.front().xid);
+  // Context set before the triple arrived is in the records built from the templates.
+  EXPECT_EQ(named(events, "early-1").page, "home");
+  EXPECT_EQ(named(events, "early-2").page, "home");
+}
+
+}  // namespace
+}  // namespace zelvanor
