@@ -82,13 +82,13 @@ PendingReport inspectPending(std::string_view content) {
 std::string describe(const PendingEnd& end) {
   switch (end.kind) {
     case PendingEnd::Kind::clean:
-      return "ends cleanly after the last frame";
+      return "clean: the last frame ends where the file ends";
     case PendingEnd::Kind::tornLength:
       return "torn at offset " + std::to_string(end.offset) + ": the length field has only " +
              std::to_string(end.available) + " of 8 bytes";
     case PendingEnd::Kind::negativeLength:
-      return "broken at offset " + std::to_string(end.offset) + ": negative length " +
-             std::to_string(end.length);
+      return "negative length " + std::to_string(end.length) + " at offset " +
+             std::to_string(end.offset);
     case PendingEnd::Kind::tornPayload:
       return "torn at offset " + std::to_string(end.offset) + ": length " +
              std::to_string(end.length) + " but only " + std::to_string(end.available) +
@@ -118,17 +118,18 @@ void printPendingReport(const PendingReport& report, std::ostream& out, std::ost
     out << " record" << (pretty ? "\n" : " ") << shown << '\n';
   }
   if (report.end.kind != PendingEnd::Kind::clean) {
-    out << "end " << describe(report.end) << '\n';
+    out << "end: " << describe(report.end) << '\n';
   }
 
   err << report.size << " bytes, " << report.frames.size() << " whole frame"
       << (report.frames.size() == 1 ? "" : "s") << ", " << report.undecodable()
-      << " undecodable; the file " << describe(report.end) << ".\n";
+      << " undecodable; end: " << describe(report.end) << ".\n";
   if (report.size == 0) {
     err << "The SDK treats an empty file as no pending records and leaves it alone.\n";
   } else if (report.wouldRemove()) {
     err << "At its next start the SDK would restore " << report.restorable() << " record"
-        << (report.restorable() == 1 ? "" : "s") << " and remove the file.\n";
+        << (report.restorable() == 1 ? "" : "s") << " and remove the file"
+        << (report.end.kind == PendingEnd::Kind::clean ? "" : ", dropping the broken end") << ".\n";
   } else {
     err << "At its next start the SDK would restore nothing and keep the file: an undecodable "
            "frame blocks every record in it.\n";
