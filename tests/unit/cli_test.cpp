@@ -142,6 +142,13 @@ TEST(CliScript, EveryOpAndEveryBlockIsReadWithItsValues) {
   EXPECT_EQ(script.steps[31].line, 34u) << "a last line without a newline is read too";
 }
 
+TEST(CliScript, TheShippedExampleIsValid) {
+  std::ifstream in(fs::path(ZELVANOR_SOURCE_DIR) / "tools" / "cli" / "example.jsonl");
+  const Script script = parseScript(std::string(std::istreambuf_iterator<char>(in), {}));
+  for (const auto& e : script.errors) ADD_FAILURE() << describe(e);
+  EXPECT_EQ(script.steps.size(), 15u);
+}
+
 TEST(CliScript, ACommonBlockKeepsAnAccessTimeItIsGiven) {
   const Script script = parseScript(
       R"({"op":"set","block":"common","value":{"service_name":"s","deployment":"d","svcdomain":"example.org","access_timestamp":1,"access_time":"given"}})");
