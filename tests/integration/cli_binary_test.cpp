@@ -1,0 +1,252 @@
+// The built zelvanor tool against a loopback collector: a script's records arrive, a faulty
+// script sends nothing, and what is still in flight at the end waits in the pending file.
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "support/https_test_server.hpp"
+#include "support/temp_dir.hpp"
+
+namespace zelvanor {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::CannedResponse;
+using testing::ReceivedRequest;
+
+constexpr const char* kSync =
+    R"({"version":1,"status":{"code":"0000","msg":"ok"},"data":[{"cid":"c","did":"d","sid":"s"}]})";
+
+std::string slurp(const fs::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+struct ToolRun {
+  int code = -1;
+  std::string out;
+  std::string err;
+};
+
+// Runs the tool with `arguments` (already quoted for the shell).
+ToolRun runTool(const testing::TempDir& dir, const std::string& arguments) {
+  const fs::path out = dir.path() / "tool.out";
+  const fs::path err = dir.path() / "tool.err";
+  const std::string command = std::string(ZELVANOR_CLI) + " " + arguments + " >'" + out.string() +
+                              "' 2>'" + err.string() + "'";
+  const int status = std::system(command.c_str());
+  ToolRun run;
+  run.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  run.out = slurp(out);
+  run.err = slurp(err);
+  return run;
+}
+
+std::string quoted(const fs::path& path) {
+  return "'" + path.string() + "'";
+}
+
+struct CliBinaryTest : ::testing::Test {
+  std::string endpointOptions() const {
+    return "--track-url " + server.baseUrl() + " --sandbox-url " + server.baseUrl() +
+           "/sandbox --sync-url " + server.baseUrl() + "/id --ca-file " + quoted(server.caFile()) +
+           " --data-dir " + quoted(data()) + " --online";
+  }
+  fs::path data() const { return dir.path() / "data"; }
+  fs::path writeScript(const std::string& text) const {
+    const fs::path file = dir.path() / "script.jsonl";
+    std::ofstream(file) << text;
+    return file;
+  }
+  std::vector<ReceivedRequest> tracked(const std::string& path) const {
+    std::vector<ReceivedRequest> found;
+    for (const auto& r : server.received()) {
+      if (r.path == path) found.push_back(r);
+    }
+    return found;
+  }
+  static bool anyHolds(const std::vector<ReceivedRequest>& requests, const std::string& text) {
+    for (const auto& r : requests) {
+      if (r.body.find(text) != std::string::npos) return true;
+    }
+    return false;
+  }
+
+  testing::TempDir dir;
+  testing::HttpsTestServer server;
+};
+
+TEST_F(CliBinaryTest, EveryOpReachesTheTrackerAndTheRecordsArrive) {
+  server.setResponder([](const ReceivedRequest& r) {
+    if (r.path.rfind("/id/sync", 0) == 0) return CannedResponse{200, kSync, {}, 0};
+    return CannedResponse{200, "ok", {}, 0};
+  });
+  const auto action = [](const std::string& name) {
+    return R"({"op":"set","block":"action","value":{"type":"event","name":")" + name +
+           R"(","kind":"tap"}})"
+           "\n";
+  };
+  const fs::path script = writeScript(
+      "{\"op\":\"turnOffConsoleLogs\"}\n"
+      "{\"op\":\"turnOnConsoleLogs\"}\n"
+      "{\"op\":\"setRequired\",\"timeout\":10,\"batchSize\":1,\"usingSandboxEnvironment\":false}\n"
+      "{\"op\":\"setTimeout\",\"value\":5}\n"
+      "{\"op\":\"setProduction\"}\n"
+      R"({"op":"set","block":"common","value":{"service_name":"cli-svc","deployment":"test"}})"
+      "\n"
+      R"({"op":"set","block":"agent","value":{"carrier":"acme-carrier"}})"
+      "\n"
+      R"({"op":"set","block":"id","value":{"app_user_id":"cli-user"}})"
+      "\n"
+      // The identity triple arrives meanwhile.
+      "{\"op\":\"sleep\",\"ms\":800}\n"
+      R"({"op":"set","block":"page","value":{"id":"p1","name":"home","title":"Home Title"}})"
+      "\n"
+      R"({"op":"set","block":"agreement","value":{"cookie_agree":true}})"
+      "\n"
+      R"({"op":"set","block":"click","value":{"layer1":"cli-layer"}})"
+      "\n"
+      R"({"op":"set","block":"location","value":{"city":"cli-city"}})"
+      "\n"
+      R"({"op":"set","block":"promotion","value":{"name":"cli-promo"}})"
+      "\n"
+      R"({"op":"set","block":"status","value":{"code":201,"msg":"cli-status"}})"
+      "\n"
+      R"({"op":"set","block":"usage","value":{"duration":77}})"
+      "\n"
+      R"({"op":"set","block":"domain","value":{"search":{"keyword":"cli-keyword"}}})"
+      "\n"
+      R"({"op":"set","block":"utm","value":{"utm_source":"cli-source"}})"
+      "\n"
+      R"({"op":"set","block":"bucket","value":{"name":"cli-b0"}})"
+      "\n"
+      R"({"op":"set","block":"buckets","value":[{"name":"cli-b1"},{"name":"cli-b2"}]})"
+      "\n"
+      R"({"op":"set","block":"viewImpressionContent","value":{"id":"cli-v0"}})"
+      "\n"
+      R"({"op":"set","block":"viewImpressionContents","value":[{"id":"cli-v1"}]})"
+      "\n"
+      R"({"op":"set","block":"free","value":"cli-free-text"})"
+      "\n" +
+      action("cli-first") + "{\"op\":\"track\",\"verbose\":false,\"disabled\":false}\n" +
+      action("cli-disabled") + "{\"op\":\"track\",\"verbose\":false,\"disabled\":true}\n" +
+      "{\"op\":\"setDevelopment\"}\n"
+      "{\"op\":\"setBatchSize\",\"value\":2}\n" +
+      action("cli-held") + "{\"op\":\"track\",\"verbose\":true,\"disabled\":false}\n" +
+      "{\"op\":\"flush\"}\n"
+      // Each request takes the collector in force when the SDK's network thread builds it, so
+      // the switches wait until what was tracked before them is out.
+      "{\"op\":\"sleep\",\"ms\":600}\n"
+      "{\"op\":\"useSandboxEnvironment\"}\n"
+      "{\"op\":\"setBatchSize\",\"value\":1}\n" +
+      action("cli-sandbox") + "{\"op\":\"track\",\"verbose\":false,\"disabled\":false}\n" +
+      "{\"op\":\"sleep\",\"ms\":600}\n"
+      "{\"op\":\"useGeneralEnvrionment\"}\n"
+      "{\"op\":\"post\",\"event\":\"willResignActive\"}\n" +
+      action("cli-data") + "{\"op\":\"getData\"}\n" + "{\"op\":\"sleep\",\"ms\":1500}\n");
+
+  const ToolRun run = runTool(dir, "send -v " + endpointOptions() + " " + quoted(script));
+  ASSERT_EQ(run.code, 0) << run.err;
+  const std::string text = slurp(script);
+  const auto lines = std::count(text.begin(), text.end(), '\n');
+
+  const auto general = tracked("/sdk/track");
+  const auto sandbox = tracked("/sandbox/sdk/track");
+  std::string seen;
+  for (const auto& r : server.received()) seen += r.path + " " + r.body.substr(0, 400) + "\n";
+  ASSERT_TRUE(anyHolds(general, "\"cli-first\"")) << run.err << seen;
+  for (const char* text :
+       {"\"service_name\":\"cli-svc\"", "\"carrier\":\"acme-carrier\"", "\"cli-user\"",
+        "\"title\":\"Home Title\"", "\"cookie_agree\":true", "\"cli-layer\"", "\"cli-city\"",
+        "\"cli-promo\"", "\"cli-status\"", "\"duration\":77", "\"cli-keyword\"", "\"cli-source\"",
+        "\"cli-b0\"", "\"cli-b2\"", "\"cli-v0\"", "\"cli-v1\"", "\"type\":\"production\""}) {
+    EXPECT_TRUE(anyHolds(general, text)) << text;
+  }
+  EXPECT_FALSE(anyHolds(general, "cli-free-text")) << "the facade drops free text";
+  EXPECT_TRUE(anyHolds(general, "\"cli-held\"")) << "flush sends what the batch size holds";
+  EXPECT_TRUE(anyHolds(general, "\"type\":\"development\"")) << "setDevelopment";
+  EXPECT_TRUE(anyHolds(general, "\"app_exit\":true")) << "the posted lifecycle event";
+  EXPECT_TRUE(anyHolds(sandbox, "\"cli-sandbox\""));
+  EXPECT_FALSE(anyHolds(general, "\"cli-sandbox\""));
+  for (const auto& r : server.received()) {
+    EXPECT_EQ(r.body.find("cli-disabled"), std::string::npos) << "a disabled track is dropped";
+    EXPECT_EQ(r.body.find("cli-data"), std::string::npos) << "getData uses up its blocks";
+  }
+
+  EXPECT_NE(run.out.find("\"name\": \"cli-data\""), std::string::npos) << run.out;
+  EXPECT_NE(run.err.find("line 1: turnOffConsoleLogs"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("ran " + std::to_string(lines) + " operations"), std::string::npos)
+      << run.err;
+  EXPECT_NE(run.err.find("0 waiting after it"), std::string::npos) << run.err;
+  EXPECT_FALSE(fs::exists(data() / "ZLogs.tmp"));
+}
+
+TEST_F(CliBinaryTest, AFaultyScriptSendsNothingAtAll) {
+  server.setResponder([](const ReceivedRequest&) { return CannedResponse{200, "ok", {}, 0}; });
+  const fs::path script =
+      writeScript(R"({"op":"set","block":"action","value":{"type":"event","name":"x","kind":"y"}})"
+                  "\n"
+                  "{\"op\":\"track\",\"verbose\":false,\"disabled\":false}\n"
+                  R"({"op":"set","block":"usage","value":{"duration":"long"}})"
+                  "\n"
+                  "{\"op\":\"flush\"}\n");
+  const ToolRun run = runTool(dir, "send " + endpointOptions() + " " + quoted(script));
+  EXPECT_EQ(run.code, 2);
+  EXPECT_NE(
+      run.err.find("line 3: block \"usage\" does not decode: type mismatch at value.duration"),
+      std::string::npos)
+      << run.err;
+  EXPECT_TRUE(server.received().empty()) << "not even an identity request";
+  EXPECT_FALSE(fs::exists(data()));
+
+  const ToolRun http = runTool(dir, "send --endpoint http://127.0.0.1:1 --data-dir " +
+                                        quoted(data()) + " " + quoted(script));
+  EXPECT_EQ(http.code, 2) << "the script is checked first";
+  const fs::path good = writeScript("{\"op\":\"flush\"}\n");
+  EXPECT_EQ(runTool(dir, "send --endpoint http://127.0.0.1:1 " + quoted(good)).code, 1);
+  EXPECT_EQ(runTool(dir, "send --ca-file /nonexistent.pem " + quoted(good)).code, 3);
+  EXPECT_TRUE(server.received().empty());
+}
+
+TEST_F(CliBinaryTest, RecordsInFlightAtTheEndWaitInThePendingFileForPendingShow) {
+  // The collector sits on every record far longer than the run lasts.
+  server.setResponder([](const ReceivedRequest& r) {
+    if (r.path.rfind("/id/sync", 0) == 0) return CannedResponse{200, kSync, {}, 0};
+    return CannedResponse{200, "ok", {}, 3000};
+  });
+  const fs::path script = writeScript(
+      R"({"op":"set","block":"common","value":{"service_name":"cli-svc","deployment":"test"}})"
+      "\n"
+      "{\"op\":\"sleep\",\"ms\":800}\n"
+      R"({"op":"set","block":"action","value":{"type":"event","name":"cli-late-1","kind":"y"}})"
+      "\n"
+      "{\"op\":\"track\",\"verbose\":false,\"disabled\":false}\n"
+      R"({"op":"set","block":"action","value":{"type":"event","name":"cli-late-2","kind":"y"}})"
+      "\n"
+      "{\"op\":\"track\",\"verbose\":false,\"disabled\":false}\n"
+      "{\"op\":\"sleep\",\"ms\":200}\n");
+  // The script comes in on standard input this time.
+  const ToolRun run = runTool(dir, "send " + endpointOptions() + " - <" + quoted(script));
+  ASSERT_EQ(run.code, 0) << run.err;
+  const fs::path pending = data() / "ZLogs.tmp";
+  ASSERT_TRUE(fs::exists(pending)) << run.err;
+  EXPECT_NE(run.err.find("0 record(s) before the run"), std::string::npos) << run.err;
+
+  const std::string before = slurp(pending);
+  const ToolRun show = runTool(dir, "pending show " + quoted(pending));
+  EXPECT_EQ(show.code, 0) << show.out << show.err;
+  EXPECT_NE(show.out.find("frame 0 offset 0 length "), std::string::npos) << show.out;
+  EXPECT_NE(show.out.find("\"cli-late-1\""), std::string::npos) << show.out;
+  EXPECT_NE(show.out.find("\"cli-late-2\""), std::string::npos) << show.out;
+  EXPECT_NE(show.err.find("would restore"), std::string::npos) << show.err;
+  EXPECT_EQ(slurp(pending), before);
+}
+
+}  // namespace
+}  // namespace zelvanor

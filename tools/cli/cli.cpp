@@ -1,0 +1,341 @@
+#include "cli.hpp"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <string_view>
+
+#include "pending.hpp"
+#include "script.hpp"
+#include "zelvanor/configuration.hpp"
+#include "zelvanor/json.hpp"
+#include "zelvanor/platform.hpp"
+#include "zelvanor/tracker.hpp"
+
+namespace zelvanor::cli {
+
+namespace {
+
+constexpr const char* kHelpText = R"(Usage:
+  zelvanor send [options] SCRIPT     run a JSON-lines script of tracker operations
+  zelvanor pending show [--pretty] FILE
+                                     list the frames of a pending-record file (read only)
+  zelvanor validate FILE...          check that each file holds one log record
+  zelvanor --help | --version
+
+send
+  SCRIPT holds one JSON object per line, named as ZelvanorTracker names its operations
+  (blank lines and lines starting with '#' are skipped; "-" reads standard input):
+    {"op":"setRequired","timeout":10,"batchSize":3,"usingSandboxEnvironment":false}
+    {"op":"set","block":"page","value":{"id":"p1","name":"home","title":"Home"}}
+    {"op":"track","verbose":false,"disabled":false}
+    {"op":"flush"}   {"op":"getData"}   {"op":"setBatchSize","value":3}
+    {"op":"setTimeout","value":2.5}   {"op":"setDevelopment"}   {"op":"setProduction"}
+    {"op":"useSandboxEnvironment"}   {"op":"useGeneralEnvrionment"}
+    {"op":"turnOnConsoleLogs"}   {"op":"turnOffConsoleLogs"}
+    {"op":"post","event":"willEnterForeground"}   (also willResignActive, willTerminate)
+    {"op":"sleep","ms":100}   (at most 600000)
+  Blocks for "set": common, agent, id, agreement, app, click, location, page, promotion,
+  status, usage, action, domain, utm, bucket, buckets (array), viewImpressionContent,
+  viewImpressionContents (array), free (a string; accepted and dropped, as the SDK does).
+  "app" is refused: the SDK fills the app block itself and takes none from the host.
+  Values use the record's JSON keys and are decoded by the SDK itself.
+  The whole script is checked before anything runs; every faulty line is reported with its
+  number, and then nothing is sent. getData prints its text on stdout. At the end the SDK is
+  shut down, so records not yet delivered wait in the pending file for the next start.
+
+  --endpoint URL        base URL for records, sandbox records and identity sync alike
+  --track-url URL       collection server (https)
+  --sandbox-url URL     sandbox collection server (https)
+  --sync-url URL        identity sync server (https)
+  --ca-file FILE        PEM file with extra trusted roots (e.g. a local collector's CA)
+  --data-dir DIR        where the SDK keeps settings, cookies and the pending file
+  --bundle-id ID        the application's bundle identifier (default: zelvanor)
+  --online              report the network as reachable instead of watching the routes
+  -v, --verbose         name each operation on stderr as it runs
+
+pending show
+  Prints, per frame, its offset, stored length and the record JSON (compact as stored, or
+  indented with --pretty), or why the payload does not decode; then how the file ends (a torn
+  or negative last frame is named) and what the SDK would restore from it. The file is opened
+  read-only and never changed.
+
+validate
+  Decodes each FILE ("-" for standard input) as one log record and prints "valid" or the
+  decoding error with its kind and key path.
+
+Exit codes:
+  0  success (send: the script ran; pending show: every frame decodes and the file ends
+     cleanly; validate: every file is a valid record)
+  1  usage error (unknown command or option, missing argument, endpoint not https)
+  2  invalid input (malformed script line, undecodable or torn pending frame, invalid record)
+  3  runtime failure (a file cannot be read, the SDK cannot be set up)
+)";
+
+struct Arguments {
+  std::vector<std::string> positional;
+  std::map<std::string, std::string, std::less<>> values;
+  std::vector<std::string> flags;
+
+  bool has(std::string_view flag) const {
+    for (const auto& f : flags) {
+      if (f == flag) return true;
+    }
+    return false;
+  }
+  std::optional<std::string> value(std::string_view name) const {
+    const auto it = values.find(name);
+    if (it == values.end()) return std::nullopt;
+    return it->second;
+  }
+};
+
+// Splits options from operands. `valued` options take the next word (or "=value"); `flags` stand
+// alone. Anything else starting with "-" (except "-" itself) is an error.
+bool splitArguments(const std::vector<std::string>& args, std::size_t from,
+                    std::initializer_list<std::string_view> valued,
+                    std::initializer_list<std::string_view> flags, Arguments& parsed,
+                    std::ostream& err) {
+  auto isOneOf = [](std::string_view name, std::initializer_list<std::string_view> names) {
+    for (auto n : names) {
+      if (n == name) return true;
+    }
+    return false;
+  };
+  bool operandsOnly = false;
+  for (std::size_t i = from; i < args.size(); ++i) {
+    const std::string& arg = args[i];
+    if (operandsOnly || arg == "-" || arg.empty() || arg.front() != '-') {
+      parsed.positional.push_back(arg);
+      continue;
+    }
+    if (arg == "--") {
+      operandsOnly = true;
+      continue;
+    }
+    const auto equals = arg.find('=');
+    const std::string name = arg.substr(0, equals);
+    if (isOneOf(name, valued)) {
+      if (equals != std::string::npos) {
+        parsed.values[name] = arg.substr(equals + 1);
+      } else if (i + 1 < args.size()) {
+        parsed.values[name] = args[++i];
+      } else {
+        err << "zelvanor: option " << name << " needs a value\n";
+        return false;
+      }
+    } else if (equals == std::string::npos && isOneOf(name, flags)) {
+      parsed.flags.push_back(name);
+    } else {
+      err << "zelvanor: unknown option " << arg << "\n";
+      return false;
+    }
+  }
+  return true;
+}
+
+int usageError(std::ostream& err, const std::string& message) {
+  err << "zelvanor: " << message << "\nRun 'zelvanor --help' for usage.\n";
+  return kUsage;
+}
+
+// ----- validate -------------------------------------------------------------------------------
+
+int runValidate(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+  Arguments parsed;
+  if (!splitArguments(args, 1, {}, {}, parsed, err)) return kUsage;
+  if (parsed.positional.empty()) return usageError(err, "validate needs at least one FILE");
+  int worst = kOk;
+  std::size_t valid = 0;
+  for (const auto& path : parsed.positional) {
+    std::string error;
+    const auto content = readInput(path, error);
+    if (!content) {
+      err << "zelvanor: " << error << "\n";
+      worst = kRuntime;
+      continue;
+    }
+    auto record = decodeJson<ZLogRecord>(*content);
+    if (record) {
+      ++valid;
+      out << path << ": valid\n";
+    } else {
+      const CodecError& e = record.error();
+      out << path << ": invalid: " << toString(e.kind) << " at "
+          << (e.path.empty() ? std::string("(document)") : e.path);
+      if (!e.detail.empty()) out << ": " << e.detail;
+      out << "\n";
+      if (worst == kOk) worst = kInvalid;
+    }
+  }
+  err << valid << " of " << parsed.positional.size() << " file"
+      << (parsed.positional.size() == 1 ? "" : "s") << " valid\n";
+  return worst;
+}
+
+// ----- pending show ---------------------------------------------------------------------------
+
+int runPending(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+  if (args.size() < 2 || args[1] != "show") {
+    return usageError(err, "pending takes the sub-command 'show'");
+  }
+  Arguments parsed;
+  if (!splitArguments(args, 2, {}, {"--pretty"}, parsed, err)) return kUsage;
+  if (parsed.positional.size() != 1) return usageError(err, "pending show needs one FILE");
+  std::string error;
+  const auto content = readInput(parsed.positional.front(), error);
+  if (!content) {
+    err << "zelvanor: " << error << "\n";
+    return kRuntime;
+  }
+  const PendingReport report = inspectPending(*content);
+  printPendingReport(report, out, err, parsed.has("--pretty"));
+  const bool healthy = report.undecodable() == 0 && report.end.kind == PendingEnd::Kind::clean;
+  return healthy ? kOk : kInvalid;
+}
+
+// ----- send -----------------------------------------------------------------------------------
+
+std::size_t pendingFrames(const std::filesystem::path& file) {
+  std::string ignored;
+  const auto content = readInput(file.string(), ignored);
+  return content ? inspectPending(*content).frames.size() : 0;
+}
+
+int runSend(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+  Arguments parsed;
+  if (!splitArguments(args, 1,
+                      {"--endpoint", "--track-url", "--sandbox-url", "--sync-url", "--ca-file",
+                       "--data-dir", "--bundle-id"},
+                      {"--online", "-v", "--verbose"}, parsed, err)) {
+    return kUsage;
+  }
+  if (parsed.positional.size() != 1) return usageError(err, "send needs one SCRIPT");
+  const std::string& scriptPath = parsed.positional.front();
+
+  std::string error;
+  const auto text = readInput(scriptPath, error);
+  if (!text) {
+    err << "zelvanor: " << error << "\n";
+    return kRuntime;
+  }
+  const Script script = parseScript(*text);
+  if (!script.ok()) {
+    for (const auto& e : script.errors) err << scriptPath << ": " << describe(e) << "\n";
+    err << "zelvanor: " << script.errors.size() << " faulty line"
+        << (script.errors.size() == 1 ? "" : "s") << "; nothing was sent\n";
+    return kInvalid;
+  }
+
+  // Facts and endpoints first: the SDK reads both when it starts.
+  ZPlatformFacts facts;
+  facts.bundleIdentifier = parsed.value("--bundle-id").value_or("zelvanor");
+  if (auto dir = parsed.value("--data-dir")) {
+    std::error_code ec;
+    std::filesystem::create_directories(*dir, ec);
+    if (ec) {
+      err << "zelvanor: cannot create data directory " << *dir << ": " << ec.message() << "\n";
+      return kRuntime;
+    }
+    facts.dataDirectory = std::filesystem::absolute(*dir, ec).string();
+  }
+  ZelvanorTracker::setPlatformFacts(facts);
+
+  ZEndpoints endpoints = ZelvanorTracker::endpoints();
+  if (auto base = parsed.value("--endpoint")) {
+    endpoints.production = endpoints.sandbox = endpoints.identitySync = *base;
+  }
+  if (auto url = parsed.value("--track-url")) endpoints.production = *url;
+  if (auto url = parsed.value("--sandbox-url")) endpoints.sandbox = *url;
+  if (auto url = parsed.value("--sync-url")) endpoints.identitySync = *url;
+  if (auto ca = parsed.value("--ca-file")) {
+    std::string caError;
+    if (!readInput(*ca, caError)) {
+      err << "zelvanor: " << caError << "\n";
+      return kRuntime;
+    }
+    endpoints.caBundleFile = *ca;
+  }
+  if (endpoints != ZelvanorTracker::endpoints() && !ZelvanorTracker::setEndpoints(endpoints)) {
+    return usageError(err, "every endpoint must be an absolute https URL");
+  }
+
+  const auto dataDirectory = currentPlatformFacts().dataDirectory;
+  const std::filesystem::path pendingFile =
+      dataDirectory ? std::filesystem::path(*dataDirectory) / "ZLogs.tmp" : std::filesystem::path();
+  const std::size_t pendingBefore = pendingFile.empty() ? 0 : pendingFrames(pendingFile);
+
+  const bool verbose = parsed.has("-v") || parsed.has("--verbose");
+  if (parsed.has("--online")) ZelvanorTracker::setReachabilityFlags(0x2);
+  RunCounts counts;
+  for (const auto& step : script.steps) {
+    if (verbose) err << "line " << step.line << ": " << step.name << "\n";
+    runStep(step, out, counts);
+    out.flush();
+  }
+  // Anything not delivered by now goes to the pending file.
+  ZelvanorTracker::shutdown();
+  const std::size_t pendingAfter = pendingFile.empty() ? 0 : pendingFrames(pendingFile);
+
+  err << "ran " << counts.operations << " operation" << (counts.operations == 1 ? "" : "s") << ": "
+      << counts.blocks << " set, " << counts.tracks << " track, " << counts.flushes << " flush\n";
+  if (!pendingFile.empty()) {
+    err << "pending file " << pendingFile.string() << ": " << pendingBefore
+        << " record(s) before the run, " << pendingAfter << " waiting after it\n";
+  } else {
+    err << "no data directory: the SDK keeps no pending file\n";
+  }
+  return kOk;
+}
+
+}  // namespace
+
+std::optional<std::string> readInput(const std::string& path, std::string& error) {
+  const bool standardInput = path == "-";
+  const int fd = standardInput ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    error = "cannot open " + path + ": " + std::strerror(errno);
+    return std::nullopt;
+  }
+  std::string content;
+  char buffer[65536];
+  for (;;) {
+    const ssize_t got = ::read(fd, buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) {
+      error = "cannot read " + path + ": " + std::strerror(errno);
+      if (!standardInput) ::close(fd);
+      return std::nullopt;
+    }
+    if (got == 0) break;
+    content.append(buffer, static_cast<std::size_t>(got));
+  }
+  if (!standardInput) ::close(fd);
+  return content;
+}
+
+int runCli(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+  if (args.empty()) return usageError(err, "missing command");
+  const std::string& command = args.front();
+  for (const auto& arg : args) {
+    if (arg == "--") break;
+    if (arg == "--help" || arg == "-h" || (arg == "help" && &arg == &args.front())) {
+      out << kHelpText;
+      return kOk;
+    }
+  }
+  if (command == "--version") {
+    out << "zelvanor " << kSdkVersion << " (common log version " << kCommonLogVersion << ")\n";
+    return kOk;
+  }
+  if (command == "send") return runSend(args, out, err);
+  if (command == "pending") return runPending(args, out, err);
+  if (command == "validate") return runValidate(args, out, err);
+  return usageError(err, "unknown command '" + command + "'");
+}
+
+}  // namespace zelvanor::cli
