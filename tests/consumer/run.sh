@@ -87,5 +87,8 @@ flags=$(pkg-config --cflags --static --libs zelvanor) || fail "pkg-config cannot
 "$cxx" -std=c++20 -o "$work/pc-consumer" "$here/main.cpp" $flags
 # shellcheck disable=SC2086
 "$cc" -std=c99 -o "$work/pc-consumer-c" "$here/main.c" $flags
+# A shared build has no run path in these binaries.
+LD_LIBRARY_PATH=$(pkg-config --variable=libdir zelvanor)${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
+export LD_LIBRARY_PATH
 check_run pkgconfig "$work/pc-consumer" consumer-page consumer-next
 check_run pkgconfig-c "$work/pc-consumer-c" "" consumer-c-page
