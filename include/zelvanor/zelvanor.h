@@ -1,0 +1,158 @@
+/* The Zelvanor C API: the tracker's operations for hosts that are not written in C++.
+ *
+ * Usable from C99 and C++. Every function is callable from any thread and never lets a C++
+ * exception out. Blocks and the configuration travel as JSON text in the SDK's own wire form
+ * (the keys a record carries, e.g. {"id":"home","name":"home","title":"Home"} for a page).
+ *
+ *   zelvanor_set_required("{\"timeout\":10,\"batchSize\":3,\"usingSandboxEnvironment\":false}");
+ *   zelvanor_set("page", "{\"id\":\"home\",\"name\":\"home\",\"title\":\"Home\"}");
+ *   zelvanor_set("action", "{\"type\":\"page_view\",\"name\":\"home\",\"kind\":\"view\"}");
+ *   zelvanor_track(0, 0);
+ *
+ * Errors. Functions that can fail return a zelvanor_status: ZELVANOR_OK (0) or a nonzero code.
+ * A failing call changes nothing, and zelvanor_last_error() then names the problem, e.g.
+ * "zelvanor_set(page): key not found at title: required key is missing". */
+#ifndef ZELVANOR_ZELVANOR_H
+#define ZELVANOR_ZELVANOR_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "zelvanor/export.hpp" /* ZELVANOR_API: preprocessor only, valid C */
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** Result of a call. Anything but ZELVANOR_OK leaves the SDK as it was. */
+typedef enum zelvanor_status {
+  ZELVANOR_OK = 0,
+  /** A null pointer where text is needed, an unknown block name or an out-of-range enum. */
+  ZELVANOR_ERROR_INVALID_ARGUMENT = 1,
+  /** The JSON text is not JSON, or does not decode into the block (missing required key, null
+   *  in a required key, wrong JSON type). zelvanor_last_error() gives the kind and key path. */
+  ZELVANOR_ERROR_JSON = 2,
+  /** The SDK refused the value: e.g. an endpoint that is not an absolute https URL, or a block
+   *  only the SDK itself fills ("app"). */
+  ZELVANOR_ERROR_REJECTED = 3,
+  ZELVANOR_ERROR_OUT_OF_MEMORY = 4,
+  /** An unexpected internal failure; the message says what. */
+  ZELVANOR_ERROR_INTERNAL = 5
+} zelvanor_status;
+
+/** The message of this thread's last failing call, or "" after a call that succeeded. Every
+ *  zelvanor_* function except this one and zelvanor_string_free resets it. The pointer stays
+ *  valid until the next zelvanor_* call on the same thread. Never NULL. */
+ZELVANOR_API const char* zelvanor_last_error(void);
+
+/* ----- configuration ------------------------------------------------------------------------ */
+
+/** Applies {"timeout": seconds, "batchSize": unsigned, "usingSandboxEnvironment": bool}; all three
+ *  keys are required, unknown keys are ignored. May be called any time, any number of times. */
+ZELVANOR_API zelvanor_status zelvanor_set_required(const char* configuration_json);
+/** Records carry sdk.type "development" (the default) or "production". */
+ZELVANOR_API void zelvanor_set_development(void);
+ZELVANOR_API void zelvanor_set_production(void);
+/** Records go to the sandbox collector, or back to the production one. The second name keeps
+ *  the tracker's own spelling. */
+ZELVANOR_API void zelvanor_use_sandbox_environment(void);
+ZELVANOR_API void zelvanor_use_general_envrionment(void);
+/** The console error line on or off (on by default). Does not start the SDK. */
+ZELVANOR_API void zelvanor_turn_on_console_logs(void);
+ZELVANOR_API void zelvanor_turn_off_console_logs(void);
+/** Records gather in memory until this many are waiting; 0 sends on every track. */
+ZELVANOR_API void zelvanor_set_batch_size(uint64_t size);
+/** Request timeout in seconds, not range-checked. Does not start the SDK; starting it applies
+ *  the default configuration (5 s), so call this after the first other operation. */
+ZELVANOR_API void zelvanor_set_timeout(double seconds);
+
+/* ----- blocks ------------------------------------------------------------------------------- */
+
+/** Sets one block from its JSON text. `block` names the kind:
+ *    context:  "common", "agent" (merged), "id" (merged), "utm"
+ *    event:    "agreement", "click", "location", "page", "promotion", "status", "usage",
+ *              "action", "domain"   (setting one twice keeps the last)
+ *    lists:    "bucket", "viewImpressionContent" (one object, appended),
+ *              "buckets", "viewImpressionContents" (a JSON array of objects, appended)
+ *    "free":   a JSON string; accepted and ignored, records never carry a free text.
+ *  "common" is completed as the C++ constructor does: "svcdomain" falls back to the bundle
+ *  identifier and "access_time" is derived from "access_timestamp"; "request_timestamp" is
+ *  stamped by track. "app" is filled by the SDK alone and is rejected.
+ *  Returns ZELVANOR_ERROR_INVALID_ARGUMENT for an unknown name, ZELVANOR_ERROR_JSON for text
+ *  that does not decode into the block. */
+ZELVANOR_API zelvanor_status zelvanor_set(const char* block, const char* json);
+
+/* ----- events ------------------------------------------------------------------------------- */
+
+/** Turns the blocks set so far into one record (needs an "action" block). Nonzero `disabled`
+ *  builds and discards. Never waits for the network or the disk. */
+ZELVANOR_API void zelvanor_track(int verbose, int disabled);
+/** Sends every record waiting in memory, oldest first. */
+ZELVANOR_API void zelvanor_flush(void);
+/** The current event as pretty-printed JSON (this uses up its blocks), or the SDK's status text
+ *  when no record can be made yet. On ZELVANOR_OK *out_text is a NUL-terminated string the
+ *  caller releases with zelvanor_string_free; on failure it is set to NULL. */
+ZELVANOR_API zelvanor_status zelvanor_get_data(char** out_text);
+/** Releases text returned by this API. NULL is allowed. */
+ZELVANOR_API void zelvanor_string_free(char* text);
+
+/* ----- host integration --------------------------------------------------------------------- */
+
+/** Facts about the host. A NULL member keeps the detected value. */
+typedef struct zelvanor_platform_facts {
+  const char* bundle_identifier; /**< default: the executable's name */
+  const char* app_version;       /**< default: "Unknown Version" */
+  const char* os;                /**< default: uname sysname */
+  const char* os_version;        /**< default: uname release */
+  const char* device_model;      /**< default: DMI product name, else uname machine */
+  const char* language;          /**< default: from LC_ALL / LC_MESSAGES / LANG */
+  /** Where settings, pending records and cookies are kept. Default: $XDG_STATE_HOME/<bundle id>/,
+   *  else ~/.local/state/<bundle id>/. */
+  const char* data_directory;
+  int has_screen; /**< nonzero: screen_width x screen_height (points) is reported */
+  double screen_width;
+  double screen_height;
+} zelvanor_platform_facts;
+
+/** Replaces every host-supplied fact (pass all overrides each time). Call before the first other
+ *  operation, or after zelvanor_shutdown: the SDK reads them when it starts. */
+ZELVANOR_API zelvanor_status zelvanor_set_platform_facts(const zelvanor_platform_facts* facts);
+
+/** Replaces the servers: base URLs such as "https://127.0.0.1:8443". `ca_bundle_file` (may be
+ *  NULL) names a PEM file of extra trusted roots. Returns ZELVANOR_ERROR_REJECTED, changing
+ *  nothing, unless all three URLs are absolute https URLs. */
+ZELVANOR_API zelvanor_status zelvanor_set_endpoints(const char* production, const char* sandbox,
+                                                    const char* identity_sync,
+                                                    const char* ca_bundle_file);
+
+/** Reachability flag bits for zelvanor_set_reachability_flags. */
+#define ZELVANOR_REACHABLE 0x2u
+#define ZELVANOR_REACHABLE_VIA_CELLULAR 0x40000u
+/** Reports network reachability for hosts whose platform knows better than the SDK's own route
+ *  watch; a repeat of the previous flags is ignored. */
+ZELVANOR_API void zelvanor_set_reachability_flags(uint32_t flags);
+
+typedef enum zelvanor_lifecycle_event {
+  ZELVANOR_WILL_TERMINATE = 0,        /**< records a background event */
+  ZELVANOR_WILL_RESIGN_ACTIVE = 1,    /**< records a background event */
+  ZELVANOR_WILL_ENTER_FOREGROUND = 2, /**< records a launch event */
+} zelvanor_lifecycle_event;
+
+/** Reports an application lifecycle moment; an unknown value is ZELVANOR_ERROR_INVALID_ARGUMENT. */
+ZELVANOR_API zelvanor_status zelvanor_post_lifecycle_event(int event);
+
+/** Receives each console line (UTF-8, NUL-terminated, no newline) with the user data given at
+ *  registration. May run on any SDK thread; it must not unwind (C++ hosts: catch everything). */
+typedef void (*zelvanor_console_sink)(const char* line, size_t length, void* user_data);
+/** Routes console lines to `sink`; NULL restores stderr. */
+ZELVANOR_API void zelvanor_set_console_log_sink(zelvanor_console_sink sink, void* user_data);
+
+/** Stops the SDK's threads and keeps every undelivered record in the pending file for the next
+ *  start. Also runs at process exit. A later operation starts the SDK afresh. */
+ZELVANOR_API void zelvanor_shutdown(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* ZELVANOR_ZELVANOR_H */

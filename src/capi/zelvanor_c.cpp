@@ -1,0 +1,427 @@
+// The C API: decodes the host's JSON text into blocks and hands them to ZelvanorTracker. Every
+// entry point is noexcept; a failing call records its message in a thread-local string and
+// touches nothing, because decoding finishes before the tracker is called.
+#include "zelvanor/zelvanor.h"
+
+#include <simdjson.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <new>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "model/codec.hpp"
+#include "model/field_tables.hpp"
+#include "zelvanor/json.hpp"
+#include "zelvanor/tracker.hpp"
+
+namespace {
+
+using namespace zelvanor;
+
+thread_local std::string lastError;
+
+void setLastError(std::string_view message) noexcept {
+  try {
+    lastError.assign(message);
+  } catch (...) {
+    lastError.clear();  // no memory for the message; an empty text beats a stale one
+  }
+}
+
+zelvanor_status fail(zelvanor_status status, std::string_view message) noexcept {
+  setLastError(message);
+  return status;
+}
+
+// Runs `body` with the error cleared beforehand; nothing it throws leaves the function.
+template <class Body>
+zelvanor_status guarded(const char* operation, Body&& body) noexcept {
+  lastError.clear();
+  try {
+    return body();
+  } catch (const std::bad_alloc&) {
+    return fail(ZELVANOR_ERROR_OUT_OF_MEMORY, std::string_view(operation));
+  } catch (const std::exception& error) {
+    try {
+      return fail(ZELVANOR_ERROR_INTERNAL, std::string(operation) + ": " + error.what());
+    } catch (...) {
+      return fail(ZELVANOR_ERROR_INTERNAL, operation);
+    }
+  } catch (...) {
+    return fail(ZELVANOR_ERROR_INTERNAL, operation);
+  }
+}
+
+template <class Body>
+void guardedVoid(const char* operation, Body&& body) noexcept {
+  static_cast<void>(guarded(operation, [&] {
+    body();
+    return ZELVANOR_OK;
+  }));
+}
+
+zelvanor_status jsonError(std::string_view operation, const CodecError& error) {
+  return fail(ZELVANOR_ERROR_JSON, std::string(operation) + ": " + error.describe());
+}
+
+// Parses `json` with this thread's parser; the caller reads `root` before the next parse.
+bool parseDocument(std::string_view json, simdjson::dom::element& root, CodecError& error) {
+  thread_local simdjson::dom::parser parser;
+  const auto parsed = parser.parse(json.data(), json.size(), true).get(root);
+  if (parsed == simdjson::SUCCESS) return true;
+  error = CodecError{CodecError::Kind::dataCorrupted, "", simdjson::error_message(parsed)};
+  return false;
+}
+
+// The public decoders cover single blocks; lists use the same generic decoder, so their errors
+// carry the element index ("[2].name").
+template <class T>
+Result<std::vector<T>> decodeList(std::string_view json) {
+  simdjson::dom::element root;
+  CodecError error;
+  if (!parseDocument(json, root, error)) return error;
+  std::vector<T> list;
+  if (!detail::decodeValue(root, list, error)) return error;
+  return list;
+}
+
+// ZConfiguration has no wire form of its own; the host's text uses its member names, all three
+// required (its initializer has no defaults), with the codec's rules for null and types.
+Result<ZConfiguration> decodeConfiguration(std::string_view json) {
+  simdjson::dom::element root;
+  CodecError error;
+  if (!parseDocument(json, root, error)) return error;
+  simdjson::dom::object object;
+  if (root.get(object) != simdjson::SUCCESS) {
+    return CodecError{CodecError::Kind::typeMismatch, "", "expected an object"};
+  }
+  ZConfiguration configuration = ZConfiguration::defaults();
+  bool seenTimeout = false, seenBatchSize = false, seenSandbox = false;
+  using simdjson::dom::element_type;
+  for (auto member : object) {
+    const std::string key(member.key);
+    const auto value = member.value;
+    if (key != "timeout" && key != "batchSize" && key != "usingSandboxEnvironment") continue;
+    if (value.is_null()) {
+      return CodecError{CodecError::Kind::valueNotFound, key, "required value is null"};
+    }
+    if (key == "timeout") {
+      seenTimeout = true;
+      switch (value.type()) {
+        case element_type::INT64:
+          configuration.timeout = static_cast<double>(value.get_int64().value_unsafe());
+          break;
+        case element_type::UINT64:
+          configuration.timeout = static_cast<double>(value.get_uint64().value_unsafe());
+          break;
+        case element_type::DOUBLE:
+          configuration.timeout = value.get_double().value_unsafe();
+          break;
+        default:
+          return CodecError{CodecError::Kind::typeMismatch, key, "expected a number"};
+      }
+    } else if (key == "batchSize") {
+      seenBatchSize = true;
+      switch (value.type()) {
+        case element_type::INT64: {
+          const std::int64_t size = value.get_int64().value_unsafe();
+          if (size < 0) {
+            return CodecError{CodecError::Kind::dataCorrupted, key,
+                              "number does not fit an unsigned 64-bit integer"};
+          }
+          configuration.batchSize = static_cast<std::uint64_t>(size);
+          break;
+        }
+        case element_type::UINT64:
+          configuration.batchSize = value.get_uint64().value_unsafe();
+          break;
+        default:
+          return CodecError{CodecError::Kind::typeMismatch, key, "expected an unsigned integer"};
+      }
+    } else {
+      seenSandbox = true;
+      bool sandbox = false;
+      if (value.get(sandbox) != simdjson::SUCCESS) {
+        return CodecError{CodecError::Kind::typeMismatch, key, "expected a bool"};
+      }
+      configuration.usingSandboxEnvironment = sandbox;
+    }
+  }
+  for (auto [seen, key] : {std::pair{seenTimeout, "timeout"}, std::pair{seenBatchSize, "batchSize"},
+                           std::pair{seenSandbox, "usingSandboxEnvironment"}}) {
+    if (!seen) return CodecError{CodecError::Kind::keyNotFound, key, "required key is missing"};
+  }
+  return configuration;
+}
+
+// A decoded common block gets the two derivations a C++ host gets from ZCommon's constructor.
+ZCommon completeCommon(ZCommon decoded) {
+  return ZCommon(ZCommon::Fields{
+      .serviceName = std::move(decoded.serviceName),
+      .deployment = std::move(decoded.deployment),
+      .svcDomain = std::move(decoded.svcDomain),
+      .serviceId = std::move(decoded.serviceId),
+      .accessTimeStamp = decoded.accessTimeStamp,
+      .serviceType = std::move(decoded.serviceType),
+      .serviceCode = std::move(decoded.serviceCode),
+      .serviceCodeId = std::move(decoded.serviceCodeId),
+      .serviceCodeGroup = std::move(decoded.serviceCodeGroup),
+      .serviceCodeGroupId = std::move(decoded.serviceCodeGroupId),
+      .serviceOrganizationCode = std::move(decoded.serviceOrganizationCode),
+      .serviceOrganizationCodeId = std::move(decoded.serviceOrganizationCodeId),
+      .displayName = std::move(decoded.displayName),
+      .quindoAppKey = std::move(decoded.quindoAppKey),
+      .url = std::move(decoded.url),
+      .referrer = std::move(decoded.referrer),
+      .clogSeq = std::move(decoded.clogSeq),
+      .tChannel = std::move(decoded.tChannel),
+      .tSrc = std::move(decoded.tSrc),
+      .tCh = std::move(decoded.tCh),
+      .tObj = std::move(decoded.tObj),
+      .tMsgId = std::move(decoded.tMsgId),
+  });
+}
+
+// Decodes the whole text first and only then calls the tracker, so a bad text changes nothing.
+template <class T, class Apply>
+zelvanor_status decodeThen(std::string_view operation, std::string_view json, Apply&& apply) {
+  auto decoded = decodeJson<T>(json);
+  if (!decoded) return jsonError(operation, decoded.error());
+  apply(std::move(decoded).value());
+  return ZELVANOR_OK;
+}
+
+template <class T>
+zelvanor_status setBlock(std::string_view operation, std::string_view json) {
+  return decodeThen<T>(operation, json, [](T block) { ZelvanorTracker::set(std::move(block)); });
+}
+
+template <class T>
+zelvanor_status appendList(std::string_view operation, std::string_view json) {
+  auto decoded = decodeList<T>(json);
+  if (!decoded) return jsonError(operation, decoded.error());
+  ZelvanorTracker::set(std::move(decoded).value());
+  return ZELVANOR_OK;
+}
+
+zelvanor_status setFreeText(std::string_view operation, std::string_view json) {
+  simdjson::dom::element root;
+  CodecError error;
+  if (!parseDocument(json, root, error)) return jsonError(operation, error);
+  std::string_view text;
+  if (root.get(text) != simdjson::SUCCESS) {
+    return jsonError(operation, {CodecError::Kind::typeMismatch, "", "expected a string"});
+  }
+  ZelvanorTracker::set(std::string(text));
+  return ZELVANOR_OK;
+}
+
+zelvanor_status setNamedBlock(std::string_view name, std::string_view json) {
+  const std::string operation = "zelvanor_set(" + std::string(name) + ")";
+  if (name == "common") {
+    return decodeThen<ZCommon>(operation, json, [](ZCommon block) {
+      ZelvanorTracker::set(completeCommon(std::move(block)));
+    });
+  }
+  if (name == "agent") return setBlock<ZAgent>(operation, json);
+  if (name == "id") return setBlock<ZId>(operation, json);
+  if (name == "agreement") return setBlock<ZAgreement>(operation, json);
+  if (name == "click") return setBlock<ZClick>(operation, json);
+  if (name == "location") return setBlock<ZLocation>(operation, json);
+  if (name == "page") return setBlock<ZPage>(operation, json);
+  if (name == "promotion") return setBlock<ZPromotion>(operation, json);
+  if (name == "status") return setBlock<ZStatus>(operation, json);
+  if (name == "usage") return setBlock<ZUsage>(operation, json);
+  if (name == "action") return setBlock<ZAction>(operation, json);
+  if (name == "domain") return setBlock<ZDomain>(operation, json);
+  if (name == "utm") return setBlock<ZUtm>(operation, json);
+  if (name == "bucket") return setBlock<ZBucket>(operation, json);
+  if (name == "buckets") return appendList<ZBucket>(operation, json);
+  if (name == "viewImpressionContent") return setBlock<ZViewImpressionContent>(operation, json);
+  if (name == "viewImpressionContents") return appendList<ZViewImpressionContent>(operation, json);
+  if (name == "free") return setFreeText(operation, json);
+  if (name == "app") {
+    return fail(ZELVANOR_ERROR_REJECTED,
+                operation + ": the app block is filled by the SDK itself and cannot be set");
+  }
+  return fail(ZELVANOR_ERROR_INVALID_ARGUMENT, operation + ": unknown block name");
+}
+
+std::optional<std::string> optionalText(const char* text) {
+  return text ? std::optional<std::string>(text) : std::nullopt;
+}
+
+}  // namespace
+
+extern "C" {
+
+const char* zelvanor_last_error(void) {
+  return lastError.c_str();
+}
+
+zelvanor_status zelvanor_set_required(const char* configuration_json) {
+  return guarded("zelvanor_set_required", [&] {
+    if (!configuration_json) {
+      return fail(ZELVANOR_ERROR_INVALID_ARGUMENT, "zelvanor_set_required: configuration is NULL");
+    }
+    auto configuration = decodeConfiguration(configuration_json);
+    if (!configuration) return jsonError("zelvanor_set_required", configuration.error());
+    ZelvanorTracker::setRequired(*configuration);
+    return ZELVANOR_OK;
+  });
+}
+
+void zelvanor_set_development(void) {
+  guardedVoid("zelvanor_set_development", [] { ZelvanorTracker::setDevelopment(); });
+}
+
+void zelvanor_set_production(void) {
+  guardedVoid("zelvanor_set_production", [] { ZelvanorTracker::setProduction(); });
+}
+
+void zelvanor_use_sandbox_environment(void) {
+  guardedVoid("zelvanor_use_sandbox_environment", [] { ZelvanorTracker::useSandboxEnvironment(); });
+}
+
+void zelvanor_use_general_envrionment(void) {
+  guardedVoid("zelvanor_use_general_envrionment", [] { ZelvanorTracker::useGeneralEnvrionment(); });
+}
+
+void zelvanor_turn_on_console_logs(void) {
+  guardedVoid("zelvanor_turn_on_console_logs", [] { ZelvanorTracker::turnOnConsoleLogs(); });
+}
+
+void zelvanor_turn_off_console_logs(void) {
+  guardedVoid("zelvanor_turn_off_console_logs", [] { ZelvanorTracker::turnOffConsoleLogs(); });
+}
+
+void zelvanor_set_batch_size(uint64_t size) {
+  guardedVoid("zelvanor_set_batch_size", [&] { ZelvanorTracker::setBatchSize(size); });
+}
+
+void zelvanor_set_timeout(double seconds) {
+  guardedVoid("zelvanor_set_timeout", [&] { ZelvanorTracker::setTimeout(seconds); });
+}
+
+zelvanor_status zelvanor_set(const char* block, const char* json) {
+  return guarded("zelvanor_set", [&] {
+    if (!block) return fail(ZELVANOR_ERROR_INVALID_ARGUMENT, "zelvanor_set: block name is NULL");
+    if (!json) {
+      return fail(ZELVANOR_ERROR_INVALID_ARGUMENT,
+                  "zelvanor_set(" + std::string(block) + "): JSON text is NULL");
+    }
+    return setNamedBlock(block, json);
+  });
+}
+
+void zelvanor_track(int verbose, int disabled) {
+  guardedVoid("zelvanor_track", [&] { ZelvanorTracker::track(verbose != 0, disabled != 0); });
+}
+
+void zelvanor_flush(void) {
+  guardedVoid("zelvanor_flush", [] { ZelvanorTracker::flush(); });
+}
+
+zelvanor_status zelvanor_get_data(char** out_text) {
+  return guarded("zelvanor_get_data", [&] {
+    if (!out_text)
+      return fail(ZELVANOR_ERROR_INVALID_ARGUMENT, "zelvanor_get_data: out_text is NULL");
+    *out_text = nullptr;
+    const std::string text = ZelvanorTracker::getData();
+    auto* copy = static_cast<char*>(std::malloc(text.size() + 1));
+    if (!copy) return fail(ZELVANOR_ERROR_OUT_OF_MEMORY, "zelvanor_get_data: out of memory");
+    std::memcpy(copy, text.c_str(), text.size() + 1);
+    *out_text = copy;
+    return ZELVANOR_OK;
+  });
+}
+
+void zelvanor_string_free(char* text) {
+  std::free(text);
+}
+
+zelvanor_status zelvanor_set_platform_facts(const zelvanor_platform_facts* facts) {
+  return guarded("zelvanor_set_platform_facts", [&] {
+    if (!facts) {
+      return fail(ZELVANOR_ERROR_INVALID_ARGUMENT, "zelvanor_set_platform_facts: facts is NULL");
+    }
+    ZPlatformFacts converted{
+        .bundleIdentifier = optionalText(facts->bundle_identifier),
+        .appVersion = optionalText(facts->app_version),
+        .os = optionalText(facts->os),
+        .osVersion = optionalText(facts->os_version),
+        .deviceModel = optionalText(facts->device_model),
+        .language = optionalText(facts->language),
+        .screen = facts->has_screen
+                      ? std::optional(ZScreenSize{facts->screen_width, facts->screen_height})
+                      : std::nullopt,
+        .dataDirectory = optionalText(facts->data_directory),
+    };
+    ZelvanorTracker::setPlatformFacts(converted);
+    return ZELVANOR_OK;
+  });
+}
+
+zelvanor_status zelvanor_set_endpoints(const char* production, const char* sandbox,
+                                       const char* identity_sync, const char* ca_bundle_file) {
+  return guarded("zelvanor_set_endpoints", [&] {
+    if (!production || !sandbox || !identity_sync) {
+      return fail(ZELVANOR_ERROR_INVALID_ARGUMENT,
+                  "zelvanor_set_endpoints: production, sandbox and identity_sync are required");
+    }
+    const ZEndpoints endpoints{production, sandbox, identity_sync, optionalText(ca_bundle_file)};
+    if (!ZelvanorTracker::setEndpoints(endpoints)) {
+      return fail(ZELVANOR_ERROR_REJECTED,
+                  "zelvanor_set_endpoints: every URL must be an absolute https URL");
+    }
+    return ZELVANOR_OK;
+  });
+}
+
+void zelvanor_set_reachability_flags(uint32_t flags) {
+  guardedVoid("zelvanor_set_reachability_flags",
+              [&] { ZelvanorTracker::setReachabilityFlags(flags); });
+}
+
+zelvanor_status zelvanor_post_lifecycle_event(int event) {
+  return guarded("zelvanor_post_lifecycle_event", [&] {
+    switch (event) {
+      case ZELVANOR_WILL_TERMINATE:
+        ZelvanorTracker::post(ZLifecycleEvent::willTerminate);
+        return ZELVANOR_OK;
+      case ZELVANOR_WILL_RESIGN_ACTIVE:
+        ZelvanorTracker::post(ZLifecycleEvent::willResignActive);
+        return ZELVANOR_OK;
+      case ZELVANOR_WILL_ENTER_FOREGROUND:
+        ZelvanorTracker::post(ZLifecycleEvent::willEnterForeground);
+        return ZELVANOR_OK;
+      default:
+        return fail(ZELVANOR_ERROR_INVALID_ARGUMENT,
+                    "zelvanor_post_lifecycle_event: unknown event " + std::to_string(event));
+    }
+  });
+}
+
+void zelvanor_set_console_log_sink(zelvanor_console_sink sink, void* user_data) {
+  guardedVoid("zelvanor_set_console_log_sink", [&] {
+    if (!sink) {
+      ZelvanorTracker::setConsoleLogSink({});
+      return;
+    }
+    ZelvanorTracker::setConsoleLogSink([sink, user_data](std::string_view line) {
+      const std::string text(line);  // the C side gets a terminated copy
+      sink(text.c_str(), text.size(), user_data);
+    });
+  });
+}
+
+void zelvanor_shutdown(void) {
+  guardedVoid("zelvanor_shutdown", [] { ZelvanorTracker::shutdown(); });
+}
+
+}  // extern "C"

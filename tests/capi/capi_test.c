@@ -1,0 +1,417 @@
+/* The C API driven from plain C: configuration, every block kind, rejected input that must
+ * change nothing, tracking into the pending file, lifecycle events and the console sink.
+ * Nothing listens on the configured servers: records that cannot be sent land in the pending
+ * file of a private data directory. The identity triple comes from a cookie jar written up front,
+ * as a previous sync would have left it. */
+#define _XOPEN_SOURCE 700
+
+#include <errno.h>
+#include <ftw.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "zelvanor/zelvanor.h"
+
+static int failures = 0;
+
+#define CHECK(condition)                                                            \
+  do {                                                                              \
+    if (!(condition)) {                                                             \
+      ++failures;                                                                   \
+      fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition); \
+    }                                                                               \
+  } while (0)
+
+#define CHECK_STATUS(call, expected)                                                          \
+  do {                                                                                        \
+    zelvanor_status status_ = (call);                                                         \
+    if (status_ != (expected)) {                                                              \
+      ++failures;                                                                             \
+      fprintf(stderr, "%s:%d: %s returned %d, expected %d (%s)\n", __FILE__, __LINE__, #call, \
+              (int)status_, (int)(expected), zelvanor_last_error());                          \
+    }                                                                                         \
+  } while (0)
+
+static const char* const kUnstable = "Zelvanor Status unstable not yet.";
+static const char* const kNoRecord = "Can't make logRecord.";
+
+static char data_dir[] = "/tmp/zelvanor-capi-XXXXXX";
+
+static void sleep_ms(long ms) {
+  struct timespec pause = {ms / 1000, (ms % 1000) * 1000000L};
+  nanosleep(&pause, NULL);
+}
+
+static int contains(const char* text, const char* part) {
+  return text && strstr(text, part) != NULL;
+}
+
+/* A failing call's message must name what went wrong. */
+static void expect_error(zelvanor_status status, zelvanor_status expected, const char* part1,
+                         const char* part2, int line) {
+  const char* message = zelvanor_last_error();
+  if (status != expected || !contains(message, part1) || (part2 && !contains(message, part2))) {
+    ++failures;
+    fprintf(
+        stderr, "capi_test.c:%d: status %d (expected %d), message \"%s\" should name \"%s\"%s%s\n",
+        line, (int)status, (int)expected, message, part1, part2 ? " and " : "", part2 ? part2 : "");
+  }
+}
+#define EXPECT_ERROR(call, expected, part1, part2) \
+  expect_error((call), (expected), (part1), (part2), __LINE__)
+
+static char* get_data(void) {
+  char* text = NULL;
+  CHECK_STATUS(zelvanor_get_data(&text), ZELVANOR_OK);
+  CHECK(text != NULL);
+  return text;
+}
+
+static char* path_in_data_dir(const char* name) {
+  static char path[512];
+  snprintf(path, sizeof path, "%s/%s", data_dir, name);
+  return path;
+}
+
+/* The whole file, or NULL when it does not exist. The pending file holds binary length
+ * prefixes; *size tells how much is there. */
+static char* read_file(const char* path, size_t* size) {
+  FILE* file = fopen(path, "rb");
+  char* buffer;
+  size_t used = 0, capacity = 4096;
+  if (!file) return NULL;
+  buffer = malloc(capacity);
+  while (buffer) {
+    size_t got = fread(buffer + used, 1, capacity - used, file);
+    used += got;
+    if (got == 0) break;
+    if (used == capacity) {
+      char* bigger = realloc(buffer, capacity * 2);
+      if (!bigger) {
+        free(buffer);
+        buffer = NULL;
+        break;
+      }
+      buffer = bigger;
+      capacity *= 2;
+    }
+  }
+  fclose(file);
+  if (size) *size = used;
+  return buffer;
+}
+
+static int bytes_contain(const char* data, size_t size, const char* part) {
+  size_t length = strlen(part), i;
+  if (!data || length > size) return 0;
+  for (i = 0; i + length <= size; ++i) {
+    if (memcmp(data + i, part, length) == 0) return 1;
+  }
+  return 0;
+}
+
+static int pending_file_contains(const char* part) {
+  size_t size = 0;
+  char* data = read_file(path_in_data_dir("ZLogs.tmp"), &size);
+  int found = bytes_contain(data, size, part);
+  free(data);
+  return found;
+}
+
+static int remove_entry(const char* path, const struct stat* info, int flag, struct FTW* ftw) {
+  (void)info;
+  (void)flag;
+  (void)ftw;
+  return remove(path);
+}
+
+/* ----- console sink ------------------------------------------------------------------------ */
+
+typedef struct {
+  int lines;
+  char last[512];
+} console_record;
+
+static void record_console_line(const char* line, size_t length, void* user_data) {
+  console_record* record = user_data;
+  size_t keep = length < sizeof record->last - 1 ? length : sizeof record->last - 1;
+  memcpy(record->last, line, keep);
+  record->last[keep] = '\0';
+  record->lines++;
+}
+
+/* ----- setup ------------------------------------------------------------------------------- */
+
+static int write_cookie_jar(void) {
+  FILE* jar = fopen(path_in_data_dir("cookies.txt"), "w");
+  if (!jar) return 0;
+  fputs("# Netscape HTTP Cookie File\n", jar);
+  fputs("127.0.0.1\tFALSE\t/\tTRUE\t4102444800\tfa_cid\tcid-capi\n", jar);
+  fputs("127.0.0.1\tFALSE\t/\tTRUE\t4102444800\tfa_did\tdid-capi\n", jar);
+  fputs("127.0.0.1\tFALSE\t/\tTRUE\t4102444800\tfa_sid\tsid-capi\n", jar);
+  return fclose(jar) == 0;
+}
+
+static zelvanor_platform_facts facts_for_test(void) {
+  zelvanor_platform_facts facts;
+  memset(&facts, 0, sizeof facts);
+  facts.bundle_identifier = "com.example.capi";
+  facts.app_version = "2.3.4";
+  facts.data_directory = data_dir;
+  facts.has_screen = 1;
+  facts.screen_width = 390;
+  facts.screen_height = 844;
+  return facts;
+}
+
+static void test_setup_and_endpoints(void) {
+  zelvanor_platform_facts facts = facts_for_test();
+  CHECK_STATUS(zelvanor_set_platform_facts(&facts), ZELVANOR_OK);
+  EXPECT_ERROR(zelvanor_set_platform_facts(NULL), ZELVANOR_ERROR_INVALID_ARGUMENT, "facts", NULL);
+
+  /* Port 9 (discard) has no listener on loopback: every send fails fast. */
+  CHECK_STATUS(zelvanor_set_endpoints("https://127.0.0.1:9", "https://127.0.0.1:9",
+                                      "https://127.0.0.1:9", NULL),
+               ZELVANOR_OK);
+  CHECK(zelvanor_last_error()[0] == '\0');
+  /* Rejected endpoints leave the loopback ones in force: the cookies below only match them. */
+  EXPECT_ERROR(zelvanor_set_endpoints("http://127.0.0.1:9", "https://127.0.0.1:9",
+                                      "https://127.0.0.1:9", NULL),
+               ZELVANOR_ERROR_REJECTED, "https", NULL);
+  EXPECT_ERROR(zelvanor_set_endpoints("https://127.0.0.1:9", NULL, "https://127.0.0.1:9", NULL),
+               ZELVANOR_ERROR_INVALID_ARGUMENT, "zelvanor_set_endpoints", NULL);
+}
+
+static void test_configuration(void) {
+  EXPECT_ERROR(zelvanor_set_required("{\"timeout\":10,\"usingSandboxEnvironment\":false}"),
+               ZELVANOR_ERROR_JSON, "key not found", "batchSize");
+  EXPECT_ERROR(zelvanor_set_required(
+                   "{\"timeout\":\"10\",\"batchSize\":3,\"usingSandboxEnvironment\":false}"),
+               ZELVANOR_ERROR_JSON, "type mismatch", "timeout");
+  EXPECT_ERROR(
+      zelvanor_set_required("{\"timeout\":10,\"batchSize\":-1,\"usingSandboxEnvironment\":false}"),
+      ZELVANOR_ERROR_JSON, "batchSize", NULL);
+  EXPECT_ERROR(
+      zelvanor_set_required("{\"timeout\":10,\"batchSize\":1,\"usingSandboxEnvironment\":null}"),
+      ZELVANOR_ERROR_JSON, "value not found", "usingSandboxEnvironment");
+  EXPECT_ERROR(zelvanor_set_required("{\"timeout\":10,"), ZELVANOR_ERROR_JSON, "data corrupted",
+               NULL);
+  EXPECT_ERROR(zelvanor_set_required(NULL), ZELVANOR_ERROR_INVALID_ARGUMENT, "NULL", NULL);
+
+  /* Batch size 1000 keeps tracked records in memory until flush; unknown keys are ignored. */
+  CHECK_STATUS(zelvanor_set_required("{\"timeout\":2,\"batchSize\":1000,"
+                                     "\"usingSandboxEnvironment\":true,\"extra\":[1]}"),
+               ZELVANOR_OK);
+  CHECK(zelvanor_last_error()[0] == '\0');
+  zelvanor_use_general_envrionment();
+  zelvanor_use_sandbox_environment();
+  zelvanor_use_general_envrionment();
+  zelvanor_set_timeout(2.0);
+}
+
+/* The triple comes from the cookie jar on the SDK's own threads; wait for it (bounded). */
+static int wait_until_ready(void) {
+  int attempt;
+  for (attempt = 0; attempt < 200; ++attempt) {
+    char* text = get_data();
+    int ready = text && strcmp(text, kUnstable) != 0;
+    if (ready) CHECK(strcmp(text, kNoRecord) == 0); /* no action block yet */
+    zelvanor_string_free(text);
+    if (ready) return 1;
+    sleep_ms(50);
+  }
+  return 0;
+}
+
+static void test_blocks_make_one_record(void) {
+  char* text;
+  CHECK_STATUS(zelvanor_set("common",
+                            "{\"service_name\":\"shop\",\"deployment\":\"dev\","
+                            "\"access_timestamp\":1700000000}"),
+               ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("id", "{\"app_user_id\":\"user-42\"}"), ZELVANOR_OK);
+  CHECK(wait_until_ready());
+
+  CHECK_STATUS(zelvanor_set("agent", "{\"carrier\":\"carrier-x\"}"), ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("agreement", "{\"cookie_agree\":true}"), ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("utm", "{\"utm_source\":\"newsletter\"}"), ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("page", "{\"id\":\"p-first\",\"name\":\"home\",\"title\":\"Home\"}"),
+               ZELVANOR_OK);
+  /* Setting a block twice keeps the last. */
+  CHECK_STATUS(zelvanor_set("page", "{\"id\":\"p-home\",\"name\":\"home\",\"title\":\"Home\"}"),
+               ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("click", "{\"type\":\"button\"}"), ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("location", "{}"), ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("promotion", "{}"), ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("status", "{}"), ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("usage", "{}"), ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("domain", "{\"search\":{}}"), ZELVANOR_OK);
+  /* Lists accumulate: one bucket, then two more. */
+  CHECK_STATUS(zelvanor_set("bucket", "{\"name\":\"bucket-a\"}"), ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("buckets", "[{\"name\":\"bucket-b\"},{\"name\":\"bucket-c\"}]"),
+               ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("viewImpressionContent", "{}"), ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("viewImpressionContents", "[{},{}]"), ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("free", "\"anything\""), ZELVANOR_OK);
+  CHECK_STATUS(
+      zelvanor_set("action", "{\"type\":\"page_view\",\"name\":\"home\",\"kind\":\"view\"}"),
+      ZELVANOR_OK);
+  zelvanor_set_production();
+
+  text = get_data();
+  CHECK(contains(text, "\"p-home\""));
+  CHECK(!contains(text, "p-first"));
+  CHECK(contains(text, "\"production\""));
+  CHECK(contains(text, "\"cid-capi\""));
+  CHECK(contains(text, "\"user-42\""));
+  CHECK(contains(text, "\"carrier-x\""));
+  CHECK(contains(text, "\"newsletter\""));
+  CHECK(contains(text, "\"bucket-a\""));
+  CHECK(contains(text, "\"bucket-b\""));
+  CHECK(contains(text, "\"bucket-c\""));
+  CHECK(contains(text, "\"viewimp_contents\""));
+  CHECK(contains(text, "\"search\""));
+  CHECK(contains(text, "\"2.3.4\"")); /* the app version fact reaches the agent */
+  /* The common block is completed as in C++: svcdomain from the bundle id, access_time derived. */
+  CHECK(contains(text, "\"com.example.capi\""));
+  CHECK(contains(text, "\"access_time\""));
+  CHECK(contains(text, "\"request_timestamp\""));
+  CHECK(!contains(text, "\"free\""));
+  CHECK(!contains(text, "anything"));
+  zelvanor_string_free(text);
+
+  /* getData used the blocks up. */
+  text = get_data();
+  CHECK(text && strcmp(text, kNoRecord) == 0);
+  zelvanor_string_free(text);
+  zelvanor_set_development();
+}
+
+static void test_rejected_input_changes_nothing(void) {
+  char* text;
+  /* Common first: a new common block records a launch event, which uses up the event blocks. */
+  CHECK_STATUS(zelvanor_set("common", "{\"service_name\":\"shop-kept\",\"deployment\":\"dev\"}"),
+               ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("page", "{\"id\":\"p-kept\",\"name\":\"kept\",\"title\":\"Kept\"}"),
+               ZELVANOR_OK);
+
+  EXPECT_ERROR(zelvanor_set("page", "{\"id\":\"p-bad\",\"name\":\"bad\"}"), ZELVANOR_ERROR_JSON,
+               "key not found", "title");
+  EXPECT_ERROR(zelvanor_set("page", "{\"id\":\"p-bad\",\"name\":\"bad\",\"title\":null}"),
+               ZELVANOR_ERROR_JSON, "value not found", "title");
+  EXPECT_ERROR(zelvanor_set("common", "{\"service_name\":\"shop-bad\",\"deployment\":7}"),
+               ZELVANOR_ERROR_JSON, "type mismatch", "deployment");
+  EXPECT_ERROR(zelvanor_set("domain", "{\"purchase\":{\"price\":\"cheap\"}}"), ZELVANOR_ERROR_JSON,
+               "purchase.price", NULL);
+  /* The whole list is refused, its good first element included. */
+  EXPECT_ERROR(zelvanor_set("buckets", "[{\"name\":\"bucket-bad-ok\"},{\"name\":5}]"),
+               ZELVANOR_ERROR_JSON, "[1].name", "zelvanor_set(buckets)");
+  EXPECT_ERROR(zelvanor_set("viewImpressionContents", "{\"not\":\"a list\"}"), ZELVANOR_ERROR_JSON,
+               "type mismatch", NULL);
+  EXPECT_ERROR(zelvanor_set("agent", "{\"carrier\":"), ZELVANOR_ERROR_JSON, "data corrupted",
+               "zelvanor_set(agent)");
+  EXPECT_ERROR(zelvanor_set("free", "42"), ZELVANOR_ERROR_JSON, "type mismatch", NULL);
+  EXPECT_ERROR(zelvanor_set("action", "{\"type\":\"page_view\",\"name\":\"x\"}"),
+               ZELVANOR_ERROR_JSON, "kind", NULL);
+  EXPECT_ERROR(zelvanor_set("pages", "{}"), ZELVANOR_ERROR_INVALID_ARGUMENT, "unknown block",
+               "pages");
+  EXPECT_ERROR(zelvanor_set("app", "{\"app_launch\":true}"), ZELVANOR_ERROR_REJECTED, "app", NULL);
+  EXPECT_ERROR(zelvanor_set(NULL, "{}"), ZELVANOR_ERROR_INVALID_ARGUMENT, "NULL", NULL);
+  EXPECT_ERROR(zelvanor_set("page", NULL), ZELVANOR_ERROR_INVALID_ARGUMENT, "NULL", NULL);
+  EXPECT_ERROR(zelvanor_post_lifecycle_event(7), ZELVANOR_ERROR_INVALID_ARGUMENT, "7", NULL);
+  EXPECT_ERROR(zelvanor_get_data(NULL), ZELVANOR_ERROR_INVALID_ARGUMENT, "NULL", NULL);
+
+  /* The message belongs to the last failing call only. */
+  CHECK_STATUS(zelvanor_set("action", "{\"type\":\"event\",\"name\":\"n\",\"kind\":\"k\"}"),
+               ZELVANOR_OK);
+  CHECK(zelvanor_last_error()[0] == '\0');
+
+  text = get_data();
+  CHECK(contains(text, "\"p-kept\""));
+  CHECK(contains(text, "\"shop-kept\""));
+  CHECK(!contains(text, "p-bad"));
+  CHECK(!contains(text, "shop-bad"));
+  CHECK(!contains(text, "\"purchase\""));
+  CHECK(!contains(text, "bucket-bad-ok"));
+  CHECK(contains(text, "\"development\""));
+  zelvanor_string_free(text);
+}
+
+static void test_tracking_reaches_the_pending_file(void) {
+  zelvanor_set_reachability_flags(0); /* offline: sends go straight to the pending file */
+  CHECK_STATUS(zelvanor_set("page", "{\"id\":\"p-tracked\",\"name\":\"t\",\"title\":\"T\"}"),
+               ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("action", "{\"type\":\"event\",\"name\":\"buy\",\"kind\":\"click\"}"),
+               ZELVANOR_OK);
+  zelvanor_track(0, 0);
+  CHECK_STATUS(zelvanor_set("page", "{\"id\":\"p-disabled\",\"name\":\"d\",\"title\":\"D\"}"),
+               ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("action", "{\"type\":\"event\",\"name\":\"skip\",\"kind\":\"click\"}"),
+               ZELVANOR_OK);
+  zelvanor_track(0, 1);
+  CHECK_STATUS(zelvanor_post_lifecycle_event(ZELVANOR_WILL_RESIGN_ACTIVE), ZELVANOR_OK);
+  /* Batch size 1000: nothing has been handed to the sender yet. */
+  CHECK(!pending_file_contains("p-tracked"));
+  zelvanor_flush();
+  zelvanor_shutdown(); /* waits for the SDK's threads; whatever is undelivered is on disk now */
+
+  CHECK(pending_file_contains("\"p-tracked\""));
+  CHECK(pending_file_contains("\"background\""));
+  CHECK(!pending_file_contains("p-disabled"));
+}
+
+/* Facts set after a shutdown apply when the next call starts the SDK again: the new app version
+ * shows in the agent block and the version change records an update event. The console sink is
+ * installed throughout; these steps succeed, so it must stay silent. */
+static void test_restart_with_new_facts(void) {
+  console_record record;
+  zelvanor_platform_facts facts = facts_for_test();
+  char* text;
+  memset(&record, 0, sizeof record);
+  zelvanor_set_console_log_sink(record_console_line, &record);
+  facts.app_version = "9.9.9";
+  CHECK_STATUS(zelvanor_set_platform_facts(&facts), ZELVANOR_OK);
+  zelvanor_set_batch_size(1000); /* starts the SDK again */
+  zelvanor_set_reachability_flags(0);
+  CHECK_STATUS(zelvanor_set("common", "{\"service_name\":\"shop\",\"deployment\":\"dev\"}"),
+               ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("id", "{\"app_user_id\":\"user-42\"}"), ZELVANOR_OK);
+  CHECK(wait_until_ready());
+  CHECK_STATUS(zelvanor_set("action", "{\"type\":\"event\",\"name\":\"n\",\"kind\":\"k\"}"),
+               ZELVANOR_OK);
+  text = get_data();
+  CHECK(contains(text, "\"9.9.9\""));
+  CHECK(!contains(text, "\"2.3.4\""));
+  zelvanor_string_free(text);
+  zelvanor_flush();
+  zelvanor_shutdown();
+  CHECK(pending_file_contains("\"update\""));
+  CHECK(record.lines == 0);
+  zelvanor_set_console_log_sink(NULL, NULL);
+}
+
+int main(void) {
+  if (!mkdtemp(data_dir) || !write_cookie_jar()) {
+    fprintf(stderr, "cannot prepare %s: %s\n", data_dir, strerror(errno));
+    return 2;
+  }
+  test_setup_and_endpoints();
+  test_configuration();
+  test_blocks_make_one_record();
+  test_rejected_input_changes_nothing();
+  test_tracking_reaches_the_pending_file();
+  test_restart_with_new_facts();
+
+  nftw(data_dir, remove_entry, 8, FTW_DEPTH | FTW_PHYS);
+  if (failures) {
+    fprintf(stderr, "%d check(s) failed\n", failures);
+    return 1;
+  }
+  printf("C API: all checks passed\n");
+  return 0;
+}
