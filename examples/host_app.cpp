@@ -22,9 +22,8 @@ int main(int argc, char** argv) {
     return 2;
   }
 
-  ZelvanorTracker::setRequired([] {
-    return ZConfiguration{.timeout = 5, .batchSize = 1, .usingSandboxEnvironment = false};
-  })
+  ZelvanorTracker::setRequired(
+      [] { return ZConfiguration{.timeout = 5, .batchSize = 1, .usingSandboxEnvironment = false}; })
       .setProduction()
       .set(ZId{.appUserId = "user-42"})
       .set([] { return ZCommon({.serviceName = "shop", .deployment = "production"}); });

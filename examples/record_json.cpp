@@ -10,11 +10,16 @@ int main() {
   setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.shop"});
   ZLogRecord record{
       .xid = {"c-7f3a", "d-19be", "s-0c44"},
-      .sdk = {DeploymentType::development, std::string(kSdkVersion), std::string(kCommonLogVersion)},
+      .sdk = {DeploymentType::development, std::string(kSdkVersion),
+              std::string(kCommonLogVersion)},
       .action = ZAction(ZAction::ZActionType::ecommerce, "checkout", "purchase"),
-      .common = ZCommon({.serviceName = "shop", .deployment = "production", .accessTimeStamp = 1709615229}),
+      .common = ZCommon(
+          {.serviceName = "shop", .deployment = "production", .accessTimeStamp = 1709615229}),
       .ucid = ZUcid{.id = "user-42"},
-      .page = ZPage{.id = "order-complete", .name = "Order complete", .title = "Thank you", .ecommerceYn = true},
+      .page = ZPage{.id = "order-complete",
+                    .name = "Order complete",
+                    .title = "Thank you",
+                    .ecommerceYn = true},
       .domain = ZDomain{.purchase = ZPurchase{.name = "Trail shoes",
                                               .orderId = "o-1001",
                                               .currency = "KRW",

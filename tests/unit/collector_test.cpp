@@ -101,10 +101,16 @@ TEST_F(CollectorTest, SyncIssuesAFreshTripleInTheEnvelopeAndAsCookies) {
   EXPECT_EQ(cookies, (std::map<std::string, std::string>{
                          {"fa_cid", triple.cid}, {"fa_did", triple.did}, {"fa_sid", triple.sid}}));
 
+  // The client now sends the three cookies back: same identity. A new client gets a new one.
   auto second = decodeJson<ZHTTPResult<std::vector<ZXid>>>(body(request("GET", "/sync?v=1")));
   ASSERT_TRUE(second && second->data);
-  EXPECT_NE(second->data->front().cid, triple.cid);
-  EXPECT_EQ(collector_->counters().syncRequests, 2u);
+  EXPECT_EQ(second->data->front(), triple);
+  client_ = std::make_unique<HttpClient>(HttpClient::Options{{}, collector_->caFile().string()});
+  auto third = decodeJson<ZHTTPResult<std::vector<ZXid>>>(body(request("GET", "/sync?v=1")));
+  ASSERT_TRUE(third && third->data);
+  EXPECT_NE(third->data->front().cid, triple.cid);
+  EXPECT_EQ(collector_->counters().syncRequests, 3u);
+  EXPECT_EQ(collector_->issuedTriples().size(), 3u);
 }
 
 TEST_F(CollectorTest, StoresRecordsThatDecodeAndListsThemNewestFirstWithFilters) {

@@ -175,7 +175,7 @@ struct Collector::Impl {
     response.set_content("ok", "text/plain");
   }
 
-  void onSync(const httplib::Request&, httplib::Response& response) {
+  void onSync(const httplib::Request& request, httplib::Response& response) {
     syncRequests.fetch_add(1);
     wait();
     if (dropConnections) return dropAnswer(response);
@@ -188,9 +188,25 @@ struct Collector::Impl {
       response.set_content(*fixed, "application/json");
       return;
     }
-    const std::string cid = randomId();
-    const std::string did = randomId();
-    const std::string sid = randomId();
+    // A device that already holds all three cookies keeps its identity; anyone else gets a new one.
+    const auto cookie = [&request](std::string_view name) {
+      const std::string header = request.get_header_value("Cookie");
+      const std::string prefix = std::string(name) + "=";
+      for (std::size_t at = 0; at < header.size();) {
+        const std::size_t end = std::min(header.find(';', at), header.size());
+        std::string_view part(header.data() + at, end - at);
+        while (!part.empty() && part.front() == ' ') part.remove_prefix(1);
+        if (part.substr(0, prefix.size()) == prefix) return std::string(part.substr(prefix.size()));
+        at = end + 1;
+      }
+      return std::string();
+    };
+    std::string cid = cookie("fa_cid"), did = cookie("fa_did"), sid = cookie("fa_sid");
+    if (cid.empty() || did.empty() || sid.empty()) {
+      cid = randomId();
+      did = randomId();
+      sid = randomId();
+    }
     {
       std::lock_guard lock(switchesMutex);
       issued.push_back(ZXid{cid, did, sid});

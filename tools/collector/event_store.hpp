@@ -18,7 +18,7 @@ namespace zelvanor::collector {
 
 struct StoredEvent {
   std::int64_t id = 0;
-  std::string receivedAt;  ///< UTC, ISO 8601 with milliseconds
+  std::string receivedAt{};  ///< UTC, ISO 8601 with milliseconds
   std::string actionType;
   std::string actionName;
   std::string actionKind;
@@ -28,7 +28,7 @@ struct StoredEvent {
 };
 
 struct EventQuery {
-  std::optional<std::string> actionType;
+  std::optional<std::string> actionType{};
   std::int64_t afterId = 0;  ///< only events stored after this one
   int limit = 200;
 };
