@@ -66,7 +66,7 @@ bool splitUrl(const std::string& url, std::string& host, std::string& path, bool
     path = part;
     curl_free(part);
   } else {
-    path = "/";
+    path.assign(1, '/');  // not `= "/"`: GCC 12 at -O3 misreports that as an overlapping copy
   }
   if (curl_url_get(handle.get(), CURLUPART_SCHEME, &part, 0) == CURLUE_OK) {
     secure = std::string_view(part) == "https";

@@ -1,0 +1,120 @@
+// Delivery against a real local collector over HTTPS on loopback, through the public facade:
+//  - records delivered per second from one host thread with batch size 1;
+//  - what `track` costs the host thread while the network is busy (the collector holds every
+//    answer, so requests pile up in flight), as median and 99th percentile of single calls.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "collector.hpp"
+#include "zelvanor/tracker.hpp"
+
+namespace {
+
+using namespace zelvanor;
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+struct TempDir {
+  TempDir() {
+    std::string pattern = (fs::temp_directory_path() / "zelvanor-bench-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr) std::abort();
+    path = pattern;
+  }
+  ~TempDir() {
+    std::error_code error;
+    fs::remove_all(path, error);
+  }
+  fs::path path;
+};
+
+// A started SDK pointed at a fresh collector, identity known, ready to deliver.
+struct Session {
+  TempDir dir;
+  collector::Collector server{{.dataDirectory = dir.path / "collector"}};
+
+  explicit Session(double timeoutSeconds = 10) {
+    if (!server.start()) std::abort();
+    const std::string base = server.baseUrl();
+    ZelvanorTracker::setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.bench",
+                                                     .appVersion = "1.0",
+                                                     .dataDirectory = (dir.path / "app").string()});
+    ZelvanorTracker::setEndpoints(ZEndpoints{base, base, base, server.caFile().string()});
+    ZelvanorTracker::setRequired(ZConfiguration{.timeout = timeoutSeconds, .batchSize = 1})
+        .setReachabilityFlags(0x2)
+        .set(ZId{.appUserId = "bench-user"})
+        .set(ZCommon({.serviceName = "shop", .deployment = "production"}));
+    // Install and two launch events: once they are stored the triple is known.
+    if (!waitForStored(3, std::chrono::seconds(10))) std::abort();
+  }
+  ~Session() { ZelvanorTracker::shutdown(); }
+
+  bool waitForStored(std::uint64_t count, std::chrono::seconds limit) {
+    const auto deadline = Clock::now() + limit;
+    while (server.counters().storedRecords < count) {
+      if (Clock::now() > deadline) return false;
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    return true;
+  }
+};
+
+void trackTypicalEvent(int i) {
+  ZelvanorTracker::set(
+      ZPage{.id = "item-" + std::to_string(i), .name = "item", .title = "Blue mug"})
+      .set(ZClick{.type = "button", .layer1 = "add-to-cart", .posX = 120, .posY = 640})
+      .set(ZAction(ZAction::ZActionType::event, "add_to_cart", "click"))
+      .track(false, false);
+}
+
+void BM_DeliveredRecordsPerSecond(benchmark::State& state) {
+  const int perIteration = static_cast<int>(state.range(0));
+  Session session;
+  std::uint64_t expected = session.server.counters().storedRecords;
+  for (auto _ : state) {
+    const auto start = Clock::now();
+    for (int i = 0; i < perIteration; ++i) trackTypicalEvent(i);
+    expected += static_cast<std::uint64_t>(perIteration);
+    if (!session.waitForStored(expected, std::chrono::seconds(60))) {
+      state.SkipWithError("records did not all arrive");
+      break;
+    }
+    state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+  }
+  state.SetItemsProcessed(state.iterations() * perIteration);
+}
+BENCHMARK(BM_DeliveredRecordsPerSecond)->Arg(2000)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+void BM_TrackWhileTheNetworkIsBusy(benchmark::State& state) {
+  Session session;
+  // Every answer now takes a second: each tracked record joins the requests already in flight.
+  session.server.setDelay(std::chrono::milliseconds(1000));
+  std::vector<double> micros;
+  int i = 0;
+  for (auto _ : state) {
+    const auto start = Clock::now();
+    trackTypicalEvent(i++);
+    const auto end = Clock::now();
+    micros.push_back(std::chrono::duration<double, std::micro>(end - start).count());
+    state.SetIterationTime(std::chrono::duration<double>(end - start).count());
+  }
+  std::sort(micros.begin(), micros.end());
+  if (!micros.empty()) {
+    state.counters["median_us"] = micros[micros.size() / 2];
+    state.counters["p99_us"] = micros[micros.size() * 99 / 100];
+  }
+  session.server.setDelay(std::chrono::milliseconds(0));
+}
+// A bounded number of calls: each one leaves a request in flight.
+BENCHMARK(BM_TrackWhileTheNetworkIsBusy)
+    ->Iterations(20000)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
+
+}  // namespace
