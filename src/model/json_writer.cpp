@@ -94,6 +94,11 @@ void JsonWriter::integer(std::int64_t value) {
 
 bool JsonWriter::number(double value) {
   if (!std::isfinite(value)) return false;
+  if (value == 0 && std::signbit(value)) {
+    // "-0" reads back as the integer 0; the fraction keeps the sign through a round trip.
+    out_.append("-0.0");
+    return true;
+  }
   char buffer[32];
   const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
   out_.append(buffer, result.ptr);
@@ -102,6 +107,7 @@ bool JsonWriter::number(double value) {
 
 bool JsonWriter::number(float value) {
   if (!std::isfinite(value)) return false;
+  if (value == 0 && std::signbit(value)) return number(static_cast<double>(value));
   // Shortest text that reads back as the same float: 0.1f is "0.1", not 0.10000000149011612.
   char buffer[32];
   const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
