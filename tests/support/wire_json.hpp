@@ -49,8 +49,10 @@ inline bool diff(simdjson::dom::element want, simdjson::dom::element got, const 
   switch (want.type()) {
     case T::OBJECT: {
       std::vector<std::pair<std::string_view, simdjson::dom::element>> w, g;
-      for (auto m : want.get_object().value_unsafe()) w.emplace_back(m.key, m.value);
-      for (auto m : got.get_object().value_unsafe()) g.emplace_back(m.key, m.value);
+      const simdjson::dom::object wantObject = want.get_object().value_unsafe();
+      const simdjson::dom::object gotObject = got.get_object().value_unsafe();
+      for (auto m : wantObject) w.emplace_back(m.key, m.value);
+      for (auto m : gotObject) g.emplace_back(m.key, m.value);
       for (std::size_t i = 0; i < std::max(w.size(), g.size()); ++i) {
         if (i >= g.size()) return fail("missing member \"" + std::string(w[i].first) + "\"");
         if (i >= w.size()) return fail("unexpected member \"" + std::string(g[i].first) + "\"");
