@@ -33,7 +33,8 @@ template <class T>
 Result<std::string> encodeJson(const T& value, JsonStyle style) {
   try {
     std::string out;
-    out.reserve(512);
+    // A typical record is 1.5 to 2 KB; one allocation up front beats three while it grows.
+    out.reserve(2048);
     detail::JsonWriter writer(out, style == JsonStyle::pretty);
     CodecError error;
     if (!detail::encodeValue(writer, value, error)) return error;

@@ -296,8 +296,16 @@ bool decodeValue(element json, T& out, CodecError& error) {
         return typeMismatch(error, "a number");
     }
     if constexpr (std::is_same_v<T, float>) {
-      if (std::fabs(number) > FLT_MAX) {
+      // The shortest text of FLT_MAX ("3.4028235e+38") reads as a double just above FLT_MAX, so
+      // the limit is the point where rounding to float would give infinity, not FLT_MAX itself.
+      constexpr double kRoundsToInfinity = 0x1.ffffffp127;  // FLT_MAX + half an ulp
+      const double magnitude = std::fabs(number);
+      if (magnitude >= kRoundsToInfinity) {
         return fail(error, CodecError::Kind::dataCorrupted, "number does not fit a 32-bit float");
+      }
+      if (magnitude > FLT_MAX) {
+        out = std::copysign(FLT_MAX, static_cast<float>(std::signbit(number) ? -1 : 1));
+        return true;
       }
     }
     out = static_cast<T>(number);

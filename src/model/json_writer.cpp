@@ -2,10 +2,25 @@
 
 #include <simdjson.h>
 
+#include <array>
 #include <charconv>
 #include <cmath>
 
 namespace zelvanor::detail {
+
+namespace {
+
+// Bytes that JSON strings cannot carry as they are: control characters, quote and backslash.
+// Slashes are left alone.
+constexpr auto kNeedsEscape = [] {
+  std::array<bool, 256> table{};
+  for (int c = 0; c < 0x20; ++c) table[static_cast<std::size_t>(c)] = true;
+  table['"'] = true;
+  table['\\'] = true;
+  return table;
+}();
+
+}  // namespace
 
 void JsonWriter::open(char bracket) {
   out_.push_back(bracket);
@@ -44,13 +59,14 @@ void JsonWriter::key(std::string_view key) {
 }
 
 bool JsonWriter::string(std::string_view text) {
-  if (!simdjson::validate_utf8(text.data(), text.size())) return false;
   static constexpr char kHex[] = "0123456789abcdef";
   out_.push_back('"');
   std::size_t runStart = 0;
+  unsigned char seen = 0;  // OR of every byte: bit 7 set means there is non-ASCII text to check
   for (std::size_t i = 0; i < text.size(); ++i) {
     const auto c = static_cast<unsigned char>(text[i]);
-    if (c >= 0x20 && c != '"' && c != '\\') continue;
+    seen |= c;
+    if (!kNeedsEscape[c]) continue;
     out_.append(text.data() + runStart, i - runStart);
     runStart = i + 1;
     switch (c) {
@@ -83,7 +99,9 @@ bool JsonWriter::string(std::string_view text) {
   }
   out_.append(text.data() + runStart, text.size() - runStart);
   out_.push_back('"');
-  return true;
+  // Most of what we write is ASCII, which is valid UTF-8 by construction; only other text pays
+  // for the full check. On failure the caller discards the whole output.
+  return (seen & 0x80) == 0 || simdjson::validate_utf8(text.data(), text.size());
 }
 
 void JsonWriter::integer(std::int64_t value) {
@@ -94,6 +112,11 @@ void JsonWriter::integer(std::int64_t value) {
 
 bool JsonWriter::number(double value) {
   if (!std::isfinite(value)) return false;
+  if (value == 0 && std::signbit(value)) {
+    // "-0" reads back as the integer 0; the fraction keeps the sign through a round trip.
+    out_.append("-0.0");
+    return true;
+  }
   char buffer[32];
   const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
   out_.append(buffer, result.ptr);
@@ -102,6 +125,7 @@ bool JsonWriter::number(double value) {
 
 bool JsonWriter::number(float value) {
   if (!std::isfinite(value)) return false;
+  if (value == 0 && std::signbit(value)) return number(static_cast<double>(value));
   // Shortest text that reads back as the same float: 0.1f is "0.1", not 0.10000000149011612.
   char buffer[32];
   const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);

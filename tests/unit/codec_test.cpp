@@ -1,0 +1,433 @@
+// The codec's rules case by case: the one-sided members, the keys that differ between types,
+// number and string forms, and where errors point. The per-type fixture checks are in
+// wire_model_test.cpp.
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "support/wire_json.hpp"
+#include "support/wire_samples.hpp"
+#include "zelvanor/json.hpp"
+
+namespace zelvanor {
+namespace {
+
+using testing_support::sameJson;
+using Kind = CodecError::Kind;
+
+template <class T>
+std::function<Result<std::string>()> encoding(T value) {
+  return [value] { return encodeJson(value); };
+}
+
+// Decodes `json` as a T and compares with `expected`.
+template <class T>
+std::function<::testing::AssertionResult()> decoding(std::string json, T expected) {
+  return [json, expected]() -> ::testing::AssertionResult {
+    auto decoded = decodeJson<T>(json);
+    if (!decoded) return ::testing::AssertionFailure() << decoded.error().describe();
+    if (*decoded == expected) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "decoded value differs";
+  };
+}
+
+template <class T>
+std::function<std::optional<CodecError>()> decodeFailure(std::string json) {
+  return [json]() -> std::optional<CodecError> {
+    auto decoded = decodeJson<T>(json);
+    if (decoded) return std::nullopt;
+    return decoded.error();
+  };
+}
+
+template <class T>
+std::function<std::optional<CodecError>()> encodeFailure(T value) {
+  return [value]() -> std::optional<CodecError> {
+    auto encoded = encodeJson(value);
+    if (encoded) return std::nullopt;
+    return encoded.error();
+  };
+}
+
+ZLogRecord minimalRecord() {
+  return ZLogRecord{
+      .xid = {.cid = "c", .did = "d", .sid = "s"},
+      .sdk = {.type = DeploymentType::development, .version = "0.9.0", .commonLogVersion = "1.2.0"},
+      .action = ZAction("event", "tap", "click")};
+}
+
+constexpr const char* kMinimalRecord =
+    R"({"xid":{"cid":"c","did":"d","sid":"s"},)"
+    R"("sdk":{"type":"development","version":"0.9.0","common_log_version":"1.2.0"},)"
+    R"("action":{"type":"event","name":"tap","kind":"click"})";
+
+std::string minimalRecordWith(const std::string& members) {
+  return std::string(kMinimalRecord) + (members.empty() ? "" : ",") + members + "}";
+}
+
+// ----- exact output ---------------------------------------------------------------------------
+
+struct EncodeRow {
+  const char* label;
+  std::function<Result<std::string>()> encode;
+  std::string expected;
+};
+
+TEST(CodecEncode, WritesExactlyTheseMembers) {
+  ZLogRecord withLists = minimalRecord();
+  withLists.viewImpressionContents = std::vector<ZViewImpressionContent>{{.id = "a"}};
+  withLists.buckets = std::vector<ZBucket>{};
+  ZLogTemplate templ{.viewImpressionContents = std::vector<ZViewImpressionContent>{{.id = "a"}}};
+
+  const EncodeRow rows[] = {
+      // Members that never reach the collector.
+      {"agreement writes no third_ad_agree", encoding(ZAgreement{.thirdAdAgree = true}), "{}"},
+      {"agreement with every flag set",
+       encoding(ZAgreement{.locationInformationAgree = true,
+                           .thirdProvideAgree = true,
+                           .thirdAdAgree = true,
+                           .cookieAgree = true,
+                           .donotTrackAgree = true}),
+       R"({"location_information_agree":true,"third_provide_agree":true,)"
+       R"("cookie_agree":true,"donottrack_agree":true})"},
+      {"meeting writes no speech_request", encoding(ZVideoMeeting{.speechRequest = "raise"}), "{}"},
+      {"click writes no copy", encoding(ZClick{.copy = "Buy now"}), "{}"},
+      {"search writes no collections",
+       encoding(ZSearch{.collections = ZAnyCodable(samples::xid())}), "{}"},
+      // Keys that are not the member's name.
+      {"status message is msg", encoding(ZStatus{.message = "boom"}), R"({"msg":"boom"})"},
+      {"longitude is logitude", encoding(ZLocation{.latitude = 37.5, .logitude = 127.25}),
+       R"({"latitude":37.5,"logitude":127.25})"},
+      {"utterance_Type keeps its capital", encoding(ZVideoMeeting{.utteranceType = "voice"}),
+       R"({"utterance_Type":"voice"})"},
+      {"videoMeeting slot is camel case", encoding(ZDomain{.videoMeeting = ZVideoMeeting{}}),
+       R"({"videoMeeting":{}})"},
+      {"ucid with one member", encoding(ZUcid{.serviceId = "svc"}), R"({"service_id":"svc"})"},
+      {"record lists", encoding(withLists),
+       minimalRecordWith(R"("viewimp_contents":[{"id":"a"}],"buckets":[])")},
+      {"template list keeps the member name", encoding(templ),
+       R"({"viewImpressionContents":[{"id":"a"}]})"},
+      {"record with only required members", encoding(minimalRecord()), minimalRecordWith("")},
+      // Natural JSON forms.
+      {"false stays false", encoding(ZId{.webIdEnabled = false}), R"({"webid_enabled":false})"},
+      {"Yn is a bool", encoding(ZPage{.id = "p", .name = "n", .title = "t", .ecommerceYn = false}),
+       R"({"id":"p","name":"n","title":"t","ecommerce_yn":false})"},
+      {"integers are integers", encoding(ZClick{.posX = 12, .posY = -3}),
+       R"({"posx":12,"posy":-3})"},
+      {"amounts and price", encoding(ZPurchase{.shipAmount = 2500, .price = 0.5f}),
+       R"({"ship_amt":2500,"price":0.5})"},
+      {"empty array", encoding(ZSearch{.tabOrder = std::vector<std::string>{}}),
+       R"({"tab_order":[]})"},
+      {"empty strings are written", encoding(ZXid{}), R"({"cid":"","did":"","sid":""})"},
+      {"escapes quotes, backslashes and controls but not slashes",
+       encoding(ZAction("a/b", "q\"\\", std::string("\n\t\x01\x1f", 4))),
+       R"({"type":"a/b","name":"q\"\\","kind":"\n\t\u0001\u001f"})"},
+      {"non-ASCII text passes through as UTF-8", encoding(ZUcid{.id = "\xed\x95\x9c \xe2\x9c\x93"}),
+       "{\"id\":\"\xed\x95\x9c \xe2\x9c\x93\"}"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    auto json = row.encode();
+    ASSERT_TRUE(json) << json.error().describe();
+    EXPECT_EQ(*json, row.expected);
+  }
+}
+
+TEST(CodecEncode, ActionTypesWriteTheirTexts) {
+  using Type = ZAction::ZActionType;
+  const std::pair<Type, const char*> rows[] = {
+      {Type::custom("scroll_end"), "scroll_end"},
+      {Type::custom(""), ""},
+      {Type::pageView, "page_view"},
+      {Type::event, "event"},
+      {Type::ecommerce, "ecommerce"},
+      {Type::usage, "usage"},
+      {Type::viewImpression, "view_imp"},
+      {Type::location, "location"},
+      {Type::app, "app"},
+  };
+  for (const auto& [type, text] : rows) {
+    EXPECT_EQ(*encodeJson(ZAction(type, "n", "k")),
+              std::string(R"({"type":")") + text + R"(","name":"n","kind":"k"})");
+  }
+}
+
+TEST(CodecEncode, PrettyStyleIndentsByTwoAndKeepsTheSameDocument) {
+  EXPECT_EQ(*encodeJson(ZStatus{.code = 1, .message = "m"}, JsonStyle::pretty),
+            "{\n  \"code\": 1,\n  \"msg\": \"m\"\n}");
+  EXPECT_EQ(*encodeJson(ZUsage{}, JsonStyle::pretty), "{}");
+  EXPECT_EQ(*encodeJson(ZSearch{.tabOrder = std::vector<std::string>{}}, JsonStyle::pretty),
+            "{\n  \"tab_order\": []\n}");
+
+  const auto record = samples::record();
+  auto pretty = encodeJson(record, JsonStyle::pretty);
+  ASSERT_TRUE(pretty);
+  EXPECT_TRUE(sameJson(*encodeJson(record), *pretty));
+  EXPECT_NE(pretty->find("\n    \"cid\": \"cid-1\",\n"), std::string::npos) << *pretty;
+}
+
+// ----- numbers --------------------------------------------------------------------------------
+
+TEST(CodecNumbers, FloatsAreWrittenAsTheShortestTextThatReadsBack) {
+  const std::pair<float, const char*> rows[] = {
+      {0.1f, "0.1"},   {0.5f, "0.5"},   {19.99f, "19.99"},          {1.0f / 3, "0.33333334"},
+      {100.0f, "100"}, {-2.5f, "-2.5"}, {FLT_MAX, "3.4028235e+38"}, {-0.0f, "-0.0"},
+  };
+  for (const auto& [value, text] : rows) {
+    EXPECT_EQ(*encodeJson(ZUsage{.scrollPercent = value}),
+              std::string(R"({"scroll_percent":)") + text + "}");
+  }
+}
+
+TEST(CodecNumbers, FloatsAndDoublesSurviveARoundTripBitForBit) {
+  const float floats[] = {0.1f,     0.3f,         19.99f,
+                          1.0f / 3, 16777215.0f,  FLT_MIN,
+                          FLT_MAX,  FLT_TRUE_MIN, std::nextafter(1.0f, 2.0f),
+                          -1e-7f,   1e10f,        -0.0f};
+  for (float value : floats) {
+    SCOPED_TRACE(value);
+    auto json = encodeJson(ZPurchase{.price = value});
+    ASSERT_TRUE(json);
+    auto back = decodeJson<ZPurchase>(*json);
+    ASSERT_TRUE(back) << back.error().describe();
+    ASSERT_TRUE(back->price);
+    EXPECT_EQ(std::bit_cast<std::uint32_t>(*back->price), std::bit_cast<std::uint32_t>(value))
+        << *json;
+  }
+  const double doubles[] = {0.1, 1.0 / 3, -122.4194, 37.5665, DBL_MIN, DBL_MAX, 5e-324, 1e21, -0.0};
+  for (double value : doubles) {
+    SCOPED_TRACE(value);
+    auto json = encodeJson(ZLocation{.latitude = value, .logitude = -value});
+    ASSERT_TRUE(json);
+    auto back = decodeJson<ZLocation>(*json);
+    ASSERT_TRUE(back) << back.error().describe();
+    EXPECT_EQ(std::bit_cast<std::uint64_t>(*back->latitude), std::bit_cast<std::uint64_t>(value));
+    EXPECT_EQ(std::bit_cast<std::uint64_t>(*back->logitude), std::bit_cast<std::uint64_t>(-value));
+  }
+}
+
+TEST(CodecNumbers, SixtyFourBitIntegersAreExact) {
+  const std::pair<std::int64_t, const char*> rows[] = {
+      {std::numeric_limits<std::int64_t>::max(), "9223372036854775807"},
+      {std::numeric_limits<std::int64_t>::min(), "-9223372036854775808"},
+      {9007199254740993, "9007199254740993"},  // 2^53 + 1: a double would lose it
+      {0, "0"},
+      {-1, "-1"},
+  };
+  for (const auto& [value, text] : rows) {
+    const std::string json = std::string(R"({"code":)") + text + "}";
+    EXPECT_EQ(*encodeJson(ZStatus{.code = value}), json);
+    EXPECT_TRUE(decoding(json, ZStatus{.code = value})());
+  }
+}
+
+TEST(CodecNumbers, NumbersOfTheWrongKindOrRangeFail) {
+  struct Row {
+    std::function<std::optional<CodecError>()> decode;
+    Kind kind;
+    const char* path;
+  };
+  const Row rows[] = {
+      {decodeFailure<ZStatus>(R"({"code":9223372036854775808})"), Kind::dataCorrupted, "code"},
+      {decodeFailure<ZStatus>(R"({"code":1.5})"), Kind::typeMismatch, "code"},
+      {decodeFailure<ZStatus>(R"({"code":"12"})"), Kind::typeMismatch, "code"},
+      {decodeFailure<ZStatus>(R"({"code":true})"), Kind::typeMismatch, "code"},
+      {decodeFailure<ZUsage>(R"({"scroll_percent":1e39})"), Kind::dataCorrupted, "scroll_percent"},
+      {decodeFailure<ZUsage>(R"({"scroll_percent":"0.5"})"), Kind::typeMismatch, "scroll_percent"},
+      {decodeFailure<ZId>(R"({"webid_enabled":0})"), Kind::typeMismatch, "webid_enabled"},
+      {decodeFailure<ZId>(R"({"webid_enabled":"false"})"), Kind::typeMismatch, "webid_enabled"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.path);
+    auto error = row.decode();
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->kind, row.kind) << error->describe();
+    EXPECT_EQ(error->path, row.path);
+  }
+}
+
+TEST(CodecNumbers, FloatRangeEndsWhereRoundingWouldGiveInfinity) {
+  // FLT_MAX's own shortest text is slightly above FLT_MAX when read exactly.
+  EXPECT_TRUE(decoding(R"({"price":3.4028235e+38})", ZPurchase{.price = FLT_MAX})());
+  EXPECT_TRUE(decoding(R"({"price":-3.4028235e38})", ZPurchase{.price = -FLT_MAX})());
+  auto error = decodeFailure<ZPurchase>(R"({"price":3.4028236e38})")();
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->kind, Kind::dataCorrupted);
+  EXPECT_EQ(error->path, "price");
+}
+
+TEST(CodecNumbers, IntegerTextIsAcceptedForFloatingMembers) {
+  EXPECT_TRUE(decoding(R"({"scroll_percent":2})", ZUsage{.scrollPercent = 2.0f})());
+  EXPECT_TRUE(decoding(R"({"latitude":-90})", ZLocation{.latitude = -90.0})());
+}
+
+// ----- what decoding reads --------------------------------------------------------------------
+
+TEST(CodecDecode, ReadsOnlyWhatTheFormatSays) {
+  ZLogRecord withoutList = minimalRecord();
+  struct Row {
+    const char* label;
+    std::function<::testing::AssertionResult()> check;
+  };
+  const Row rows[] = {
+      {"third_ad_agree is read",
+       decoding(R"({"third_ad_agree":true})", ZAgreement{.thirdAdAgree = true})},
+      {"speech_request is read", decoding(R"({"speech_request":"raise_hand"})",
+                                          ZVideoMeeting{.speechRequest = "raise_hand"})},
+      {"copy is not read", decoding(R"({"copy":"Buy","type":"button"})", ZClick{.type = "button"})},
+      {"copy is not even type-checked", decoding(R"({"copy":42})", ZClick{})},
+      {"collections is not read",
+       decoding(R"({"collections":{"any":[1]},"keyword":"mug"})", ZSearch{.keyword = "mug"})},
+      {"lower-case utterance_type is unknown",
+       decoding(R"({"utterance_type":"x"})", ZVideoMeeting{})},
+      {"longitude is unknown",
+       decoding(R"({"longitude":127.0,"latitude":37.5})", ZLocation{.latitude = 37.5})},
+      {"message is unknown for a status", decoding(R"({"message":"x"})", ZStatus{})},
+      {"webid_enabled false is kept",
+       decoding(R"({"webid_enabled":false})", ZId{.webIdEnabled = false})},
+      {"specific is ignored, whatever it holds",
+       decoding(minimalRecordWith(R"("specific":{"x":[1,2]})"), minimalRecord())},
+      {"specific of a scalar type is ignored too",
+       decoding(minimalRecordWith(R"("specific":7)"), minimalRecord())},
+      {"a record reads its list only under viewimp_contents",
+       decoding(minimalRecordWith(R"("viewImpressionContents":[{"id":"a"}])"), withoutList)},
+      {"_code and _message are never read",
+       decoding(
+           R"({"version":2,"status":{"code":"0","msg":"ok"},"_code":5,"_message":[true]})",
+           ZHTTPResult<ZHTTPResultEmpty>{.version = 2, .status = {.code = "0", .message = "ok"}})},
+      {"null data is no data",
+       decoding(
+           R"({"version":1,"status":{"code":"0","msg":"ok"},"data":null})",
+           ZHTTPResult<std::vector<ZXid>>{.version = 1, .status = {.code = "0", .message = "ok"}})},
+      {"empty payload accepts any object",
+       decoding(R"({"version":1,"status":{"code":"0","msg":"ok"},"data":{"x":1}})",
+                ZHTTPResult<ZHTTPResultEmpty>{.version = 1,
+                                              .status = {.code = "0", .message = "ok"},
+                                              .data = ZHTTPResultEmpty{}})},
+      {"escapes are decoded",
+       decoding(R"({"cid":"a\/b","did":"\u00e9\n","sid":"\ud83d\ude00"})",
+                ZXid{.cid = "a/b", .did = "\xc3\xa9\n", .sid = "\xf0\x9f\x98\x80"})},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    EXPECT_TRUE(row.check());
+  }
+}
+
+TEST(CodecDecode, ErrorsNameTheKindAndTheKeyPath) {
+  struct Row {
+    const char* label;
+    std::function<std::optional<CodecError>()> decode;
+    Kind kind;
+    const char* path;
+  };
+  const Row rows[] = {
+      {"deployment text is case-sensitive",
+       decodeFailure<ZSDK>(R"({"type":"Development","version":"","common_log_version":""})"),
+       Kind::dataCorrupted, "type"},
+      {"deployment text is exact",
+       decodeFailure<ZLogRecord>(
+           R"({"xid":{"cid":"","did":"","sid":""},"action":{"type":"","name":"","kind":""},)"
+           R"("sdk":{"type":"prod","version":"","common_log_version":""}})"),
+       Kind::dataCorrupted, "sdk.type"},
+      {"missing key in a nested block",
+       decodeFailure<ZLogRecord>(R"({"xid":{"cid":"c","did":"d"},"sdk":{},"action":{}})"),
+       Kind::keyNotFound, "xid.sid"},
+      {"null required block", decodeFailure<ZLogRecord>(R"({"xid":null})"), Kind::valueNotFound,
+       "xid"},
+      {"wrong type inside a list",
+       decodeFailure<ZLogRecord>(minimalRecordWith(R"("buckets":[{},{"name":5}])")),
+       Kind::typeMismatch, "buckets[1].name"},
+      {"null list element",
+       decodeFailure<ZLogRecord>(minimalRecordWith(R"("viewimp_contents":[null])")),
+       Kind::valueNotFound, "viewimp_contents[0]"},
+      {"null string in a nested list",
+       decodeFailure<ZLogRecord>(
+           minimalRecordWith(R"("domain":{"videoMeeting":{"utterances":["a",null]}})")),
+       Kind::valueNotFound, "domain.videoMeeting.utterances[1]"},
+      {"wrong element type in a string list",
+       decodeFailure<ZLogRecord>(minimalRecordWith(R"("domain":{"search":{"tab_order":[1]}})")),
+       Kind::typeMismatch, "domain.search.tab_order[0]"},
+      {"wrong type deep in a domain block",
+       decodeFailure<ZLogRecord>(minimalRecordWith(R"("domain":{"purchase":{"price":"9.99"}})")),
+       Kind::typeMismatch, "domain.purchase.price"},
+      {"read-only members are type-checked",
+       decodeFailure<ZAgreement>(R"({"third_ad_agree":"yes"})"), Kind::typeMismatch,
+       "third_ad_agree"},
+      {"read-only speech_request is type-checked",
+       decodeFailure<ZVideoMeeting>(R"({"speech_request":1})"), Kind::typeMismatch,
+       "speech_request"},
+      {"status message must be under msg",
+       decodeFailure<ZHTTPResult<ZHTTPResultEmpty>>(
+           R"({"version":1,"status":{"code":"0","message":"ok"}})"),
+       Kind::keyNotFound, "status.msg"},
+      {"envelope needs status",
+       decodeFailure<ZHTTPResult<ZHTTPResultEmpty>>(R"({"version":1,"data":{}})"),
+       Kind::keyNotFound, "status"},
+      {"envelope needs version",
+       decodeFailure<ZHTTPResult<ZHTTPResultEmpty>>(R"({"status":{"code":"0","msg":"ok"}})"),
+       Kind::keyNotFound, "version"},
+      {"sync payload needs the whole triple",
+       decodeFailure<ZHTTPResult<std::vector<ZXid>>>(
+           R"({"version":1,"status":{"code":"0","msg":"ok"},"data":[{"cid":"a","did":"b"}]})"),
+       Kind::keyNotFound, "data[0].sid"},
+      {"invalid UTF-8 in the text", decodeFailure<ZUcid>("{\"id\":\"\xff\"}"), Kind::dataCorrupted,
+       ""},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    auto error = row.decode();
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->kind, row.kind) << error->describe();
+    EXPECT_EQ(error->path, row.path) << error->describe();
+  }
+}
+
+TEST(CodecEncode, ValuesJsonCannotCarryFailNamingTheKeyPath) {
+  auto withPrice = samples::record();
+  withPrice.domain->purchase->price = std::numeric_limits<float>::infinity();
+  auto withLatitude = minimalRecord();
+  withLatitude.location = ZLocation{.latitude = std::nan("")};
+  auto withBucket = minimalRecord();
+  withBucket.buckets = std::vector<ZBucket>{{}, {.name = "\xc3("}};
+  auto withFree = minimalRecord();
+  withFree.free = "ok\xf8";
+
+  struct Row {
+    std::function<std::optional<CodecError>()> encode;
+    const char* path;
+  };
+  const Row rows[] = {
+      {encodeFailure(ZUsage{.scrollPercent = std::numeric_limits<float>::quiet_NaN()}),
+       "scroll_percent"},
+      {encodeFailure(withPrice), "domain.purchase.price"},
+      {encodeFailure(withLatitude), "location.latitude"},
+      {encodeFailure(withBucket), "buckets[1].name"},
+      {encodeFailure(withFree), "free"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.path);
+    auto error = row.encode();
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->kind, Kind::invalidValue);
+    EXPECT_EQ(error->path, row.path);
+  }
+}
+
+TEST(CodecDecode, DescribeNamesKindPathAndDetail) {
+  auto error = decodeJson<ZStatus>(R"({"code":"x"})").error();
+  const std::string text = error.describe();
+  EXPECT_NE(text.find(toString(Kind::typeMismatch)), std::string::npos) << text;
+  EXPECT_NE(text.find("code"), std::string::npos) << text;
+}
+
+}  // namespace
+}  // namespace zelvanor
