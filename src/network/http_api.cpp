@@ -9,7 +9,7 @@ namespace zelvanor::detail {
 
 std::optional<std::string> ZHttpApi::endpoint() const {
   const ZEndpoints endpoints = currentEndpoints();
-  if (std::holds_alternative<RecordPtr>(intent_)) {
+  if (!std::holds_alternative<std::monostate>(intent_)) {
     const bool sandbox = settings().usingSandbox.load();
     return joinHttpsUrl(sandbox ? endpoints.sandbox : endpoints.production, "/sdk/track");
   }
@@ -32,6 +32,10 @@ std::optional<network::HttpRequest> ZHttpApi::urlRequest() const {
       // The source name and line are what developers search the console for; keep them stable.
       logError("Fail to encode logRecord", "Shared/Network/ZHttpApi", "urlRequest", 59);
     }
+  } else if (const auto* encoded = std::get_if<EncodedRecord>(&intent_)) {
+    request.method = "POST";
+    request.headers.emplace_back("Content-Type", "application/json");
+    request.body = encoded->json;
   } else {
     request.method = "GET";
   }

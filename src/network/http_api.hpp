@@ -18,6 +18,11 @@ class ZHttpApi {
   static ZHttpApi track(ZLogRecord log) {
     return track(std::make_shared<const ZLogRecord>(std::move(log)));
   }
+  /// The same request for a record already encoded (the delivery path encodes once, to keep
+  /// the same bytes for the pending file if the request fails).
+  static ZHttpApi trackEncoded(std::string json) {
+    return ZHttpApi(EncodedRecord{std::move(json)});
+  }
   /// GET "/sync?v=1" on the identity sync server: no body, no extra header.
   static ZHttpApi idSync() { return ZHttpApi(std::monostate{}); }
 
@@ -28,8 +33,12 @@ class ZHttpApi {
   std::optional<network::HttpRequest> urlRequest() const;
 
  private:
-  explicit ZHttpApi(std::variant<std::monostate, RecordPtr> intent) : intent_(std::move(intent)) {}
-  std::variant<std::monostate, RecordPtr> intent_;
+  struct EncodedRecord {
+    std::string json;
+  };
+  using Intent = std::variant<std::monostate, RecordPtr, EncodedRecord>;
+  explicit ZHttpApi(Intent intent) : intent_(std::move(intent)) {}
+  Intent intent_;
 };
 
 }  // namespace zelvanor::detail

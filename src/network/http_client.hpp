@@ -50,6 +50,9 @@ class HttpClient {
     std::optional<std::string> caBundle;  ///< extra trusted roots (PEM file)
   };
 
+  /// Connections kept to one host; requests beyond them wait for a free one.
+  static constexpr long kMaxConnectionsPerHost = 8;
+
   explicit HttpClient(Options options);
   ~HttpClient();
   HttpClient(const HttpClient&) = delete;

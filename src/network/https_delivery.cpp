@@ -45,42 +45,60 @@ void HttpsDelivery::sendOnWorker(RecordPtr record, bool networkAvailable) {
     keepOnDisk(bytes);
     return;
   }
-  auto request = ZHttpApi::track(std::move(record)).urlRequest();
-  if (!request) {
-    // No parsable endpoint: the record cannot go anywhere.
-    std::lock_guard lock(mutex_);
-    ++counts_.unencodable;
-    settleOne();
-    return;
+  waiting_.push_back(std::move(bytes));
+  startWaiting();
+}
+
+void HttpsDelivery::startWaiting() {
+  // After shutdown the waiting records belong to the pending file (shutdown writes them).
+  while (!stopped_.load() && inFlight_ < kMaxInFlight && !waiting_.empty()) {
+    std::string bytes = std::move(waiting_.front());
+    waiting_.pop_front();
+    // The endpoint and the sandbox switch are read now, as the request is built.
+    auto request = ZHttpApi::trackEncoded(bytes).urlRequest();
+    if (!request) {
+      // No parsable endpoint: the record cannot go anywhere.
+      std::lock_guard lock(mutex_);
+      ++counts_.unencodable;
+      settleOne();
+      continue;
+    }
+    ++inFlight_;
+    std::weak_ptr<HttpsDelivery> weak = weak_from_this();
+    http_->send(std::move(*request), [weak, bytes = std::move(bytes)](
+                                         network::HttpOutcome outcome) mutable {
+      auto self = weak.lock();
+      if (!self) return;
+      if (self->worker_.isCurrent()) {
+        // The client answered at once on this thread (it has shut down).
+        self->finished(std::move(outcome), std::move(bytes));
+        return;
+      }
+      // File access and the window stay on the worker.
+      self->worker_.async([weak, outcome = std::move(outcome), bytes = std::move(bytes)]() mutable {
+        if (auto owner = weak.lock()) owner->finished(std::move(outcome), std::move(bytes));
+      });
+    });
   }
-  std::weak_ptr<HttpsDelivery> weak = weak_from_this();
-  http_->send(std::move(*request),
-              [weak, bytes = std::move(bytes)](network::HttpOutcome outcome) mutable {
-                auto self = weak.lock();
-                if (!self) return;
-                if (const auto* response = std::get_if<network::HttpResponse>(&outcome)) {
-                  // The collector treats only the exact body ok as success; anything else is a
-                  // verdict on the record, so it is not kept (the HTTP status is not looked at).
-                  std::lock_guard lock(self->mutex_);
-                  if (response->body == "ok") {
-                    ++self->counts_.delivered;
-                  } else {
-                    ++self->counts_.rejected;
-                  }
-                  self->settleOne();
-                  return;
-                }
-                // Transport failure: keep it for the next start. File access stays on the worker
-                // (after shutdown the client answers on the worker itself, which must not queue
-                // behind its own stop).
-                if (self->worker_.isCurrent()) {
-                  self->keepOnDisk(bytes);
-                  return;
-                }
-                self->worker_.async([weak, bytes = std::move(bytes)] {
-                  if (auto owner = weak.lock()) owner->keepOnDisk(bytes);
-                });
-              });
+}
+
+void HttpsDelivery::finished(network::HttpOutcome outcome, std::string bytes) {
+  if (inFlight_ > 0) --inFlight_;
+  if (const auto* response = std::get_if<network::HttpResponse>(&outcome)) {
+    // The collector treats only the exact body ok as success; anything else is a verdict on the
+    // record, so it is not kept (the HTTP status is not looked at).
+    std::lock_guard lock(mutex_);
+    if (response->body == "ok") {
+      ++counts_.delivered;
+    } else {
+      ++counts_.rejected;
+    }
+    settleOne();
+  } else {
+    // Transport failure: keep it for the next start.
+    keepOnDisk(bytes);
+  }
+  startWaiting();
 }
 
 void HttpsDelivery::keepOnDisk(const std::string& bytes) {
@@ -108,8 +126,15 @@ void HttpsDelivery::shutdown(std::vector<RecordPtr> unsent) {
   // is cancelled, so exit stays quick.
   waitUntilSettled(kInFlightGrace);
   // Cancelling in-flight requests reports each as a transport failure, which queues its bytes
-  // for the pending file on the worker ahead of the unsent records: file order stays send order.
+  // for the pending file on the worker ahead of the waiting and the unsent records: file order
+  // stays send order.
   http_->shutdown();
+  worker_.async([this] {
+    while (!waiting_.empty()) {
+      keepOnDisk(waiting_.front());
+      waiting_.pop_front();
+    }
+  });
   for (auto& record : unsent) {
     {
       std::lock_guard lock(mutex_);

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <filesystem>
 #include <memory>
 #include <mutex>
@@ -35,6 +36,11 @@ class HttpsDelivery final : public RecordTransport,
   void shutdown(std::vector<RecordPtr> unsent) override;
   /// How long shutdown waits for in-flight answers before cancelling them.
   static constexpr std::chrono::milliseconds kInFlightGrace{200};
+  /// Requests handed to the HTTP client at once: one per connection it keeps to the collector.
+  /// Later records wait here, in order, so a request's timeout starts when it can really be
+  /// sent rather than while it queues for a connection, and the client's per-step work (it
+  /// walks every transfer it holds) stays small however busy the network is.
+  static constexpr std::size_t kMaxInFlight = network::HttpClient::kMaxConnectionsPerHost;
 
   Counts counts() const;
   /// Waits until every record handed over so far has reached an outcome; false on timeout.
@@ -42,6 +48,9 @@ class HttpsDelivery final : public RecordTransport,
 
  private:
   void sendOnWorker(RecordPtr record, bool networkAvailable);
+  /// Starts waiting requests while the window has room. Worker only.
+  void startWaiting();
+  void finished(network::HttpOutcome outcome, std::string bytes);
   void keepOnDisk(const std::string& bytes);
   void settleOne();
 
@@ -53,6 +62,9 @@ class HttpsDelivery final : public RecordTransport,
   std::uint64_t unsettled_ = 0;
   Counts counts_;
   std::atomic<bool> stopped_{false};
+  // Worker only.
+  std::deque<std::string> waiting_;  ///< encoded records not yet handed to the client
+  std::size_t inFlight_ = 0;
 };
 
 }  // namespace zelvanor::detail

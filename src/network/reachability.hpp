@@ -38,7 +38,7 @@ class ZReachability final : public NetworkMonitor,
   }
 
  private:
-  void changed(std::uint32_t flags);  // on queue_
+  void changed(std::uint32_t flags);        // on queue_
   void systemChanged(std::uint32_t flags);  // on queue_
 
   SourceFactory makeSource_;

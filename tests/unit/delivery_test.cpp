@@ -1,6 +1,7 @@
 // Every outcome of sending a record, identity sync's answers, and reachability's reports.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <future>
 
 #include "api/settings.hpp"
@@ -111,17 +112,42 @@ TEST_F(NetworkTest, ClosedGateAndTransportFailuresKeepRecordsForTheNextStart) {
   EXPECT_FALSE(std::filesystem::exists(pendingFile()));
 }
 
-TEST_F(NetworkTest, ShutdownKeepsInFlightAndUnsentRecords) {
+TEST_F(NetworkTest, ShutdownKeepsInFlightWaitingAndUnsentRecordsInOrder) {
   server.setResponder([](const ReceivedRequest&) { return CannedResponse{200, "ok", {}, 2000}; });
   auto delivery = std::make_shared<HttpsDelivery>(http, pendingFile());
-  delivery->send(record("in-flight"), true);
-  for (int i = 0; i < 50 && server.received().empty(); ++i) {
+  // More than the window: the first ones are in flight, the rest wait in the delivery's queue.
+  std::vector<std::string> sent;
+  for (std::size_t i = 0; i < HttpsDelivery::kMaxInFlight + 3; ++i) {
+    sent.push_back("r" + std::to_string(i));
+    delivery->send(record(sent.back()), true);
+  }
+  for (int i = 0; i < 100 && server.received().size() < HttpsDelivery::kMaxInFlight; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
+  EXPECT_EQ(server.received().size(), HttpsDelivery::kMaxInFlight) << "no more than the window";
   delivery->shutdown({record("unsent")});
-  EXPECT_EQ(pendingNames(), (std::vector<std::string>{"in-flight", "unsent"}));
+  // In-flight ones may be cancelled in any order among themselves; waiting and unsent follow.
+  auto kept = pendingNames();
+  ASSERT_EQ(kept.size(), sent.size() + 1);
+  std::sort(kept.begin(), kept.begin() + HttpsDelivery::kMaxInFlight);
+  std::vector<std::string> expected = sent;
+  std::sort(expected.begin(), expected.begin() + HttpsDelivery::kMaxInFlight);
+  expected.push_back("unsent");
+  EXPECT_EQ(kept, expected);
   delivery->send(record("late"), true);  // after shutdown: straight to disk
   EXPECT_EQ(pendingNames(), (std::vector<std::string>{"late"}));
+}
+
+TEST_F(NetworkTest, ABacklogToASlowCollectorStillArrivesWithinEachRequestsTimeout) {
+  // 240 records, 100 ms per answer, 8 connections: 3 s for all, more than the 2 s timeout. A
+  // request's timeout must count from when it goes out, not from when it was handed over.
+  server.setResponder([](const ReceivedRequest&) { return CannedResponse{200, "ok", {}, 100}; });
+  detail::settings().requestTimeout = 2.0;
+  auto delivery = std::make_shared<HttpsDelivery>(http, pendingFile());
+  for (int i = 0; i < 240; ++i) delivery->send(record("backlog-" + std::to_string(i)), true);
+  ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(60)));
+  EXPECT_EQ(delivery->counts().delivered, 240u);
+  EXPECT_EQ(delivery->counts().keptOnDisk, 0u);
 }
 
 TEST_F(NetworkTest, IdentityComesFromAllThreeCookiesOrElseFromTheServer) {
