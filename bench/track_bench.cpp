@@ -13,9 +13,9 @@ namespace {
 using namespace zelvanor;
 
 struct DiscardingTransport final : detail::RecordTransport {
-  void send(detail::RecordPtr record, bool) override { benchmark::DoNotOptimize(record); }
-  std::vector<ZLogRecord> takePendingRecords() override { return {}; }
-  void shutdown(std::vector<detail::RecordPtr>) override {}
+  void send(detail::OutgoingRecord record, bool) override { benchmark::DoNotOptimize(record); }
+  std::vector<detail::OutgoingRecord> takePendingRecords() override { return {}; }
+  void shutdown(std::vector<detail::OutgoingRecord>) override {}
 };
 
 struct ImmediateIdentity final : detail::IdentitySource {
@@ -27,9 +27,8 @@ struct ImmediateIdentity final : detail::IdentitySource {
 
 void startReadyTracker() {
   const auto dir = std::filesystem::temp_directory_path() / "zelvanor-track-bench";
-  setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.bench",
-                                  .appVersion = "1.0",
-                                  .dataDirectory = dir.string()});
+  setPlatformFacts(ZPlatformFacts{
+      .bundleIdentifier = "com.example.bench", .appVersion = "1.0", .dataDirectory = dir.string()});
   detail::setSourcesFactory([] {
     return detail::ManagerSources{std::make_shared<DiscardingTransport>(),
                                   std::make_shared<ImmediateIdentity>(),

@@ -14,11 +14,11 @@ HttpsDelivery::~HttpsDelivery() {
   worker_.stop();
 }
 
-void HttpsDelivery::send(RecordPtr record, bool networkAvailable) {
+void HttpsDelivery::send(OutgoingRecord record, bool networkAvailable) {
   if (stopped_.load()) {
     // A host thread that raced with shutdown: nothing will send it now, so keep it for the next
     // start right here (a single O_APPEND write, safe beside the worker's).
-    if (auto encoded = encodeJson(*record))
+    if (auto encoded = record.json())
       ZLogsFileManager::appendRecordData(*encoded, pendingFile_);
     return;
   }
@@ -28,12 +28,12 @@ void HttpsDelivery::send(RecordPtr record, bool networkAvailable) {
   }
   std::weak_ptr<HttpsDelivery> weak = weak_from_this();
   worker_.async([weak, record = std::move(record), networkAvailable]() mutable {
-    if (auto self = weak.lock()) self->sendOnWorker(std::move(record), networkAvailable);
+    if (auto self = weak.lock()) self->sendOnWorker(record, networkAvailable);
   });
 }
 
-void HttpsDelivery::sendOnWorker(RecordPtr record, bool networkAvailable) {
-  auto encoded = encodeJson(*record);
+void HttpsDelivery::sendOnWorker(const OutgoingRecord& record, bool networkAvailable) {
+  auto encoded = record.json();
   if (!encoded) {
     std::lock_guard lock(mutex_);
     ++counts_.unencodable;
@@ -113,13 +113,16 @@ void HttpsDelivery::settleOne() {
   if (unsettled_ == 0) settled_.notify_all();
 }
 
-std::vector<ZLogRecord> HttpsDelivery::takePendingRecords() {
-  std::vector<ZLogRecord> records;
-  worker_.sync([&] { records = ZLogsFileManager::readRecords(pendingFile_); });
+std::vector<OutgoingRecord> HttpsDelivery::takePendingRecords() {
+  std::vector<std::string> texts;
+  worker_.sync([&] { texts = ZLogsFileManager::readRecordTexts(pendingFile_); });
+  std::vector<OutgoingRecord> records;
+  records.reserve(texts.size());
+  for (auto& text : texts) records.push_back(OutgoingRecord::restored(std::move(text)));
   return records;
 }
 
-void HttpsDelivery::shutdown(std::vector<RecordPtr> unsent) {
+void HttpsDelivery::shutdown(std::vector<OutgoingRecord> unsent) {
   if (stopped_.exchange(true)) return;
   // A request the collector has already answered but whose answer is still on its way would be
   // kept and sent again at the next start. A short grace lets those answers land; anything slower
@@ -141,7 +144,7 @@ void HttpsDelivery::shutdown(std::vector<RecordPtr> unsent) {
       ++unsettled_;
     }
     worker_.async([this, record = std::move(record)] {
-      auto encoded = encodeJson(*record);
+      auto encoded = record.json();
       if (encoded) {
         keepOnDisk(encoded.value());
       } else {

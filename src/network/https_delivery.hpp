@@ -31,9 +31,9 @@ class HttpsDelivery final : public RecordTransport,
   HttpsDelivery(std::shared_ptr<network::HttpClient> http, std::filesystem::path pendingFile);
   ~HttpsDelivery() override;
 
-  void send(RecordPtr record, bool networkAvailable) override;
-  std::vector<ZLogRecord> takePendingRecords() override;
-  void shutdown(std::vector<RecordPtr> unsent) override;
+  void send(OutgoingRecord record, bool networkAvailable) override;
+  std::vector<OutgoingRecord> takePendingRecords() override;
+  void shutdown(std::vector<OutgoingRecord> unsent) override;
   /// How long shutdown waits for in-flight answers before cancelling them.
   static constexpr std::chrono::milliseconds kInFlightGrace{200};
   /// Requests handed to the HTTP client at once: one per connection it keeps to the collector.
@@ -47,7 +47,7 @@ class HttpsDelivery final : public RecordTransport,
   bool waitUntilSettled(std::chrono::milliseconds timeout);
 
  private:
-  void sendOnWorker(RecordPtr record, bool networkAvailable);
+  void sendOnWorker(const OutgoingRecord& record, bool networkAvailable);
   /// Starts waiting requests while the window has room. Worker only.
   void startWaiting();
   void finished(network::HttpOutcome outcome, std::string bytes);

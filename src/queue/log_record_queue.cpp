@@ -8,12 +8,10 @@ ZLogRecordQueue::ZLogRecordQueue(std::shared_ptr<RecordTransport> transport)
 void ZLogRecordQueue::restorePendingRecords() {
   auto restored = transport_->takePendingRecords();
   std::lock_guard lock(mutex_);
-  for (auto& record : restored) {
-    recordTable_.push_back(std::make_shared<const ZLogRecord>(std::move(record)));
-  }
+  for (auto& record : restored) recordTable_.push_back(std::move(record));
 }
 
-void ZLogRecordQueue::enqueue(RecordPtr record) {
+void ZLogRecordQueue::enqueue(OutgoingRecord record) {
   std::lock_guard lock(mutex_);
   recordTable_.push_back(std::move(record));
   const std::uint64_t threshold = batchSize();
@@ -30,7 +28,7 @@ void ZLogRecordQueue::drainLocked(std::uint64_t threshold) {
   // Hand-over happens under the lock so that records reach the transport in table order even when
   // several host threads enqueue at once; the transport only queues them.
   while (!recordTable_.empty() && recordTable_.size() >= threshold) {
-    RecordPtr oldest = std::move(recordTable_.front());
+    OutgoingRecord oldest = std::move(recordTable_.front());
     recordTable_.pop_front();
     transport_->send(std::move(oldest), isAvailableNetworking());
   }
@@ -56,10 +54,10 @@ std::size_t ZLogRecordQueue::templateCount() const {
   return recordTemplates_.size();
 }
 
-std::vector<RecordPtr> ZLogRecordQueue::takeRecords() {
+std::vector<OutgoingRecord> ZLogRecordQueue::takeRecords() {
   std::lock_guard lock(mutex_);
-  std::vector<RecordPtr> records(std::make_move_iterator(recordTable_.begin()),
-                                 std::make_move_iterator(recordTable_.end()));
+  std::vector<OutgoingRecord> records(std::make_move_iterator(recordTable_.begin()),
+                                      std::make_move_iterator(recordTable_.end()));
   recordTable_.clear();
   return records;
 }

@@ -28,7 +28,7 @@ class ZLogRecordQueue {
   void restorePendingRecords();
   /// Appends; once the table holds at least batchSize records, sends the oldest until fewer
   /// remain. So a batch size of 5 keeps four records waiting and sends one per further enqueue.
-  void enqueue(RecordPtr record);
+  void enqueue(OutgoingRecord record);
   void enqueue(ZLogRecord record) {
     enqueue(std::make_shared<const ZLogRecord>(std::move(record)));
   }
@@ -52,14 +52,14 @@ class ZLogRecordQueue {
   std::size_t recordCount() const;
   std::size_t templateCount() const;
   /// Takes every record still in memory (oldest first) without sending it; used at shutdown.
-  std::vector<RecordPtr> takeRecords();
+  std::vector<OutgoingRecord> takeRecords();
 
  private:
   void drainLocked(std::uint64_t threshold);
 
   const std::shared_ptr<RecordTransport> transport_;
   mutable std::mutex mutex_;
-  std::deque<RecordPtr> recordTable_;
+  std::deque<OutgoingRecord> recordTable_;
   std::vector<ZLogTemplate> recordTemplates_;
   std::atomic<std::uint64_t> batchSize_{kInitialBatchSize};
   std::atomic<bool> networkAvailable_{false};

@@ -21,6 +21,24 @@ bool decodeRecordInto(std::string_view json, ZLogRecord& record) {
   return decodeValue(root, record, error);
 }
 
+/// Reads the whole file, hands each whole frame's payload to `take` (which says whether it
+/// decodes) and removes the file; false when the records must not be used (see readRecords).
+template <class Take>
+bool restoreFrames(const std::filesystem::path& file, std::size_t& count, Take&& take) {
+  const std::optional<std::string> content = platform::readWhole(file);
+  if (!content || content->empty()) return false;
+  std::vector<std::string_view> payloads;
+  payloads.reserve(content->size() / 512 + 1);
+  // A torn end still gives back the whole frames before it; the file goes away with them.
+  (void)ZLogsFileManager::splitFrames(*content, payloads);
+  count = payloads.size();
+  for (const std::string_view payload : payloads) {
+    // A record this build cannot read stays on disk rather than being thrown away.
+    if (!take(payload)) return false;
+  }
+  return platform::removeFile(file);
+}
+
 }  // namespace
 
 std::filesystem::path ZLogsFileManager::pendingFilePath(
@@ -63,23 +81,35 @@ ZLogsFileManager::FrameEnd ZLogsFileManager::splitFrames(std::string_view conten
 
 std::vector<ZLogRecord> ZLogsFileManager::readRecords(const std::filesystem::path& file) noexcept {
   try {
-    const std::optional<std::string> content = platform::readWhole(file);
-    if (!content || content->empty()) return {};
-
-    std::vector<std::string_view> payloads;
-    payloads.reserve(content->size() / 512 + 1);
-    // A torn end still gives back the whole frames before it; the file goes away with them.
-    (void)splitFrames(*content, payloads);
-
     std::vector<ZLogRecord> records;
-    records.reserve(payloads.size());
-    platform::adviseLargeBuffer(records.data(), records.capacity() * sizeof(ZLogRecord));
-    for (const std::string_view payload : payloads) {
-      // A record this build cannot read stays on disk rather than being thrown away.
-      if (!decodeRecordInto(payload, records.emplace_back())) return {};
-    }
-    if (!platform::removeFile(file)) return {};
-    return records;
+    std::size_t count = 0;
+    const bool restored = restoreFrames(file, count, [&](std::string_view payload) {
+      if (records.capacity() == 0) {
+        records.reserve(count);
+        platform::adviseLargeBuffer(records.data(), records.capacity() * sizeof(ZLogRecord));
+      }
+      return decodeRecordInto(payload, records.emplace_back());
+    });
+    return restored ? std::move(records) : std::vector<ZLogRecord>{};
+  } catch (...) {
+    return {};
+  }
+}
+
+std::vector<std::string> ZLogsFileManager::readRecordTexts(
+    const std::filesystem::path& file) noexcept {
+  try {
+    std::vector<std::string> texts;
+    // One record to decode into, reused: only whether each payload decodes matters here.
+    auto scratch = std::make_unique<ZLogRecord>();
+    std::size_t count = 0;
+    const bool restored = restoreFrames(file, count, [&](std::string_view payload) {
+      if (texts.capacity() == 0) texts.reserve(count);
+      if (!decodeRecordInto(payload, *scratch)) return false;
+      texts.emplace_back(payload);
+      return true;
+    });
+    return restored ? std::move(texts) : std::vector<std::string>{};
   } catch (...) {
     return {};
   }

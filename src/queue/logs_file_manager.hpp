@@ -33,6 +33,9 @@ class ZLogsFileManager {
   ///   (a crash cut the last append short): the whole frames before it, and the file is removed;
   /// - the file cannot be removed: nothing, so the records are not delivered twice.
   static std::vector<ZLogRecord> readRecords(const std::filesystem::path& file) noexcept;
+  /// The same, with the same rules, but each record comes back as its stored compact JSON (every
+  /// one checked to decode as a record). What a start uses: no large record is built.
+  static std::vector<std::string> readRecordTexts(const std::filesystem::path& file) noexcept;
 
   /// How the frames of a pending file's content ended.
   enum class FrameEnd {

@@ -2,14 +2,40 @@
 #pragma once
 
 #include <memory>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "zelvanor/record.hpp"
+#include "zelvanor/result.hpp"
 
 namespace zelvanor::detail {
 
 /// Records travel by shared pointer: one allocation at build time, no copies on the way.
 using RecordPtr = std::shared_ptr<const ZLogRecord>;
+
+/// One record on its way out. A record built in this process travels as itself; one restored from
+/// the pending file stays the compact JSON stored there (checked to decode as a record when it was
+/// read), because rebuilding thousands of multi-kilobyte records would hold up the host's start
+/// and the text is exactly what goes on the wire again.
+class OutgoingRecord {
+ public:
+  // Implicit: the queue takes built records as they are.
+  OutgoingRecord(RecordPtr record) noexcept : record_(std::move(record)) {}  // NOLINT
+  static OutgoingRecord restored(std::string json);
+
+  /// The record, or null for a restored one.
+  const ZLogRecord* record() const noexcept { return record_.get(); }
+  bool isRestored() const noexcept { return json_ != nullptr; }
+  /// The compact JSON to send or keep: a restored record's stored text, or the record encoded now.
+  Result<std::string> json() const;
+  /// The record itself, decoding a restored one (tests and diagnostics).
+  std::optional<ZLogRecord> decoded() const;
+
+ private:
+  RecordPtr record_;
+  std::shared_ptr<const std::string> json_;
+};
 
 class RecordTransport {
  public:
@@ -17,12 +43,12 @@ class RecordTransport {
   /// Takes one record, oldest first. `networkAvailable` is the network gate at hand-over: closed
   /// means the record goes to the pending file instead of the network. Must not block on I/O:
   /// the queue calls it under its lock, on the host's thread.
-  virtual void send(RecordPtr record, bool networkAvailable) = 0;
+  virtual void send(OutgoingRecord record, bool networkAvailable) = 0;
   /// Every record earlier runs kept on disk, in file order; they leave the disk.
-  virtual std::vector<ZLogRecord> takePendingRecords() = 0;
+  virtual std::vector<OutgoingRecord> takePendingRecords() = 0;
   /// Stops delivery for good: records still in flight and `unsent` ones (oldest first) are kept
   /// for the next start. Returns once nothing more will be written.
-  virtual void shutdown(std::vector<RecordPtr> unsent) = 0;
+  virtual void shutdown(std::vector<OutgoingRecord> unsent) = 0;
 };
 
 }  // namespace zelvanor::detail

@@ -9,6 +9,7 @@
 
 #include "manager/internal_log_manager.hpp"
 #include "network/reachability.hpp"
+#include "zelvanor/json.hpp"
 
 namespace zelvanor::testing {
 
@@ -19,18 +20,24 @@ class RecordingTransport final : public detail::RecordTransport {
     bool networkAvailable;
   };
 
-  void send(detail::RecordPtr record, bool networkAvailable) override {
+  void send(detail::OutgoingRecord record, bool networkAvailable) override {
     std::lock_guard lock(mutex_);
-    sent_.push_back({*record, networkAvailable});
+    sent_.push_back({record.decoded().value_or(ZLogRecord{}), networkAvailable});
   }
-  std::vector<ZLogRecord> takePendingRecords() override {
+  // Restored records come back the way the real transport gives them: as their stored JSON.
+  std::vector<detail::OutgoingRecord> takePendingRecords() override {
     std::lock_guard lock(mutex_);
     ++restoreCalls_;
-    return std::exchange(pending_, {});
+    std::vector<detail::OutgoingRecord> restored;
+    for (const auto& record : std::exchange(pending_, {})) {
+      restored.push_back(detail::OutgoingRecord::restored(encodeJson(record).value()));
+    }
+    return restored;
   }
-  void shutdown(std::vector<detail::RecordPtr> unsent) override {
+  void shutdown(std::vector<detail::OutgoingRecord> unsent) override {
     std::lock_guard lock(mutex_);
-    for (auto& record : unsent) unsentAtShutdown_.push_back(*record);
+    for (auto& record : unsent)
+      unsentAtShutdown_.push_back(record.decoded().value_or(ZLogRecord{}));
   }
 
   void setPending(std::vector<ZLogRecord> records) {

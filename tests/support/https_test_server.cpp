@@ -45,6 +45,7 @@ HttpsTestServer::HttpsTestServer() : impl_(std::make_unique<Impl>()) {
   };
   // Each kept-alive connection holds a worker; give the client's parallel connections room.
   impl_->server->new_task_queue = [] { return new httplib::ThreadPool(32); };
+  impl_->server->set_tcp_nodelay(true);  // no 40 ms delayed-ACK stall between headers and body
   impl_->server->Get(".*", handler);
   impl_->server->Post(".*", handler);
   port_ = impl_->server->bind_to_any_port("127.0.0.1");

@@ -107,8 +107,9 @@ TEST_F(NetworkTest, ClosedGateAndTransportFailuresKeepRecordsForTheNextStart) {
   EXPECT_EQ(delivery->counts().keptOnDisk, 3u);
   auto restored = delivery->takePendingRecords();
   ASSERT_EQ(restored.size(), 3u);
-  EXPECT_EQ(restored[0].action.name, "offline-1");
-  EXPECT_EQ(restored[2].action.name, "refused");
+  EXPECT_TRUE(restored[0].isRestored());
+  EXPECT_EQ(restored[0].decoded()->action.name, "offline-1");
+  EXPECT_EQ(restored[2].decoded()->action.name, "refused");
   EXPECT_FALSE(std::filesystem::exists(pendingFile()));
 }
 

@@ -199,6 +199,32 @@ TEST_F(PendingFileTest, ImpossibleLengthsEndTheFrames) {
   EXPECT_FALSE(fs::exists(fs::symlink_status(file_)));
 }
 
+TEST_F(PendingFileTest, TheStartReadsTheStoredTextsByTheSameRules) {
+  struct Case {
+    const char* what;
+    std::string content;
+    std::vector<std::string> texts;  // what comes back
+    bool fileStays;
+  };
+  const std::vector<Case> cases{
+      {"whole frames", frame(full_) + frame(minimal_), {full_, minimal_}, false},
+      {"an undecodable frame", frame(minimal_) + frame(missingAction_), {}, true},
+      {"an empty payload", frame(minimal_) + frame(""), {}, true},
+      {"a torn end", frame(minimal_) + frame(full_).substr(0, 20), {minimal_}, false},
+      {"a negative length", frame(full_) + frame(minimal_, -1), {full_}, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    spew(file_, c.content);
+    // The stored text itself, byte for byte: it is what goes on the wire again.
+    EXPECT_EQ(ZLogsFileManager::readRecordTexts(file_), c.texts);
+    EXPECT_EQ(fs::exists(fs::symlink_status(file_)), c.fileStays);
+    // And exactly as many as the record form gives back from the same bytes.
+    spew(file_, c.content);
+    EXPECT_EQ(ZLogsFileManager::readRecords(file_).size(), c.texts.size());
+  }
+}
+
 TEST_F(PendingFileTest, SymlinkAtThePathIsNeverFollowed) {
   const fs::path target = dir_ / "target";
   spew(target, frame(minimal_));

@@ -278,6 +278,9 @@ bool Collector::start(std::string* error) {
   // Each kept-alive connection holds a worker; leave room for the SDK's parallel connections.
   server.new_task_queue = [] { return new httplib::ThreadPool(32); };
   server.set_keep_alive_max_count(100000);
+  // The server writes headers and body separately; with Nagle on, the body would wait for the
+  // client's delayed ACK (40 ms) on every request.
+  server.set_tcp_nodelay(true);
   Impl* impl = impl_.get();
   server.Post("/sdk/track", [impl](const auto& req, auto& res) { impl->onTrack(req, res); });
   server.Get("/sync", [impl](const auto& req, auto& res) { impl->onSync(req, res); });
