@@ -111,5 +111,67 @@ TEST(PendingFileCrash, KilledWriterLeavesOnlyWholeRecordsInOrder) {
   fs::remove_all(dir, error);
 }
 
+// The whole SDK as the writer: a host process tracking as fast as it can (gate closed, so every
+// record goes to the pending file) is killed at random; each start reads the file back and
+// carries on. Whatever a start finds decodes, and every record in it is one the host tracked.
+TEST(PendingFileCrash, TrackingHostKilledAtRandomLeavesAFileEveryStartCanRead) {
+  std::string pattern = (fs::temp_directory_path() / "zelvanor-crash-XXXXXX").string();
+  ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+  const fs::path dir = pattern;
+  const fs::path file = ZLogsFileManager::pendingFilePath(dir);
+  {
+    // An identity from an earlier sync, so records are built without a server.
+    std::ofstream jar(dir / "cookies.txt");
+    for (const char* name : {"fa_cid", "fa_did", "fa_sid"}) {
+      jar << "127.0.0.1\tFALSE\t/\tTRUE\t4102444800\t" << name << "\tcrash-" << name << "\n";
+    }
+  }
+
+  std::mt19937 random(std::random_device{}());
+  std::uniform_int_distribution<int> delayMicros(20000, 250000);
+  std::size_t restoredTotal = 0, rounds = 0;
+  for (long long first = 0; rounds < 12; first += 10'000'000, ++rounds) {
+    SCOPED_TRACE("round " + std::to_string(rounds));
+    const std::string command =
+        std::string(ZELVANOR_CRASH_CHILD) + " '" + dir.string() + "' " + std::to_string(first);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      ::execl("/bin/sh", "sh", "-c", ("exec " + command + " >/dev/null").c_str(), nullptr);
+      ::_exit(127);
+    }
+    std::this_thread::sleep_for(std::chrono::microseconds(delayMicros(random)));
+    ::kill(child, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "status " << status;
+
+    // What the next start would find, read without consuming it (the next child does that).
+    const std::string raw = slurp(file);
+    std::vector<std::string_view> payloads;
+    ZLogsFileManager::splitFrames(raw, payloads);
+    for (const std::string_view payload : payloads) {
+      auto record = decodeJson<ZLogRecord>(payload);
+      ASSERT_TRUE(record) << "an unreadable record would keep the file from ever being restored";
+      EXPECT_EQ(record->xid, (ZXid{"crash-fa_cid", "crash-fa_did", "crash-fa_sid"}));
+      if (record->action.name.rfind("crash-", 0) == 0) {
+        ASSERT_TRUE(record->page) << record->action.name;
+        EXPECT_EQ("crash-" + record->page->id, record->action.name)
+            << "a record mixed with another";
+        EXPECT_EQ(record->page->title.size(), std::stoull(record->page->id) % 300);
+      }
+    }
+    restoredTotal = payloads.size();
+  }
+  // A last start: everything the file holds comes back and the file goes.
+  const auto restored = ZLogsFileManager::readRecordTexts(file);
+  EXPECT_EQ(restored.size(), restoredTotal);
+  EXPECT_GT(restoredTotal, 0u);
+  std::cout << rounds << " kills of a tracking host; the last file held " << restoredTotal
+            << " records\n";
+  std::error_code error;
+  fs::remove_all(dir, error);
+}
+
 }  // namespace
 }  // namespace zelvanor::detail
