@@ -144,7 +144,9 @@ std::vector<T> decodeList(std::string_view block, element value) {
   }
   std::vector<T> items;
   std::size_t index = 0;
-  for (element item : value.get_array().value_unsafe()) {
+  // A named array: iterating the temporary result directly would leave the loop on a dangling one.
+  const simdjson::dom::array array = value.get_array().value_unsafe();
+  for (element item : array) {
     items.push_back(decodeBlock<T>(block, item, "value[" + std::to_string(index++) + "]"));
   }
   return items;
