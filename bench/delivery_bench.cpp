@@ -15,24 +15,15 @@
 #include "collector.hpp"
 #include "zelvanor/tracker.hpp"
 
+#include "bench_support.hpp"
+
 namespace {
 
 using namespace zelvanor;
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-struct TempDir {
-  TempDir() {
-    std::string pattern = (fs::temp_directory_path() / "zelvanor-bench-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) std::abort();
-    path = pattern;
-  }
-  ~TempDir() {
-    std::error_code error;
-    fs::remove_all(path, error);
-  }
-  fs::path path;
-};
+using zelvanor::bench::TempDir;
 
 // A started SDK pointed at a fresh collector, identity known, ready to deliver.
 struct Session {

@@ -16,6 +16,8 @@
 #include "queue/logs_file_manager.hpp"
 #include "zelvanor/json.hpp"
 
+#include "bench_support.hpp"
+
 namespace {
 
 using zelvanor::detail::ZLogsFileManager;
@@ -57,18 +59,7 @@ std::string pendingFileContent(int records, std::size_t* jsonBytes) {
   return content;
 }
 
-struct TempDir {
-  TempDir() {
-    std::string pattern = (fs::temp_directory_path() / "zelvanor-bench-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) std::abort();
-    path = pattern;
-  }
-  ~TempDir() {
-    std::error_code error;
-    fs::remove_all(path, error);
-  }
-  fs::path path;
-};
+using zelvanor::bench::TempDir;
 
 void writeFile(const fs::path& file, const std::string& content) {
   std::ofstream out(file, std::ios::binary | std::ios::trunc);

@@ -91,22 +91,6 @@ std::string eventsJson(const std::vector<StoredEvent>& events) {
   return out;
 }
 
-const char* kindName(CodecError::Kind kind) {
-  switch (kind) {
-    case CodecError::Kind::keyNotFound:
-      return "key not found";
-    case CodecError::Kind::valueNotFound:
-      return "value not found";
-    case CodecError::Kind::typeMismatch:
-      return "type mismatch";
-    case CodecError::Kind::dataCorrupted:
-      return "data corrupted";
-    case CodecError::Kind::invalidValue:
-      return "invalid value";
-  }
-  return "unknown";
-}
-
 }  // namespace
 
 struct Collector::Impl {
@@ -160,7 +144,7 @@ struct Collector::Impl {
     if (!record) {
       rejectedRecords.fetch_add(1);
       response.status = 400;
-      response.set_content(std::string("invalid record: ") + kindName(record.error().kind) +
+      response.set_content(std::string("invalid record: ") + toString(record.error().kind) +
                                " at " + (record.error().path.empty() ? "$" : record.error().path),
                            "text/plain");
       return;
