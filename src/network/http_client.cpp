@@ -1,5 +1,7 @@
 #include "network/http_client.hpp"
 
+#include "platform/thread_priority.hpp"
+
 #include <curl/curl.h>
 
 #include <array>
@@ -106,7 +108,10 @@ struct HttpClient::Impl {
     multi = curl_multi_init();
     curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxConnectionsPerHost);
     loadCookieJar();
-    worker = std::thread([this] { run(); });
+    worker = std::thread([this] {
+      platform::lowerCurrentThreadPriority();
+      run();
+    });
   }
 
   ~Impl() {

@@ -1,10 +1,15 @@
 #include "support/serial_queue.hpp"
 
+#include "platform/thread_priority.hpp"
+
 namespace zelvanor::support {
 
 SerialQueue::SerialQueue(std::string label) : label_(std::move(label)) {
   std::lock_guard lock(state_->mutex);
-  worker_ = std::thread([state = state_] { run(state); });
+  worker_ = std::thread([state = state_] {
+    platform::lowerCurrentThreadPriority();
+    run(state);
+  });
   state_->workerId = worker_.get_id();
 }
 

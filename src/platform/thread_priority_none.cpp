@@ -1,0 +1,7 @@
+#include "platform/thread_priority.hpp"
+
+namespace zelvanor::platform {
+
+void lowerCurrentThreadPriority() noexcept {}
+
+}  // namespace zelvanor::platform
