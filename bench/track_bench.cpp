@@ -2,7 +2,10 @@
 // track, with batch size 1 and a transport that discards what it is handed.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <chrono>
 #include <filesystem>
+#include <vector>
 
 #include "api/shared_instance.hpp"
 #include "network/reachability.hpp"
@@ -51,5 +54,28 @@ void BM_TrackTypicalEvent(benchmark::State& state) {
   ZelvanorTracker::shutdown();
 }
 BENCHMARK(BM_TrackTypicalEvent);
+
+// The same calls timed one by one: the spread of single calls with no network at all, the
+// baseline for the delivery benchmark's figures while the network is busy.
+void BM_TrackTypicalEventSingleCalls(benchmark::State& state) {
+  startReadyTracker();
+  std::vector<double> micros;
+  micros.reserve(static_cast<std::size_t>(state.max_iterations));
+  for (auto _ : state) {
+    const auto start = std::chrono::steady_clock::now();
+    ZelvanorTracker::set(ZPage{.id = "product-123", .name = "product", .title = "Trail shoes"})
+        .set(ZClick{.type = "button", .layer1 = "buy", .posX = 12, .posY = 480})
+        .set(ZAction(ZAction::ZActionType::event, "buy", "click"))
+        .track(false, false);
+    const auto end = std::chrono::steady_clock::now();
+    micros.push_back(std::chrono::duration<double, std::micro>(end - start).count());
+    state.SetIterationTime(std::chrono::duration<double>(end - start).count());
+  }
+  std::sort(micros.begin(), micros.end());
+  state.counters["median_us"] = micros[micros.size() / 2];
+  state.counters["p99_us"] = micros[micros.size() * 99 / 100];
+  ZelvanorTracker::shutdown();
+}
+BENCHMARK(BM_TrackTypicalEventSingleCalls)->Iterations(20000)->UseManualTime();
 
 }  // namespace
