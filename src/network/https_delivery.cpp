@@ -18,22 +18,31 @@ void HttpsDelivery::send(OutgoingRecord record, bool networkAvailable) {
   if (stopped_.load()) {
     // A host thread that raced with shutdown: nothing will send it now, so keep it for the next
     // start right here (a single O_APPEND write, safe beside the worker's).
-    if (auto encoded = record.json())
-      ZLogsFileManager::appendRecordData(*encoded, pendingFile_);
+    if (auto encoded = record.json()) ZLogsFileManager::appendRecordData(*encoded, pendingFile_);
     return;
   }
+  std::vector<OutgoingRecord> encodedEarlier;
   {
     std::lock_guard lock(mutex_);
     ++unsettled_;
+    encodedEarlier.swap(encoded_);
   }
   std::weak_ptr<HttpsDelivery> weak = weak_from_this();
   worker_.async([weak, record = std::move(record), networkAvailable]() mutable {
-    if (auto self = weak.lock()) self->sendOnWorker(record, networkAvailable);
+    if (auto self = weak.lock()) self->sendOnWorker(std::move(record), networkAvailable);
   });
+  // encodedEarlier's records are freed here, by the thread that allocated them.
 }
 
-void HttpsDelivery::sendOnWorker(const OutgoingRecord& record, bool networkAvailable) {
+void HttpsDelivery::sendOnWorker(OutgoingRecord record, bool networkAvailable) {
   auto encoded = record.json();
+  // A record is a large allocation from the host's thread. Freed here, it would contend with
+  // the host's next allocation for the allocator's lock; handed back, the host frees it with
+  // its next event (a few at most stay behind when the host goes quiet).
+  {
+    std::lock_guard lock(mutex_);
+    if (encoded_.size() < kRecordsHandedBack) encoded_.push_back(std::move(record));
+  }
   if (!encoded) {
     std::lock_guard lock(mutex_);
     ++counts_.unencodable;

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "network/http_client.hpp"
 #include "queue/record_transport.hpp"
@@ -47,7 +48,7 @@ class HttpsDelivery final : public RecordTransport,
   bool waitUntilSettled(std::chrono::milliseconds timeout);
 
  private:
-  void sendOnWorker(const OutgoingRecord& record, bool networkAvailable);
+  void sendOnWorker(OutgoingRecord record, bool networkAvailable);
   /// Starts waiting requests while the window has room. Worker only.
   void startWaiting();
   void finished(network::HttpOutcome outcome, std::string bytes);
@@ -62,6 +63,8 @@ class HttpsDelivery final : public RecordTransport,
   std::uint64_t unsettled_ = 0;
   Counts counts_;
   std::atomic<bool> stopped_{false};
+  static constexpr std::size_t kRecordsHandedBack = 16;
+  std::vector<OutgoingRecord> encoded_;  ///< guarded by mutex_: encoded, for the host to free
   // Worker only.
   std::deque<std::string> waiting_;  ///< encoded records not yet handed to the client
   std::size_t inFlight_ = 0;
