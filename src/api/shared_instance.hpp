@@ -15,7 +15,8 @@ using SourcesFactory = std::function<ManagerSources()>;
 /// restores the real ones. Takes effect at the next start.
 void setSourcesFactory(SourcesFactory factory);
 
-/// The running instance, started (and configured with the defaults) if there is none.
+/// The running instance, started (and configured with the defaults) if there is none; null once
+/// the exit hook has run.
 std::shared_ptr<ZInternalLogManager> ensureShared();
 /// The running instance, or null.
 std::shared_ptr<ZInternalLogManager> sharedIfRunning();

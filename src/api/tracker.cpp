@@ -22,6 +22,10 @@ struct SharedState {
   ManagerSources sources;
   SourcesFactory factory;
   bool exitHookInstalled = false;
+  // Set by the exit hook. A host object destroyed after it (a global whose destructor posts
+  // willTerminate, say) must not start a fresh instance: that one would read the pending file
+  // just written into memory, delete it, and never live to send or keep those records.
+  bool exiting = false;
 };
 
 SharedState& shared() {
@@ -40,7 +44,7 @@ void setSourcesFactory(SourcesFactory factory) {
 std::shared_ptr<ZInternalLogManager> ensureShared() {
   auto& state = shared();
   std::lock_guard lock(state.mutex);
-  if (!state.manager) {
+  if (!state.manager && !state.exiting) {
     // Statics the exit hook needs must be constructed before the hook is registered, so that
     // they are destroyed after it runs.
     warmUpCodec();
@@ -51,7 +55,13 @@ std::shared_ptr<ZInternalLogManager> ensureShared() {
     state.manager = std::move(manager);
     if (!state.exitHookInstalled) {
       state.exitHookInstalled = true;
-      std::atexit([] { shutdownShared(); });
+      std::atexit([] {
+        {
+          std::lock_guard exitLock(shared().mutex);
+          shared().exiting = true;
+        }
+        shutdownShared();
+      });
     }
   }
   return state.manager;

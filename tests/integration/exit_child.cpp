@@ -10,6 +10,15 @@
 
 using namespace zelvanor;
 
+namespace {
+// Built before the SDK's first use, so destroyed after its exit hook: hosts do this with app
+// objects that report termination from their destructor. That late call must not cost the
+// records the exit hook has just kept.
+struct ReportsTerminationWhenDestroyed {
+  ~ReportsTerminationWhenDestroyed() { ZelvanorTracker::post(ZLifecycleEvent::willTerminate); }
+} lateReporter;
+}  // namespace
+
 int main(int argc, char** argv) {
   if (argc != 5) return 2;
   ZelvanorTracker::setPlatformFacts(ZPlatformFacts{
