@@ -103,6 +103,12 @@ class PassthroughSubject {
 };
 
 /// Keeps the latest value; a new subscriber receives it at once unless it asks to skip it.
+///
+/// Deliveries of one subject never overlap: a subscriber sees values in the order they were sent,
+/// and the current value handed to a new subscriber can never arrive after a newer one (a network
+/// state sent while the manager subscribes must not be overwritten by the stale one). The lock
+/// is recursive so that a subscriber may send or subscribe on the same subject; subscribers must
+/// not wait for another thread that sends on it.
 template <class T>
 class CurrentValueSubject {
  public:
@@ -113,6 +119,7 @@ class CurrentValueSubject {
     return value_;
   }
   void send(T value) {
+    std::lock_guard delivering(deliveryMutex_);
     decltype(list_.snapshotLocked()) snapshot;
     {
       std::lock_guard lock(list_.mutex());
@@ -122,24 +129,31 @@ class CurrentValueSubject {
     list_.deliver(value, snapshot);
   }
   Cancellable subscribe(std::function<void(const T&)> callback, bool skipCurrent = false) {
+    if (skipCurrent) {
+      std::lock_guard lock(list_.mutex());
+      return list_.add(std::move(callback));
+    }
+    std::lock_guard delivering(deliveryMutex_);
     Cancellable handle;
     std::optional<T> current;
-    std::shared_ptr<std::function<void(const T&)>> shared;
+    auto first = std::make_shared<std::function<void(const T&)>>(callback);
     {
       std::lock_guard lock(list_.mutex());
-      if (!skipCurrent) {
-        current = value_;
-        shared = std::make_shared<std::function<void(const T&)>>(callback);
-      }
+      current = value_;
       handle = list_.add(std::move(callback));
     }
-    if (current) (*shared)(*current);
+    try {
+      (*first)(*current);
+    } catch (...) {
+      // As with send: a failing subscriber keeps its subscription and the caller is unharmed.
+    }
     return handle;
   }
 
  private:
   detail::SubscriberList<T> list_;
   T value_;
+  std::recursive_mutex deliveryMutex_;
 };
 
 /// A callable that runs f(owner, args...) only while `owner` still exists.
