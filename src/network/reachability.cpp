@@ -41,6 +41,7 @@ void ZReachability::startIfNeeded() {
       if (self->source_) flags = self->source_->currentFlags();
     }
     self->lastFlags_ = flags.value_or(0);
+    self->reported_ = true;
     self->states_.send(stateFor(self->lastFlags_));
   });
 }
@@ -61,8 +62,10 @@ void ZReachability::systemChanged(std::uint32_t flags) {
 }
 
 void ZReachability::changed(std::uint32_t flags) {
-  // Dedupe on the flags, not the state: two different flag words meaning wifi both publish.
-  if (flags == lastFlags_) return;
+  // Dedupe on the flags, not the state: two different flag words meaning wifi both publish. The
+  // first report always publishes, also when it is 0 (offline) and no platform watch ran first.
+  if (reported_ && flags == lastFlags_) return;
+  reported_ = true;
   lastFlags_ = flags;
   states_.send(stateFor(flags));
 }

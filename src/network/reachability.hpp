@@ -46,6 +46,7 @@ class ZReachability final : public NetworkMonitor,
   bool started_ = false;
   std::unique_ptr<platform::ReachabilityFlagSource> source_;
   std::uint32_t lastFlags_ = 0;  // touched on queue_ only
+  bool reported_ = false;        // a first report was published (queue_)
   bool hostDriven_ = false;      // once the host reports flags, the platform's are ignored (queue_)
   support::CurrentValueSubject<NetworkState> states_{NetworkState::wifi};
   support::SerialQueue queue_{"ZReachability.reachability"};

@@ -273,13 +273,20 @@ TEST(ReachabilityTest, FirstReportAlwaysPublishesThenDedupesOnFlagsNotStates) {
   reachability->stop();
 }
 
-TEST(ReachabilityTest, WithoutAFlagSourceOnlyWifiIsEverSeen) {
+TEST(ReachabilityTest, WithoutAFlagSourceOnlyWifiIsSeenUntilTheHostReports) {
   auto reachability = std::make_shared<detail::ZReachability>([] { return nullptr; });
   std::vector<detail::NetworkState> seen;
   reachability->states().subscribe([&](const detail::NetworkState& s) { seen.push_back(s); });
   reachability->startIfNeeded();
   reachability->waitForReports();
   EXPECT_EQ(seen, (std::vector<detail::NetworkState>{detail::NetworkState::wifi}));
+
+  // A host with no route watch (a phone app reporting its own flags) saying "offline" first:
+  // the first report publishes even though its flags equal the initial 0.
+  reachability->pushFlags(0x0);
+  reachability->pushFlags(0x0);
+  EXPECT_EQ(seen, (std::vector<detail::NetworkState>{detail::NetworkState::wifi,
+                                                     detail::NetworkState::offline}));
 }
 
 }  // namespace
