@@ -7,21 +7,24 @@
 
 namespace zelvanor::detail {
 
-std::optional<std::string> ZHttpApi::endpoint() const {
+RequestSettings RequestSettings::current() noexcept {
+  return RequestSettings{settings().usingSandbox.load(), settings().requestTimeout.load()};
+}
+
+std::optional<std::string> ZHttpApi::endpoint(const RequestSettings& taken) const {
   const ZEndpoints endpoints = currentEndpoints();
   if (!std::holds_alternative<std::monostate>(intent_)) {
-    const bool sandbox = settings().usingSandbox.load();
-    return joinHttpsUrl(sandbox ? endpoints.sandbox : endpoints.production, "/sdk/track");
+    return joinHttpsUrl(taken.sandbox ? endpoints.sandbox : endpoints.production, "/sdk/track");
   }
   return joinHttpsUrl(endpoints.identitySync, "/sync?v=1");
 }
 
-std::optional<network::HttpRequest> ZHttpApi::urlRequest() const {
-  auto url = endpoint();
+std::optional<network::HttpRequest> ZHttpApi::urlRequest(const RequestSettings& taken) const {
+  auto url = endpoint(taken);
   if (!url) return std::nullopt;
   network::HttpRequest request;
   request.url = std::move(*url);
-  request.timeoutSeconds = settings().requestTimeout.load();
+  request.timeoutSeconds = taken.timeoutSeconds;
   if (const auto* log = std::get_if<RecordPtr>(&intent_)) {
     request.method = "POST";
     request.headers.emplace_back("Content-Type", "application/json");

@@ -11,6 +11,13 @@
 
 namespace zelvanor::detail {
 
+/// The process-wide settings a request reads as it is built, taken together.
+struct RequestSettings {
+  bool sandbox = false;
+  double timeoutSeconds = 5.0;
+  static RequestSettings current() noexcept;
+};
+
 class ZHttpApi {
  public:
   /// POST "/sdk/track" with one record as compact JSON, to the production or sandbox collector.
@@ -27,10 +34,17 @@ class ZHttpApi {
   static ZHttpApi idSync() { return ZHttpApi(std::monostate{}); }
 
   /// The URL text; reads the sandbox switch now. Absent when it does not parse.
-  std::optional<std::string> endpoint() const;
+  std::optional<std::string> endpoint() const { return endpoint(RequestSettings::current()); }
+  std::optional<std::string> endpoint(const RequestSettings& settings) const;
   /// The request with the configured timeout; absent only when the endpoint does not parse.
   /// A record that cannot be encoded logs the console line and the request goes without a body.
-  std::optional<network::HttpRequest> urlRequest() const;
+  std::optional<network::HttpRequest> urlRequest() const {
+    return urlRequest(RequestSettings::current());
+  }
+  /// The same with settings taken earlier: delivery takes them when the host hands a record
+  /// over, so a sandbox switch or a new timeout applies from the next record tracked, however
+  /// long earlier ones wait for a connection.
+  std::optional<network::HttpRequest> urlRequest(const RequestSettings& settings) const;
 
  private:
   struct EncodedRecord {

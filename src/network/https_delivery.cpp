@@ -15,26 +15,34 @@ HttpsDelivery::~HttpsDelivery() {
 }
 
 void HttpsDelivery::send(OutgoingRecord record, bool networkAvailable) {
-  if (stopped_.load()) {
-    // A host thread that raced with shutdown: nothing will send it now, so keep it for the next
-    // start right here (a single O_APPEND write, safe beside the worker's).
-    if (auto encoded = record.json()) ZLogsFileManager::appendRecordData(*encoded, pendingFile_);
-    return;
-  }
+  // The sandbox switch and the timeout apply as the record is handed over, as if its request
+  // were built now; the request itself is built when a connection is free.
+  const RequestSettings settings = RequestSettings::current();
   std::vector<OutgoingRecord> encodedEarlier;
   {
     std::lock_guard lock(mutex_);
-    ++unsettled_;
-    encodedEarlier.swap(encoded_);
+    if (!stopped_.load()) {
+      ++unsettled_;
+      encodedEarlier.swap(encoded_);
+      // Queued under the lock that shutdown takes to stop: this task runs before shutdown's
+      // own work on the worker, so it is either sent or kept.
+      std::weak_ptr<HttpsDelivery> weak = weak_from_this();
+      worker_.async([weak, record = std::move(record), networkAvailable, settings]() mutable {
+        if (auto self = weak.lock()) {
+          self->sendOnWorker(std::move(record), networkAvailable, settings);
+        }
+      });
+      return;
+    }
   }
-  std::weak_ptr<HttpsDelivery> weak = weak_from_this();
-  worker_.async([weak, record = std::move(record), networkAvailable]() mutable {
-    if (auto self = weak.lock()) self->sendOnWorker(std::move(record), networkAvailable);
-  });
+  // A host thread that raced with shutdown: nothing will send it now, so keep it for the next
+  // start right here (a single O_APPEND write, safe beside the worker's).
+  if (auto encoded = record.json()) ZLogsFileManager::appendRecordData(*encoded, pendingFile_);
   // encodedEarlier's records are freed here, by the thread that allocated them.
 }
 
-void HttpsDelivery::sendOnWorker(OutgoingRecord record, bool networkAvailable) {
+void HttpsDelivery::sendOnWorker(OutgoingRecord record, bool networkAvailable,
+                                 RequestSettings settings) {
   auto encoded = record.json();
   // A record is a large allocation from the host's thread. Freed here, it would contend with
   // the host's next allocation for the allocator's lock; handed back, the host frees it with
@@ -54,17 +62,18 @@ void HttpsDelivery::sendOnWorker(OutgoingRecord record, bool networkAvailable) {
     keepOnDisk(bytes);
     return;
   }
-  waiting_.push_back(std::move(bytes));
+  // After shutdown began this waits here, and shutdown's task behind it keeps it on disk.
+  waiting_.push_back(Waiting{std::move(bytes), settings});
   startWaiting();
 }
 
 void HttpsDelivery::startWaiting() {
   // After shutdown the waiting records belong to the pending file (shutdown writes them).
   while (!stopped_.load() && inFlight_ < kMaxInFlight && !waiting_.empty()) {
-    std::string bytes = std::move(waiting_.front());
+    std::string bytes = std::move(waiting_.front().bytes);
+    const RequestSettings settings = waiting_.front().settings;
     waiting_.pop_front();
-    // The endpoint and the sandbox switch are read now, as the request is built.
-    auto request = ZHttpApi::trackEncoded(bytes).urlRequest();
+    auto request = ZHttpApi::trackEncoded(bytes).urlRequest(settings);
     if (!request) {
       // No parsable endpoint: the record cannot go anywhere.
       std::lock_guard lock(mutex_);
@@ -132,7 +141,10 @@ std::vector<OutgoingRecord> HttpsDelivery::takePendingRecords() {
 }
 
 void HttpsDelivery::shutdown(std::vector<OutgoingRecord> unsent) {
-  if (stopped_.exchange(true)) return;
+  {
+    std::lock_guard lock(mutex_);
+    if (stopped_.exchange(true)) return;
+  }
   // A request the collector has already answered but whose answer is still on its way would be
   // kept and sent again at the next start. A short grace lets those answers land; anything slower
   // is cancelled, so exit stays quick.
@@ -143,7 +155,7 @@ void HttpsDelivery::shutdown(std::vector<OutgoingRecord> unsent) {
   http_->shutdown();
   worker_.async([this] {
     while (!waiting_.empty()) {
-      keepOnDisk(waiting_.front());
+      keepOnDisk(waiting_.front().bytes);
       waiting_.pop_front();
     }
   });

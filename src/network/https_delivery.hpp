@@ -13,6 +13,7 @@
 #include <mutex>
 #include <vector>
 
+#include "network/http_api.hpp"
 #include "network/http_client.hpp"
 #include "queue/record_transport.hpp"
 #include "support/serial_queue.hpp"
@@ -48,7 +49,12 @@ class HttpsDelivery final : public RecordTransport,
   bool waitUntilSettled(std::chrono::milliseconds timeout);
 
  private:
-  void sendOnWorker(OutgoingRecord record, bool networkAvailable);
+  /// An encoded record with the request settings in force when the host handed it over.
+  struct Waiting {
+    std::string bytes;
+    RequestSettings settings;
+  };
+  void sendOnWorker(OutgoingRecord record, bool networkAvailable, RequestSettings settings);
   /// Starts waiting requests while the window has room. Worker only.
   void startWaiting();
   void finished(network::HttpOutcome outcome, std::string bytes);
@@ -62,11 +68,11 @@ class HttpsDelivery final : public RecordTransport,
   std::condition_variable settled_;
   std::uint64_t unsettled_ = 0;
   Counts counts_;
-  std::atomic<bool> stopped_{false};
+  std::atomic<bool> stopped_{false};  ///< set under mutex_, so a hand-over is before or after it
   static constexpr std::size_t kRecordsHandedBack = 16;
   std::vector<OutgoingRecord> encoded_;  ///< guarded by mutex_: encoded, for the host to free
   // Worker only.
-  std::deque<std::string> waiting_;  ///< encoded records not yet handed to the client
+  std::deque<Waiting> waiting_;  ///< records not yet handed to the client, in order
   std::size_t inFlight_ = 0;
 };
 

@@ -13,6 +13,10 @@ void ZLogRecordQueue::restorePendingRecords() {
 
 void ZLogRecordQueue::enqueue(OutgoingRecord record) {
   std::lock_guard lock(mutex_);
+  if (closed_) {
+    transport_->send(std::move(record), isAvailableNetworking());
+    return;
+  }
   recordTable_.push_back(std::move(record));
   const std::uint64_t threshold = batchSize();
   if (recordTable_.size() >= threshold) drainLocked(threshold);
@@ -59,6 +63,7 @@ std::vector<OutgoingRecord> ZLogRecordQueue::takeRecords() {
   std::vector<OutgoingRecord> records(std::make_move_iterator(recordTable_.begin()),
                                       std::make_move_iterator(recordTable_.end()));
   recordTable_.clear();
+  closed_ = true;
   return records;
 }
 

@@ -51,7 +51,9 @@ class ZLogRecordQueue {
 
   std::size_t recordCount() const;
   std::size_t templateCount() const;
-  /// Takes every record still in memory (oldest first) without sending it; used at shutdown.
+  /// Takes every record still in memory (oldest first) without sending it, and closes the table:
+  /// records enqueued afterwards (a host thread racing with shutdown) go straight to the
+  /// transport, which keeps them, instead of waiting in a table nobody drains. Used at shutdown.
   std::vector<OutgoingRecord> takeRecords();
 
  private:
@@ -61,6 +63,7 @@ class ZLogRecordQueue {
   mutable std::mutex mutex_;
   std::deque<OutgoingRecord> recordTable_;
   std::vector<ZLogTemplate> recordTemplates_;
+  bool closed_ = false;
   std::atomic<std::uint64_t> batchSize_{kInitialBatchSize};
   std::atomic<bool> networkAvailable_{false};
 };

@@ -3,6 +3,9 @@
 
 #include <algorithm>
 #include <future>
+#include <map>
+#include <set>
+#include <thread>
 
 #include "api/settings.hpp"
 #include "network/endpoints.hpp"
@@ -13,6 +16,7 @@
 #include "queue/logs_file_manager.hpp"
 #include "support/https_test_server.hpp"
 #include "support/temp_dir.hpp"
+#include "zelvanor/json.hpp"
 
 namespace zelvanor {
 namespace {
@@ -81,18 +85,22 @@ TEST_F(NetworkTest, OnlyTheExactBodyOkIsSuccessAndOtherAnswersAreDropped) {
     if (r.body.find("\"upper\"") != std::string::npos) return CannedResponse{200, "OK", {}, 0};
     if (r.body.find("\"newline\"") != std::string::npos) return CannedResponse{200, "ok\n", {}, 0};
     if (r.body.find("\"error\"") != std::string::npos) return CannedResponse{500, "ok", {}, 0};
+    if (r.body.find("\"empty\"") != std::string::npos) return CannedResponse{200, "", {}, 0};
+    if (r.body.find("\"binary\"") != std::string::npos) {
+      return CannedResponse{200, "o\xffk", {}, 0};
+    }
     return CannedResponse{400, "ok", {}, 0};  // the status is never looked at
   });
   auto delivery = std::make_shared<HttpsDelivery>(http, pendingFile());
-  for (const char* name : {"plain", "upper", "newline", "error"})
+  for (const char* name : {"plain", "upper", "newline", "error", "empty", "binary"})
     delivery->send(record(name), true);
   ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(20)));
   const auto counts = delivery->counts();
   EXPECT_EQ(counts.delivered, 2u);
-  EXPECT_EQ(counts.rejected, 2u);
+  EXPECT_EQ(counts.rejected, 4u);
   EXPECT_EQ(counts.keptOnDisk, 0u);
   EXPECT_FALSE(std::filesystem::exists(pendingFile()));
-  EXPECT_EQ(server.received().size(), 4u);
+  EXPECT_EQ(server.received().size(), 6u);
 }
 
 TEST_F(NetworkTest, ClosedGateAndTransportFailuresKeepRecordsForTheNextStart) {
@@ -137,6 +145,54 @@ TEST_F(NetworkTest, ShutdownKeepsInFlightWaitingAndUnsentRecordsInOrder) {
   EXPECT_EQ(kept, expected);
   delivery->send(record("late"), true);  // after shutdown: straight to disk
   EXPECT_EQ(pendingNames(), (std::vector<std::string>{"late"}));
+}
+
+TEST_F(NetworkTest, RecordsHandedOverWhileShutdownRunsAreSentOrKept) {
+  auto delivery = std::make_shared<HttpsDelivery>(http, pendingFile());
+  constexpr int kThreads = 4;
+  constexpr int kPerThread = 100;
+  std::vector<std::thread> hosts;
+  for (int t = 0; t < kThreads; ++t) {
+    hosts.emplace_back([&, t] {
+      for (int i = 0; i < kPerThread; ++i) {
+        delivery->send(record("t" + std::to_string(t) + "-" + std::to_string(i)), i % 3 != 0);
+      }
+    });
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  delivery->shutdown({});
+  for (auto& host : hosts) host.join();
+  // At least once: every record reached the collector or the pending file.
+  std::set<std::string> accounted;
+  for (const auto& name : pendingNames()) accounted.insert(name);
+  for (const auto& request : server.received()) {
+    auto decoded = decodeJson<ZLogRecord>(request.body);
+    if (decoded) accounted.insert(decoded->action.name);
+  }
+  EXPECT_EQ(accounted.size(), static_cast<std::size_t>(kThreads * kPerThread));
+}
+
+TEST_F(NetworkTest, TheServerAndTimeoutAreThoseInForceWhenTheHostHandedTheRecordOver) {
+  // More records than connections: the last ones wait for a free one. A sandbox switch made
+  // meanwhile applies to records tracked after it, not to those already waiting.
+  server.setResponder([](const ReceivedRequest&) { return CannedResponse{200, "ok", {}, 300}; });
+  auto delivery = std::make_shared<HttpsDelivery>(http, pendingFile());
+  const std::size_t before = HttpsDelivery::kMaxInFlight + 2;
+  for (std::size_t i = 0; i < before; ++i) delivery->send(record("production"), true);
+  detail::settings().usingSandbox = true;
+  delivery->send(record("sandbox"), true);
+  ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(20)));
+  std::map<std::string, std::size_t> pathsByName;
+  for (const auto& request : server.received()) {
+    auto decoded = decodeJson<ZLogRecord>(request.body);
+    ASSERT_TRUE(decoded);
+    const std::string expected =
+        decoded->action.name == "sandbox" ? "/sandbox/sdk/track" : "/sdk/track";
+    EXPECT_EQ(request.path, expected) << decoded->action.name;
+    ++pathsByName[decoded->action.name];
+  }
+  EXPECT_EQ(pathsByName["production"], before);
+  EXPECT_EQ(pathsByName["sandbox"], 1u);
 }
 
 TEST_F(NetworkTest, ABacklogToASlowCollectorStillArrivesWithinEachRequestsTimeout) {
@@ -185,11 +241,12 @@ TEST_F(NetworkTest, IdentityComesFromAllThreeCookiesOrElseFromTheServer) {
     return CannedResponse{
         200,
         sync,
-        {{"Set-Cookie", "fa_sid=k3; Path=/"}, {"Set-Cookie", "fa_cid=later; Path=/x"}},
+        // A second fa_cid that also applies to the sync URL: the first in the store wins.
+        {{"Set-Cookie", "fa_sid=k3; Path=/"}, {"Set-Cookie", "fa_cid=later; Path=/id"}},
         0};
   });
   identity->fetchXid([&](const ZXid&) {});
-  for (int i = 0; i < 250 && http->cookiesFor(server.baseUrl() + "/id/sync?v=1").size() < 3; ++i) {
+  for (int i = 0; i < 250 && http->cookiesFor(server.baseUrl() + "/id/sync?v=1").size() < 4; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   std::optional<ZXid> fromCookies;
