@@ -4,9 +4,11 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cmath>
+#include <cstdint>
 #include <ctime>
 #include <map>
 #include <sstream>
@@ -24,7 +26,12 @@ void initCurlOnce() {
   static_cast<void>(initialised);
 }
 
+// Only the exact body "ok" and the identity envelope are ever read; a runaway answer is cut here
+// rather than exhausting memory on the SDK's thread.
+constexpr std::size_t kMaxBodyBytes = 1 << 20;
+
 struct Transfer {
+  std::uint64_t sequence = 0;  // start order, for reporting cancellations in that order
   HttpRequest request;
   std::function<void(HttpOutcome)> done;
   CURL* easy = nullptr;
@@ -35,8 +42,21 @@ struct Transfer {
 };
 
 size_t collectBody(char* data, size_t size, size_t count, void* user) {
-  static_cast<Transfer*>(user)->responseBody.append(data, size * count);
-  return size * count;
+  std::string& body = static_cast<Transfer*>(user)->responseBody;
+  const size_t bytes = size * count;
+  // Past the limit the answer is read to its end but not kept: it is not "ok" either way.
+  if (body.size() < kMaxBodyBytes) body.append(data, std::min(bytes, kMaxBodyBytes - body.size()));
+  return bytes;
+}
+
+// The host's timeout in whole milliseconds for libcurl. Zero, negative or not finite: 60 s;
+// anything huge is capped where a long still holds it on every platform.
+long timeoutMilliseconds(double seconds) {
+  if (!std::isfinite(seconds) || seconds <= 0) return 60000L;
+  constexpr double kMaxMs = 2147483647.0;  // about 24.8 days
+  const double ms = seconds * 1000.0;
+  if (ms >= kMaxMs) return static_cast<long>(kMaxMs);
+  return ms < 1.0 ? 1L : static_cast<long>(ms);
 }
 
 size_t watchHeaders(char* data, size_t size, size_t count, void* user) {
@@ -185,10 +205,12 @@ struct HttpClient::Impl {
     curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &watchHeaders);
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, &transfer);
     if (options.caBundle) curl_easy_setopt(easy, CURLOPT_CAINFO, options.caBundle->c_str());
-    const double seconds = request.timeoutSeconds;
-    const long timeoutMs =
-        std::isfinite(seconds) && seconds > 0 ? static_cast<long>(seconds * 1000) : 60000L;
-    curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, timeoutMs > 0 ? timeoutMs : 1L);
+    curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, timeoutMilliseconds(request.timeoutSeconds));
+#if LIBCURL_VERSION_NUM >= 0x075700
+    // A name lookup still running when a transfer ends (timeout, shutdown, exit) is left to
+    // finish on its own instead of being waited for, so exit never stalls on a slow resolver.
+    curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
+#endif
 
     // Exactly the headers asked for: no Expect, and no form Content-Type on a POST.
     transfer.headers = curl_slist_append(transfer.headers, "Expect:");
@@ -246,8 +268,9 @@ struct HttpClient::Impl {
         finish(std::move(transfer), TransportError{"cannot start a transfer"});
         continue;
       }
-      Transfer* raw = transfer.get();
-      running.emplace(raw, std::move(transfer));
+      transfer->sequence = nextSequence++;
+      const std::uint64_t sequence = transfer->sequence;
+      running.emplace(sequence, std::move(transfer));
     }
   }
 
@@ -277,7 +300,8 @@ struct HttpClient::Impl {
       Transfer* raw = nullptr;
       curl_easy_getinfo(easy, CURLINFO_PRIVATE, reinterpret_cast<char**>(&raw));
       curl_multi_remove_handle(multi, easy);
-      auto found = running.find(raw);
+      if (!raw) continue;
+      auto found = running.find(raw->sequence);
       if (found == running.end()) continue;
       auto transfer = std::move(found->second);
       running.erase(found);
@@ -308,10 +332,10 @@ struct HttpClient::Impl {
     }
     // Shutting down: everything not finished is reported as cancelled, in start order.
     startIncoming();
-    for (auto& [raw, transfer] : running) curl_multi_remove_handle(multi, transfer->easy);
+    for (auto& [sequence, transfer] : running) curl_multi_remove_handle(multi, transfer->easy);
     auto unfinished = std::move(running);
     running.clear();
-    for (auto& [raw, transfer] : unfinished) {
+    for (auto& [sequence, transfer] : unfinished) {
       finish(std::move(transfer), TransportError{"cancelled"});
     }
     saveCookieJar();
@@ -337,8 +361,8 @@ struct HttpClient::Impl {
   std::deque<std::unique_ptr<Transfer>> incoming;
   std::size_t pending = 0;
   bool stopping = false;
-  std::map<Transfer*, std::unique_ptr<Transfer>> running;  // network thread only
-  std::vector<CURL*> idle;                                 // network thread only
+  std::map<std::uint64_t, std::unique_ptr<Transfer>> running;  // by start order; network thread
+  std::uint64_t nextSequence = 0;                              // network thread only
   std::thread worker;
 };
 

@@ -53,9 +53,11 @@ TEST_F(HttpClientTest, PostAndGetArriveExactlyAsBuilt) {
   EXPECT_EQ(std::get<HttpResponse>(posted).body, "ok");
   EXPECT_EQ(std::get<HttpResponse>(posted).status, 200);
 
-  auto got = sendAndWait(client,
-                         HttpRequest{"GET", server.baseUrl() + "/sync?v=1", {}, std::nullopt, 5.0});
-  ASSERT_TRUE(std::holds_alternative<HttpResponse>(got));
+  // A timeout far beyond what libcurl can count in milliseconds means "wait", not "give up".
+  auto got = sendAndWait(
+      client, HttpRequest{"GET", server.baseUrl() + "/sync?v=1", {}, std::nullopt, 1e300});
+  ASSERT_TRUE(std::holds_alternative<HttpResponse>(got))
+      << std::get<TransportError>(got).description;
 
   const auto received = server.received();
   ASSERT_EQ(received.size(), 2u);
@@ -69,6 +71,17 @@ TEST_F(HttpClientTest, PostAndGetArriveExactlyAsBuilt) {
   EXPECT_EQ(received[1].path, "/sync?v=1");
   EXPECT_TRUE(received[1].body.empty());
   EXPECT_EQ(received[1].headers.count("Content-Type"), 0u);
+}
+
+TEST_F(HttpClientTest, AnOversizedAnswerIsCutAtOneMebibyte) {
+  server.setResponder([](const ReceivedRequest&) {
+    return CannedResponse{200, std::string(3 << 20, 'x'), {}, 0};
+  });
+  HttpClient client(options());
+  auto answer =
+      sendAndWait(client, HttpRequest{"GET", server.baseUrl() + "/x", {}, std::nullopt, 20});
+  ASSERT_TRUE(std::holds_alternative<HttpResponse>(answer));
+  EXPECT_EQ(std::get<HttpResponse>(answer).body.size(), std::size_t{1} << 20);
 }
 
 TEST_F(HttpClientTest, ManyRequestsInFlightAllComplete) {
@@ -152,10 +165,14 @@ TEST_F(HttpClientTest, ShutdownCancelsWhatIsInFlightAndAnswersLaterSendsAtOnce) 
   server.setResponder([](const ReceivedRequest&) { return CannedResponse{200, "slow", {}, 3000}; });
   HttpClient client(options());
   std::atomic<int> cancelled{0};
+  std::mutex orderMutex;
+  std::vector<int> order;
   for (int i = 0; i < 5; ++i) {
     client.send(HttpRequest{"GET", server.baseUrl() + "/x", {}, std::nullopt, 10},
-                [&](HttpOutcome outcome) {
+                [&, i](HttpOutcome outcome) {
                   if (std::holds_alternative<TransportError>(outcome)) ++cancelled;
+                  std::lock_guard lock(orderMutex);
+                  order.push_back(i);
                 });
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
@@ -163,6 +180,8 @@ TEST_F(HttpClientTest, ShutdownCancelsWhatIsInFlightAndAnswersLaterSendsAtOnce) 
   client.shutdown();
   EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
   EXPECT_EQ(cancelled.load(), 5) << "every callback ran before shutdown returned";
+  // The delivery keeps cancelled records in the pending file in this order.
+  EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4})) << "cancelled in the order they started";
   EXPECT_EQ(client.inFlight(), 0u);
   bool answered = false;
   client.send(
