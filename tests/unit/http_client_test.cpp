@@ -54,6 +54,7 @@ TEST_F(HttpClientTest, PostAndGetArriveExactlyAsBuilt) {
   EXPECT_EQ(std::get<HttpResponse>(posted).status, 200);
 
   // A timeout far beyond what libcurl can count in milliseconds means "wait", not "give up".
+  server.setResponder([](const ReceivedRequest&) { return CannedResponse{200, "ok", {}, 100}; });
   auto got = sendAndWait(
       client, HttpRequest{"GET", server.baseUrl() + "/sync?v=1", {}, std::nullopt, 1e300});
   ASSERT_TRUE(std::holds_alternative<HttpResponse>(got))
