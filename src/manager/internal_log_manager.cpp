@@ -321,17 +321,20 @@ void ZInternalLogManager::trackAppBackground() {
 }
 
 void ZInternalLogManager::checkAppVersion() {
+  // Runs within the common block's delivery, and deliveries never overlap, so two host threads
+  // setting the common block at once still see one install. The settings file is written
+  // outside the manager's lock: other threads' events never wait for the disk.
   const auto& store = sources_.settingsStore;
   const std::optional<std::string> previous =
       store ? store->string("latestAppVersion") : std::nullopt;
   const std::string current = platform::appVersionOrUnknown();
 
-  std::lock_guard lock(mutex_);
   if (store && previous == current) {
-    trackAppEventLocked(ZApp{.appLaunch = true}, appAction("앱실행", "launch"));
+    trackAppLaunch();
     return;
   }
   if (previous) {
+    std::lock_guard lock(mutex_);
     trackAppEventLocked(ZApp{.appUpdate = true}, appAction("앱업데이트", "update"));
   } else {
     std::call_once(installFactsOnce_, [&] {
@@ -344,6 +347,7 @@ void ZInternalLogManager::checkAppVersion() {
       if (store && !storedDate) store->setString("appInstalledDate", installDate_);
       if (store && !storedTimestamp) store->setInteger("appInstalledTimestamp", installTimestamp_);
     });
+    std::lock_guard lock(mutex_);
     trackAppEventLocked(ZApp{.appInstall = true,
                              .appLaunch = true,
                              .appInstallDate = installDate_,
@@ -351,7 +355,7 @@ void ZInternalLogManager::checkAppVersion() {
                         appAction("앱설치", "install"));
   }
   if (store) store->setString("latestAppVersion", current);
-  trackAppEventLocked(ZApp{.appLaunch = true}, appAction("앱실행", "launch"));
+  trackAppLaunch();
 }
 
 ZSDK ZInternalLogManager::sdk() const {

@@ -5,6 +5,7 @@
 #include <map>
 #include <thread>
 
+#include "platform/settings_store.hpp"
 #include "support/fake_sources.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/platform.hpp"
@@ -67,6 +68,35 @@ TEST(ManagerConcurrencyTest, EveryEventExactlyOnceWhileTheTripleArrives) {
       it->second = index;
     }
   }
+  manager->stop();
+  setPlatformFacts({});
+}
+
+TEST(ManagerConcurrencyTest, CommonBlocksSetAtOnceOnAFreshInstallMakeOneInstallEvent) {
+  constexpr int kThreads = 4;
+  testing::TempDir dir;
+  setPlatformFacts(ZPlatformFacts{.appVersion = "1.0", .dataDirectory = dir.path().string()});
+  testing::FakeSources fakes;
+  fakes.settings = std::make_shared<platform::SettingsStore>(dir.path() / "settings.json");
+  auto manager = detail::ZInternalLogManager::create(fakes.sources());
+  manager->configure(ZConfiguration::defaults());
+  fakes.identity->deliver(ZXid{"c", "d", "s"});
+  manager->waitForIdentityWork();
+
+  std::atomic<int> waiting{kThreads};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&] {
+      waiting.fetch_sub(1);
+      while (waiting.load() > 0) std::this_thread::yield();
+      manager->setCommon(ZCommon({.serviceName = "svc", .deployment = "dev"}));
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  std::map<std::string, int> kinds;
+  for (const auto& sent : fakes.transport->sent()) ++kinds[sent.record.action.kind];
+  EXPECT_EQ(kinds["install"], 1);
+  EXPECT_EQ(kinds["launch"], kThreads);
   manager->stop();
   setPlatformFacts({});
 }
