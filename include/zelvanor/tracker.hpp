@@ -39,9 +39,11 @@ class ZELVANOR_API ZelvanorTracker {
   /// each call also subscribes the SDK's internal listeners once more.
   static ZelvanorTracker setRequired(const ZConfiguration& configuration);
   template <class F>
-    requires std::is_invocable_r_v<ZConfiguration, F>
+  requires std::is_invocable_r_v<ZConfiguration, F>
   static ZelvanorTracker setRequired(F&& makeConfiguration) {
-    return setRequired(static_cast<ZConfiguration>(std::invoke(std::forward<F>(makeConfiguration))));
+    startIfNeeded();
+    return setRequired(
+        static_cast<ZConfiguration>(std::invoke(std::forward<F>(makeConfiguration))));
   }
   /// Records carry sdk.type "development" (the default) or "production".
   static ZelvanorTracker setDevelopment();
@@ -83,8 +85,9 @@ class ZELVANOR_API ZelvanorTracker {
   static ZelvanorTracker set(std::string text);
   /// Every set also takes a callable that returns the block; it is called once, at once.
   template <class F>
-    requires std::invocable<F> && (!std::is_same_v<std::decay_t<F>, std::string>)
-  static ZelvanorTracker set(F&& makeBlock) {
+  requires std::invocable<F> &&(!std::is_same_v<std::decay_t<F>, std::string>)static ZelvanorTracker
+      set(F&& makeBlock) {
+    startIfNeeded();
     return set(std::invoke(std::forward<F>(makeBlock)));
   }
 
@@ -117,6 +120,10 @@ class ZELVANOR_API ZelvanorTracker {
   /// Stops the SDK's threads and keeps every undelivered record in the pending file for the next
   /// start. Also runs at process exit. A later operation starts the SDK afresh.
   static void shutdown();
+
+ private:
+  /// Starts the SDK before a host's callable runs, so the callable sees it running.
+  static void startIfNeeded() noexcept;
 };
 
 }  // namespace zelvanor

@@ -252,6 +252,10 @@ ZelvanorTracker ZelvanorTracker::setConsoleLogSink(std::function<void(std::strin
   return {};
 }
 
+void ZelvanorTracker::startIfNeeded() noexcept {
+  withShared([](ZInternalLogManager&) {});
+}
+
 void ZelvanorTracker::shutdown() {
   try {
     detail::shutdownShared();

@@ -64,6 +64,24 @@ TEST_F(TrackerTest, ChainedCallsProduceOneRecordWithTheDefaultSdkBlock) {
             R"({"type":"production","version":"0.9.0","common_log_version":"1.2.0"})");
 }
 
+TEST_F(TrackerTest, TheSdkIsRunningBeforeAHostsCallableIsCalledOnce) {
+  int calls = 0;
+  bool runningDuringCall = false;
+  ZelvanorTracker::set([&] {
+    ++calls;
+    runningDuringCall = detail::sharedIfRunning() != nullptr;
+    return ZPage{.id = "p", .name = "home", .title = "Home"};
+  });
+  EXPECT_EQ(calls, 1);
+  EXPECT_TRUE(runningDuringCall);
+  detail::shutdownShared();
+  ZelvanorTracker::setRequired([&] {
+    runningDuringCall = detail::sharedIfRunning() != nullptr;
+    return ZConfiguration::defaults();
+  });
+  EXPECT_TRUE(runningDuringCall);
+}
+
 TEST_F(TrackerTest, SwitchesThatDoNotStartTheSdkAndATimeoutOverwrittenAtStart) {
   ZelvanorTracker::turnOffConsoleLogs();
   ZelvanorTracker::setTimeout(30);
