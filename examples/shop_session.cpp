@@ -47,12 +47,14 @@ int main(int argc, char** argv) {
   ZelvanorTracker::setRequired([] { return ZConfiguration{.timeout = 10, .batchSize = 1}; })
       .setProduction()
       .set(ZId{.appUserId = "shopper-1042", .customId = "loyalty-77"})
-      .set(ZAgreement{
-          .locationInformationAgree = true, .thirdProvideAgree = false, .cookieAgree = true})
       .set([] { return ZCommon({.serviceName = "trail-shop", .deployment = "production"}); });
   std::puts("shop_session: launched");
 
+  // The consent answers are part of the event during which the shopper gave them; like every
+  // per-event block they are not repeated on later events.
   ZelvanorTracker::set(page("home", "home", "Trail Shop"))
+      .set(ZAgreement{
+          .locationInformationAgree = true, .thirdProvideAgree = false, .cookieAgree = true})
       .set(ZUtm{.utmSource = "newsletter", .utmMedium = "email", .utmCampaign = "autumn"})
       .set(ZAction(Type::pageView, "home", "view"))
       .track(false, false);
