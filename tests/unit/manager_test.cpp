@@ -160,6 +160,17 @@ TEST_F(ManagerTest, EventsBeforeTheTripleBecomeRecordsWithContextCurrentWhenItAr
   manager->track(false, false);
   ASSERT_EQ(sentRecords().size(), 4u);
   EXPECT_TRUE(sentRecords().back().common->requestTimeStamp);
+
+  // A second configuration pass asked the sync server again and got another triple: records
+  // from then on carry the later one.
+  const ZXid later{"cid-2", "did-2", "sid-2"};
+  fakes.identity->deliver(later);
+  manager->waitForIdentityWork();
+  manager->setAction(ZAction("event", "after-second-triple", "tap"));
+  manager->track(false, false);
+  ASSERT_EQ(sentRecords().size(), 5u);
+  EXPECT_EQ(sentRecords().back().xid, later);
+  EXPECT_EQ(sentRecords().back().ucid->id, "acct-9");
 }
 
 TEST_F(ManagerTest, TemplatesWithoutContextAreDroppedWhenTheTripleArrives) {
