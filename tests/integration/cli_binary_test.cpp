@@ -265,5 +265,43 @@ TEST_F(CliBinaryTest, RecordsInFlightAtTheEndWaitInThePendingFileForPendingShow)
   EXPECT_EQ(slurp(pending), before);
 }
 
+// The data directory holds the identity cookies and undelivered records: one the tool makes is
+// the owner's alone (its parents as usual); one that exists keeps its mode.
+TEST_F(CliBinaryTest, ADataDirectoryItMakesIsPrivateAndAnExistingOneKeepsItsMode) {
+  server.setResponder([](const ReceivedRequest& r) {
+    if (r.path.rfind("/sync", 0) == 0) return CannedResponse{200, kSync, {}, 0};
+    return CannedResponse{200, "ok", {}, 0};
+  });
+  const fs::path script = writeScript("{\"op\":\"flush\"}\n");
+  const auto send = [&](const std::string& dataDir) {
+    return runTool(dir, "send --endpoint " + server.baseUrl() + " --ca-file " +
+                            quoted(server.caFile()) + " --data-dir " + quoted(fs::path(dataDir)) +
+                            " " + quoted(script));
+  };
+  // As an int, so a failure prints the mode in octal.
+  const auto mode = [](const fs::path& path) {
+    return static_cast<int>(fs::status(path).permissions() & fs::perms::mask);
+  };
+
+  const fs::path made = dir.path() / "parent" / "made";
+  ToolRun run = send(made.string() + "/");
+  ASSERT_EQ(run.code, 0) << run.err;
+  EXPECT_EQ(mode(made), 0700) << std::oct << mode(made);
+  EXPECT_TRUE(fs::is_directory(dir.path() / "parent"));
+
+  const fs::path existing = dir.path() / "existing";
+  fs::create_directory(existing);
+  fs::permissions(existing, fs::perms(0755));
+  run = send(existing.string());
+  ASSERT_EQ(run.code, 0) << run.err;
+  EXPECT_EQ(mode(existing), 0755) << std::oct << mode(existing);
+
+  const fs::path notADirectory = dir.path() / "file";
+  std::ofstream(notADirectory) << "x";
+  run = send(notADirectory.string());
+  EXPECT_EQ(run.code, 3) << run.err;
+  EXPECT_NE(run.err.find("cannot create data directory"), std::string::npos) << run.err;
+}
+
 }  // namespace
 }  // namespace zelvanor
