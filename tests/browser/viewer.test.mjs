@@ -7,6 +7,7 @@ import { test } from "node:test";
 import assert from "node:assert/strict";
 import { spawn } from "node:child_process";
 import { mkdtempSync, readFileSync, existsSync, mkdirSync, rmSync } from "node:fs";
+import { Agent, request } from "node:https";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { chromium } from "playwright-core";
@@ -58,30 +59,37 @@ function run(binary, args, timeoutMs) {
   });
 }
 
-test("the viewer lists the demo session newest first, live, filters by type and shows the JSON", async (t) => {
-  assert.ok(collectorBinary, "ZELVANOR_COLLECTOR names the collector binary");
-  assert.ok(shopSessionBinary, "ZELVANOR_SHOP_SESSION names the shop_session example");
+// Starts a collector in a fresh folder; stopped and removed when the test ends.
+async function startCollector(t) {
   const dataDir = mkdtempSync(join(tmpdir(), "zelvanor-viewer-"));
   const portFile = join(dataDir, "port");
   const collector = spawn(collectorBinary, ["--data-dir", join(dataDir, "collector"), "--port-file", portFile],
                           { stdio: ["ignore", "ignore", "inherit"] });
-  let browser;
-  t.after(async () => {
-    if (browser) await browser.close();
+  t.after(() => {
     collector.kill("SIGTERM");
     rmSync(dataDir, { recursive: true, force: true });
   });
-
   await waitFor("the collector's port", () => existsSync(portFile));
   const port = Number(readFileSync(portFile, "utf8").trim());
-  const base = `https://127.0.0.1:${port}`;
+  return { dataDir, port, base: `https://127.0.0.1:${port}`, ca: readFileSync(join(dataDir, "collector", "cert.pem")) };
+}
 
+async function openViewer(t, base) {
   // The collector's certificate is self-signed and this browser profile has no way to trust it;
   // skipping the check is confined to this loopback test.
-  browser = await chromium.launch({ executablePath: chromiumBinary, headless: true, args: ["--no-sandbox"] });
+  const browser = await chromium.launch({ executablePath: chromiumBinary, headless: true, args: ["--no-sandbox"] });
+  t.after(() => browser.close());
   const context = await browser.newContext({ ignoreHTTPSErrors: true, viewport: { width: 1400, height: 900 } });
   const page = await context.newPage();
   await page.goto(base + "/");
+  return page;
+}
+
+test("the viewer lists the demo session newest first, live, filters by type and shows the JSON", async (t) => {
+  assert.ok(collectorBinary, "ZELVANOR_COLLECTOR names the collector binary");
+  assert.ok(shopSessionBinary, "ZELVANOR_SHOP_SESSION names the shop_session example");
+  const { dataDir, base } = await startCollector(t);
+  const page = await openViewer(t, base);
   await page.getByText("No events yet").waitFor({ timeout: 10000 });
 
   // The session runs while the page is open: its events show up without a reload.
@@ -135,4 +143,44 @@ test("the viewer lists the demo session newest first, live, filters by type and 
 
   mkdirSync(artifactDir, { recursive: true });
   await page.screenshot({ path: join(artifactDir, "viewer.png"), fullPage: true });
+});
+
+// Posts `count` small records, a few at a time over kept-alive connections.
+async function postRecords(port, ca, count) {
+  const agent = new Agent({ keepAlive: true, maxSockets: 4, ca });
+  const postOne = (i) => new Promise((resolve, reject) => {
+    const body = JSON.stringify({
+      xid: { cid: "cid-bulk", did: "did-bulk", sid: "sid-bulk" },
+      sdk: { type: "production", version: "0.9.0", common_log_version: "1.2.0" },
+      action: { type: "event", name: `bulk-${i}`, kind: "tap" },
+    });
+    const req = request({ host: "127.0.0.1", port, path: "/sdk/track", method: "POST", agent,
+                          headers: { "Content-Type": "application/json" } }, (res) => {
+      let text = "";
+      res.on("data", (chunk) => (text += chunk));
+      res.on("end", () => (text === "ok" ? resolve() : reject(new Error(`record ${i}: ${text}`))));
+    });
+    req.on("error", reject);
+    req.end(body);
+  });
+  let next = 0;
+  const worker = async () => { while (next < count) await postOne(next++); };
+  await Promise.all([worker(), worker(), worker(), worker()]);
+  agent.destroy();
+}
+
+test("the viewer catches up with more events than one answer of the API holds", async (t) => {
+  // The API answers at most 5000 events a request; a viewer that asked once for the newest would
+  // never show the oldest of these.
+  const count = 5000 + 37;
+  const { port, ca, base } = await startCollector(t);
+  await postRecords(port, ca, count);
+  const page = await openViewer(t, base);
+  await waitFor(`${count} events in the viewer`,
+                async () => (await page.textContent("[data-testid=count]")) === `${count} events`, 30000);
+  const names = await page.locator("tbody#events tr").evaluateAll(
+      (trs) => trs.map((tr) => tr.children[3].textContent));
+  assert.equal(names.length, count);
+  assert.equal(new Set(names).size, count, "each event once");
+  assert.ok(names.includes("bulk-0") && names.includes(`bulk-${count - 1}`), "the first and the last posted");
 });

@@ -215,6 +215,15 @@ struct Collector::Impl {
     if (request.has_param("type") && !request.get_param_value("type").empty()) {
       query.actionType = request.get_param_value("type");
     }
+    if (request.has_param("order")) {
+      const std::string order = request.get_param_value("order");
+      if (order != "asc" && order != "desc") {
+        response.status = 400;
+        response.set_content("order is asc or desc", "text/plain");
+        return;
+      }
+      query.oldestFirst = order == "asc";
+    }
     try {
       if (request.has_param("after")) query.afterId = std::stoll(request.get_param_value("after"));
       if (request.has_param("limit"))
