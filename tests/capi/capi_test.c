@@ -395,6 +395,57 @@ static void test_restart_with_new_facts(void) {
   zelvanor_set_console_log_sink(NULL, NULL);
 }
 
+/* A rejected configuration leaves the one in force. Batch size 2 keeps one record waiting and
+ * sends the older ones as each new one comes; the rejected texts ask for 1000 before their faulty
+ * key, so had any of them been applied, even in part, nothing would be sent before the shutdown.
+ * Console logs go off and on meanwhile; every record here encodes, so the sink stays silent. */
+static void test_rejected_configuration_changes_nothing(void) {
+  console_record record;
+  int attempt, arrived = 0;
+  memset(&record, 0, sizeof record);
+  zelvanor_set_console_log_sink(record_console_line, &record);
+  zelvanor_turn_off_console_logs();
+  CHECK_STATUS(
+      zelvanor_set_required("{\"timeout\":2,\"batchSize\":2,\"usingSandboxEnvironment\":false}"),
+      ZELVANOR_OK);
+  zelvanor_set_reachability_flags(0);
+  EXPECT_ERROR(zelvanor_set_required(
+                   "{\"batchSize\":1000,\"timeout\":\"2\",\"usingSandboxEnvironment\":true}"),
+               ZELVANOR_ERROR_JSON, "type mismatch", "timeout");
+  EXPECT_ERROR(
+      zelvanor_set_required("{\"timeout\":2,\"batchSize\":1000,\"usingSandboxEnvironment\":null}"),
+      ZELVANOR_ERROR_JSON, "value not found", "usingSandboxEnvironment");
+  EXPECT_ERROR(zelvanor_set_required("{\"timeout\":2,\"batchSize\":1000}"), ZELVANOR_ERROR_JSON,
+               "key not found", "usingSandboxEnvironment");
+  zelvanor_turn_on_console_logs();
+
+  CHECK_STATUS(zelvanor_set("common", "{\"service_name\":\"shop\",\"deployment\":\"dev\"}"),
+               ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("id", "{\"app_user_id\":\"user-42\"}"), ZELVANOR_OK);
+  CHECK(wait_until_ready());
+  CHECK_STATUS(zelvanor_set("page", "{\"id\":\"p-batch-1\",\"name\":\"b\",\"title\":\"B\"}"),
+               ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("action", "{\"type\":\"event\",\"name\":\"n\",\"kind\":\"k\"}"),
+               ZELVANOR_OK);
+  zelvanor_track(0, 0);
+  CHECK_STATUS(zelvanor_set("page", "{\"id\":\"p-batch-2\",\"name\":\"b\",\"title\":\"B\"}"),
+               ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("action", "{\"type\":\"event\",\"name\":\"n\",\"kind\":\"k\"}"),
+               ZELVANOR_OK);
+  zelvanor_track(0, 0);
+  /* No flush: the batch size alone sends the first, offline straight into the pending file. */
+  for (attempt = 0; attempt < 200 && !arrived; ++attempt) {
+    arrived = pending_file_contains("\"p-batch-1\"");
+    if (!arrived) sleep_ms(50);
+  }
+  CHECK(arrived);
+  CHECK(!pending_file_contains("p-batch-2")); /* the one record a batch size of 2 keeps */
+  zelvanor_shutdown();
+  CHECK(pending_file_contains("\"p-batch-2\""));
+  CHECK(record.lines == 0);
+  zelvanor_set_console_log_sink(NULL, NULL);
+}
+
 int main(void) {
   if (!mkdtemp(data_dir) || !write_cookie_jar()) {
     fprintf(stderr, "cannot prepare %s: %s\n", data_dir, strerror(errno));
@@ -406,6 +457,7 @@ int main(void) {
   test_rejected_input_changes_nothing();
   test_tracking_reaches_the_pending_file();
   test_restart_with_new_facts();
+  test_rejected_configuration_changes_nothing();
 
   nftw(data_dir, remove_entry, 8, FTW_DEPTH | FTW_PHYS);
   if (failures) {

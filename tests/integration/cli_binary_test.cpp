@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 
 #include "support/https_test_server.hpp"
 #include "support/temp_dir.hpp"
@@ -71,9 +72,11 @@ struct CliBinaryTest : ::testing::Test {
     }
     return found;
   }
-  static bool anyHolds(const std::vector<ReceivedRequest>& requests, const std::string& text) {
+  static bool anyHolds(const std::vector<ReceivedRequest>& requests, const std::string& text,
+                       const std::string& also = {}) {
     for (const auto& r : requests) {
-      if (r.body.find(text) != std::string::npos) return true;
+      if (r.body.find(text) != std::string::npos && r.body.find(also) != std::string::npos)
+        return true;
     }
     return false;
   }
@@ -90,6 +93,12 @@ TEST_F(CliBinaryTest, EveryOpReachesTheTrackerAndTheRecordsArrive) {
   const auto action = [](const std::string& name) {
     return R"({"op":"set","block":"action","value":{"type":"event","name":")" + name +
            R"(","kind":"tap"}})"
+           "\n";
+  };
+  // A lifecycle record takes the event blocks set before it, so a page marks which post made it.
+  const auto page = [](const std::string& id) {
+    return R"({"op":"set","block":"page","value":{"id":")" + id +
+           R"(","name":"n","title":"t"}})"
            "\n";
   };
   const fs::path script = writeScript(
@@ -147,8 +156,10 @@ TEST_F(CliBinaryTest, EveryOpReachesTheTrackerAndTheRecordsArrive) {
       "{\"op\":\"setBatchSize\",\"value\":1}\n" +
       action("cli-sandbox") + "{\"op\":\"track\",\"verbose\":false,\"disabled\":false}\n" +
       "{\"op\":\"sleep\",\"ms\":600}\n"
-      "{\"op\":\"useGeneralEnvrionment\"}\n"
-      "{\"op\":\"post\",\"event\":\"willResignActive\"}\n" +
+      "{\"op\":\"useGeneralEnvrionment\"}\n" +
+      page("cli-resign") + "{\"op\":\"post\",\"event\":\"willResignActive\"}\n" +
+      page("cli-foreground") + "{\"op\":\"post\",\"event\":\"willEnterForeground\"}\n" +
+      page("cli-terminate") + "{\"op\":\"post\",\"event\":\"willTerminate\"}\n" +
       action("cli-data") + "{\"op\":\"getData\"}\n" + "{\"op\":\"sleep\",\"ms\":1500}\n");
 
   const ToolRun run = runTool(dir, "send -v " + endpointOptions() + " " + quoted(script));
@@ -171,7 +182,13 @@ TEST_F(CliBinaryTest, EveryOpReachesTheTrackerAndTheRecordsArrive) {
   EXPECT_FALSE(anyHolds(general, "cli-free-text")) << "the facade drops free text";
   EXPECT_TRUE(anyHolds(general, "\"cli-held\"")) << "flush sends what the batch size holds";
   EXPECT_TRUE(anyHolds(general, "\"type\":\"development\"")) << "setDevelopment";
-  EXPECT_TRUE(anyHolds(general, "\"app_exit\":true")) << "the posted lifecycle event";
+  for (const auto& [pageId, kind] : {std::pair{"cli-resign", "background"},
+                                     {"cli-foreground", "launch"},
+                                     {"cli-terminate", "background"}}) {
+    EXPECT_TRUE(anyHolds(general, "\"id\":\"" + std::string(pageId) + "\"",
+                         "\"kind\":\"" + std::string(kind) + "\""))
+        << "the record of the lifecycle event posted after page " << pageId;
+  }
   EXPECT_TRUE(anyHolds(sandbox, "\"cli-sandbox\""));
   EXPECT_FALSE(anyHolds(general, "\"cli-sandbox\""));
   for (const auto& r : server.received()) {
@@ -246,6 +263,44 @@ TEST_F(CliBinaryTest, RecordsInFlightAtTheEndWaitInThePendingFileForPendingShow)
   EXPECT_NE(show.out.find("\"cli-late-2\""), std::string::npos) << show.out;
   EXPECT_NE(show.err.find("would restore"), std::string::npos) << show.err;
   EXPECT_EQ(slurp(pending), before);
+}
+
+// The data directory holds the identity cookies and undelivered records: one the tool makes is
+// the owner's alone (its parents as usual); one that exists keeps its mode.
+TEST_F(CliBinaryTest, ADataDirectoryItMakesIsPrivateAndAnExistingOneKeepsItsMode) {
+  server.setResponder([](const ReceivedRequest& r) {
+    if (r.path.rfind("/sync", 0) == 0) return CannedResponse{200, kSync, {}, 0};
+    return CannedResponse{200, "ok", {}, 0};
+  });
+  const fs::path script = writeScript("{\"op\":\"flush\"}\n");
+  const auto send = [&](const std::string& dataDir) {
+    return runTool(dir, "send --endpoint " + server.baseUrl() + " --ca-file " +
+                            quoted(server.caFile()) + " --data-dir " + quoted(fs::path(dataDir)) +
+                            " " + quoted(script));
+  };
+  // As an int, so a failure prints the mode in octal.
+  const auto mode = [](const fs::path& path) {
+    return static_cast<int>(fs::status(path).permissions() & fs::perms::mask);
+  };
+
+  const fs::path made = dir.path() / "parent" / "made";
+  ToolRun run = send(made.string() + "/");
+  ASSERT_EQ(run.code, 0) << run.err;
+  EXPECT_EQ(mode(made), 0700) << std::oct << mode(made);
+  EXPECT_TRUE(fs::is_directory(dir.path() / "parent"));
+
+  const fs::path existing = dir.path() / "existing";
+  fs::create_directory(existing);
+  fs::permissions(existing, fs::perms(0755));
+  run = send(existing.string());
+  ASSERT_EQ(run.code, 0) << run.err;
+  EXPECT_EQ(mode(existing), 0755) << std::oct << mode(existing);
+
+  const fs::path notADirectory = dir.path() / "file";
+  std::ofstream(notADirectory) << "x";
+  run = send(notADirectory.string());
+  EXPECT_EQ(run.code, 3) << run.err;
+  EXPECT_NE(run.err.find("cannot create data directory"), std::string::npos) << run.err;
 }
 
 }  // namespace

@@ -54,6 +54,8 @@ TEST(CliScript, EveryOpAndEveryBlockIsReadWithItsValues) {
       "{\"op\":\"turnOnConsoleLogs\"}\n"
       "{\"op\":\"turnOffConsoleLogs\"}\n"
       "{\"op\":\"post\",\"event\":\"willResignActive\"}\n"
+      "{\"op\":\"post\",\"event\":\"willEnterForeground\"}\n"
+      "{\"op\":\"post\",\"event\":\"willTerminate\"}\n"
       "{\"op\":\"sleep\",\"ms\":100}\n"
       R"({"op":"set","block":"common","value":{"service_name":"shop","deployment":"prod","access_timestamp":1700000000}})"
       "\n"
@@ -95,7 +97,7 @@ TEST(CliScript, EveryOpAndEveryBlockIsReadWithItsValues) {
       "{\"op\":\"flush\"}\n"
       "{\"op\":\"getData\"}");
   for (const auto& e : script.errors) ADD_FAILURE() << describe(e);
-  ASSERT_EQ(script.steps.size(), 32u);
+  ASSERT_EQ(script.steps.size(), 34u);
 
   EXPECT_EQ(as<op::SetRequired>(script.steps[0]).configuration, (ZConfiguration{10, 3, true}));
   EXPECT_EQ(script.steps[0].line, 2u);
@@ -109,37 +111,39 @@ TEST(CliScript, EveryOpAndEveryBlockIsReadWithItsValues) {
   as<op::TurnOnConsoleLogs>(script.steps[7]);
   as<op::TurnOffConsoleLogs>(script.steps[8]);
   EXPECT_EQ(as<op::Post>(script.steps[9]).event, ZLifecycleEvent::willResignActive);
-  EXPECT_EQ(as<op::Sleep>(script.steps[10]).ms, 100u);
+  EXPECT_EQ(as<op::Post>(script.steps[10]).event, ZLifecycleEvent::willEnterForeground);
+  EXPECT_EQ(as<op::Post>(script.steps[11]).event, ZLifecycleEvent::willTerminate);
+  EXPECT_EQ(as<op::Sleep>(script.steps[12]).ms, 100u);
 
-  const ZCommon& common = block<ZCommon>(script.steps[11]);
+  const ZCommon& common = block<ZCommon>(script.steps[13]);
   EXPECT_EQ(common.serviceName, "shop");
   EXPECT_EQ(common.deployment, "prod");
   EXPECT_TRUE(common.accessTime.has_value()) << "derived from access_timestamp, as a host's is";
   EXPECT_TRUE(common.svcDomain.has_value()) << "falls back to the bundle identifier";
-  EXPECT_EQ(block<ZAgent>(script.steps[12]).carrier, "acme");
-  EXPECT_EQ(block<ZId>(script.steps[13]).appUserId, "u1");
-  EXPECT_EQ(block<ZAgreement>(script.steps[14]).cookieAgree, false);
-  EXPECT_EQ(block<ZClick>(script.steps[15]).posX, 4);
-  EXPECT_EQ(block<ZLocation>(script.steps[16]).logitude, 127.0);
-  EXPECT_EQ(block<ZPage>(script.steps[17]), (ZPage{.id = "p1", .name = "home", .title = "Home"}));
-  EXPECT_EQ(block<ZPromotion>(script.steps[18]).name, "spring");
-  EXPECT_EQ(block<ZStatus>(script.steps[19]).message, "gone");
-  EXPECT_EQ(block<ZUsage>(script.steps[20]).duration, 12);
-  EXPECT_EQ(block<ZAction>(script.steps[21]), ZAction("page_view", "home", "view"));
-  EXPECT_EQ(block<ZDomain>(script.steps[22]).purchase->price, 9.5f);
-  EXPECT_EQ(block<ZUtm>(script.steps[23]).utmSource, "mail");
-  EXPECT_EQ(block<ZBucket>(script.steps[24]).name, "b0");
-  const auto& buckets = block<std::vector<ZBucket>>(script.steps[25]);
+  EXPECT_EQ(block<ZAgent>(script.steps[14]).carrier, "acme");
+  EXPECT_EQ(block<ZId>(script.steps[15]).appUserId, "u1");
+  EXPECT_EQ(block<ZAgreement>(script.steps[16]).cookieAgree, false);
+  EXPECT_EQ(block<ZClick>(script.steps[17]).posX, 4);
+  EXPECT_EQ(block<ZLocation>(script.steps[18]).logitude, 127.0);
+  EXPECT_EQ(block<ZPage>(script.steps[19]), (ZPage{.id = "p1", .name = "home", .title = "Home"}));
+  EXPECT_EQ(block<ZPromotion>(script.steps[20]).name, "spring");
+  EXPECT_EQ(block<ZStatus>(script.steps[21]).message, "gone");
+  EXPECT_EQ(block<ZUsage>(script.steps[22]).duration, 12);
+  EXPECT_EQ(block<ZAction>(script.steps[23]), ZAction("page_view", "home", "view"));
+  EXPECT_EQ(block<ZDomain>(script.steps[24]).purchase->price, 9.5f);
+  EXPECT_EQ(block<ZUtm>(script.steps[25]).utmSource, "mail");
+  EXPECT_EQ(block<ZBucket>(script.steps[26]).name, "b0");
+  const auto& buckets = block<std::vector<ZBucket>>(script.steps[27]);
   ASSERT_EQ(buckets.size(), 2u);
   EXPECT_EQ(buckets[1].name, "b2");
-  EXPECT_EQ(block<ZViewImpressionContent>(script.steps[26]).id, "v0");
-  EXPECT_TRUE(block<std::vector<ZViewImpressionContent>>(script.steps[27]).empty());
-  EXPECT_EQ(block<std::string>(script.steps[28]), "anything");
-  EXPECT_EQ(as<op::Track>(script.steps[29]).verbose, true);
-  EXPECT_EQ(as<op::Track>(script.steps[29]).disabled, false);
-  as<op::Flush>(script.steps[30]);
-  as<op::GetData>(script.steps[31]);
-  EXPECT_EQ(script.steps[31].line, 34u) << "a last line without a newline is read too";
+  EXPECT_EQ(block<ZViewImpressionContent>(script.steps[28]).id, "v0");
+  EXPECT_TRUE(block<std::vector<ZViewImpressionContent>>(script.steps[29]).empty());
+  EXPECT_EQ(block<std::string>(script.steps[30]), "anything");
+  EXPECT_EQ(as<op::Track>(script.steps[31]).verbose, true);
+  EXPECT_EQ(as<op::Track>(script.steps[31]).disabled, false);
+  as<op::Flush>(script.steps[32]);
+  as<op::GetData>(script.steps[33]);
+  EXPECT_EQ(script.steps[33].line, 36u) << "a last line without a newline is read too";
 }
 
 TEST(CliScript, TheShippedExampleIsValid) {

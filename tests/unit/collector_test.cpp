@@ -134,6 +134,15 @@ TEST_F(CollectorTest, StoresRecordsThatDecodeAndListsThemNewestFirstWithFilters)
   EXPECT_EQ(listed("?after=" + std::to_string(all[1].first)).size(), 1u);
   EXPECT_EQ(listed("?limit=1").front().first, all[0].first);
   EXPECT_NE(body(request("GET", "/api/events?after=x")).find("number"), std::string::npos);
+  // Oldest first, pages read forward from `after` reach every event: how the viewer catches up.
+  const auto firstPage = listed("?order=asc&limit=2");
+  ASSERT_EQ(firstPage.size(), 2u);
+  EXPECT_EQ(firstPage[0], all[2]);
+  EXPECT_EQ(firstPage[1], all[1]);
+  EXPECT_EQ(listed("?order=asc&limit=2&after=" + std::to_string(firstPage[1].first)),
+            (std::vector{all[0]}));
+  EXPECT_EQ(listed("?order=desc"), all);
+  EXPECT_NE(body(request("GET", "/api/events?order=up")).find("asc or desc"), std::string::npos);
 
   // The stored text is the record as it arrived, and it decodes back to the same record.
   const std::string text = body(request("GET", "/api/events?type=event"));

@@ -1,6 +1,7 @@
 #include "cli.hpp"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -206,6 +207,23 @@ std::size_t pendingFrames(const std::filesystem::path& file) {
   return content ? inspectPending(*content).frames.size() : 0;
 }
 
+// The data directory holds the identity cookies and undelivered records, so one made here is the
+// owner's alone, as the SDK makes its own; an existing one keeps the mode its owner chose.
+void createPrivateDirectory(std::filesystem::path dir, std::error_code& ec) {
+  if (!dir.has_filename()) dir = dir.parent_path();  // "a/b/" names "a/b"
+  if (dir.has_parent_path()) {
+    std::filesystem::create_directories(dir.parent_path(), ec);
+    if (ec) return;
+  }
+  if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+    ec.assign(errno, std::generic_category());
+    return;
+  }
+  if (!std::filesystem::is_directory(dir, ec) && !ec) {
+    ec = std::make_error_code(std::errc::not_a_directory);
+  }
+}
+
 int runSend(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
   Arguments parsed;
   if (!splitArguments(args, 1,
@@ -236,7 +254,7 @@ int runSend(const std::vector<std::string>& args, std::ostream& out, std::ostrea
   facts.bundleIdentifier = parsed.value("--bundle-id").value_or("zelvanor");
   if (auto dir = parsed.value("--data-dir")) {
     std::error_code ec;
-    std::filesystem::create_directories(*dir, ec);
+    createPrivateDirectory(*dir, ec);
     if (ec) {
       err << "zelvanor: cannot create data directory " << *dir << ": " << ec.message() << "\n";
       return kRuntime;

@@ -100,8 +100,13 @@ std::vector<StoredEvent> EventStore::list(const EventQuery& query) {
   std::lock_guard lock(mutex_);
   if (db_ == nullptr) return events;
   const char* sql =
-      "SELECT id, received_at, action_type, action_name, action_kind, page, cid, did, sid, json "
-      "FROM events WHERE id > ?1 AND (?2 IS NULL OR action_type = ?2) ORDER BY id DESC LIMIT ?3";
+      query.oldestFirst
+          ? "SELECT id, received_at, action_type, action_name, action_kind, page, cid, did, sid, "
+            "json FROM events WHERE id > ?1 AND (?2 IS NULL OR action_type = ?2) "
+            "ORDER BY id ASC LIMIT ?3"
+          : "SELECT id, received_at, action_type, action_name, action_kind, page, cid, did, sid, "
+            "json FROM events WHERE id > ?1 AND (?2 IS NULL OR action_type = ?2) "
+            "ORDER BY id DESC LIMIT ?3";
   sqlite3_stmt* statement = nullptr;
   if (sqlite3_prepare_v2(db_, sql, -1, &statement, nullptr) != SQLITE_OK) return events;
   sqlite3_bind_int64(statement, 1, query.afterId);

@@ -31,6 +31,8 @@ struct EventQuery {
   std::optional<std::string> actionType{};
   std::int64_t afterId = 0;  ///< only events stored after this one
   int limit = 200;
+  /// Oldest first, so that pages read forward from afterId miss nothing; newest first otherwise.
+  bool oldestFirst = false;
 };
 
 class EventStore {
@@ -43,7 +45,7 @@ class EventStore {
   bool open(const std::filesystem::path& file, std::string& error);
   /// Stores one decoded record with its original text; the new row's id, or nothing on failure.
   std::optional<std::int64_t> add(const ZLogRecord& record, std::string_view json);
-  /// Newest first.
+  /// Newest first unless the query asks for oldest first.
   std::vector<StoredEvent> list(const EventQuery& query);
   std::int64_t count();
 

@@ -97,19 +97,35 @@ function updateTypes() {
   });
 }
 
+// Pages are read oldest first from the last id seen, so a burst bigger than a page is fetched
+// whole: what one poll leaves (it reads a few pages at most) the next picks up where it stopped.
+const pageSize = 5000;
+const pagesPerPoll = 10;
+let polling = false;
+
 async function poll() {
+  if (polling) return;  // a slow poll is not overtaken by the next tick
+  polling = true;
+  let changed = false;
   try {
-    const answer = await fetch("/api/events?limit=5000&after=" + lastId, {cache: "no-store"});
-    const {events: arrived} = await answer.json();
-    for (const e of arrived) {
-      events.set(e.id, e);
-      types.add(e.actionType);
-      lastId = Math.max(lastId, e.id);
+    for (let page = 0; page < pagesPerPoll; ++page) {
+      const answer = await fetch("/api/events?order=asc&limit=" + pageSize + "&after=" + lastId,
+                                 {cache: "no-store"});
+      const {events: arrived} = await answer.json();
+      for (const e of arrived) {
+        events.set(e.id, e);
+        types.add(e.actionType);
+        lastId = Math.max(lastId, e.id);
+      }
+      changed = changed || arrived.length > 0;
+      if (arrived.length < pageSize) break;
     }
-    if (arrived.length) { updateTypes(); render(); }
   } catch (error) {
     document.getElementById("count").textContent = "collector unreachable";
+  } finally {
+    polling = false;
   }
+  if (changed) { updateTypes(); render(); }
 }
 
 document.getElementById("type-filter").addEventListener("change", render);
