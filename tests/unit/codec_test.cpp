@@ -13,9 +13,11 @@
 #include <string>
 #include <vector>
 
+#include "support/scoped_time_zone.hpp"
 #include "support/wire_json.hpp"
 #include "support/wire_samples.hpp"
 #include "zelvanor/json.hpp"
+#include "zelvanor/platform.hpp"
 
 namespace zelvanor {
 namespace {
@@ -427,6 +429,114 @@ TEST(CodecDecode, DescribeNamesKindPathAndDetail) {
   const std::string text = error.describe();
   EXPECT_NE(text.find(toString(Kind::typeMismatch)), std::string::npos) << text;
   EXPECT_NE(text.find("code"), std::string::npos) << text;
+}
+
+// ----- ZCommon construction -------------------------------------------------------------------
+
+ZCommon commonStampedAt(std::optional<std::int64_t> accessTimeStamp) {
+  return ZCommon({.serviceName = "s",
+                  .deployment = "d",
+                  .svcDomain = "x",
+                  .accessTimeStamp = accessTimeStamp});
+}
+
+TEST(CommonConstruction, AccessTimeIsTheStampInTheDevicesZoneAtThatInstant) {
+  using namespace testing;
+  struct Row {
+    const char* zone;
+    std::int64_t stamp;
+    std::string expected;
+  };
+  const Row rows[] = {
+      {kZoneUtc, 0, "1970-01-01T00:00:00Z"},
+      {kZoneUtc, -1, "1969-12-31T23:59:59Z"},
+      {kZoneUtc, 1709615229, "2024-03-05T05:07:09Z"},
+      {kZoneSeoul, 1709615229, "2024-03-05T14:07:09+09:00"},
+      {kZoneSeoul, 0, "1970-01-01T09:00:00+09:00"},
+      // The offset moves the date across midnight.
+      {kZoneSeoul, 1709650799, "2024-03-05T23:59:59+09:00"},
+      {kZoneSeoul, 1709650800, "2024-03-06T00:00:00+09:00"},
+      {kZoneKolkata, 1709615229, "2024-03-05T10:37:09+05:30"},
+      {kZoneKolkata, -1, "1970-01-01T05:29:59+05:30"},
+      // Negative half-hour offsets, in standard and in daylight time.
+      {kZoneStJohns, 1709615229, "2024-03-05T01:37:09-03:30"},
+      {kZoneStJohns, 1720000000, "2024-07-03T07:16:40-02:30"},
+      {kZoneStJohns, 0, "1969-12-31T20:30:00-03:30"},
+      {kZoneNewYork, -1, "1969-12-31T18:59:59-05:00"},
+      // An offset with seconds keeps them, as ZZZZZ does.
+      {"<-002521>0:25:21", 1720000000, "2024-07-03T09:21:19-00:25:21"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::string(row.zone) + " @ " + std::to_string(row.stamp));
+    ScopedTimeZone zone(row.zone);
+    const ZCommon common = commonStampedAt(row.stamp);
+    EXPECT_EQ(common.accessTimeStamp, row.stamp);
+    EXPECT_EQ(common.accessTime, row.expected);
+  }
+}
+
+TEST(CommonConstruction, AccessTimeFollowsTheZoneDatabaseIncludingPastRules) {
+  using namespace testing;
+  for (const char* name : {"Asia/Seoul", "Asia/Kolkata", "America/St_Johns"}) {
+    if (!zoneDatabaseHas(name)) GTEST_SKIP() << "no zone database entry for " << name;
+  }
+  struct Row {
+    const char* zone;
+    std::int64_t stamp;
+    std::string expected;
+  };
+  const Row rows[] = {
+      {"Asia/Seoul", 1709615229, "2024-03-05T14:07:09+09:00"},
+      {"Asia/Seoul", 552096000, "1987-07-01T10:00:00+10:00"},  // Korea kept daylight time then
+      {"Asia/Kolkata", 1720000000, "2024-07-03T15:16:40+05:30"},
+      {"America/St_Johns", 1709615229, "2024-03-05T01:37:09-03:30"},
+      {"America/St_Johns", 1720000000, "2024-07-03T07:16:40-02:30"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::string(row.zone) + " @ " + std::to_string(row.stamp));
+    ScopedTimeZone zone(row.zone);
+    EXPECT_EQ(commonStampedAt(row.stamp).accessTime, row.expected);
+  }
+}
+
+TEST(CommonConstruction, WrittenMembersFollowWhatWasGiven) {
+  testing::ScopedTimeZone zone(testing::kZoneUtc);
+  // Without a stamp there is neither stamp nor text; the request stamp is never set here.
+  const ZCommon unstamped = commonStampedAt(std::nullopt);
+  EXPECT_FALSE(unstamped.accessTimeStamp);
+  EXPECT_FALSE(unstamped.accessTime);
+  EXPECT_FALSE(unstamped.requestTimeStamp);
+  EXPECT_EQ(*encodeJson(unstamped), R"({"service_name":"s","svcdomain":"x","deployment":"d"})");
+
+  const ZCommon stamped = commonStampedAt(0);
+  EXPECT_FALSE(stamped.requestTimeStamp);
+  EXPECT_EQ(*encodeJson(stamped), R"({"service_name":"s","svcdomain":"x","access_timestamp":0,)"
+                                  R"("access_time":"1970-01-01T00:00:00Z","deployment":"d"})");
+}
+
+TEST(CommonConstruction, SvcDomainFallsBackToTheBundleIdentifierOnlyWhenAbsent) {
+  setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.shop"});
+  struct Row {
+    const char* label;
+    std::optional<std::string> given;
+    std::string expected;
+  };
+  const Row rows[] = {
+      {"explicit value wins", "shop.example", "shop.example"},
+      {"explicit empty value still wins", "", ""},
+      {"absent takes the bundle identifier", std::nullopt, "com.example.shop"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    const ZCommon common({.serviceName = "s", .deployment = "d", .svcDomain = row.given});
+    EXPECT_EQ(common.svcDomain, row.expected);
+    EXPECT_EQ(*encodeJson(common),
+              R"({"service_name":"s","svcdomain":")" + row.expected + R"(","deployment":"d"})");
+  }
+  // The identifier is read at construction, not when the block was declared.
+  setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.other"});
+  EXPECT_EQ(ZCommon({.serviceName = "s", .deployment = "d"}).svcDomain, "com.example.other");
+  setPlatformFacts({});
 }
 
 }  // namespace
