@@ -66,7 +66,12 @@ std::string timezoneText() {
   const auto now = std::chrono::duration_cast<std::chrono::seconds>(
                        std::chrono::system_clock::now().time_since_epoch())
                        .count();
-  const long hours = secondsFromGMT(now) / 3600;  // C++ division truncates toward zero
+  return timezoneTextForOffset(secondsFromGMT(now));
+}
+
+std::string timezoneTextForOffset(long secondsFromGMT) {
+  // C++ division truncates toward zero, so -0:30 is "+0" and -3:30 is "-3", not "-4".
+  const long hours = secondsFromGMT / 3600;
   std::string text = std::to_string(hours);
   if (hours >= 0) text.insert(text.begin(), '+');
   return text;

@@ -21,6 +21,8 @@ std::string appVersionOrUnknown();
 long secondsFromGMT(std::int64_t unixTime);
 /// Whole hours from UTC now, truncated toward zero: "+9", "+5" for +5:30, "+0" for -0:30, "-5".
 std::string timezoneText();
+/// The same text for an offset of `secondsFromGMT` seconds.
+std::string timezoneTextForOffset(long secondsFromGMT);
 /// "(390.0, 844.0)": each number as a double's default text (a fraction only when there is one).
 std::string screenText(ZScreenSize size);
 /// Today in the device's zone, "yyyy-MM-dd".

@@ -2,12 +2,15 @@
 // identity triple, context merges, getData.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
 #include "platform/platform.hpp"
 #include "support/fake_sources.hpp"
+#include "support/scoped_time_zone.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/json.hpp"
 #include "zelvanor/platform.hpp"
@@ -23,6 +26,22 @@ const ZXid kTriple{"cid-1", "did-1", "sid-1"};
 
 ZCommon shopCommon() {
   return ZCommon({.serviceName = "shop", .deployment = "prod", .svcDomain = "shop.example"});
+}
+
+std::int64_t nowSeconds() {
+  using namespace std::chrono;
+  return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
+}
+
+// The calendar date, yyyy-MM-dd, of `unixSeconds` where the clock runs `offset` seconds ahead of
+// UTC.
+std::string dateAt(std::int64_t unixSeconds, long offset) {
+  using namespace std::chrono;
+  const year_month_day date{floor<days>(sys_seconds(seconds(unixSeconds + offset)))};
+  char text[16];
+  std::snprintf(text, sizeof text, "%04d-%02u-%02u", static_cast<int>(date.year()),
+                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()));
+  return text;
 }
 
 class ManagerTest : public ::testing::Test {
@@ -89,6 +108,82 @@ TEST_F(ManagerTest, FirstLaunchAfterSetRequiredYieldsInstallThenTwoLaunches) {
   EXPECT_EQ(fakes.settings->string("latestAppVersion"), "2.0");
   EXPECT_EQ(fakes.settings->string("appInstalledDate"), install.app->appInstallDate);
   EXPECT_EQ(fakes.settings->integer("appInstalledTimestamp"), install.app->appInstallTimestamp);
+}
+
+// A zone whose date differs from the UTC date right now (twelve hours behind UTC in the UTC
+// morning, fourteen ahead after noon), so a date taken in the wrong zone shows.
+struct OtherDateZone {
+  const char* rule;
+  long offset;
+};
+OtherDateZone zoneWithAnotherDateThanUtc() {
+  const std::int64_t secondOfDay = ((nowSeconds() % 86400) + 86400) % 86400;
+  if (secondOfDay < 12 * 3600) return {"<-12>12", -12 * 3600};
+  return {"<+14>-14", 14 * 3600};
+}
+
+TEST_F(ManagerTest, InstallDateIsTodayInTheDevicesZoneWithTheMomentsTimestamp) {
+  const OtherDateZone far = zoneWithAnotherDateThanUtc();
+  testing::ScopedTimeZone zone(far.rule);
+  const std::int64_t before = nowSeconds();
+  start();
+  deliverTriple();
+  manager->setCommon(shopCommon());
+  const std::int64_t after = nowSeconds();
+  manager->stop();  // no SDK thread runs while the zone is put back
+
+  const auto records = sentRecords();
+  ASSERT_FALSE(records.empty());
+  ASSERT_TRUE(records[0].app);
+  const ZApp& app = *records[0].app;
+  ASSERT_TRUE(app.appInstallDate);
+  ASSERT_TRUE(app.appInstallTimestamp);
+  // Either side of a midnight that passed while the test ran.
+  const std::string today = dateAt(before, far.offset);
+  const std::string todayAfter = dateAt(after, far.offset);
+  EXPECT_TRUE(*app.appInstallDate == today || *app.appInstallDate == todayAfter)
+      << *app.appInstallDate << " is not " << today;
+  EXPECT_GE(*app.appInstallTimestamp, before);
+  EXPECT_LE(*app.appInstallTimestamp, after);
+  EXPECT_EQ(dateAt(*app.appInstallTimestamp, far.offset), *app.appInstallDate);
+}
+
+TEST_F(ManagerTest, AStoredInstallDateAndTimestampAreReused) {
+  // What an earlier install of this app left behind, without a version (its store was reset).
+  fakes.settings->setString("appInstalledDate", "2020-01-02");
+  fakes.settings->setInteger("appInstalledTimestamp", 1577923200);
+  start();
+  deliverTriple();
+  manager->setCommon(shopCommon());
+  const auto records = sentRecords();
+  ASSERT_FALSE(records.empty());
+  EXPECT_EQ(records[0].action.kind, "install");
+  EXPECT_EQ(records[0].app, (ZApp{.appInstall = true,
+                                  .appLaunch = true,
+                                  .appInstallDate = "2020-01-02",
+                                  .appInstallTimestamp = 1577923200}));
+  EXPECT_EQ(fakes.settings->string("appInstalledDate"), "2020-01-02");
+  EXPECT_EQ(fakes.settings->integer("appInstalledTimestamp"), 1577923200);
+}
+
+TEST_F(ManagerTest, WithoutAnAppVersionTheVersionIsUnknownVersion) {
+  setPlatformFacts(
+      ZPlatformFacts{.bundleIdentifier = "com.example.shop", .dataDirectory = dir.path().string()});
+  start();
+  EXPECT_EQ(manager->agent()->appVersion, "Unknown Version");
+  deliverTriple();
+  manager->setCommon(shopCommon());
+  EXPECT_EQ(fakes.transport->sentActionKinds(), (std::vector<std::string>{"install", "launch"}));
+  EXPECT_EQ(sentRecords().at(0).agent->appVersion, "Unknown Version");
+  EXPECT_EQ(fakes.settings->string("latestAppVersion"), "Unknown Version");
+
+  // The next start with no version either is a plain launch.
+  manager->stop();
+  fakes = FakeSources{.settings = fakes.settings};
+  start();
+  deliverTriple();
+  manager->setCommon(shopCommon());
+  EXPECT_EQ(fakes.transport->sentActionKinds(), (std::vector<std::string>{"launch"}));
 }
 
 TEST_F(ManagerTest, LaterLaunchAndUpdateFollowTheStoredVersion) {
@@ -190,6 +285,15 @@ TEST_F(ManagerTest, AgentMergeTakesDeviceModelAsDeviceNumber) {
   EXPECT_EQ(agent->networkState, "wifi");
   EXPECT_TRUE(agent->timezone);
   EXPECT_EQ(fakes.network->starts(), 1);
+}
+
+TEST_F(ManagerTest, AgentTimezoneIsTheDevicesWholeHoursWhenConfigured) {
+  {
+    testing::ScopedTimeZone zone(testing::kZoneKolkata);
+    start();
+    manager->stop();
+  }
+  EXPECT_EQ(manager->agent()->timezone, "+5");
 }
 
 TEST_F(ManagerTest, NetworkStateFeedsTheAgentAndTheGate) {
