@@ -338,6 +338,51 @@ TEST_F(ManagerTest, IdMergeAndUcidOrder) {
   EXPECT_EQ(*encodeJson(*record.ucid), R"({"id":"u1"})");
 }
 
+// The ucid's id is the first non-empty one of these, in this order; otherwise the triple's cid.
+const std::pair<const char*, std::optional<std::string> ZId::*> kUcidOrder[] = {
+    {"appUserId", &ZId::appUserId},     {"accountId", &ZId::accountId},
+    {"plovaUserId", &ZId::plovaUserId}, {"hestroUserId", &ZId::hestroUserId},
+    {"tunqaId", &ZId::tunqaId},         {"accessToken", &ZId::accessToken},
+    {"customId", &ZId::customId},
+};
+
+TEST_F(ManagerTest, UcidTakesTheFirstNonEmptyIdInItsOrder) {
+  // A fresh start per case: the id merge never forgets a member.
+  auto ucidFor = [&](const ZId& id) -> std::optional<std::string> {
+    if (manager) manager->stop();
+    fakes = FakeSources{.settings = fakes.settings};
+    fakes.settings->setString("latestAppVersion", "2.0");
+    start();
+    deliverTriple();
+    manager->setId(id);
+    manager->setCommon(shopCommon());
+    const auto records = sentRecords();
+    if (records.size() != 1 || !records[0].ucid) return "no single record with a ucid";
+    return records[0].ucid->id;
+  };
+
+  for (std::size_t i = 0; i < std::size(kUcidOrder); ++i) {
+    const auto [name, member] = kUcidOrder[i];
+    SCOPED_TRACE(name);
+    ZId alone;
+    alone.*member = std::string("only-") + name;
+    EXPECT_EQ(ucidFor(alone), std::string("only-") + name);
+
+    // Every id before it empty, every id after it set: it still wins.
+    ZId crowded;
+    for (std::size_t j = 0; j < std::size(kUcidOrder); ++j) {
+      crowded.*(kUcidOrder[j].second) = j < i ? "" : std::string("v-") + kUcidOrder[j].first;
+    }
+    EXPECT_EQ(ucidFor(crowded), std::string("v-") + name);
+  }
+
+  ZId allEmpty;
+  for (const auto& [name, member] : kUcidOrder) allEmpty.*member = "";
+  EXPECT_EQ(ucidFor(allEmpty), kTriple.cid) << "all empty";
+  // Ids outside the order never become the ucid.
+  EXPECT_EQ(ucidFor(ZId{.appId = "a", .uuid = "u", .webId = "w", .adid = "d"}), kTriple.cid);
+}
+
 TEST_F(ManagerTest, GetDataTexts) {
   start();
   EXPECT_EQ(manager->getData(), "Zelvanor Status unstable not yet.");
