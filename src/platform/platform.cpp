@@ -77,6 +77,17 @@ std::string timezoneTextForOffset(long secondsFromGMT) {
   return text;
 }
 
+long offsetBetween(const std::tm& local, const std::tm& utc) noexcept {
+  long days = 0;
+  if (local.tm_year != utc.tm_year) {
+    days = local.tm_year > utc.tm_year ? 1 : -1;  // one side of a new year's midnight
+  } else {
+    days = local.tm_yday - utc.tm_yday;
+  }
+  return days * 86400 + static_cast<long>(local.tm_hour - utc.tm_hour) * 3600 +
+         static_cast<long>(local.tm_min - utc.tm_min) * 60 + (local.tm_sec - utc.tm_sec);
+}
+
 namespace {
 std::string doubleText(double value) {
   char buffer[32];

@@ -6,6 +6,9 @@
 #include <stdlib.h>
 #include <time.h>
 
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -47,6 +50,33 @@ inline bool zoneDatabaseHas(const char* name) {
   std::error_code error;
   return std::filesystem::is_regular_file(std::filesystem::path("/usr/share/zoneinfo") / name,
                                           error);
+}
+
+inline std::int64_t nowSeconds() {
+  using namespace std::chrono;
+  return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
+}
+
+/// The calendar date, yyyy-MM-dd, of `unixSeconds` on a clock `offset` seconds ahead of UTC.
+inline std::string dateAt(std::int64_t unixSeconds, long offset) {
+  using namespace std::chrono;
+  const year_month_day date{floor<days>(sys_seconds(seconds(unixSeconds + offset)))};
+  char text[16];
+  std::snprintf(text, sizeof text, "%04d-%02u-%02u", static_cast<int>(date.year()),
+                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()));
+  return text;
+}
+
+/// A zone whose date is not the UTC date right now: twelve hours behind UTC in the UTC morning,
+/// fourteen ahead after noon. A date taken in the wrong zone shows in it.
+struct OtherDateZone {
+  const char* rule;
+  long offset;
+};
+inline OtherDateZone zoneWithAnotherDateThanUtc() {
+  const std::int64_t secondOfDay = ((nowSeconds() % 86400) + 86400) % 86400;
+  if (secondOfDay < 12 * 3600) return {"<-12>12", -12 * 3600};
+  return {"<+14>-14", 14 * 3600};
 }
 
 }  // namespace zelvanor::testing

@@ -2,9 +2,7 @@
 // identity triple, context merges, getData.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
@@ -26,22 +24,6 @@ const ZXid kTriple{"cid-1", "did-1", "sid-1"};
 
 ZCommon shopCommon() {
   return ZCommon({.serviceName = "shop", .deployment = "prod", .svcDomain = "shop.example"});
-}
-
-std::int64_t nowSeconds() {
-  using namespace std::chrono;
-  return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
-}
-
-// The calendar date, yyyy-MM-dd, of `unixSeconds` where the clock runs `offset` seconds ahead of
-// UTC.
-std::string dateAt(std::int64_t unixSeconds, long offset) {
-  using namespace std::chrono;
-  const year_month_day date{floor<days>(sys_seconds(seconds(unixSeconds + offset)))};
-  char text[16];
-  std::snprintf(text, sizeof text, "%04d-%02u-%02u", static_cast<int>(date.year()),
-                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()));
-  return text;
 }
 
 class ManagerTest : public ::testing::Test {
@@ -110,26 +92,14 @@ TEST_F(ManagerTest, FirstLaunchAfterSetRequiredYieldsInstallThenTwoLaunches) {
   EXPECT_EQ(fakes.settings->integer("appInstalledTimestamp"), install.app->appInstallTimestamp);
 }
 
-// A zone whose date differs from the UTC date right now (twelve hours behind UTC in the UTC
-// morning, fourteen ahead after noon), so a date taken in the wrong zone shows.
-struct OtherDateZone {
-  const char* rule;
-  long offset;
-};
-OtherDateZone zoneWithAnotherDateThanUtc() {
-  const std::int64_t secondOfDay = ((nowSeconds() % 86400) + 86400) % 86400;
-  if (secondOfDay < 12 * 3600) return {"<-12>12", -12 * 3600};
-  return {"<+14>-14", 14 * 3600};
-}
-
 TEST_F(ManagerTest, InstallDateIsTodayInTheDevicesZoneWithTheMomentsTimestamp) {
-  const OtherDateZone far = zoneWithAnotherDateThanUtc();
+  const testing::OtherDateZone far = testing::zoneWithAnotherDateThanUtc();
   testing::ScopedTimeZone zone(far.rule);
-  const std::int64_t before = nowSeconds();
+  const std::int64_t before = testing::nowSeconds();
   start();
   deliverTriple();
   manager->setCommon(shopCommon());
-  const std::int64_t after = nowSeconds();
+  const std::int64_t after = testing::nowSeconds();
   manager->stop();  // no SDK thread runs while the zone is put back
 
   const auto records = sentRecords();
@@ -139,13 +109,13 @@ TEST_F(ManagerTest, InstallDateIsTodayInTheDevicesZoneWithTheMomentsTimestamp) {
   ASSERT_TRUE(app.appInstallDate);
   ASSERT_TRUE(app.appInstallTimestamp);
   // Either side of a midnight that passed while the test ran.
-  const std::string today = dateAt(before, far.offset);
-  const std::string todayAfter = dateAt(after, far.offset);
+  const std::string today = testing::dateAt(before, far.offset);
+  const std::string todayAfter = testing::dateAt(after, far.offset);
   EXPECT_TRUE(*app.appInstallDate == today || *app.appInstallDate == todayAfter)
       << *app.appInstallDate << " is not " << today;
   EXPECT_GE(*app.appInstallTimestamp, before);
   EXPECT_LE(*app.appInstallTimestamp, after);
-  EXPECT_EQ(dateAt(*app.appInstallTimestamp, far.offset), *app.appInstallDate);
+  EXPECT_EQ(testing::dateAt(*app.appInstallTimestamp, far.offset), *app.appInstallDate);
 }
 
 TEST_F(ManagerTest, AStoredInstallDateAndTimestampAreReused) {
