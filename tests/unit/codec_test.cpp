@@ -6,6 +6,7 @@
 #include <bit>
 #include <cfloat>
 #include <cmath>
+#include <concepts>
 #include <cstdint>
 #include <functional>
 #include <limits>
@@ -429,6 +430,39 @@ TEST(CodecDecode, DescribeNamesKindPathAndDetail) {
   const std::string text = error.describe();
   EXPECT_NE(text.find(toString(Kind::typeMismatch)), std::string::npos) << text;
   EXPECT_NE(text.find("code"), std::string::npos) << text;
+}
+
+// ----- the search's collections slot ----------------------------------------------------------
+
+// A host's own value type without operator==.
+struct HostCollection {
+  std::vector<std::string> items;
+};
+static_assert(!std::equality_comparable<HostCollection>);
+
+TEST(AnyCodableSlot, HoldsValuesWithoutEqualityAndComparesThemAsCopies) {
+  const ZAnyCodable held(HostCollection{{"a", "b"}});
+  ASSERT_NE(held.get<HostCollection>(), nullptr);
+  EXPECT_EQ(held.get<HostCollection>()->items, (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(held.get<std::string>(), nullptr);
+
+  const ZAnyCodable copy = held;
+  EXPECT_TRUE(copy == held);
+  EXPECT_FALSE(ZAnyCodable(HostCollection{{"a", "b"}}) == held) << "no == to compare values by";
+  EXPECT_FALSE(ZAnyCodable() == held);
+
+  // A search carrying it still compares and encodes, without the slot.
+  const ZSearch search{.keyword = "k", .collections = held};
+  EXPECT_EQ(search, (ZSearch{.keyword = "k", .collections = copy}));
+  EXPECT_EQ(*encodeJson(search), R"({"keyword":"k"})");
+}
+
+TEST(AnyCodableSlot, ValuesWithEqualityCompareByValueAndType) {
+  EXPECT_TRUE(ZAnyCodable(std::string("x")) == ZAnyCodable(std::string("x")));
+  EXPECT_FALSE(ZAnyCodable(std::string("x")) == ZAnyCodable(std::string("y")));
+  EXPECT_FALSE(ZAnyCodable(std::int64_t{1}) == ZAnyCodable(1));
+  EXPECT_TRUE(ZAnyCodable() == ZAnyCodable());
+  EXPECT_TRUE(ZAnyCodable(samples::xid()) == ZAnyCodable(samples::xid()));
 }
 
 // ----- ZCommon construction -------------------------------------------------------------------
