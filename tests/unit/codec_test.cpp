@@ -12,6 +12,7 @@
 #include <limits>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "support/scoped_time_zone.hpp"
@@ -142,6 +143,22 @@ TEST(CodecEncode, WritesExactlyTheseMembers) {
     ASSERT_TRUE(json) << json.error().describe();
     EXPECT_EQ(*json, row.expected);
   }
+}
+
+// The well-known action types are constants: a host's ZAction with static storage, in whatever
+// file or library, finds them set, and nothing destroys them at exit.
+static_assert(ZAction::ZActionType::pageView.text() == "page_view");
+static_assert(ZAction::ZActionType::viewImpression.kind() ==
+              ZAction::ZActionType::Case::viewImpression);
+static_assert(std::is_trivially_destructible_v<ZAction::ZActionType::Known>);
+const ZAction kStaticAction(ZAction::ZActionType::viewImpression, "list", "imp");
+
+TEST(CodecEncode, ActionTypesAreUsableDuringStaticInitialization) {
+  EXPECT_EQ(kStaticAction.type, "view_imp");
+  const ZAction::ZActionType type = ZAction::ZActionType::location;
+  EXPECT_EQ(type.kind(), ZAction::ZActionType::Case::location);
+  EXPECT_EQ(type, ZAction::ZActionType::location);
+  EXPECT_NE(type, ZAction::ZActionType::custom("location")) << "a custom type is never well-known";
 }
 
 TEST(CodecEncode, ActionTypesWriteTheirTexts) {
