@@ -3,6 +3,7 @@
 // order: ZPage{.id = "p1", .name = "home", .title = "Home"}.
 #pragma once
 
+#include <concepts>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -290,6 +291,9 @@ struct ZStatus {
 // Domain blocks
 
 /// Holds any value the SDK can encode and decode, in memory only (see ZSearch::collections).
+/// The held type needs no operator==: two slots are equal when both are empty, when one is a
+/// copy of the other, or when they hold values of the same type that compare equal with ==
+/// (for types that declare one; a value without == equals only its own copies).
 class ZAnyCodable {
  public:
   ZAnyCodable() = default;
@@ -305,7 +309,8 @@ class ZAnyCodable {
   }
 
   friend bool operator==(const ZAnyCodable& a, const ZAnyCodable& b) {
-    if (!a.holder_ || !b.holder_) return a.holder_ == b.holder_;
+    if (a.holder_ == b.holder_) return true;  // both empty, or copies of one another
+    if (!a.holder_ || !b.holder_) return false;
     return a.holder_->equals(*b.holder_);
   }
 
@@ -320,7 +325,12 @@ class ZAnyCodable {
     explicit Holder(T v) : value(std::move(v)) {}
     const std::type_info& type() const noexcept override { return typeid(T); }
     bool equals(const Base& other) const override {
-      return other.type() == typeid(T) && static_cast<const Holder&>(other).value == value;
+      // Compiled for every held type, so == is only used where the type declares it.
+      if constexpr (std::equality_comparable<T>) {
+        return other.type() == typeid(T) && static_cast<const Holder&>(other).value == value;
+      } else {
+        return this == &other;
+      }
     }
     T value;
   };

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -20,16 +21,34 @@ struct ZAction {
    public:
     enum class Case { custom, pageView, event, ecommerce, usage, viewImpression, location, app };
 
+    /// One of the well-known types. A literal type, so the constants below are
+    /// constant-initialized: they are ready before any dynamic initialization (a host's global
+    /// ZAction in any file, or in a library loaded first, can use them) and are never destroyed.
+    class Known {
+     public:
+      constexpr Case kind() const noexcept { return case_; }
+      constexpr std::string_view text() const noexcept { return text_; }
+
+     private:
+      friend class ZActionType;
+      constexpr Known(Case c, std::string_view text) noexcept : case_(c), text_(text) {}
+      Case case_;
+      std::string_view text_;
+    };
+
     static ZActionType custom(std::string text) {
       return ZActionType(Case::custom, std::move(text));
     }
-    static const ZActionType pageView;
-    static const ZActionType event;
-    static const ZActionType ecommerce;
-    static const ZActionType usage;
-    static const ZActionType viewImpression;
-    static const ZActionType location;
-    static const ZActionType app;
+    static const Known pageView;
+    static const Known event;
+    static const Known ecommerce;
+    static const Known usage;
+    static const Known viewImpression;
+    static const Known location;
+    static const Known app;
+
+    /// A well-known type as a value: ZActionType type = ZActionType::pageView.
+    ZActionType(const Known& known) : case_(known.kind()), text_(known.text()) {}
 
     Case kind() const noexcept { return case_; }
     /// The text written into ZAction::type ("page_view", "view_imp", a custom text as given, ...).
@@ -56,14 +75,17 @@ struct ZAction {
   friend bool operator==(const ZAction&, const ZAction&) = default;
 };
 
-inline const ZAction::ZActionType ZAction::ZActionType::pageView{Case::pageView, "page_view"};
-inline const ZAction::ZActionType ZAction::ZActionType::event{Case::event, "event"};
-inline const ZAction::ZActionType ZAction::ZActionType::ecommerce{Case::ecommerce, "ecommerce"};
-inline const ZAction::ZActionType ZAction::ZActionType::usage{Case::usage, "usage"};
-inline const ZAction::ZActionType ZAction::ZActionType::viewImpression{Case::viewImpression,
-                                                                       "view_imp"};
-inline const ZAction::ZActionType ZAction::ZActionType::location{Case::location, "location"};
-inline const ZAction::ZActionType ZAction::ZActionType::app{Case::app, "app"};
+inline constexpr ZAction::ZActionType::Known ZAction::ZActionType::pageView{Case::pageView,
+                                                                            "page_view"};
+inline constexpr ZAction::ZActionType::Known ZAction::ZActionType::event{Case::event, "event"};
+inline constexpr ZAction::ZActionType::Known ZAction::ZActionType::ecommerce{Case::ecommerce,
+                                                                             "ecommerce"};
+inline constexpr ZAction::ZActionType::Known ZAction::ZActionType::usage{Case::usage, "usage"};
+inline constexpr ZAction::ZActionType::Known ZAction::ZActionType::viewImpression{
+    Case::viewImpression, "view_imp"};
+inline constexpr ZAction::ZActionType::Known ZAction::ZActionType::location{Case::location,
+                                                                            "location"};
+inline constexpr ZAction::ZActionType::Known ZAction::ZActionType::app{Case::app, "app"};
 
 /// The cross-service identity triple issued by the identity sync server.
 struct ZXid {

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <memory>
 #include <mutex>
+#include <string>
 
 #include "api/settings.hpp"
 
@@ -18,9 +19,13 @@ namespace {
 std::mutex sinkMutex;
 std::shared_ptr<const ConsoleSink> customSink;  // null: stderr
 
+// One stdio call per line: the stream's lock is held for the whole call, so output from other
+// threads can come between lines but never splits one.
 void writeToStderr(std::string_view line) {
-  std::fwrite(line.data(), 1, line.size(), stderr);
-  std::fputc('\n', stderr);
+  std::string text;
+  text.reserve(line.size() + 1);
+  text.append(line).push_back('\n');
+  std::fwrite(text.data(), 1, text.size(), stderr);
 }
 
 }  // namespace

@@ -66,10 +66,26 @@ std::string timezoneText() {
   const auto now = std::chrono::duration_cast<std::chrono::seconds>(
                        std::chrono::system_clock::now().time_since_epoch())
                        .count();
-  const long hours = secondsFromGMT(now) / 3600;  // C++ division truncates toward zero
+  return timezoneTextForOffset(secondsFromGMT(now));
+}
+
+std::string timezoneTextForOffset(long secondsFromGMT) {
+  // C++ division truncates toward zero, so -0:30 is "+0" and -3:30 is "-3", not "-4".
+  const long hours = secondsFromGMT / 3600;
   std::string text = std::to_string(hours);
   if (hours >= 0) text.insert(text.begin(), '+');
   return text;
+}
+
+long offsetBetween(const std::tm& local, const std::tm& utc) noexcept {
+  long days = 0;
+  if (local.tm_year != utc.tm_year) {
+    days = local.tm_year > utc.tm_year ? 1 : -1;  // one side of a new year's midnight
+  } else {
+    days = local.tm_yday - utc.tm_yday;
+  }
+  return days * 86400 + static_cast<long>(local.tm_hour - utc.tm_hour) * 3600 +
+         static_cast<long>(local.tm_min - utc.tm_min) * 60 + (local.tm_sec - utc.tm_sec);
 }
 
 namespace {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <filesystem>
 #include <string>
 
@@ -19,8 +20,14 @@ ZPlatformFacts detectFacts();
 std::string appVersionOrUnknown();
 /// Offset of the device's current zone from UTC at `unixTime`, in seconds.
 long secondsFromGMT(std::int64_t unixTime);
+/// Seconds by which `local` is ahead of `utc`, the local and the UTC broken-down forms of one
+/// instant, for C libraries whose struct tm carries no offset. Offsets are under a day, so the
+/// dates differ by at most one day.
+long offsetBetween(const std::tm& local, const std::tm& utc) noexcept;
 /// Whole hours from UTC now, truncated toward zero: "+9", "+5" for +5:30, "+0" for -0:30, "-5".
 std::string timezoneText();
+/// The same text for an offset of `secondsFromGMT` seconds.
+std::string timezoneTextForOffset(long secondsFromGMT);
 /// "(390.0, 844.0)": each number as a double's default text (a fraction only when there is one).
 std::string screenText(ZScreenSize size);
 /// Today in the device's zone, "yyyy-MM-dd".

@@ -6,16 +6,20 @@
 #include <bit>
 #include <cfloat>
 #include <cmath>
+#include <concepts>
 #include <cstdint>
 #include <functional>
 #include <limits>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
+#include "support/scoped_time_zone.hpp"
 #include "support/wire_json.hpp"
 #include "support/wire_samples.hpp"
 #include "zelvanor/json.hpp"
+#include "zelvanor/platform.hpp"
 
 namespace zelvanor {
 namespace {
@@ -139,6 +143,22 @@ TEST(CodecEncode, WritesExactlyTheseMembers) {
     ASSERT_TRUE(json) << json.error().describe();
     EXPECT_EQ(*json, row.expected);
   }
+}
+
+// The well-known action types are constants: a host's ZAction with static storage, in whatever
+// file or library, finds them set, and nothing destroys them at exit.
+static_assert(ZAction::ZActionType::pageView.text() == "page_view");
+static_assert(ZAction::ZActionType::viewImpression.kind() ==
+              ZAction::ZActionType::Case::viewImpression);
+static_assert(std::is_trivially_destructible_v<ZAction::ZActionType::Known>);
+const ZAction kStaticAction(ZAction::ZActionType::viewImpression, "list", "imp");
+
+TEST(CodecEncode, ActionTypesAreUsableDuringStaticInitialization) {
+  EXPECT_EQ(kStaticAction.type, "view_imp");
+  const ZAction::ZActionType type = ZAction::ZActionType::location;
+  EXPECT_EQ(type.kind(), ZAction::ZActionType::Case::location);
+  EXPECT_EQ(type, ZAction::ZActionType::location);
+  EXPECT_NE(type, ZAction::ZActionType::custom("location")) << "a custom type is never well-known";
 }
 
 TEST(CodecEncode, ActionTypesWriteTheirTexts) {
@@ -427,6 +447,147 @@ TEST(CodecDecode, DescribeNamesKindPathAndDetail) {
   const std::string text = error.describe();
   EXPECT_NE(text.find(toString(Kind::typeMismatch)), std::string::npos) << text;
   EXPECT_NE(text.find("code"), std::string::npos) << text;
+}
+
+// ----- the search's collections slot ----------------------------------------------------------
+
+// A host's own value type without operator==.
+struct HostCollection {
+  std::vector<std::string> items;
+};
+static_assert(!std::equality_comparable<HostCollection>);
+
+TEST(AnyCodableSlot, HoldsValuesWithoutEqualityAndComparesThemAsCopies) {
+  const ZAnyCodable held(HostCollection{{"a", "b"}});
+  ASSERT_NE(held.get<HostCollection>(), nullptr);
+  EXPECT_EQ(held.get<HostCollection>()->items, (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(held.get<std::string>(), nullptr);
+
+  const ZAnyCodable copy = held;
+  EXPECT_TRUE(copy == held);
+  EXPECT_FALSE(ZAnyCodable(HostCollection{{"a", "b"}}) == held) << "no == to compare values by";
+  EXPECT_FALSE(ZAnyCodable() == held);
+
+  // A search carrying it still compares and encodes, without the slot.
+  const ZSearch search{.keyword = "k", .collections = held};
+  EXPECT_EQ(search, (ZSearch{.keyword = "k", .collections = copy}));
+  EXPECT_EQ(*encodeJson(search), R"({"keyword":"k"})");
+}
+
+TEST(AnyCodableSlot, ValuesWithEqualityCompareByValueAndType) {
+  EXPECT_TRUE(ZAnyCodable(std::string("x")) == ZAnyCodable(std::string("x")));
+  EXPECT_FALSE(ZAnyCodable(std::string("x")) == ZAnyCodable(std::string("y")));
+  EXPECT_FALSE(ZAnyCodable(std::int64_t{1}) == ZAnyCodable(1));
+  EXPECT_TRUE(ZAnyCodable() == ZAnyCodable());
+  EXPECT_TRUE(ZAnyCodable(samples::xid()) == ZAnyCodable(samples::xid()));
+}
+
+// ----- ZCommon construction -------------------------------------------------------------------
+
+ZCommon commonStampedAt(std::optional<std::int64_t> accessTimeStamp) {
+  return ZCommon({.serviceName = "s",
+                  .deployment = "d",
+                  .svcDomain = "x",
+                  .accessTimeStamp = accessTimeStamp});
+}
+
+TEST(CommonConstruction, AccessTimeIsTheStampInTheDevicesZoneAtThatInstant) {
+  using namespace testing;
+  struct Row {
+    const char* zone;
+    std::int64_t stamp;
+    std::string expected;
+  };
+  const Row rows[] = {
+      {kZoneUtc, 0, "1970-01-01T00:00:00Z"},
+      {kZoneUtc, -1, "1969-12-31T23:59:59Z"},
+      {kZoneUtc, 1709615229, "2024-03-05T05:07:09Z"},
+      {kZoneSeoul, 1709615229, "2024-03-05T14:07:09+09:00"},
+      {kZoneSeoul, 0, "1970-01-01T09:00:00+09:00"},
+      // The offset moves the date across midnight.
+      {kZoneSeoul, 1709650799, "2024-03-05T23:59:59+09:00"},
+      {kZoneSeoul, 1709650800, "2024-03-06T00:00:00+09:00"},
+      {kZoneKolkata, 1709615229, "2024-03-05T10:37:09+05:30"},
+      {kZoneKolkata, -1, "1970-01-01T05:29:59+05:30"},
+      // Negative half-hour offsets, in standard and in daylight time.
+      {kZoneStJohns, 1709615229, "2024-03-05T01:37:09-03:30"},
+      {kZoneStJohns, 1720000000, "2024-07-03T07:16:40-02:30"},
+      {kZoneStJohns, 0, "1969-12-31T20:30:00-03:30"},
+      {kZoneNewYork, -1, "1969-12-31T18:59:59-05:00"},
+      // An offset with seconds keeps them, as ZZZZZ does.
+      {"<-002521>0:25:21", 1720000000, "2024-07-03T09:21:19-00:25:21"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::string(row.zone) + " @ " + std::to_string(row.stamp));
+    ScopedTimeZone zone(row.zone);
+    const ZCommon common = commonStampedAt(row.stamp);
+    EXPECT_EQ(common.accessTimeStamp, row.stamp);
+    EXPECT_EQ(common.accessTime, row.expected);
+  }
+}
+
+TEST(CommonConstruction, AccessTimeFollowsTheZoneDatabaseIncludingPastRules) {
+  using namespace testing;
+  for (const char* name : {"Asia/Seoul", "Asia/Kolkata", "America/St_Johns"}) {
+    if (!zoneDatabaseHas(name)) GTEST_SKIP() << "no zone database entry for " << name;
+  }
+  struct Row {
+    const char* zone;
+    std::int64_t stamp;
+    std::string expected;
+  };
+  const Row rows[] = {
+      {"Asia/Seoul", 1709615229, "2024-03-05T14:07:09+09:00"},
+      {"Asia/Seoul", 552096000, "1987-07-01T10:00:00+10:00"},  // Korea kept daylight time then
+      {"Asia/Kolkata", 1720000000, "2024-07-03T15:16:40+05:30"},
+      {"America/St_Johns", 1709615229, "2024-03-05T01:37:09-03:30"},
+      {"America/St_Johns", 1720000000, "2024-07-03T07:16:40-02:30"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::string(row.zone) + " @ " + std::to_string(row.stamp));
+    ScopedTimeZone zone(row.zone);
+    EXPECT_EQ(commonStampedAt(row.stamp).accessTime, row.expected);
+  }
+}
+
+TEST(CommonConstruction, WrittenMembersFollowWhatWasGiven) {
+  testing::ScopedTimeZone zone(testing::kZoneUtc);
+  // Without a stamp there is neither stamp nor text; the request stamp is never set here.
+  const ZCommon unstamped = commonStampedAt(std::nullopt);
+  EXPECT_FALSE(unstamped.accessTimeStamp);
+  EXPECT_FALSE(unstamped.accessTime);
+  EXPECT_FALSE(unstamped.requestTimeStamp);
+  EXPECT_EQ(*encodeJson(unstamped), R"({"service_name":"s","svcdomain":"x","deployment":"d"})");
+
+  const ZCommon stamped = commonStampedAt(0);
+  EXPECT_FALSE(stamped.requestTimeStamp);
+  EXPECT_EQ(*encodeJson(stamped), R"({"service_name":"s","svcdomain":"x","access_timestamp":0,)"
+                                  R"("access_time":"1970-01-01T00:00:00Z","deployment":"d"})");
+}
+
+TEST(CommonConstruction, SvcDomainFallsBackToTheBundleIdentifierOnlyWhenAbsent) {
+  setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.shop"});
+  struct Row {
+    const char* label;
+    std::optional<std::string> given;
+    std::string expected;
+  };
+  const Row rows[] = {
+      {"explicit value wins", "shop.example", "shop.example"},
+      {"explicit empty value still wins", "", ""},
+      {"absent takes the bundle identifier", std::nullopt, "com.example.shop"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    const ZCommon common({.serviceName = "s", .deployment = "d", .svcDomain = row.given});
+    EXPECT_EQ(common.svcDomain, row.expected);
+    EXPECT_EQ(*encodeJson(common),
+              R"({"service_name":"s","svcdomain":")" + row.expected + R"(","deployment":"d"})");
+  }
+  // The identifier is read at construction, not when the block was declared.
+  setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.other"});
+  EXPECT_EQ(ZCommon({.serviceName = "s", .deployment = "d"}).svcDomain, "com.example.other");
+  setPlatformFacts({});
 }
 
 }  // namespace

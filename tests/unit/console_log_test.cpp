@@ -1,7 +1,12 @@
 // The one console line: its exact shape, its switch and its sink.
 #include <gtest/gtest.h>
 
+#include <stdio.h>
+#include <sys/types.h>
+
 #include <cmath>
+#include <string>
+#include <vector>
 
 #include "api/console_log.hpp"
 #include "api/settings.hpp"
@@ -49,6 +54,54 @@ TEST_F(ConsoleLogTest, SwitchIsReadAtEachCall) {
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0], "😱 [b f] [2] | shown");
 }
+
+#if defined(__GLIBC__)
+// Puts an unbuffered stream in place of stderr that keeps each write it is asked to make, so
+// the test sees how many stdio calls a line took.
+class CapturedStderr {
+ public:
+  CapturedStderr() {
+    cookie_io_functions_t io{};
+    io.write = [](void* self, const char* data, size_t size) -> ssize_t {
+      static_cast<CapturedStderr*>(self)->writes.emplace_back(data, size);
+      return static_cast<ssize_t>(size);
+    };
+    stream_ = fopencookie(this, "w", io);
+    if (stream_) {
+      setvbuf(stream_, nullptr, _IONBF, 0);
+      saved_ = stderr;
+      stderr = stream_;
+    }
+  }
+  ~CapturedStderr() { restore(); }
+  CapturedStderr(const CapturedStderr&) = delete;
+  CapturedStderr& operator=(const CapturedStderr&) = delete;
+  bool ok() const { return stream_ != nullptr; }
+  void restore() {
+    if (!stream_) return;
+    stderr = saved_;
+    fclose(stream_);
+    stream_ = nullptr;
+  }
+  std::vector<std::string> writes;
+
+ private:
+  FILE* stream_ = nullptr;
+  FILE* saved_ = nullptr;
+};
+
+TEST_F(ConsoleLogTest, DefaultSinkWritesEachLineWithItsNewlineInOneCall) {
+  ZelvanorTracker::setConsoleLogSink({});
+  CapturedStderr captured;
+  ASSERT_TRUE(captured.ok());
+  detail::logError("whole", "a/b", "f", 4);
+  detail::logError("again", "a/b", "f", 5);
+  captured.restore();
+  // One call per line: another thread's output to stderr can come between lines, never inside one.
+  EXPECT_EQ(captured.writes,
+            (std::vector<std::string>{"😱 [b f] [4] | whole\n", "😱 [b f] [5] | again\n"}));
+}
+#endif
 
 TEST_F(ConsoleLogTest, AThrowingSinkIsContained) {
   ZelvanorTracker::setConsoleLogSink(

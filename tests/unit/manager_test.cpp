@@ -8,6 +8,7 @@
 
 #include "platform/platform.hpp"
 #include "support/fake_sources.hpp"
+#include "support/scoped_time_zone.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/json.hpp"
 #include "zelvanor/platform.hpp"
@@ -89,6 +90,70 @@ TEST_F(ManagerTest, FirstLaunchAfterSetRequiredYieldsInstallThenTwoLaunches) {
   EXPECT_EQ(fakes.settings->string("latestAppVersion"), "2.0");
   EXPECT_EQ(fakes.settings->string("appInstalledDate"), install.app->appInstallDate);
   EXPECT_EQ(fakes.settings->integer("appInstalledTimestamp"), install.app->appInstallTimestamp);
+}
+
+TEST_F(ManagerTest, InstallDateIsTodayInTheDevicesZoneWithTheMomentsTimestamp) {
+  const testing::OtherDateZone far = testing::zoneWithAnotherDateThanUtc();
+  testing::ScopedTimeZone zone(far.rule);
+  const std::int64_t before = testing::nowSeconds();
+  start();
+  deliverTriple();
+  manager->setCommon(shopCommon());
+  const std::int64_t after = testing::nowSeconds();
+  manager->stop();  // no SDK thread runs while the zone is put back
+
+  const auto records = sentRecords();
+  ASSERT_FALSE(records.empty());
+  ASSERT_TRUE(records[0].app);
+  const ZApp& app = *records[0].app;
+  ASSERT_TRUE(app.appInstallDate);
+  ASSERT_TRUE(app.appInstallTimestamp);
+  // Either side of a midnight that passed while the test ran.
+  const std::string today = testing::dateAt(before, far.offset);
+  const std::string todayAfter = testing::dateAt(after, far.offset);
+  EXPECT_TRUE(*app.appInstallDate == today || *app.appInstallDate == todayAfter)
+      << *app.appInstallDate << " is not " << today;
+  EXPECT_GE(*app.appInstallTimestamp, before);
+  EXPECT_LE(*app.appInstallTimestamp, after);
+  EXPECT_EQ(testing::dateAt(*app.appInstallTimestamp, far.offset), *app.appInstallDate);
+}
+
+TEST_F(ManagerTest, AStoredInstallDateAndTimestampAreReused) {
+  // What an earlier install of this app left behind, without a version (its store was reset).
+  fakes.settings->setString("appInstalledDate", "2020-01-02");
+  fakes.settings->setInteger("appInstalledTimestamp", 1577923200);
+  start();
+  deliverTriple();
+  manager->setCommon(shopCommon());
+  const auto records = sentRecords();
+  ASSERT_FALSE(records.empty());
+  EXPECT_EQ(records[0].action.kind, "install");
+  EXPECT_EQ(records[0].app, (ZApp{.appInstall = true,
+                                  .appLaunch = true,
+                                  .appInstallDate = "2020-01-02",
+                                  .appInstallTimestamp = 1577923200}));
+  EXPECT_EQ(fakes.settings->string("appInstalledDate"), "2020-01-02");
+  EXPECT_EQ(fakes.settings->integer("appInstalledTimestamp"), 1577923200);
+}
+
+TEST_F(ManagerTest, WithoutAnAppVersionTheVersionIsUnknownVersion) {
+  setPlatformFacts(
+      ZPlatformFacts{.bundleIdentifier = "com.example.shop", .dataDirectory = dir.path().string()});
+  start();
+  EXPECT_EQ(manager->agent()->appVersion, "Unknown Version");
+  deliverTriple();
+  manager->setCommon(shopCommon());
+  EXPECT_EQ(fakes.transport->sentActionKinds(), (std::vector<std::string>{"install", "launch"}));
+  EXPECT_EQ(sentRecords().at(0).agent->appVersion, "Unknown Version");
+  EXPECT_EQ(fakes.settings->string("latestAppVersion"), "Unknown Version");
+
+  // The next start with no version either is a plain launch.
+  manager->stop();
+  fakes = FakeSources{.settings = fakes.settings};
+  start();
+  deliverTriple();
+  manager->setCommon(shopCommon());
+  EXPECT_EQ(fakes.transport->sentActionKinds(), (std::vector<std::string>{"launch"}));
 }
 
 TEST_F(ManagerTest, LaterLaunchAndUpdateFollowTheStoredVersion) {
@@ -203,6 +268,15 @@ TEST_F(ManagerTest, AgentMergeTakesDeviceModelAsDeviceNumber) {
   EXPECT_EQ(fakes.network->starts(), 1);
 }
 
+TEST_F(ManagerTest, AgentTimezoneIsTheDevicesWholeHoursWhenConfigured) {
+  {
+    testing::ScopedTimeZone zone(testing::kZoneKolkata);
+    start();
+    manager->stop();
+  }
+  EXPECT_EQ(manager->agent()->timezone, "+5");
+}
+
 TEST_F(ManagerTest, NetworkStateFeedsTheAgentAndTheGate) {
   start();
   deliverTriple();
@@ -243,6 +317,51 @@ TEST_F(ManagerTest, IdMergeAndUcidOrder) {
   EXPECT_FALSE(record.ucid->serviceName);
   EXPECT_FALSE(record.ucid->serviceId);
   EXPECT_EQ(*encodeJson(*record.ucid), R"({"id":"u1"})");
+}
+
+// The ucid's id is the first non-empty one of these, in this order; otherwise the triple's cid.
+const std::pair<const char*, std::optional<std::string> ZId::*> kUcidOrder[] = {
+    {"appUserId", &ZId::appUserId},     {"accountId", &ZId::accountId},
+    {"plovaUserId", &ZId::plovaUserId}, {"hestroUserId", &ZId::hestroUserId},
+    {"tunqaId", &ZId::tunqaId},         {"accessToken", &ZId::accessToken},
+    {"customId", &ZId::customId},
+};
+
+TEST_F(ManagerTest, UcidTakesTheFirstNonEmptyIdInItsOrder) {
+  // A fresh start per case: the id merge never forgets a member.
+  auto ucidFor = [&](const ZId& id) -> std::optional<std::string> {
+    if (manager) manager->stop();
+    fakes = FakeSources{.settings = fakes.settings};
+    fakes.settings->setString("latestAppVersion", "2.0");
+    start();
+    deliverTriple();
+    manager->setId(id);
+    manager->setCommon(shopCommon());
+    const auto records = sentRecords();
+    if (records.size() != 1 || !records[0].ucid) return "no single record with a ucid";
+    return records[0].ucid->id;
+  };
+
+  for (std::size_t i = 0; i < std::size(kUcidOrder); ++i) {
+    const auto [name, member] = kUcidOrder[i];
+    SCOPED_TRACE(name);
+    ZId alone;
+    alone.*member = std::string("only-") + name;
+    EXPECT_EQ(ucidFor(alone), std::string("only-") + name);
+
+    // Every id before it empty, every id after it set: it still wins.
+    ZId crowded;
+    for (std::size_t j = 0; j < std::size(kUcidOrder); ++j) {
+      crowded.*(kUcidOrder[j].second) = j < i ? "" : std::string("v-") + kUcidOrder[j].first;
+    }
+    EXPECT_EQ(ucidFor(crowded), std::string("v-") + name);
+  }
+
+  ZId allEmpty;
+  for (const auto& [name, member] : kUcidOrder) allEmpty.*member = "";
+  EXPECT_EQ(ucidFor(allEmpty), kTriple.cid) << "all empty";
+  // Ids outside the order never become the ucid.
+  EXPECT_EQ(ucidFor(ZId{.appId = "a", .uuid = "u", .webId = "w", .adid = "d"}), kTriple.cid);
 }
 
 TEST_F(ManagerTest, GetDataTexts) {

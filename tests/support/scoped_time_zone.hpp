@@ -1,0 +1,82 @@
+// Switches the process's time zone (TZ) for the life of one object and puts the previous setting
+// back afterwards. Only for tests that run no other threads while the zone changes: setenv and
+// tzset are not thread-safe against concurrent local-time conversions.
+#pragma once
+
+#include <stdlib.h>
+#include <time.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace zelvanor::testing {
+
+class ScopedTimeZone {
+ public:
+  explicit ScopedTimeZone(const char* zone) {
+    if (const char* current = ::getenv("TZ")) previous_ = current;
+    ::setenv("TZ", zone, 1);
+    ::tzset();
+  }
+  ~ScopedTimeZone() {
+    if (previous_) {
+      ::setenv("TZ", previous_->c_str(), 1);
+    } else {
+      ::unsetenv("TZ");
+    }
+    ::tzset();
+  }
+  ScopedTimeZone(const ScopedTimeZone&) = delete;
+  ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;
+
+ private:
+  std::optional<std::string> previous_;
+};
+
+// Zones given as POSIX rules, so they need no zone database: each follows today's rules of the
+// zone it is named after.
+inline constexpr const char* kZoneUtc = "UTC0";
+inline constexpr const char* kZoneSeoul = "KST-9";
+inline constexpr const char* kZoneKolkata = "IST-5:30";
+inline constexpr const char* kZoneStJohns = "NST3:30NDT,M3.2.0,M11.1.0";
+inline constexpr const char* kZoneNewYork = "EST5EDT,M3.2.0,M11.1.0";
+
+/// Whether the system's zone database has `name` (glibc silently falls back to UTC without it).
+inline bool zoneDatabaseHas(const char* name) {
+  std::error_code error;
+  return std::filesystem::is_regular_file(std::filesystem::path("/usr/share/zoneinfo") / name,
+                                          error);
+}
+
+inline std::int64_t nowSeconds() {
+  using namespace std::chrono;
+  return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
+}
+
+/// The calendar date, yyyy-MM-dd, of `unixSeconds` on a clock `offset` seconds ahead of UTC.
+inline std::string dateAt(std::int64_t unixSeconds, long offset) {
+  using namespace std::chrono;
+  const year_month_day date{floor<days>(sys_seconds(seconds(unixSeconds + offset)))};
+  char text[16];
+  std::snprintf(text, sizeof text, "%04d-%02u-%02u", static_cast<int>(date.year()),
+                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()));
+  return text;
+}
+
+/// A zone whose date is not the UTC date right now: twelve hours behind UTC in the UTC morning,
+/// fourteen ahead after noon. A date taken in the wrong zone shows in it.
+struct OtherDateZone {
+  const char* rule;
+  long offset;
+};
+inline OtherDateZone zoneWithAnotherDateThanUtc() {
+  const std::int64_t secondOfDay = ((nowSeconds() % 86400) + 86400) % 86400;
+  if (secondOfDay < 12 * 3600) return {"<-12>12", -12 * 3600};
+  return {"<+14>-14", 14 * 3600};
+}
+
+}  // namespace zelvanor::testing
