@@ -184,7 +184,8 @@ ZELVANOR_FACADE_SETTER(ZViewImpressionContent, appendViewImpressionContent)
 ZELVANOR_FACADE_SETTER(std::vector<ZViewImpressionContent>, appendViewImpressionContents)
 #undef ZELVANOR_FACADE_SETTER
 
-ZelvanorTracker ZelvanorTracker::set(std::string /*text*/) {
+// By value like every other set, so the public overloads read alike.
+ZelvanorTracker ZelvanorTracker::set(std::string /*text*/) {  // NOLINT(performance-*)
   // Records have a "free" member, but hosts never fill it; the text is dropped on purpose.
   return withShared([](ZInternalLogManager&) {});
 }

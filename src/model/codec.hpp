@@ -108,7 +108,8 @@ template <class T, std::size_t I>
 bool encodeField(JsonWriter& writer, const T& object, CodecError& error) {
   constexpr auto& field = std::get<I>(FieldTable<T>::fields);
   using F = std::remove_cvref_t<decltype(field)>;
-  if constexpr (IsReservedKey<F>::value) {
+  // Two branches with one body: a reserved key has no `wire` to ask about.
+  if constexpr (IsReservedKey<F>::value) {  // NOLINT(bugprone-branch-clone)
     return true;
   } else if constexpr (field.wire != Wire::both) {
     return true;
@@ -192,7 +193,8 @@ bool decodeFieldIfNamed(std::string_view key, element value, T& out, std::uint64
                         CodecError& error) {
   constexpr auto& field = std::get<I>(FieldTable<T>::fields);
   using F = std::remove_cvref_t<decltype(field)>;
-  if constexpr (IsReservedKey<F>::value) {
+  // Two branches with one body: a reserved key has no `wire` to ask about.
+  if constexpr (IsReservedKey<F>::value) {  // NOLINT(bugprone-branch-clone)
     return false;
   } else if constexpr (field.wire == Wire::memoryOnly) {
     return false;

@@ -216,7 +216,8 @@ struct HttpClient::Impl {
     transfer.headers = curl_slist_append(transfer.headers, "Expect:");
     bool hasContentType = false;
     for (const auto& [name, value] : request.headers) {
-      const std::string line = name + ": " + value;
+      std::string line = name;
+      line.append(": ").append(value);
       transfer.headers = curl_slist_append(transfer.headers, line.c_str());
       if (name == "Content-Type") hasContentType = true;
     }

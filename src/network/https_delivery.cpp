@@ -89,18 +89,18 @@ void HttpsDelivery::startWaiting() {
       if (!self) return;
       if (self->worker_.isCurrent()) {
         // The client answered at once on this thread (it has shut down).
-        self->finished(std::move(outcome), std::move(bytes));
+        self->finished(std::move(outcome), bytes);
         return;
       }
       // File access and the window stay on the worker.
       self->worker_.async([weak, outcome = std::move(outcome), bytes = std::move(bytes)]() mutable {
-        if (auto owner = weak.lock()) owner->finished(std::move(outcome), std::move(bytes));
+        if (auto owner = weak.lock()) owner->finished(std::move(outcome), bytes);
       });
     });
   }
 }
 
-void HttpsDelivery::finished(network::HttpOutcome outcome, std::string bytes) {
+void HttpsDelivery::finished(network::HttpOutcome outcome, const std::string& bytes) {
   if (inFlight_ > 0) --inFlight_;
   if (const auto* response = std::get_if<network::HttpResponse>(&outcome)) {
     // The collector treats only the exact body ok as success; anything else is a verdict on the

@@ -57,7 +57,7 @@ class HttpsDelivery final : public RecordTransport,
   void sendOnWorker(OutgoingRecord record, bool networkAvailable, RequestSettings settings);
   /// Starts waiting requests while the window has room. Worker only.
   void startWaiting();
-  void finished(network::HttpOutcome outcome, std::string bytes);
+  void finished(network::HttpOutcome outcome, const std::string& bytes);
   void keepOnDisk(const std::string& bytes);
   void settleOne();
 

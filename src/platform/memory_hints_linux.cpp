@@ -19,7 +19,9 @@ void adviseLargeBuffer(void* data, std::size_t bytes) noexcept {
   const std::uintptr_t first = (begin + page - 1) & ~(page - 1);
   const std::uintptr_t last = (begin + bytes) & ~(page - 1);
   if (last <= first) return;
-  (void)::madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+  // A page-aligned address inside the caller's own buffer.
+  (void)::madvise(reinterpret_cast<void*>(first),  // NOLINT(performance-no-int-to-ptr)
+                  last - first, MADV_HUGEPAGE);
 }
 
 }  // namespace zelvanor::platform

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
+#include <string_view>
 
 #include "platform/platform.hpp"
 
@@ -14,16 +15,18 @@ namespace zelvanor::platform {
 namespace {
 
 std::optional<std::string> environment(const char* name) {
-  const char* value = std::getenv(name);
+  // The SDK never changes the environment; a host that does so from another thread at the same
+  // moment is racing with every library that reads it.
+  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe)
   if (!value || !*value) return std::nullopt;
   return std::string(value);
 }
 
-std::string trimmed(std::string text) {
+std::string trimmed(std::string_view text) {
   const auto begin = text.find_first_not_of(" \t\r\n");
-  if (begin == std::string::npos) return "";
+  if (begin == std::string_view::npos) return "";
   const auto end = text.find_last_not_of(" \t\r\n");
-  return text.substr(begin, end - begin + 1);
+  return std::string(text.substr(begin, end - begin + 1));
 }
 
 }  // namespace

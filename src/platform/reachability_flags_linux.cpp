@@ -114,7 +114,8 @@ class NetlinkRouteFlagSource final : public ReachabilityFlagSource {
  private:
   // Static, and working on its own copies, so that a thread left to run out after a stop from
   // inside onChange never touches the (perhaps destroyed) source.
-  static void watch(int socketFd, int stopFd, std::function<void(std::uint32_t)> onChange) {
+  static void watch(int socketFd, int stopFd,
+                    std::function<void(std::uint32_t)> onChange) {  // NOLINT(performance-*)
     alignas(nlmsghdr) std::array<char, 16384> buffer;
     for (;;) {
       std::array<pollfd, 2> fds{{{stopFd, POLLIN, 0}, {socketFd, POLLIN, 0}}};
