@@ -9,6 +9,7 @@
 #include "model/warm_up.hpp"
 #include "network/endpoints.hpp"
 #include "platform/platform.hpp"
+#include "platform/process_hooks.hpp"
 
 namespace zelvanor {
 
@@ -24,14 +25,40 @@ struct SharedState {
   bool exitHookInstalled = false;
   // Set by the exit hook. A host object destroyed after it (a global whose destructor posts
   // willTerminate, say) must not start a fresh instance: that one would read the pending file
-  // just written into memory, delete it, and never live to send or keep those records.
+  // just written into memory, delete it, and never live to send or keep those records. Also set
+  // in the child of a fork.
   bool exiting = false;
+  // A forked child's inherited instance, kept here so that it is never destroyed.
+  std::shared_ptr<ZInternalLogManager> abandonedInChild;
+  ManagerSources abandonedSourcesInChild;
 };
 
 SharedState& shared() {
   // Never destroyed: the exit hook and late host threads may still reach it during exit.
   static auto* state = new SharedState();
   return *state;
+}
+
+// In the child of a fork the SDK's threads do not exist: joining them would hang, and keeping the
+// parent's records would store them twice. The child's copy is switched off and let go (never
+// destroyed); the parent keeps tracking as before. The lock held across fork keeps the child from
+// inheriting it mid-change.
+void lockForFork() {
+  shared().mutex.lock();
+}
+void unlockInParent() {
+  shared().mutex.unlock();
+}
+void switchOffInChild() {
+  SharedState& state = shared();
+  state.exiting = true;
+  if (state.manager) {  // a grandchild inherits none: the one abandoned earlier stays put
+    state.abandonedInChild = std::move(state.manager);
+    state.abandonedSourcesInChild = std::move(state.sources);
+    state.manager.reset();
+    state.sources = {};
+  }
+  state.mutex.unlock();
 }
 
 }  // namespace
@@ -62,6 +89,7 @@ std::shared_ptr<ZInternalLogManager> ensureShared() {
         }
         shutdownShared();
       });
+      platform::atFork(&lockForFork, &unlockInParent, &switchOffInChild);
     }
   }
   return state.manager;

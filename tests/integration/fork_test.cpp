@@ -1,0 +1,92 @@
+// A host that forks while it tracks: the child's calls do nothing, its exit neither hangs on the
+// SDK's threads (they do not exist in the child) nor stores the parent's records a second time.
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <thread>
+
+#include "queue/logs_file_manager.hpp"
+#include "support/https_test_server.hpp"
+#include "support/temp_dir.hpp"
+#include "zelvanor/tracker.hpp"
+
+namespace zelvanor {
+namespace {
+
+using testing::CannedResponse;
+using testing::ReceivedRequest;
+
+constexpr const char* kSync =
+    R"({"version":1,"status":{"code":"0000","msg":"ok"},"data":[{"cid":"c","did":"d","sid":"s"}]})";
+
+// Exit status of `child`, or -1 if it is still running after `limit` (it is then killed).
+int waitForExit(pid_t child, std::chrono::seconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  int status = 0;
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (::waitpid(child, &status, WNOHANG) == child) {
+      return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  ::kill(child, SIGKILL);
+  ::waitpid(child, &status, 0);
+  return -1;
+}
+
+TEST(ForkTest, TheChildLeavesTheParentsSdkAlone) {
+  testing::TempDir dir;
+  testing::HttpsTestServer server;
+  server.setResponder([](const ReceivedRequest& r) {
+    if (r.path.rfind("/sync", 0) == 0) return CannedResponse{200, kSync, {}, 0};
+    return CannedResponse{200, "ok", {}, 0};
+  });
+  ZelvanorTracker::setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.fork",
+                                                   .appVersion = "1.0",
+                                                   .dataDirectory = dir.path().string()});
+  ASSERT_TRUE(ZelvanorTracker::setEndpoints(
+      ZEndpoints{server.baseUrl(), server.baseUrl(), server.baseUrl(), server.caFile().string()}));
+  ZelvanorTracker::setReachabilityFlags(0x2)
+      .set(ZCommon({.serviceName = "fork", .deployment = "test"}))
+      .set(ZId{.appUserId = "u"});
+  for (int i = 0; i < 500 && ZelvanorTracker::getData() == "Zelvanor Status unstable not yet.";
+       ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  // Three records wait in memory for the batch threshold.
+  ZelvanorTracker::setBatchSize(10);
+  for (int i = 0; i < 3; ++i) {
+    ZelvanorTracker::set(ZAction("event", "parent-" + std::to_string(i), "tap"))
+        .track(false, false);
+  }
+
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ZelvanorTracker::set(ZAction("event", "child", "tap")).track(false, false);
+    ZelvanorTracker::flush();
+    std::exit(ZelvanorTracker::getData().empty() ? 0 : 1);  // exit hooks run, as in a host
+  }
+  EXPECT_EQ(waitForExit(child, std::chrono::seconds(10)), 0) << "the child exits promptly";
+  EXPECT_FALSE(std::filesystem::exists(dir.path() / "ZLogs.tmp"))
+      << "the child kept nothing, not even the parent's records";
+
+  // The parent's SDK is untouched: its waiting records are kept once, at its own shutdown.
+  ZelvanorTracker::shutdown();
+  std::vector<std::string> kept;
+  for (const auto& record : detail::ZLogsFileManager::readRecords(dir.path() / "ZLogs.tmp")) {
+    kept.push_back(record.action.name);
+  }
+  EXPECT_EQ(kept, (std::vector<std::string>{"parent-0", "parent-1", "parent-2"}));
+  for (const auto& request : server.received()) {
+    EXPECT_EQ(request.body.find("\"child\""), std::string::npos) << "the child sent nothing";
+  }
+  setPlatformFacts({});
+}
+
+}  // namespace
+}  // namespace zelvanor
