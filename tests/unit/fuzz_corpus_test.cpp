@@ -10,7 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "pending_check.hpp"
 #include "round_trip.hpp"
+#include "support/temp_dir.hpp"
 
 namespace zelvanor {
 namespace {
@@ -41,10 +43,12 @@ std::string contents(const std::string& relative) {
 
 class FuzzInput : public ::testing::TestWithParam<std::string> {};
 
-TEST_P(FuzzInput, KeepsTheRecordAndEnvelopeRules) {
+TEST_P(FuzzInput, KeepsTheRecordEnvelopeAndPendingFileRules) {
   const std::string text = contents(GetParam());
   EXPECT_EQ(fuzzing::checkRecord(text), "");
   EXPECT_EQ(fuzzing::checkEnvelope(text), "");
+  testing::TempDir dir;
+  EXPECT_EQ(fuzzing::checkPendingContent(text, dir.path() / "ZLogs.tmp"), "");
 }
 
 INSTANTIATE_TEST_SUITE_P(Replay, FuzzInput, ::testing::ValuesIn(inputs()),
@@ -67,6 +71,29 @@ TEST(FuzzCorpus, SeedsDecodeSoTheRoundTripIsExercised) {
   }
   EXPECT_GE(records, 5);
   EXPECT_GE(envelopes, 3);
+}
+
+// Likewise the pending-file seeds: whole files, torn ones and one with a record that does not
+// decode, so each branch of the reader's rules is replayed.
+TEST(FuzzCorpus, PendingSeedsCoverCleanTornAndUndecodableFiles) {
+  using detail::ZLogsFileManager;
+  int clean = 0, torn = 0, undecodable = 0;
+  for (const auto& file : inputs()) {
+    if (file.rfind("corpus/pending_reader/", 0) != 0) continue;
+    const std::string content = contents(file);
+    std::vector<std::string_view> payloads;
+    const auto end = ZLogsFileManager::splitFrames(content, payloads);
+    (end == ZLogsFileManager::FrameEnd::clean ? clean : torn) += 1;
+    for (const auto payload : payloads) {
+      if (!decodeJson<ZLogRecord>(payload)) {
+        ++undecodable;
+        break;
+      }
+    }
+  }
+  EXPECT_GE(clean, 1);
+  EXPECT_GE(torn, 2);
+  EXPECT_GE(undecodable, 1);
 }
 
 }  // namespace
