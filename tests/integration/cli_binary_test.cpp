@@ -21,9 +21,6 @@ namespace fs = std::filesystem;
 using testing::CannedResponse;
 using testing::ReceivedRequest;
 
-constexpr const char* kSync =
-    R"({"version":1,"status":{"code":"0000","msg":"ok"},"data":[{"cid":"c","did":"d","sid":"s"}]})";
-
 std::string slurp(const fs::path& file) {
   std::ifstream in(file, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
@@ -87,7 +84,7 @@ struct CliBinaryTest : ::testing::Test {
 
 TEST_F(CliBinaryTest, EveryOpReachesTheTrackerAndTheRecordsArrive) {
   server.setResponder([](const ReceivedRequest& r) {
-    if (r.path.rfind("/id/sync", 0) == 0) return CannedResponse{200, kSync, {}, 0};
+    if (r.path.rfind("/id/sync", 0) == 0) return CannedResponse{200, testing::kSyncAnswer, {}, 0};
     return CannedResponse{200, "ok", {}, 0};
   });
   const auto action = [](const std::string& name) {
@@ -234,7 +231,7 @@ TEST_F(CliBinaryTest, AFaultyScriptSendsNothingAtAll) {
 TEST_F(CliBinaryTest, RecordsInFlightAtTheEndWaitInThePendingFileForPendingShow) {
   // The collector sits on every record far longer than the run lasts.
   server.setResponder([](const ReceivedRequest& r) {
-    if (r.path.rfind("/id/sync", 0) == 0) return CannedResponse{200, kSync, {}, 0};
+    if (r.path.rfind("/id/sync", 0) == 0) return CannedResponse{200, testing::kSyncAnswer, {}, 0};
     return CannedResponse{200, "ok", {}, 3000};
   });
   const fs::path script = writeScript(
@@ -269,7 +266,7 @@ TEST_F(CliBinaryTest, RecordsInFlightAtTheEndWaitInThePendingFileForPendingShow)
 // the owner's alone (its parents as usual); one that exists keeps its mode.
 TEST_F(CliBinaryTest, ADataDirectoryItMakesIsPrivateAndAnExistingOneKeepsItsMode) {
   server.setResponder([](const ReceivedRequest& r) {
-    if (r.path.rfind("/sync", 0) == 0) return CannedResponse{200, kSync, {}, 0};
+    if (r.path.rfind("/sync", 0) == 0) return CannedResponse{200, testing::kSyncAnswer, {}, 0};
     return CannedResponse{200, "ok", {}, 0};
   });
   const fs::path script = writeScript("{\"op\":\"flush\"}\n");

@@ -19,9 +19,6 @@ namespace {
 using testing::CannedResponse;
 using testing::ReceivedRequest;
 
-constexpr const char* kSync =
-    R"({"version":1,"status":{"code":"0000","msg":"ok"},"data":[{"cid":"c","did":"d","sid":"s"}]})";
-
 std::set<std::string> trackedNames(const std::vector<ReceivedRequest>& requests) {
   std::set<std::string> names;
   for (const auto& r : requests) {
@@ -38,7 +35,7 @@ TEST(ExitTest, InFlightRecordsSurviveReturnFromMainAndArriveAtTheNextStart) {
   testing::HttpsTestServer server;
   // Identity answers at once; records are held far longer than the process lives.
   server.setResponder([](const ReceivedRequest& r) {
-    if (r.path.rfind("/sync", 0) == 0) return CannedResponse{200, kSync, {}, 0};
+    if (r.path.rfind("/sync", 0) == 0) return CannedResponse{200, testing::kSyncAnswer, {}, 0};
     return CannedResponse{200, "ok", {}, 4000};
   });
   const char* wrapper = std::getenv("ZELVANOR_CHILD_WRAPPER");
@@ -62,7 +59,7 @@ TEST(ExitTest, InFlightRecordsSurviveReturnFromMainAndArriveAtTheNextStart) {
 
   // Next start, in this process: the pending records go out at the first flush.
   server.setResponder([](const ReceivedRequest& r) {
-    if (r.path.rfind("/sync", 0) == 0) return CannedResponse{200, kSync, {}, 0};
+    if (r.path.rfind("/sync", 0) == 0) return CannedResponse{200, testing::kSyncAnswer, {}, 0};
     return CannedResponse{200, "ok", {}, 0};
   });
   const auto before = server.received().size();

@@ -20,9 +20,6 @@ namespace {
 using testing::CannedResponse;
 using testing::ReceivedRequest;
 
-constexpr const char* kSync =
-    R"({"version":1,"status":{"code":"0000","msg":"ok"},"data":[{"cid":"c","did":"d","sid":"s"}]})";
-
 // Exit status of `child`, or -1 if it is still running after `limit` (it is then killed).
 int waitForExit(pid_t child, std::chrono::seconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -42,7 +39,7 @@ TEST(ForkTest, TheChildLeavesTheParentsSdkAlone) {
   testing::TempDir dir;
   testing::HttpsTestServer server;
   server.setResponder([](const ReceivedRequest& r) {
-    if (r.path.rfind("/sync", 0) == 0) return CannedResponse{200, kSync, {}, 0};
+    if (r.path.rfind("/sync", 0) == 0) return CannedResponse{200, testing::kSyncAnswer, {}, 0};
     return CannedResponse{200, "ok", {}, 0};
   });
   ZelvanorTracker::setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.fork",

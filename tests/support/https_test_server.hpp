@@ -23,6 +23,10 @@ struct ReceivedRequest {
   std::string body;
 };
 
+/// An identity sync answer carrying the triple c, d, s.
+inline constexpr const char* kSyncAnswer =
+    R"({"version":1,"status":{"code":"0000","msg":"ok"},"data":[{"cid":"c","did":"d","sid":"s"}]})";
+
 struct CannedResponse {
   int status = 200;
   std::string body;
