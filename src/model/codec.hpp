@@ -105,6 +105,13 @@ template <class T>
 bool encodeValue(JsonWriter& writer, const T& value, CodecError& error);
 
 template <class T, std::size_t I>
+inline constexpr auto& kFieldKey = std::get<I>(FieldTable<T>::fields).key;
+
+// The key of field I as written, separator slot and colon included.
+template <class T, std::size_t I>
+inline constexpr MemberToken<kFieldKey<T, I>.size() + 4> kMemberToken{kFieldKey<T, I>};
+
+template <class T, std::size_t I>
 bool encodeField(JsonWriter& writer, const T& object, CodecError& error) {
   constexpr auto& field = std::get<I>(FieldTable<T>::fields);
   using F = std::remove_cvref_t<decltype(field)>;
@@ -118,10 +125,10 @@ bool encodeField(JsonWriter& writer, const T& object, CodecError& error) {
     using Member = std::remove_cvref_t<decltype(member)>;
     if constexpr (IsOptional<Member>::value) {
       if (!member) return true;  // absent members are left out, never written as null
-      writer.key(field.key);
+      writer.key(kMemberToken<T, I>);
       if (encodeValue(writer, *member, error)) return true;
     } else {
-      writer.key(field.key);
+      writer.key(kMemberToken<T, I>);
       if (encodeValue(writer, member, error)) return true;
     }
     prependKey(error, field.key);

@@ -2,7 +2,7 @@
 
 #include <simdjson.h>
 
-#include <array>
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 
@@ -10,116 +10,158 @@ namespace zelvanor::detail {
 
 namespace {
 
-// Bytes that JSON strings cannot carry as they are: control characters, quote and backslash.
-// Slashes are left alone.
-constexpr auto kNeedsEscape = [] {
-  std::array<bool, 256> table{};
-  for (int c = 0; c < 0x20; ++c) table[static_cast<std::size_t>(c)] = true;
-  table['"'] = true;
-  table['\\'] = true;
-  return table;
-}();
+// The shortest round-trip text of any double or float is at most 24 characters.
+constexpr std::size_t kNumberRoom = 32;
+
+// Writes the escape of one byte that needs it; at most six bytes.
+char* writeEscape(char* at, unsigned char c) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  char shortForm = 0;
+  switch (c) {
+    case '"':
+      shortForm = '"';
+      break;
+    case '\\':
+      shortForm = '\\';
+      break;
+    case '\n':
+      shortForm = 'n';
+      break;
+    case '\r':
+      shortForm = 'r';
+      break;
+    case '\t':
+      shortForm = 't';
+      break;
+    case '\b':
+      shortForm = 'b';
+      break;
+    case '\f':
+      shortForm = 'f';
+      break;
+    default: {
+      const char escaped[] = {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 0xF]};
+      std::memcpy(at, escaped, sizeof escaped);
+      return at + sizeof escaped;
+    }
+  }
+  at[0] = '\\';
+  at[1] = shortForm;
+  return at + 2;
+}
 
 }  // namespace
 
-void JsonWriter::open(char bracket) {
-  out_.push_back(bracket);
-  ++depth_;
-  empty_ |= (std::uint64_t{1} << (depth_ & 63));
+JsonWriter::JsonWriter(std::string& out, bool pretty)
+    : out_(out), cur_(out.data() + out.size()), end_(cur_), pretty_(pretty) {}
+
+void JsonWriter::grow(std::size_t size) {
+  const auto used = static_cast<std::size_t>(cur_ - out_.data());
+  // All the capacity the string already has, else double: few reallocations and zero fills.
+  constexpr std::size_t kMinimum = 256;
+  out_.resize(std::max({used + size, out_.capacity(), 2 * out_.size(), kMinimum}));
+  cur_ = out_.data() + used;
+  end_ = out_.data() + out_.size();
 }
 
-void JsonWriter::close(char bracket) {
-  const bool wasEmpty = (empty_ >> (depth_ & 63)) & 1U;
-  empty_ &= ~(std::uint64_t{1} << (depth_ & 63));
-  --depth_;
-  if (pretty_ && !wasEmpty) newline();
-  out_.push_back(bracket);
+void JsonWriter::commit() noexcept {
+  out_.resize(static_cast<std::size_t>(cur_ - out_.data()));
+  end_ = cur_;  // the room beyond the text is gone; the next write makes it again
 }
 
-void JsonWriter::newline() {
-  out_.push_back('\n');
-  out_.append(static_cast<std::size_t>(depth_) * 2, ' ');
-}
-
-void JsonWriter::separate() {
-  const std::uint64_t bit = std::uint64_t{1} << (depth_ & 63);
-  if (empty_ & bit) {
-    empty_ &= ~bit;
-  } else {
-    out_.push_back(',');
-  }
+void JsonWriter::separate(char opening) {
+  char* at = reserve(1);
+  at[0] = takeFirst() ? opening : ',';
+  cur_ = at + 1;
   if (pretty_) newline();
 }
 
-void JsonWriter::key(std::string_view key) {
-  separate();
-  out_.push_back('"');
-  out_.append(key);
-  out_.append(pretty_ ? "\": " : "\":");
+void JsonWriter::newline() {
+  const auto indent = static_cast<std::size_t>(depth_) * 2;
+  char* at = reserve(1 + indent);
+  at[0] = '\n';
+  std::memset(at + 1, ' ', indent);
+  cur_ = at + 1 + indent;
 }
 
-bool JsonWriter::string(std::string_view text) {
-  static constexpr char kHex[] = "0123456789abcdef";
-  out_.push_back('"');
-  std::size_t runStart = 0;
-  unsigned char seen = 0;  // OR of every byte: bit 7 set means there is non-ASCII text to check
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    seen |= c;
-    if (!kNeedsEscape[c]) continue;
-    out_.append(text.data() + runStart, i - runStart);
-    runStart = i + 1;
-    switch (c) {
-      case '"':
-        out_.append("\\\"");
-        break;
-      case '\\':
-        out_.append("\\\\");
-        break;
-      case '\n':
-        out_.append("\\n");
-        break;
-      case '\r':
-        out_.append("\\r");
-        break;
-      case '\t':
-        out_.append("\\t");
-        break;
-      case '\b':
-        out_.append("\\b");
-        break;
-      case '\f':
-        out_.append("\\f");
-        break;
-      default: {
-        const char escaped[] = {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 0xF]};
-        out_.append(escaped, sizeof escaped);
-      }
+void JsonWriter::key(std::string_view key) {
+  separate('{');
+  char* at = reserve(key.size() + 4);
+  *at++ = '"';
+  std::memcpy(at, key.data(), key.size());
+  at += key.size();
+  *at++ = '"';
+  *at++ = ':';
+  if (pretty_) *at++ = ' ';
+  cur_ = at;
+}
+
+void JsonWriter::prettyKey(std::string_view quotedKeyAndColon) {
+  separate('{');
+  char* at = reserve(quotedKeyAndColon.size() + 1);
+  std::memcpy(at, quotedKeyAndColon.data(), quotedKeyAndColon.size());
+  at[quotedKeyAndColon.size()] = ' ';
+  cur_ = at + quotedKeyAndColon.size() + 1;
+}
+
+bool JsonWriter::validUtf8(std::string_view text) {
+  return simdjson::validate_utf8(text.data(), text.size());
+}
+
+bool JsonWriter::escapedString(std::string_view text) {
+  using namespace scan;
+  const char* in = text.data();
+  const char* const inEnd = in + text.size();
+  // The cursor has not moved: the opening quote and the clean words are simply written again.
+  char* at = reserve(text.size() + 2 + kWord);
+  *at++ = '"';
+  std::uint64_t allBytes = 0;
+  while (in != inEnd) {
+    const auto left = static_cast<std::size_t>(inEnd - in);
+    const std::size_t size = left < kWord ? left : kWord;
+    const std::uint64_t word = size == kWord ? loadWord(in) : loadTail(text, size);
+    allBytes |= word;
+    // Stored before it is checked: the bytes up to the first escape are the output either way.
+    std::memcpy(at, &word, kWord);
+    const std::uint64_t marks = escapeBytes(word);
+    if (marks == 0) {
+      at += size;
+      in += size;
+      continue;
     }
+    const std::size_t clean = firstMarked(marks);
+    at += clean;
+    in += clean;
+    // Six bytes at most for this escape, then the rest as it is, the closing quote and a word.
+    cur_ = at;
+    at = reserve(6 + static_cast<std::size_t>(inEnd - in - 1) + 1 + kWord);
+    at = writeEscape(at, static_cast<unsigned char>(*in));
+    ++in;
   }
-  out_.append(text.data() + runStart, text.size() - runStart);
-  out_.push_back('"');
-  // Most of what we write is ASCII, which is valid UTF-8 by construction; only other text pays
-  // for the full check. On failure the caller discards the whole output.
-  return (seen & 0x80) == 0 || simdjson::validate_utf8(text.data(), text.size());
+  *at++ = '"';
+  cur_ = at;
+  valueDone();
+  return (allBytes & kHighBits) == 0 || validUtf8(text);
 }
 
 void JsonWriter::integer(std::int64_t value) {
-  char buffer[24];
-  const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
-  out_.append(buffer, result.ptr);
+  constexpr std::size_t kLongest = 20;  // "-9223372036854775808"
+  char* at = reserve(kLongest);
+  cur_ = std::to_chars(at, at + kLongest, value).ptr;
+  valueDone();
 }
 
 bool JsonWriter::number(double value) {
   if (!std::isfinite(value)) return false;
+  char* at = reserve(kNumberRoom);
   if (value == 0 && std::signbit(value)) {
     // "-0" reads back as the integer 0; the fraction keeps the sign through a round trip.
-    out_.append("-0.0");
-    return true;
+    std::memcpy(at, "-0.0", 4);
+    cur_ = at + 4;
+  } else {
+    cur_ = std::to_chars(at, at + kNumberRoom, value).ptr;
   }
-  char buffer[32];
-  const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
-  out_.append(buffer, result.ptr);
+  valueDone();
   return true;
 }
 
@@ -127,9 +169,9 @@ bool JsonWriter::number(float value) {
   if (!std::isfinite(value)) return false;
   if (value == 0 && std::signbit(value)) return number(static_cast<double>(value));
   // Shortest text that reads back as the same float: 0.1f is "0.1", not 0.10000000149011612.
-  char buffer[32];
-  const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
-  out_.append(buffer, result.ptr);
+  char* at = reserve(kNumberRoom);
+  cur_ = std::to_chars(at, at + kNumberRoom, value).ptr;
+  valueDone();
   return true;
 }
 
