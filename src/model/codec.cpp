@@ -76,6 +76,44 @@ ZELVANOR_DECODE_ONLY_TYPES(ZELVANOR_INSTANTIATE_DECODE)
 
 namespace zelvanor::detail {
 
+void prependKey(CodecError& error, std::string_view key) {
+  if (error.path.empty()) {
+    error.path.assign(key);
+  } else if (error.path.front() == '[') {
+    error.path.insert(0, key);
+  } else {
+    error.path.insert(0, 1, '.');
+    error.path.insert(0, key);
+  }
+}
+
+void prependIndex(CodecError& error, std::size_t index) {
+  std::string prefix = "[";
+  prefix.append(std::to_string(index));
+  prefix.push_back(']');
+  if (!error.path.empty() && error.path.front() != '[') prefix.push_back('.');
+  error.path.insert(0, prefix);
+}
+
+bool fail(CodecError& error, CodecError::Kind kind, std::string_view detail) {
+  error.kind = kind;
+  error.detail.assign(detail);
+  return false;
+}
+
+bool typeMismatch(CodecError& error, std::string_view expected) {
+  std::string detail = "expected ";
+  detail.append(expected);
+  return fail(error, CodecError::Kind::typeMismatch, detail);
+}
+
+bool notADeploymentType(CodecError& error, std::string_view text) {
+  std::string detail = "\"";
+  detail.append(text);
+  detail.append("\" is not development or production");
+  return fail(error, CodecError::Kind::dataCorrupted, detail);
+}
+
 void warmUpCodec() {
   // simdjson picks its implementation in a function-local static on first use; doing that now
   // makes it outlive exit hooks registered after this call.

@@ -75,29 +75,12 @@ template <class F>
 struct IsReservedKey : std::is_same<std::remove_cvref_t<F>, ReservedKey> {};
 
 // ----- error paths: built while unwinding, so the success path pays nothing ------------------
+// Defined out of line (codec.cpp): failures are rare, and building their text inline would weigh
+// on the code of every value that can fail.
 
-inline void prependKey(CodecError& error, std::string_view key) {
-  if (error.path.empty()) {
-    error.path.assign(key);
-  } else if (error.path.front() == '[') {
-    error.path.insert(0, key);
-  } else {
-    error.path.insert(0, 1, '.');
-    error.path.insert(0, key);
-  }
-}
-
-inline void prependIndex(CodecError& error, std::size_t index) {
-  std::string prefix = "[" + std::to_string(index) + "]";
-  if (!error.path.empty() && error.path.front() != '[') prefix.push_back('.');
-  error.path.insert(0, prefix);
-}
-
-inline bool fail(CodecError& error, CodecError::Kind kind, std::string detail) {
-  error.kind = kind;
-  error.detail = std::move(detail);
-  return false;
-}
+void prependKey(CodecError& error, std::string_view key);
+void prependIndex(CodecError& error, std::size_t index);
+bool fail(CodecError& error, CodecError::Kind kind, std::string_view detail);
 
 // ----- encoding -----------------------------------------------------------------------------
 
@@ -190,9 +173,8 @@ using simdjson::dom::element_type;
 template <class T>
 bool decodeValue(element json, T& out, CodecError& error);
 
-inline bool typeMismatch(CodecError& error, const char* expected) {
-  return fail(error, CodecError::Kind::typeMismatch, std::string("expected ") + expected);
-}
+bool typeMismatch(CodecError& error, std::string_view expected);
+bool notADeploymentType(CodecError& error, std::string_view text);
 
 // Decodes `value` into field I of `out` if `key` names it. Returns true when the key matched.
 template <class T, std::size_t I>
@@ -323,10 +305,7 @@ bool decodeValue(element json, T& out, CodecError& error) {
     std::string_view text;
     if (json.get(text) != simdjson::SUCCESS) return typeMismatch(error, "a string");
     auto type = deploymentTypeFromRawValue(text);
-    if (!type) {
-      return fail(error, CodecError::Kind::dataCorrupted,
-                  "\"" + std::string(text) + "\" is not development or production");
-    }
+    if (!type) return notADeploymentType(error, text);
     out = *type;
     return true;
   } else if constexpr (IsVector<T>::value) {
