@@ -46,21 +46,24 @@ Result<std::string> encodeJson(const T& value, JsonStyle style) {
 
 template <class T>
 Result<T> decodeJson(std::string_view json) {
+  // Decoded in place and returned through one variable, so the compiler builds it in the
+  // caller's Result: anything else moves the whole decoded value at least once.
+  Result<T> decoded{T{}};
   try {
     // One parser per thread keeps its buffers between calls.
     thread_local simdjson::dom::parser parser;
     simdjson::dom::element root;
     const auto parsed = parser.parse(json.data(), json.size(), true).get(root);
-    if (parsed != simdjson::SUCCESS) {
-      return CodecError{CodecError::Kind::dataCorrupted, "", simdjson::error_message(parsed)};
-    }
-    T value{};
     CodecError error;
-    if (!detail::decodeValue(root, value, error)) return error;
-    return value;
+    if (parsed != simdjson::SUCCESS) {
+      decoded = CodecError{CodecError::Kind::dataCorrupted, "", simdjson::error_message(parsed)};
+    } else if (!detail::decodeValue(root, decoded.value(), error)) {
+      decoded = std::move(error);
+    }
   } catch (const std::bad_alloc&) {
-    return CodecError{CodecError::Kind::dataCorrupted, "", "out of memory"};
+    decoded = CodecError{CodecError::Kind::dataCorrupted, "", "out of memory"};
   }
+  return decoded;
 }
 
 #define ZELVANOR_INSTANTIATE_ENCODE(T) \

@@ -4,9 +4,11 @@
 
 #include <simdjson.h>
 
+#include <array>
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -176,10 +178,9 @@ bool decodeValue(element json, T& out, CodecError& error);
 bool typeMismatch(CodecError& error, std::string_view expected);
 bool notADeploymentType(CodecError& error, std::string_view text);
 
-// Decodes `value` into field I of `out` if `key` names it. Returns true when the key matched.
+// True when field I of T is read from JSON under `key`.
 template <class T, std::size_t I>
-bool decodeFieldIfNamed(std::string_view key, element value, T& out, std::uint64_t& seen, bool& ok,
-                        CodecError& error) {
+bool readsKey(std::string_view key) {
   constexpr auto& field = std::get<I>(FieldTable<T>::fields);
   using F = std::remove_cvref_t<decltype(field)>;
   // Two branches with one body: a reserved key has no `wire` to ask about.
@@ -188,17 +189,63 @@ bool decodeFieldIfNamed(std::string_view key, element value, T& out, std::uint64
   } else if constexpr (field.wire == Wire::memoryOnly) {
     return false;
   } else {
-    if (key != field.key) return false;
-    seen |= std::uint64_t{1} << I;
+    // A constant length: a mismatch mostly costs one comparison, and the compiler writes the
+    // fixed-size byte compare out in place (string_view's == ends up as a call per key).
+    constexpr std::string_view expected = field.key;
+    return key.size() == expected.size() &&
+           std::memcmp(key.data(), expected.data(), expected.size()) == 0;
+  }
+}
+
+inline constexpr std::size_t kNoField = static_cast<std::size_t>(-1);
+
+// The field of T read under `key`, or kNoField. Members usually arrive in table order (what this
+// SDK wrote, read back), so the field `expected` next is tried first, by itself.
+template <class T>
+std::size_t findField(std::string_view key, std::size_t expected) {
+  return [&]<std::size_t... I>(std::index_sequence<I...>) {
+    std::size_t found = kNoField;
+    if (((I == expected && readsKey<T, I>(key) && (found = I, true)) || ...)) return found;
+    static_cast<void>(((readsKey<T, I>(key) && (found = I, true)) || ...));
+    return found;
+  }
+  (std::make_index_sequence<fieldCount<T>()>{});
+}
+
+template <class M>
+bool decodeOptional(element json, std::optional<M>& member, CodecError& error) {
+  if constexpr (std::is_same_v<M, std::string>) {
+    // Built straight from the text: cheaper than an empty string assigned to.
+    std::string_view text;
+    if (json.get(text) != simdjson::SUCCESS) return typeMismatch(error, "a string");
+    member.emplace(text);
+    return true;
+  } else {
+    member.emplace();
+    return decodeValue(json, *member, error);
+  }
+}
+
+// Decodes `value` into field I of `out`; only called for fields that readsKey found.
+template <class T, std::size_t I>
+bool decodeField(element value, T& out, CodecError& error) {
+  constexpr auto& field = std::get<I>(FieldTable<T>::fields);
+  using F = std::remove_cvref_t<decltype(field)>;
+  // Two branches with one body: a reserved key has no `wire` to ask about.
+  if constexpr (IsReservedKey<F>::value) {  // NOLINT(bugprone-branch-clone)
+    return true;
+  } else if constexpr (field.wire == Wire::memoryOnly) {
+    return true;
+  } else {
     auto& member = out.*(field.member);
     using Member = std::remove_cvref_t<decltype(member)>;
+    bool ok = false;
     if constexpr (IsOptional<Member>::value) {
       if (value.is_null()) {
         member.reset();  // null in an optional member means absent
         return true;
       }
-      member.emplace();
-      ok = decodeValue(value, *member, error);
+      ok = decodeOptional(value, member, error);
     } else {
       if (value.is_null()) {
         ok = fail(error, CodecError::Kind::valueNotFound, "required value is null");
@@ -207,8 +254,36 @@ bool decodeFieldIfNamed(std::string_view key, element value, T& out, std::uint64
       }
     }
     if (!ok) prependKey(error, field.key);
+    return ok;
+  }
+}
+
+// Decodes `value` into field `index`, as findField gave it.
+template <class T>
+bool decodeFieldAt(std::size_t index, element value, T& out, CodecError& error) {
+  return [&]<std::size_t... I>(std::index_sequence<I...>) {
+    bool ok = true;
+    static_cast<void>(((I == index && (ok = decodeField<T, I>(value, out, error), true)) || ...));
+    return ok;
+  }
+  (std::make_index_sequence<fieldCount<T>()>{});
+}
+
+// findField takes the first field that reads a key; with a key twice in one table, the second
+// field would silently never be read.
+template <class T>
+constexpr bool keysAreUnique() {
+  return []<std::size_t... I>(std::index_sequence<I...>) {
+    const std::array<std::string_view, sizeof...(I)> keys{
+        std::get<I>(FieldTable<T>::fields).key...};
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      for (std::size_t j = i + 1; j < keys.size(); ++j) {
+        if (keys[i] == keys[j]) return false;
+      }
+    }
     return true;
   }
+  (std::make_index_sequence<fieldCount<T>()>{});
 }
 
 template <class T, std::size_t I>
@@ -235,15 +310,15 @@ bool decodeObject(element json, T& out, CodecError& error) {
   if (json.get(object) != simdjson::SUCCESS) return typeMismatch(error, "an object");
   constexpr std::size_t count = fieldCount<T>();
   static_assert(count <= 64, "seen-mask holds 64 fields");
+  static_assert(keysAreUnique<T>(), "a key appears twice in this type's field table");
   std::uint64_t seen = 0;
+  std::size_t expected = 0;
   for (auto member : object) {
-    bool ok = true;
-    [&]<std::size_t... I>(std::index_sequence<I...>) {
-      static_cast<void>(
-          (decodeFieldIfNamed<T, I>(member.key, member.value, out, seen, ok, error) || ...));
-    }
-    (std::make_index_sequence<count>{});
-    if (!ok) return false;  // unknown keys simply match nothing
+    const std::size_t index = findField<T>(member.key, expected);
+    if (index == kNoField) continue;  // unknown keys are ignored
+    expected = index + 1;
+    seen |= std::uint64_t{1} << index;
+    if (!decodeFieldAt<T>(index, member.value, out, error)) return false;
   }
   return [&]<std::size_t... I>(std::index_sequence<I...>) {
     return (checkRequiredSeen<T, I>(seen, error) && ...);

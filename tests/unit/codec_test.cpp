@@ -342,6 +342,34 @@ TEST(CodecDecode, ReadsOnlyWhatTheFormatSays) {
   }
 }
 
+TEST(CodecDecode, MembersAreFoundInAnyOrderAndOnlyByTheirWholeKey) {
+  // Members are looked for in table order first; every other order, gaps and repeats must read
+  // the same as before.
+  ZCommon common;
+  common.serviceName = "s";
+  common.deployment = "p";
+  common.url = "u";
+  const struct {
+    const char* label;
+    std::function<::testing::AssertionResult()> check;
+  } rows[] = {
+      {"reversed", decoding(R"({"sid":"s","did":"d","cid":"c"})", ZXid{"c", "d", "s"})},
+      {"a repeated key keeps its last value",
+       decoding(R"({"cid":"a","did":"d","sid":"s","cid":"b"})", ZXid{"b", "d", "s"})},
+      {"a later null empties an optional member",
+       decoding(R"({"type":"button","layer1":"x","type":null})", ZClick{.layer1 = "x"})},
+      {"gaps, unknown keys and a step back",
+       decoding(R"({"deployment":"p","x":1,"service_name":"s","zzz":null,"url":"u"})", common)},
+      {"keys one byte off or cut short are unknown",
+       decoding(R"({"cid":"c","did":"d","sie":"x","si":"y","sidd":"z","sid":"s"})",
+                ZXid{"c", "d", "s"})},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    EXPECT_TRUE(row.check());
+  }
+}
+
 TEST(CodecDecode, ErrorsNameTheKindAndTheKeyPath) {
   struct Row {
     const char* label;
