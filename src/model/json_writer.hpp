@@ -129,14 +129,13 @@ class JsonWriter {
 
   // True for the first member or element of the innermost container.
   bool takeFirst() {
-    const std::uint64_t bit = std::uint64_t{1} << (depth_ & 63);
-    const bool first = (empty_ & bit) != 0;
-    empty_ &= ~bit;
+    const bool first = empty_;
+    empty_ = false;
     return first;
   }
   void open() {
     ++depth_;
-    empty_ |= std::uint64_t{1} << (depth_ & 63);
+    empty_ = true;
   }
   [[gnu::always_inline]] void close(char opening, char closing) {
     const bool wasEmpty = takeFirst();
@@ -162,8 +161,9 @@ class JsonWriter {
   char* end_ = nullptr;
   bool pretty_;
   int depth_ = 0;
-  // Bit d set: the container at depth d has no member yet. Our types nest far less than 64 deep.
-  std::uint64_t empty_ = 0;
+  // The innermost open container has no member yet. One flag is enough: a container is itself a
+  // member or element of the one around it, so once it is closed that one is never empty.
+  bool empty_ = false;
 };
 
 }  // namespace zelvanor::detail
