@@ -156,8 +156,9 @@ bool JsonWriter::number(double value) {
   char* at = reserve(kNumberRoom);
   if (value == 0 && std::signbit(value)) {
     // "-0" reads back as the integer 0; the fraction keeps the sign through a round trip.
-    std::memcpy(at, "-0.0", 4);
-    cur_ = at + 4;
+    constexpr char kNegativeZero[] = {'-', '0', '.', '0'};
+    std::memcpy(at, kNegativeZero, sizeof kNegativeZero);
+    cur_ = at + sizeof kNegativeZero;
   } else {
     cur_ = std::to_chars(at, at + kNumberRoom, value).ptr;
   }
