@@ -10,10 +10,6 @@
 
 namespace zelvanor::detail::scan {
 
-// The byte order decides which mark belongs to the first byte of a word.
-static_assert(std::endian::native == std::endian::little,
-              "the string scan reads 8 bytes as one little-endian word");
-
 inline constexpr std::size_t kWord = 8;
 inline constexpr std::uint64_t kOnes = 0x0101010101010101;
 inline constexpr std::uint64_t kHighBits = kOnes * 0x80;
@@ -34,10 +30,24 @@ constexpr std::size_t firstMarked(std::uint64_t marks) {
   return static_cast<std::size_t>(std::countr_zero(marks)) / 8;
 }
 
-inline std::uint64_t loadWord(const char* in) {
-  std::uint64_t word = 0;
-  std::memcpy(&word, in, kWord);
+/// `Word`'s bytes read from `in` with the first byte lowest, whatever the machine's byte order:
+/// firstMarked counts from the low end.
+template <class Word>
+Word loadLittleEndian(const char* in) {
+  Word word = 0;
+  std::memcpy(&word, in, sizeof word);
+  if constexpr (std::endian::native == std::endian::big) {
+    Word swapped = 0;
+    for (std::size_t i = 0; i < sizeof word; ++i, word >>= 8) {
+      swapped = static_cast<Word>((swapped << 8) | (word & 0xFF));
+    }
+    word = swapped;
+  }
   return word;
+}
+
+inline std::uint64_t loadWord(const char* in) {
+  return loadLittleEndian<std::uint64_t>(in);
 }
 
 /// The last `size` (1 to 7) bytes of `text` as the low bytes of a word, without reading past
@@ -51,16 +61,12 @@ inline std::uint64_t loadTail(std::string_view text, std::size_t size) {
   std::uint64_t word = 0;
   unsigned shift = 0;
   if (size & 4) {
-    std::uint32_t part = 0;
-    std::memcpy(&part, in, 4);
-    word = part;
+    word = loadLittleEndian<std::uint32_t>(in);
     shift = 32;
     in += 4;
   }
   if (size & 2) {
-    std::uint16_t part = 0;
-    std::memcpy(&part, in, 2);
-    word |= std::uint64_t{part} << shift;
+    word |= std::uint64_t{loadLittleEndian<std::uint16_t>(in)} << shift;
     shift += 16;
     in += 2;
   }
