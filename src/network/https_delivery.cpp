@@ -1,5 +1,9 @@
 #include "network/https_delivery.hpp"
 
+#include <array>
+#include <optional>
+#include <thread>
+
 #include "network/http_api.hpp"
 #include "queue/logs_file_manager.hpp"
 #include "zelvanor/json.hpp"
@@ -18,35 +22,54 @@ void HttpsDelivery::send(OutgoingRecord record, bool networkAvailable) {
   // The sandbox switch and the timeout apply as the record is handed over, as if its request
   // were built now; the request itself is built when a connection is free.
   const RequestSettings settings = RequestSettings::current();
-  std::vector<OutgoingRecord> encodedEarlier;
+  // Records the worker is done with, freed here by the thread that allocated them. Freed on the
+  // worker they would contend with the host's own allocations for the allocator's lock. A couple
+  // per hand-over keeps the cost on the host's thread small and even.
+  std::array<std::optional<OutgoingRecord>, kFreedPerHandOver> encodedEarlier;
   {
     std::lock_guard lock(mutex_);
     if (!stopped_.load()) {
       ++unsettled_;
-      encodedEarlier.swap(encoded_);
-      // Queued under the lock that shutdown takes to stop: this task runs before shutdown's
-      // own work on the worker, so it is either sent or kept.
-      std::weak_ptr<HttpsDelivery> weak = weak_from_this();
-      worker_.async([weak, record = std::move(record), networkAvailable, settings]() mutable {
-        if (auto self = weak.lock()) {
-          self->sendOnWorker(std::move(record), networkAvailable, settings);
-        }
-      });
+      for (auto& slot : encodedEarlier) {
+        if (encoded_.empty()) break;
+        slot = std::move(encoded_.back());
+        encoded_.pop_back();
+      }
+      // Queued under the lock that shutdown takes to stop: the drain runs before shutdown's own
+      // work on the worker, so the record is either sent or kept.
+      inbox_.push_back(HandedOver{std::move(record), networkAvailable, settings});
+      if (!drainQueued_) {
+        drainQueued_ = true;
+        worker_.async([weak = weak_from_this()] {
+          if (auto self = weak.lock()) self->drainInbox();
+        });
+      }
       return;
     }
   }
   // A host thread that raced with shutdown: nothing will send it now, so keep it for the next
   // start right here (a single O_APPEND write, safe beside the worker's).
   if (auto encoded = record.json()) ZLogsFileManager::appendRecordData(*encoded, pendingFile_);
-  // encodedEarlier's records are freed here, by the thread that allocated them.
+}
+
+void HttpsDelivery::drainInbox() {
+  // Let a burst gather: hand-overs made meanwhile join this drain without waking the worker.
+  // Shutdown does not wait for the window; it has already stopped new hand-overs.
+  if (!stopped_.load()) std::this_thread::sleep_for(kGatherWindow);
+  {
+    std::lock_guard lock(mutex_);
+    draining_.swap(inbox_);
+    drainQueued_ = false;
+  }
+  for (auto& item : draining_) {
+    sendOnWorker(std::move(item.record), item.networkAvailable, item.settings);
+  }
+  draining_.clear();  // every record was moved out: the capacity is what is kept
 }
 
 void HttpsDelivery::sendOnWorker(OutgoingRecord record, bool networkAvailable,
                                  RequestSettings settings) {
   auto encoded = record.json();
-  // A record is a large allocation from the host's thread. Freed here, it would contend with
-  // the host's next allocation for the allocator's lock; handed back, the host frees it with
-  // its next event (a few at most stay behind when the host goes quiet).
   {
     std::lock_guard lock(mutex_);
     if (encoded_.size() < kRecordsHandedBack) encoded_.push_back(std::move(record));

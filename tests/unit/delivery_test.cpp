@@ -121,6 +121,21 @@ TEST_F(NetworkTest, ClosedGateAndTransportFailuresKeepRecordsForTheNextStart) {
   EXPECT_FALSE(std::filesystem::exists(pendingFile()));
 }
 
+TEST_F(NetworkTest, BurstsAndPausesKeepHandOverOrderAndLoseNothing) {
+  // Hand-overs gather while the worker sleeps on the last burst: some join a drain already
+  // queued, some start a new one. With the gate closed each lands in the file in turn.
+  auto delivery = std::make_shared<HttpsDelivery>(http, pendingFile());
+  std::vector<std::string> sent;
+  for (int i = 0; i < 300; ++i) {
+    sent.push_back("burst-" + std::to_string(i));
+    delivery->send(record(sent.back()), false);
+    if (i % 37 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(20)));
+  EXPECT_EQ(delivery->counts().keptOnDisk, sent.size());
+  EXPECT_EQ(pendingNames(), sent);
+}
+
 TEST_F(NetworkTest, ShutdownKeepsInFlightWaitingAndUnsentRecordsInOrder) {
   server.setResponder([](const ReceivedRequest&) { return CannedResponse{200, "ok", {}, 2000}; });
   auto delivery = std::make_shared<HttpsDelivery>(http, pendingFile());
