@@ -342,18 +342,22 @@ static void test_rejected_input_changes_nothing(void) {
   zelvanor_string_free(text);
 }
 
+/* Sets a page with this id and an event action with this name, then tracks them. */
+static void track_page_event(const char* page_id, const char* action_name, int disabled) {
+  char page[128];
+  char action[128];
+  snprintf(page, sizeof page, "{\"id\":\"%s\",\"name\":\"n\",\"title\":\"T\"}", page_id);
+  snprintf(action, sizeof action, "{\"type\":\"event\",\"name\":\"%s\",\"kind\":\"click\"}",
+           action_name);
+  CHECK_STATUS(zelvanor_set("page", page), ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("action", action), ZELVANOR_OK);
+  zelvanor_track(0, disabled);
+}
+
 static void test_tracking_reaches_the_pending_file(void) {
   zelvanor_set_reachability_flags(0); /* offline: sends go straight to the pending file */
-  CHECK_STATUS(zelvanor_set("page", "{\"id\":\"p-tracked\",\"name\":\"t\",\"title\":\"T\"}"),
-               ZELVANOR_OK);
-  CHECK_STATUS(zelvanor_set("action", "{\"type\":\"event\",\"name\":\"buy\",\"kind\":\"click\"}"),
-               ZELVANOR_OK);
-  zelvanor_track(0, 0);
-  CHECK_STATUS(zelvanor_set("page", "{\"id\":\"p-disabled\",\"name\":\"d\",\"title\":\"D\"}"),
-               ZELVANOR_OK);
-  CHECK_STATUS(zelvanor_set("action", "{\"type\":\"event\",\"name\":\"skip\",\"kind\":\"click\"}"),
-               ZELVANOR_OK);
-  zelvanor_track(0, 1);
+  track_page_event("p-tracked", "buy", 0);
+  track_page_event("p-disabled", "skip", 1);
   CHECK_STATUS(zelvanor_post_lifecycle_event(ZELVANOR_WILL_RESIGN_ACTIVE), ZELVANOR_OK);
   /* Batch size 1000: nothing has been handed to the sender yet. */
   CHECK(!pending_file_contains("p-tracked"));
@@ -423,16 +427,8 @@ static void test_rejected_configuration_changes_nothing(void) {
                ZELVANOR_OK);
   CHECK_STATUS(zelvanor_set("id", "{\"app_user_id\":\"user-42\"}"), ZELVANOR_OK);
   CHECK(wait_until_ready());
-  CHECK_STATUS(zelvanor_set("page", "{\"id\":\"p-batch-1\",\"name\":\"b\",\"title\":\"B\"}"),
-               ZELVANOR_OK);
-  CHECK_STATUS(zelvanor_set("action", "{\"type\":\"event\",\"name\":\"n\",\"kind\":\"k\"}"),
-               ZELVANOR_OK);
-  zelvanor_track(0, 0);
-  CHECK_STATUS(zelvanor_set("page", "{\"id\":\"p-batch-2\",\"name\":\"b\",\"title\":\"B\"}"),
-               ZELVANOR_OK);
-  CHECK_STATUS(zelvanor_set("action", "{\"type\":\"event\",\"name\":\"n\",\"kind\":\"k\"}"),
-               ZELVANOR_OK);
-  zelvanor_track(0, 0);
+  track_page_event("p-batch-1", "n", 0);
+  track_page_event("p-batch-2", "n", 0);
   /* No flush: the batch size alone sends the first, offline straight into the pending file. */
   for (attempt = 0; attempt < 200 && !arrived; ++attempt) {
     arrived = pending_file_contains("\"p-batch-1\"");
