@@ -62,7 +62,8 @@ inline std::string checkPendingContent(std::string_view content,
       break;
     }
   }
-  const std::vector<std::string> texts = ZLogsFileManager::readRecordTexts(scratchFile);
+  const ZLogsFileManager::RecordTexts restored = ZLogsFileManager::readRecordTexts(scratchFile);
+  const std::vector<std::string_view>& texts = restored.texts;
   const bool fileLeft = std::filesystem::exists(scratchFile);
   if (content.empty()) return fileLeft && texts.empty() ? "" : "an empty file was not left alone";
   if (allDecode) {

@@ -168,12 +168,41 @@ bool encodeValue(JsonWriter& writer, const T& value, CodecError& error) {
 }
 
 // ----- decoding -----------------------------------------------------------------------------
+// One walk serves both reading into a value and only checking that a payload would read: `Out` is
+// either the type itself or Discard, and a Discard walk applies every rule but keeps nothing, so
+// the two can never disagree on what is accepted.
 
 using simdjson::dom::element;
 using simdjson::dom::element_type;
 
-template <class T>
-bool decodeValue(element json, T& out, CodecError& error);
+/// Stands in for the value, at every depth, when a payload is only checked.
+struct Discard {};
+
+template <class Out>
+inline constexpr bool kKeeps = !std::is_same_v<Out, Discard>;
+
+template <class T, class Out>
+bool readValue(element json, Out& out, CodecError& error);
+
+/// Where a member of `out` is read into: the member itself, or Discard when only checking.
+template <class Out, class Owner, class Member>
+auto& partOf(Out& out, Member Owner::*member) {
+  if constexpr (kKeeps<Out>) {
+    return out.*member;
+  } else {
+    return out;
+  }
+}
+
+/// Where the next element of the list `out` is read into.
+template <class Out>
+auto& nextItemOf(Out& out) {
+  if constexpr (kKeeps<Out>) {
+    return out.emplace_back();
+  } else {
+    return out;
+  }
+}
 
 bool typeMismatch(CodecError& error, std::string_view expected);
 bool notADeploymentType(CodecError& error, std::string_view text);
@@ -212,9 +241,11 @@ std::size_t findField(std::string_view key, std::size_t expected) {
   (std::make_index_sequence<fieldCount<T>()>{});
 }
 
-template <class M>
-bool decodeOptional(element json, std::optional<M>& member, CodecError& error) {
-  if constexpr (std::is_same_v<M, std::string>) {
+template <class M, class Out>
+bool readOptional(element json, Out& member, CodecError& error) {
+  if constexpr (!kKeeps<Out>) {
+    return readValue<M>(json, member, error);
+  } else if constexpr (std::is_same_v<M, std::string>) {
     // Built straight from the text: cheaper than an empty string assigned to.
     std::string_view text;
     if (json.get(text) != simdjson::SUCCESS) return typeMismatch(error, "a string");
@@ -222,13 +253,13 @@ bool decodeOptional(element json, std::optional<M>& member, CodecError& error) {
     return true;
   } else {
     member.emplace();
-    return decodeValue(json, *member, error);
+    return readValue<M>(json, *member, error);
   }
 }
 
-// Decodes `value` into field I of `out`; only called for fields that readsKey found.
-template <class T, std::size_t I>
-bool decodeField(element value, T& out, CodecError& error) {
+// Reads `value` into field I of `out`; only called for fields that readsKey found.
+template <class T, std::size_t I, class Out>
+bool readField(element value, Out& out, CodecError& error) {
   constexpr auto& field = std::get<I>(FieldTable<T>::fields);
   using F = std::remove_cvref_t<decltype(field)>;
   // Two branches with one body: a reserved key has no `wire` to ask about.
@@ -237,20 +268,20 @@ bool decodeField(element value, T& out, CodecError& error) {
   } else if constexpr (field.wire == Wire::memoryOnly) {
     return true;
   } else {
-    auto& member = out.*(field.member);
-    using Member = std::remove_cvref_t<decltype(member)>;
+    using Member = std::remove_cvref_t<decltype(std::declval<T&>().*(field.member))>;
+    auto& member = partOf(out, field.member);
     bool ok = false;
     if constexpr (IsOptional<Member>::value) {
       if (value.is_null()) {
-        member.reset();  // null in an optional member means absent
+        if constexpr (kKeeps<Out>) member.reset();  // null in an optional member means absent
         return true;
       }
-      ok = decodeOptional(value, member, error);
+      ok = readOptional<typename Member::value_type>(value, member, error);
     } else {
       if (value.is_null()) {
         ok = fail(error, CodecError::Kind::valueNotFound, "required value is null");
       } else {
-        ok = decodeValue(value, member, error);
+        ok = readValue<Member>(value, member, error);
       }
     }
     if (!ok) prependKey(error, field.key);
@@ -258,12 +289,12 @@ bool decodeField(element value, T& out, CodecError& error) {
   }
 }
 
-// Decodes `value` into field `index`, as findField gave it.
-template <class T>
-bool decodeFieldAt(std::size_t index, element value, T& out, CodecError& error) {
+// Reads `value` into field `index`, as findField gave it.
+template <class T, class Out>
+bool readFieldAt(std::size_t index, element value, Out& out, CodecError& error) {
   return [&]<std::size_t... I>(std::index_sequence<I...>) {
     bool ok = true;
-    static_cast<void>(((I == index && (ok = decodeField<T, I>(value, out, error), true)) || ...));
+    static_cast<void>(((I == index && (ok = readField<T, I>(value, out, error), true)) || ...));
     return ok;
   }
   (std::make_index_sequence<fieldCount<T>()>{});
@@ -304,8 +335,8 @@ bool checkRequiredSeen(std::uint64_t seen, CodecError& error) {
   }
 }
 
-template <class T>
-bool decodeObject(element json, T& out, CodecError& error) {
+template <class T, class Out>
+bool readObject(element json, Out& out, CodecError& error) {
   simdjson::dom::object object;
   if (json.get(object) != simdjson::SUCCESS) return typeMismatch(error, "an object");
   constexpr std::size_t count = fieldCount<T>();
@@ -318,7 +349,7 @@ bool decodeObject(element json, T& out, CodecError& error) {
     if (index == kNoField) continue;  // unknown keys are ignored
     expected = index + 1;
     seen |= std::uint64_t{1} << index;
-    if (!decodeFieldAt<T>(index, member.value, out, error)) return false;
+    if (!readFieldAt<T>(index, member.value, out, error)) return false;
   }
   return [&]<std::size_t... I>(std::index_sequence<I...>) {
     return (checkRequiredSeen<T, I>(seen, error) && ...);
@@ -326,20 +357,22 @@ bool decodeObject(element json, T& out, CodecError& error) {
   (std::make_index_sequence<count>{});
 }
 
-template <class T>
-bool decodeValue(element json, T& out, CodecError& error) {
+template <class T, class Out>
+bool readValue(element json, Out& out, CodecError& error) {
   if constexpr (std::is_same_v<T, std::string>) {
     std::string_view text;
     if (json.get(text) != simdjson::SUCCESS) return typeMismatch(error, "a string");
-    out.assign(text);
+    if constexpr (kKeeps<Out>) out.assign(text);
     return true;
   } else if constexpr (std::is_same_v<T, bool>) {
-    if (json.get(out) != simdjson::SUCCESS) return typeMismatch(error, "a bool");
+    bool value = false;
+    if (json.get(value) != simdjson::SUCCESS) return typeMismatch(error, "a bool");
+    if constexpr (kKeeps<Out>) out = value;
     return true;
   } else if constexpr (std::is_same_v<T, std::int64_t>) {
     switch (json.type()) {
       case element_type::INT64:
-        out = json.get_int64().value_unsafe();
+        if constexpr (kKeeps<Out>) out = json.get_int64().value_unsafe();
         return true;
       case element_type::UINT64:
         return fail(error, CodecError::Kind::dataCorrupted, "number does not fit a 64-bit integer");
@@ -369,33 +402,34 @@ bool decodeValue(element json, T& out, CodecError& error) {
       if (magnitude >= kRoundsToInfinity) {
         return fail(error, CodecError::Kind::dataCorrupted, "number does not fit a 32-bit float");
       }
-      if (magnitude > FLT_MAX) {
-        out = std::copysign(FLT_MAX, static_cast<float>(std::signbit(number) ? -1 : 1));
-        return true;
-      }
+      // Converting a double beyond the float range is undefined, so those clamp first.
+      if (magnitude > FLT_MAX) number = std::signbit(number) ? -FLT_MAX : FLT_MAX;
     }
-    out = static_cast<T>(number);
+    if constexpr (kKeeps<Out>) out = static_cast<T>(number);
     return true;
   } else if constexpr (std::is_same_v<T, DeploymentType>) {
     std::string_view text;
     if (json.get(text) != simdjson::SUCCESS) return typeMismatch(error, "a string");
     auto type = deploymentTypeFromRawValue(text);
     if (!type) return notADeploymentType(error, text);
-    out = *type;
+    if constexpr (kKeeps<Out>) out = *type;
     return true;
   } else if constexpr (IsVector<T>::value) {
+    using Item = typename T::value_type;
     simdjson::dom::array array;
     if (json.get(array) != simdjson::SUCCESS) return typeMismatch(error, "an array");
-    out.clear();
-    out.reserve(array.size());
+    if constexpr (kKeeps<Out>) {
+      out.clear();
+      out.reserve(array.size());
+    }
     std::size_t index = 0;
     for (element item : array) {
-      auto& slot = out.emplace_back();
+      auto& slot = nextItemOf(out);
       bool ok = false;
       if (item.is_null()) {
         ok = fail(error, CodecError::Kind::valueNotFound, "array element is null");
       } else {
-        ok = decodeValue(item, slot, error);
+        ok = readValue<Item>(item, slot, error);
       }
       if (!ok) {
         prependIndex(error, index);
@@ -406,8 +440,21 @@ bool decodeValue(element json, T& out, CodecError& error) {
     return true;
   } else {
     static_assert(HasFieldTable<T>, "no field table for this type");
-    return decodeObject(json, out, error);
+    return readObject<T>(json, out, error);
   }
+}
+
+/// Reads `json` into `out`; false, with `error` naming the key path, when it does not fit T.
+template <class T>
+bool decodeValue(element json, T& out, CodecError& error) {
+  return readValue<T>(json, out, error);
+}
+
+/// Whether decodeValue would read `json` as a T, without building one.
+template <class T>
+bool checkValue(element json, CodecError& error) {
+  Discard nothing;
+  return readValue<T>(json, nothing, error);
 }
 
 }  // namespace zelvanor::detail
