@@ -155,11 +155,13 @@ void HttpsDelivery::settleOne() {
 }
 
 std::vector<OutgoingRecord> HttpsDelivery::takePendingRecords() {
-  std::vector<std::string> texts;
-  worker_.sync([&] { texts = ZLogsFileManager::readRecordTexts(pendingFile_); });
+  ZLogsFileManager::RecordTexts restored;
+  worker_.sync([&] { restored = ZLogsFileManager::readRecordTexts(pendingFile_); });
   std::vector<OutgoingRecord> records;
-  records.reserve(texts.size());
-  for (auto& text : texts) records.push_back(OutgoingRecord::restored(std::move(text)));
+  records.reserve(restored.texts.size());
+  for (const std::string_view text : restored.texts) {
+    records.push_back(OutgoingRecord::restored(restored.content, text));
+  }
   return records;
 }
 

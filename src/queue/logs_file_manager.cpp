@@ -10,31 +10,49 @@
 namespace zelvanor::detail {
 namespace {
 
+/// Parses one payload with this thread's parser, which keeps its buffers between records; `root`
+/// lives until the thread's next parse. The parser reads a little past the end of what it parses;
+/// a payload with enough of the file after it is parsed where it lies instead of being copied.
+bool parseRecord(std::string_view json, std::string_view content, simdjson::dom::element& root) {
+  thread_local simdjson::dom::parser parser;
+  const auto readableAfter =
+      static_cast<std::size_t>(content.data() + content.size() - (json.data() + json.size()));
+  const bool copy = readableAfter < simdjson::SIMDJSON_PADDING;
+  return parser.parse(json.data(), json.size(), copy).get(root) == simdjson::SUCCESS;
+}
+
 /// Decodes exactly as decodeJson<ZLogRecord> does, but straight into the record's slot in the
 /// result: a ZLogRecord is several kilobytes, and going through Result would move each one three
 /// times, which is most of the cost of restoring a large file.
-bool decodeRecordInto(std::string_view json, ZLogRecord& record) {
-  thread_local simdjson::dom::parser parser;
+bool decodeRecordInto(std::string_view json, std::string_view content, ZLogRecord& record) {
   simdjson::dom::element root;
-  if (parser.parse(json.data(), json.size(), true).get(root) != simdjson::SUCCESS) return false;
   CodecError error;
-  return decodeValue(root, record, error);
+  return parseRecord(json, content, root) && decodeValue(root, record, error);
 }
 
-/// Reads the whole file, hands each whole frame's payload to `take` (which says whether it
-/// decodes) and removes the file; false when the records must not be used (see readRecords).
-template <class Take>
-bool restoreFrames(const std::filesystem::path& file, std::size_t& count, Take&& take) {
-  const std::optional<std::string> content = platform::readWhole(file);
-  if (!content || content->empty()) return false;
-  std::vector<std::string_view> payloads;
-  payloads.reserve(content->size() / 512 + 1);
+/// Whether decodeRecordInto would accept `json`, without building the record: restoring keeps the
+/// text, so building strings only to throw them away would be most of the cost of a start.
+bool recordDecodes(std::string_view json, std::string_view content) {
+  simdjson::dom::element root;
+  CodecError error;
+  return parseRecord(json, content, root) && checkValue<ZLogRecord>(root, error);
+}
+
+/// Reads the whole file into `content`, splits it into whole frames and, when `accept` takes every
+/// payload (it says whether one decodes), removes the file; false when the records must not be
+/// used (see readRecords).
+template <class Accept>
+bool restoreFrames(const std::filesystem::path& file, std::string& content,
+                   std::vector<std::string_view>& payloads, Accept&& accept) {
+  std::optional<std::string> read = platform::readWhole(file);
+  if (!read || read->empty()) return false;
+  content = std::move(*read);
+  payloads.reserve(content.size() / 512 + 1);
   // A torn end still gives back the whole frames before it; the file goes away with them.
-  (void)ZLogsFileManager::splitFrames(*content, payloads);
-  count = payloads.size();
+  (void)ZLogsFileManager::splitFrames(content, payloads);
   for (const std::string_view payload : payloads) {
     // A record this build cannot read stays on disk rather than being thrown away.
-    if (!take(payload)) return false;
+    if (!accept(payload)) return false;
   }
   return platform::removeFile(file);
 }
@@ -81,14 +99,15 @@ ZLogsFileManager::FrameEnd ZLogsFileManager::splitFrames(std::string_view conten
 
 std::vector<ZLogRecord> ZLogsFileManager::readRecords(const std::filesystem::path& file) noexcept {
   try {
+    std::string content;
+    std::vector<std::string_view> payloads;
     std::vector<ZLogRecord> records;
-    std::size_t count = 0;
-    const bool restored = restoreFrames(file, count, [&](std::string_view payload) {
+    const bool restored = restoreFrames(file, content, payloads, [&](std::string_view payload) {
       if (records.capacity() == 0) {
-        records.reserve(count);
+        records.reserve(payloads.size());
         platform::adviseLargeBuffer(records.data(), records.capacity() * sizeof(ZLogRecord));
       }
-      return decodeRecordInto(payload, records.emplace_back());
+      return decodeRecordInto(payload, content, records.emplace_back());
     });
     return restored ? std::move(records) : std::vector<ZLogRecord>{};
   } catch (...) {
@@ -96,20 +115,16 @@ std::vector<ZLogRecord> ZLogsFileManager::readRecords(const std::filesystem::pat
   }
 }
 
-std::vector<std::string> ZLogsFileManager::readRecordTexts(
+ZLogsFileManager::RecordTexts ZLogsFileManager::readRecordTexts(
     const std::filesystem::path& file) noexcept {
   try {
-    std::vector<std::string> texts;
-    // One record to decode into, reused: only whether each payload decodes matters here.
-    auto scratch = std::make_unique<ZLogRecord>();
-    std::size_t count = 0;
-    const bool restored = restoreFrames(file, count, [&](std::string_view payload) {
-      if (texts.capacity() == 0) texts.reserve(count);
-      if (!decodeRecordInto(payload, *scratch)) return false;
-      texts.emplace_back(payload);
-      return true;
+    auto content = std::make_shared<std::string>();
+    std::vector<std::string_view> payloads;
+    const bool restored = restoreFrames(file, *content, payloads, [&](std::string_view payload) {
+      return recordDecodes(payload, *content);
     });
-    return restored ? std::move(texts) : std::vector<std::string>{};
+    if (!restored) return {};
+    return {std::move(content), std::move(payloads)};
   } catch (...) {
     return {};
   }

@@ -5,6 +5,8 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -33,9 +35,15 @@ class ZLogsFileManager {
   ///   (a crash cut the last append short): the whole frames before it, and the file is removed;
   /// - the file cannot be removed: nothing, so the records are not delivered twice.
   static std::vector<ZLogRecord> readRecords(const std::filesystem::path& file) noexcept;
+  /// Pending records as their stored compact JSON: views into one shared copy of the file, so a
+  /// start allocates nothing per record.
+  struct RecordTexts {
+    std::shared_ptr<const std::string> content;
+    std::vector<std::string_view> texts;  ///< into *content, in file order
+  };
   /// The same, with the same rules, but each record comes back as its stored compact JSON (every
   /// one checked to decode as a record). What a start uses: no large record is built.
-  static std::vector<std::string> readRecordTexts(const std::filesystem::path& file) noexcept;
+  static RecordTexts readRecordTexts(const std::filesystem::path& file) noexcept;
 
   /// How the frames of a pending file's content ended.
   enum class FrameEnd {

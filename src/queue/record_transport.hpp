@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "zelvanor/record.hpp"
@@ -23,10 +24,13 @@ class OutgoingRecord {
   // Implicit: the queue takes built records as they are.
   OutgoingRecord(RecordPtr record) noexcept : record_(std::move(record)) {}  // NOLINT
   static OutgoingRecord restored(std::string json);
+  /// A restored record whose text is `json`, a view into `storage` (the pending file as read),
+  /// which it keeps alive.
+  static OutgoingRecord restored(std::shared_ptr<const std::string> storage, std::string_view json);
 
   /// The record, or null for a restored one.
   const ZLogRecord* record() const noexcept { return record_.get(); }
-  bool isRestored() const noexcept { return json_ != nullptr; }
+  bool isRestored() const noexcept { return storage_ != nullptr; }
   /// The compact JSON to send or keep: a restored record's stored text, or the record encoded now.
   Result<std::string> json() const;
   /// The record itself, decoding a restored one (tests and diagnostics).
@@ -34,7 +38,8 @@ class OutgoingRecord {
 
  private:
   RecordPtr record_;
-  std::shared_ptr<const std::string> json_;
+  std::shared_ptr<const std::string> storage_;
+  std::string_view json_;  ///< a restored record's text, inside *storage_
 };
 
 class RecordTransport {

@@ -180,7 +180,7 @@ TEST(PendingFileCrash, TrackingHostKilledAtRandomLeavesAFileEveryStartCanRead) {
   }
   // A last start: everything the file holds comes back and the file goes.
   const auto restored = ZLogsFileManager::readRecordTexts(file);
-  EXPECT_EQ(restored.size(), lastFileRecords);
+  EXPECT_EQ(restored.texts.size(), lastFileRecords);
   // A start killed after taking the file and before parking anything leaves none, so only the
   // rounds together must have seen records.
   EXPECT_GT(recordsSeen, 0u);
