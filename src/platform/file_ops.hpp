@@ -3,6 +3,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,8 +13,17 @@ namespace zelvanor::platform {
 /// Appends bytes to the file, creating it with mode 0600 if it is missing. The bytes go down in
 /// one write, so a crash can tear at most this append and never interleave it with another; if
 /// the write fails part way, the file is cut back to its old length. Fails, touching nothing,
-/// when the path is a symbolic link or anything but a regular file.
+/// when the path is a symbolic link or anything but a regular file. Appends from several threads
+/// or processes take turns with each other and with consumeWhole.
 bool appendPrivate(const std::filesystem::path& file, std::string_view bytes) noexcept;
+
+/// Reads the whole regular file and hands the content to `use`, which says whether the file is
+/// done with; if so, the file is removed. Appends wait meanwhile and land either before the read
+/// or in a new file after the removal, never in a file that was read and then removed. `use` is
+/// not called when the file is missing, unreadable, a symbolic link or not a regular file.
+/// Returns true when the file was removed.
+bool consumeWhole(const std::filesystem::path& file,
+                  const std::function<bool(std::string&& content)>& use) noexcept;
 
 /// The whole content of a regular file; absent when it is missing, unreadable, a symbolic link
 /// or not a regular file.

@@ -1,6 +1,7 @@
 // POSIX file operations: no symlink is ever followed at the final path component, files are
 // created 0600, and descriptors never leak into child processes.
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -68,23 +69,86 @@ bool writeAll(int fd, std::string_view bytes) noexcept {
   return true;
 }
 
+/// Takes the file's lock for appending and reading-then-removing, waiting for it as needed.
+bool lockExclusive(int fd) noexcept {
+  int result;
+  do {
+    result = ::flock(fd, LOCK_EX);
+  } while (result != 0 && errno == EINTR);
+  return result == 0;
+}
+
+/// The rest of an open file, from where it stands to its end.
+std::optional<std::string> readAll(int fd, const struct stat& info) {
+  std::string content;
+  // The size is a hint only: the file may still grow, so read until end of file.
+  content.resize(static_cast<std::size_t>(info.st_size) + 1);
+  std::size_t used = 0;
+  for (;;) {
+    if (used == content.size()) content.resize(content.size() * 2);
+    const ssize_t got = ::read(fd, content.data() + used, content.size() - used);
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      return std::nullopt;
+    }
+    if (got == 0) break;
+    used += static_cast<std::size_t>(got);
+  }
+  content.resize(used);
+  return content;
+}
+
+/// How often an open finds the file just removed by a reader before giving up: each time means
+/// another process read the pending file within those microseconds.
+constexpr int kOpenAttempts = 8;
+
 }  // namespace
 
 bool appendPrivate(const std::filesystem::path& file, std::string_view bytes) noexcept {
-  Descriptor fd(openNoFollow(file, O_WRONLY | O_APPEND | O_CREAT, kPrivateMode));
-  if (!fd) return false;
-  struct stat info {};
-  if (!isRegular(fd.get(), info)) return false;
-  // A file someone else loosened (or created before us with a wider umask) is tightened again.
-  if ((info.st_mode & 07777) != kPrivateMode) (void)::fchmod(fd.get(), kPrivateMode);
-  const off_t oldSize = info.st_size;
-  if (!writeAll(fd.get(), bytes)) {
-    // A half-written frame in the middle of the file would make every later frame unreadable;
-    // cutting back to the old length keeps the file a sequence of whole frames.
-    (void)::ftruncate(fd.get(), oldSize);
+  // A reader that removed the file between our open and our lock leaves us holding a file nobody
+  // will read again: open the path afresh, which then creates the next one.
+  for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
+    Descriptor fd(openNoFollow(file, O_WRONLY | O_APPEND | O_CREAT, kPrivateMode));
+    if (!fd) return false;
+    struct stat info {};
+    if (!isRegular(fd.get(), info) || !lockExclusive(fd.get())) return false;
+    if (!isRegular(fd.get(), info)) return false;
+    if (info.st_nlink == 0) continue;
+    // A file someone else loosened (or created before us with a wider umask) is tightened again.
+    if ((info.st_mode & 07777) != kPrivateMode) (void)::fchmod(fd.get(), kPrivateMode);
+    const off_t oldSize = info.st_size;
+    if (!writeAll(fd.get(), bytes)) {
+      // A half-written frame in the middle of the file would make every later frame unreadable;
+      // cutting back to the old length keeps the file a sequence of whole frames. The lock keeps
+      // other appenders' frames out of what is cut.
+      (void)::ftruncate(fd.get(), oldSize);
+      return false;
+    }
+    return fd.close();  // closing releases the lock
+  }
+  return false;
+}
+
+bool consumeWhole(const std::filesystem::path& file,
+                  const std::function<bool(std::string&& content)>& use) noexcept {
+  try {
+    for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
+      Descriptor fd(openNoFollow(file, O_RDONLY));
+      if (!fd) return false;
+      struct stat info {};
+      if (!isRegular(fd.get(), info) || !lockExclusive(fd.get())) return false;
+      if (!isRegular(fd.get(), info)) return false;
+      if (info.st_nlink == 0) continue;  // another reader took it meanwhile; look again
+      std::optional<std::string> content = readAll(fd.get(), info);
+      if (!content) return false;
+      // Still under the lock: nothing can be appended between the read and the removal.
+      if (!use(std::move(*content))) return false;
+      return removeFile(file);
+    }
+    return false;
+  } catch (...) {
     return false;
   }
-  return fd.close();
 }
 
 std::optional<std::string> readWhole(const std::filesystem::path& file) noexcept {
@@ -93,23 +157,7 @@ std::optional<std::string> readWhole(const std::filesystem::path& file) noexcept
     if (!fd) return std::nullopt;
     struct stat info {};
     if (!isRegular(fd.get(), info)) return std::nullopt;
-    std::string content;
-    // The size is a hint only: the file may still grow, so read until end of file.
-    std::size_t capacity = static_cast<std::size_t>(info.st_size) + 1;
-    content.resize(capacity);
-    std::size_t used = 0;
-    for (;;) {
-      if (used == content.size()) content.resize(content.size() * 2);
-      const ssize_t got = ::read(fd.get(), content.data() + used, content.size() - used);
-      if (got < 0) {
-        if (errno == EINTR) continue;
-        return std::nullopt;
-      }
-      if (got == 0) break;
-      used += static_cast<std::size_t>(got);
-    }
-    content.resize(used);
-    return content;
+    return readAll(fd.get(), info);
   } catch (...) {
     return std::nullopt;
   }

@@ -1,8 +1,10 @@
 // Portable file operations on std::filesystem and std::fstream, for platforms without a native
-// file layer. The symlink checks race with other processes; a native layer should replace this
-// wherever the data directory can be reached by another user.
+// file layer. The symlink checks race with other processes, and appends take turns with reads
+// only within this process; a native layer should replace this wherever the data directory can
+// be reached by another user or another process of the app.
 #include <fstream>
 #include <iterator>
+#include <mutex>
 #include <random>
 #include <string>
 #include <system_error>
@@ -15,6 +17,12 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr fs::perms kPrivatePerms = fs::perms::owner_read | fs::perms::owner_write;
+
+/// Appends and read-then-remove take turns within the process.
+std::mutex& appendLock() {
+  static std::mutex lock;
+  return lock;
+}
 
 /// True when the path is missing or names a regular file (not through a link).
 bool missingOrRegular(const fs::path& file, bool& exists) {
@@ -37,6 +45,7 @@ bool writeFile(const fs::path& file, std::string_view bytes, std::ios::openmode 
 
 bool appendPrivate(const std::filesystem::path& file, std::string_view bytes) noexcept {
   try {
+    std::lock_guard lock(appendLock());
     bool exists = false;
     if (!missingOrRegular(file, exists)) return false;
     std::error_code error;
@@ -70,6 +79,18 @@ std::optional<std::string> readWhole(const std::filesystem::path& file) noexcept
     return content;
   } catch (...) {
     return std::nullopt;
+  }
+}
+
+bool consumeWhole(const std::filesystem::path& file,
+                  const std::function<bool(std::string&& content)>& use) noexcept {
+  try {
+    std::lock_guard lock(appendLock());
+    std::optional<std::string> content = readWhole(file);
+    if (!content || !use(std::move(*content))) return false;
+    return removeFile(file);
+  } catch (...) {
+    return false;
   }
 }
 

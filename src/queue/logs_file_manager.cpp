@@ -40,21 +40,22 @@ bool recordDecodes(std::string_view json, std::string_view content) {
 
 /// Reads the whole file into `content`, splits it into whole frames and, when `accept` takes every
 /// payload (it says whether one decodes), removes the file; false when the records must not be
-/// used (see readRecords).
+/// used (see readRecords). Appends wait until this is done, so none is removed unread.
 template <class Accept>
 bool restoreFrames(const std::filesystem::path& file, std::string& content,
                    std::vector<std::string_view>& payloads, Accept&& accept) {
-  std::optional<std::string> read = platform::readWhole(file);
-  if (!read || read->empty()) return false;
-  content = std::move(*read);
-  payloads.reserve(content.size() / 512 + 1);
-  // A torn end still gives back the whole frames before it; the file goes away with them.
-  (void)ZLogsFileManager::splitFrames(content, payloads);
-  for (const std::string_view payload : payloads) {
-    // A record this build cannot read stays on disk rather than being thrown away.
-    if (!accept(payload)) return false;
-  }
-  return platform::removeFile(file);
+  return platform::consumeWhole(file, [&](std::string&& read) {
+    if (read.empty()) return false;
+    content = std::move(read);
+    payloads.reserve(content.size() / 512 + 1);
+    // A torn end still gives back the whole frames before it; the file goes away with them.
+    (void)ZLogsFileManager::splitFrames(content, payloads);
+    for (const std::string_view payload : payloads) {
+      // A record this build cannot read stays on disk rather than being thrown away.
+      if (!accept(payload)) return false;
+    }
+    return true;
+  });
 }
 
 }  // namespace

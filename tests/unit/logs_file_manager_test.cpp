@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +13,7 @@
 #include <iterator>
 #include <limits>
 #include <string>
+#include <thread>
 
 #include "zelvanor/json.hpp"
 
@@ -134,6 +136,31 @@ TEST_F(PendingFileTest, AppendedRecordsComeBack) {
   ASSERT_EQ(records.size(), 2u);
   EXPECT_EQ(records[0], decoded(minimal_));
   EXPECT_EQ(records[1], decoded(full_));
+}
+
+TEST_F(PendingFileTest, AReadRacingWithAppendsLosesNoneAndDuplicatesNone) {
+  // A new start reads the file while the old instance (or another process of the app) still
+  // appends: every record comes back exactly once, across the reads, in the order appended.
+  constexpr int kRecords = 3000;
+  std::atomic<bool> appending{true};
+  std::thread appender([&] {
+    for (int i = 0; i < kRecords; ++i) {
+      const ZLogRecord record{.xid = {"c", "d", "s"}, .action = {"event", std::to_string(i), "x"}};
+      ZLogsFileManager::appendRecordData(encodeJson(record).value(), file_);
+    }
+    appending = false;
+  });
+  std::vector<std::string> restored;
+  auto readOnce = [&] {
+    for (const auto& record : ZLogsFileManager::readRecords(file_))
+      restored.push_back(record.action.name);
+  };
+  while (appending) readOnce();
+  appender.join();
+  readOnce();
+  std::vector<std::string> expected;
+  for (int i = 0; i < kRecords; ++i) expected.push_back(std::to_string(i));
+  EXPECT_EQ(restored, expected);
 }
 
 TEST_F(PendingFileTest, MissingOrEmptyFileGivesNothingAndIsLeftAlone) {
