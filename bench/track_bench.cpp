@@ -18,6 +18,7 @@ using namespace zelvanor;
 struct DiscardingTransport final : detail::RecordTransport {
   void send(detail::OutgoingRecord record, bool) override { benchmark::DoNotOptimize(record); }
   std::vector<detail::OutgoingRecord> takePendingRecords() override { return {}; }
+  void keepLate(detail::OutgoingRecord) override {}
   void shutdown(std::vector<detail::OutgoingRecord>) override {}
 };
 

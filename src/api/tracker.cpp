@@ -18,6 +18,11 @@ namespace detail {
 namespace {
 
 struct SharedState {
+  // Held by a shutdown from taking the instance out until everything it had is kept, and by the
+  // start of a new instance: a new start reads the pending file only once the old instance has
+  // finished writing it, and an exit waits for a shutdown another thread began. Taken before
+  // `mutex`.
+  std::mutex lifecycle;
   std::mutex mutex;
   std::shared_ptr<ZInternalLogManager> manager;
   ManagerSources sources;
@@ -44,10 +49,12 @@ SharedState& shared() {
 // destroyed); the parent keeps tracking as before. The lock held across fork keeps the child from
 // inheriting it mid-change.
 void lockForFork() {
+  shared().lifecycle.lock();
   shared().mutex.lock();
 }
 void unlockInParent() {
   shared().mutex.unlock();
+  shared().lifecycle.unlock();
 }
 void switchOffInChild() {
   SharedState& state = shared();
@@ -59,7 +66,12 @@ void switchOffInChild() {
     state.sources = {};
   }
   state.mutex.unlock();
+  state.lifecycle.unlock();
 }
+
+// The thread running a shutdown: a call back into the facade from it (a host's console sink,
+// say) must not wait for the shutdown to end.
+thread_local bool shuttingDownHere = false;
 
 }  // namespace
 
@@ -70,6 +82,11 @@ void setSourcesFactory(SourcesFactory factory) {
 
 std::shared_ptr<ZInternalLogManager> ensureShared() {
   auto& state = shared();
+  {
+    std::lock_guard lock(state.mutex);
+    if (state.manager || state.exiting || shuttingDownHere) return state.manager;
+  }
+  std::lock_guard lifecycle(state.lifecycle);
   std::lock_guard lock(state.mutex);
   if (!state.manager && !state.exiting) {
     // Statics the exit hook needs must be constructed before the hook is registered, so that
@@ -101,10 +118,16 @@ std::shared_ptr<ZInternalLogManager> sharedIfRunning() {
 }
 
 void shutdownShared() {
+  auto& state = shared();
+  if (shuttingDownHere) return;
+  std::lock_guard lifecycle(state.lifecycle);
+  shuttingDownHere = true;
+  struct Done {
+    ~Done() { shuttingDownHere = false; }
+  } done;
   std::shared_ptr<ZInternalLogManager> manager;
   ManagerSources sources;
   {
-    auto& state = shared();
     std::lock_guard lock(state.mutex);
     manager = std::move(state.manager);
     sources = std::move(state.sources);

@@ -52,6 +52,20 @@ void HttpsDelivery::send(OutgoingRecord record, bool networkAvailable) {
   if (auto encoded = record.json()) ZLogsFileManager::appendRecordData(*encoded, pendingFile_);
 }
 
+void HttpsDelivery::keepLate(OutgoingRecord record) {
+  {
+    std::lock_guard lock(mutex_);
+    if (!lateWritten_) {
+      // Shutdown keeps these behind the unsent ones, on the worker.
+      ++unsettled_;
+      late_.push_back(std::move(record));
+      return;
+    }
+  }
+  // The SDK is gone for good; nothing else will keep it.
+  if (auto encoded = record.json()) ZLogsFileManager::appendRecordData(*encoded, pendingFile_);
+}
+
 void HttpsDelivery::drainInbox() {
   // Let a burst gather: hand-overs made meanwhile join this drain without waking the worker.
   // Shutdown does not wait for the window; it has already stopped new hand-overs.
@@ -149,6 +163,17 @@ void HttpsDelivery::keepOnDisk(const std::string& bytes) {
   settleOne();
 }
 
+void HttpsDelivery::keepUnsent(const OutgoingRecord& record) {
+  auto encoded = record.json();
+  if (encoded) {
+    keepOnDisk(encoded.value());
+    return;
+  }
+  std::lock_guard lock(mutex_);
+  ++counts_.unencodable;
+  settleOne();
+}
+
 void HttpsDelivery::settleOne() {
   if (unsettled_ > 0) --unsettled_;
   if (unsettled_ == 0) settled_.notify_all();
@@ -184,22 +209,29 @@ void HttpsDelivery::shutdown(std::vector<OutgoingRecord> unsent) {
       waiting_.pop_front();
     }
   });
-  for (auto& record : unsent) {
-    {
-      std::lock_guard lock(mutex_);
-      ++unsettled_;
-    }
-    worker_.async([this, record = std::move(record)] {
-      auto encoded = record.json();
-      if (encoded) {
-        keepOnDisk(encoded.value());
-      } else {
-        std::lock_guard lock(mutex_);
-        ++counts_.unencodable;
-        settleOne();
-      }
-    });
+  {
+    std::lock_guard lock(mutex_);
+    unsettled_ += unsent.size();
   }
+  worker_.async([this, unsent = std::move(unsent)] {
+    for (const auto& record : unsent) keepUnsent(record);
+  });
+  // Records tracked while all this runs are kept behind the unsent ones; once none is left the
+  // door closes, and a later one is written by whoever tracks it.
+  worker_.async([this] {
+    for (;;) {
+      std::vector<OutgoingRecord> late;
+      {
+        std::lock_guard lock(mutex_);
+        late.swap(late_);
+        if (late.empty()) {
+          lateWritten_ = true;
+          return;
+        }
+      }
+      for (const auto& record : late) keepUnsent(record);
+    }
+  });
   worker_.stop();
 }
 

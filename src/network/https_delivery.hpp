@@ -34,6 +34,7 @@ class HttpsDelivery final : public RecordTransport,
   ~HttpsDelivery() override;
 
   void send(OutgoingRecord record, bool networkAvailable) override;
+  void keepLate(OutgoingRecord record) override;
   std::vector<OutgoingRecord> takePendingRecords() override;
   void shutdown(std::vector<OutgoingRecord> unsent) override;
   /// How long shutdown waits for in-flight answers before cancelling them.
@@ -67,6 +68,8 @@ class HttpsDelivery final : public RecordTransport,
   void startWaiting();
   void finished(network::HttpOutcome outcome, const std::string& bytes);
   void keepOnDisk(const std::string& bytes);
+  /// Keeps a record that will not be sent (worker only).
+  void keepUnsent(const OutgoingRecord& record);
   void settleOne();
 
   std::shared_ptr<network::HttpClient> http_;
@@ -77,6 +80,8 @@ class HttpsDelivery final : public RecordTransport,
   std::uint64_t unsettled_ = 0;
   Counts counts_;
   std::atomic<bool> stopped_{false};  ///< set under mutex_, so a hand-over is before or after it
+  std::vector<OutgoingRecord> late_;  ///< guarded by mutex_: tracked after the queue closed
+  bool lateWritten_ = false;          ///< guarded by mutex_: shutdown has kept the late ones
   // Hand-overs wait in an inbox that the worker takes as a whole; a burst of them costs the
   // host one wake-up of the worker, not one each.
   std::vector<HandedOver> inbox_;  ///< guarded by mutex_

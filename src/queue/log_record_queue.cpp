@@ -14,7 +14,7 @@ void ZLogRecordQueue::restorePendingRecords() {
 void ZLogRecordQueue::enqueue(OutgoingRecord record) {
   std::lock_guard lock(mutex_);
   if (closed_) {
-    transport_->send(std::move(record), isAvailableNetworking());
+    transport_->keepLate(std::move(record));
     return;
   }
   recordTable_.push_back(std::move(record));

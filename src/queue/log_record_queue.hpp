@@ -52,8 +52,8 @@ class ZLogRecordQueue {
   std::size_t recordCount() const;
   std::size_t templateCount() const;
   /// Takes every record still in memory (oldest first) without sending it, and closes the table:
-  /// records enqueued afterwards (a host thread racing with shutdown) go straight to the
-  /// transport, which keeps them, instead of waiting in a table nobody drains. Used at shutdown.
+  /// records enqueued afterwards (a host thread racing with shutdown) go to the transport to be
+  /// kept behind these, instead of waiting in a table nobody drains. Used at shutdown.
   std::vector<OutgoingRecord> takeRecords();
 
  private:

@@ -51,8 +51,11 @@ class RecordTransport {
   virtual void send(OutgoingRecord record, bool networkAvailable) = 0;
   /// Every record earlier runs kept on disk, in file order; they leave the disk.
   virtual std::vector<OutgoingRecord> takePendingRecords() = 0;
-  /// Stops delivery for good: records still in flight and `unsent` ones (oldest first) are kept
-  /// for the next start. Returns once nothing more will be written.
+  /// A record tracked after the queue closed for shutdown: kept for the next start, behind the
+  /// unsent ones. Must not block on I/O while a shutdown is still to come or under way.
+  virtual void keepLate(OutgoingRecord record) = 0;
+  /// Stops delivery for good: records still in flight, `unsent` ones (oldest first) and late ones
+  /// are kept for the next start, in that order. Returns once nothing more will be written.
   virtual void shutdown(std::vector<OutgoingRecord> unsent) = 0;
 };
 

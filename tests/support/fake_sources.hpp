@@ -34,6 +34,10 @@ class RecordingTransport final : public detail::RecordTransport {
     }
     return restored;
   }
+  void keepLate(detail::OutgoingRecord record) override {
+    std::lock_guard lock(mutex_);
+    keptLate_.push_back(record.decoded().value_or(ZLogRecord{}));
+  }
   void shutdown(std::vector<detail::OutgoingRecord> unsent) override {
     std::lock_guard lock(mutex_);
     for (auto& record : unsent)
@@ -58,6 +62,10 @@ class RecordingTransport final : public detail::RecordTransport {
     std::lock_guard lock(mutex_);
     return unsentAtShutdown_;
   }
+  std::vector<ZLogRecord> keptLate() const {
+    std::lock_guard lock(mutex_);
+    return keptLate_;
+  }
   int restoreCalls() const {
     std::lock_guard lock(mutex_);
     return restoreCalls_;
@@ -68,6 +76,7 @@ class RecordingTransport final : public detail::RecordTransport {
   std::vector<Sent> sent_;
   std::vector<ZLogRecord> pending_;
   std::vector<ZLogRecord> unsentAtShutdown_;
+  std::vector<ZLogRecord> keptLate_;
   int restoreCalls_ = 0;
 };
 
@@ -90,6 +99,15 @@ class ManualIdentity final : public detail::IdentitySource {
   mutable std::mutex mutex_;
   int fetches_ = 0;
   support::PassthroughSubject<ZXid> subject_;
+};
+
+/// Knows the triple from the start, as a device holding the identity cookies does.
+class ImmediateIdentity final : public detail::IdentitySource {
+ public:
+  support::Cancellable fetchXid(std::function<void(const ZXid&)> onTriple) override {
+    onTriple(ZXid{"c", "d", "s"});
+    return {};
+  }
 };
 
 class ManualNetwork final : public detail::NetworkMonitor {

@@ -13,6 +13,7 @@
 #include "network/https_delivery.hpp"
 #include "network/identity_sync.hpp"
 #include "network/reachability.hpp"
+#include "queue/log_record_queue.hpp"
 #include "queue/logs_file_manager.hpp"
 #include "support/https_test_server.hpp"
 #include "support/temp_dir.hpp"
@@ -158,8 +159,27 @@ TEST_F(NetworkTest, ShutdownKeepsInFlightWaitingAndUnsentRecordsInOrder) {
   std::sort(expected.begin(), expected.begin() + HttpsDelivery::kMaxInFlight);
   expected.push_back("unsent");
   EXPECT_EQ(kept, expected);
-  delivery->send(record("late"), true);  // after shutdown: straight to disk
+  delivery->keepLate(record("late"));  // after shutdown: straight to disk
   EXPECT_EQ(pendingNames(), (std::vector<std::string>{"late"}));
+}
+
+TEST_F(NetworkTest, RecordsTrackedWhileShutdownRunsAreKeptBehindTheUnsentOnes) {
+  // A big batch keeps every record in memory; a host thread goes on tracking while another shuts
+  // down. Whatever the moment the table is taken, the file holds every record in tracking order.
+  auto delivery = std::make_shared<HttpsDelivery>(http, pendingFile());
+  detail::ZLogRecordQueue queue(delivery);
+  queue.setBatchSize(1'000'000);
+  constexpr int kBefore = 500;
+  constexpr int kTotal = 2000;
+  for (int i = 0; i < kBefore; ++i) queue.enqueue(record(std::to_string(i)));
+  std::thread host([&] {
+    for (int i = kBefore; i < kTotal; ++i) queue.enqueue(record(std::to_string(i)));
+  });
+  delivery->shutdown(queue.takeRecords());
+  host.join();
+  std::vector<std::string> expected;
+  for (int i = 0; i < kTotal; ++i) expected.push_back(std::to_string(i));
+  EXPECT_EQ(pendingNames(), expected);
 }
 
 TEST_F(NetworkTest, RecordsHandedOverWhileShutdownRunsAreSentOrKept) {

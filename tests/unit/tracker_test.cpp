@@ -2,8 +2,14 @@
 // overwrite each other.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <set>
+#include <thread>
+
 #include "api/settings.hpp"
 #include "api/shared_instance.hpp"
+#include "network/https_delivery.hpp"
+#include "queue/logs_file_manager.hpp"
 #include "support/fake_sources.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/json.hpp"
@@ -148,6 +154,48 @@ TEST_F(TrackerTest, ShutdownHandsOverUnsentRecordsAndTheNextCallStartsAfresh) {
   ZelvanorTracker::setDevelopment();
   EXPECT_NE(detail::sharedIfRunning(), nullptr);
   EXPECT_EQ(fakes.transport->restoreCalls(), 1);
+}
+
+TEST_F(TrackerTest, AStartDuringAnotherThreadsShutdownLosesNoRecord) {
+  // Real pending-file delivery behind a closed network gate: every record goes to the file. One
+  // thread shuts down while another's call starts the next instance, which reads that file.
+  ASSERT_TRUE(ZelvanorTracker::setEndpoints(
+      ZEndpoints{"https://127.0.0.1:1", "https://127.0.0.1:1", "https://127.0.0.1:1", {}}));
+  const auto pendingFile = dir.path() / "ZLogs.tmp";
+  detail::setSourcesFactory([&] {
+    auto http = std::make_shared<network::HttpClient>(network::HttpClient::Options{});
+    auto network = std::make_shared<testing::ManualNetwork>();
+    network->pushFlags(0);
+    return detail::ManagerSources{std::make_shared<detail::HttpsDelivery>(http, pendingFile),
+                                  std::make_shared<testing::ImmediateIdentity>(), network,
+                                  fakes.settings};
+  });
+  constexpr int kRounds = 4;
+  constexpr int kPerRound = 400;
+  for (int round = 0; round < kRounds; ++round) {
+    ZelvanorTracker::setDevelopment();
+    detail::sharedIfRunning()->waitForIdentityWork();
+    ZelvanorTracker::set(ZCommon({.serviceName = "svc", .deployment = "dev"}));
+    for (int i = 0; i < kPerRound; ++i) {
+      ZelvanorTracker::set(
+          ZAction("event", "r" + std::to_string(round) + "-" + std::to_string(i), "tap"))
+          .track(false, false);
+    }
+    std::atomic<bool> shutDown{false};
+    std::thread restarter([&] {
+      for (int calls = 0; calls < 100000 && !shutDown; ++calls) ZelvanorTracker::setBatchSize(1);
+    });
+    ZelvanorTracker::shutdown();
+    shutDown = true;
+    restarter.join();
+  }
+  ZelvanorTracker::shutdown();
+  std::multiset<std::string> kept;
+  for (const auto& record : detail::ZLogsFileManager::readRecords(pendingFile)) {
+    if (record.action.type == "event") kept.insert(record.action.name);
+  }
+  EXPECT_EQ(kept.size(), static_cast<std::size_t>(kRounds * kPerRound));
+  EXPECT_EQ(std::set<std::string>(kept.begin(), kept.end()).size(), kept.size()) << "no twice";
 }
 
 }  // namespace
