@@ -38,7 +38,9 @@ void ZReachability::startIfNeeded() {
     std::optional<std::uint32_t> flags;
     {
       std::lock_guard sourceLock(self->mutex_);
-      if (self->source_) flags = self->source_->currentFlags();
+      // Stopped before this report ran: reporting now would publish a made-up offline.
+      if (!self->source_) return;
+      flags = self->source_->currentFlags();
     }
     self->lastFlags_ = flags.value_or(0);
     self->reported_ = true;

@@ -21,7 +21,13 @@ struct DefaultRoute {
   std::string_view ifname;
   int prefixLength = 0;
   std::uint64_t metric = 0;
+  bool cellular = false;
 };
+
+LinkState probeLink(const LinkProbe& probe, std::string_view ifname) {
+  if (probe) return probe(ifname);
+  return LinkState{.carrier = true, .cellular = hasCellularInterfaceName(ifname)};
+}
 
 /// Splits one line into at most N whitespace-separated fields; returns how many it found.
 template <std::size_t N>
@@ -58,8 +64,19 @@ bool better(const DefaultRoute& candidate, const std::optional<DefaultRoute>& be
   return candidate.metric < best->metric;
 }
 
+// A blackhole route shows "*" as its interface and no reject flag; it leads nowhere either.
 bool usable(std::string_view ifname, std::uint32_t routeFlags) {
-  return ifname != "lo" && (routeFlags & kRouteUp) != 0 && (routeFlags & kRouteReject) == 0;
+  return ifname != "lo" && ifname != "*" && (routeFlags & kRouteUp) != 0 &&
+         (routeFlags & kRouteReject) == 0;
+}
+
+// Considers one default route: kept when its link can carry traffic and it beats the best so far.
+void consider(DefaultRoute route, const LinkProbe& probe, std::optional<DefaultRoute>& best) {
+  if (!better(route, best)) return;
+  const LinkState link = probeLink(probe, route.ifname);
+  if (!link.carrier) return;
+  route.cellular = link.cellular;
+  best = route;
 }
 
 template <class Visit>
@@ -74,7 +91,7 @@ void forEachLine(std::string_view text, Visit visit) {
 
 // "Iface Destination Gateway Flags RefCnt Use Metric Mask MTU Window IRTT", hex addresses in
 // network byte order, flags hex, metric decimal; the first line is a header.
-std::optional<DefaultRoute> ipv4DefaultRoute(std::string_view table) {
+std::optional<DefaultRoute> ipv4DefaultRoute(std::string_view table, const LinkProbe& probe) {
   std::optional<DefaultRoute> best;
   forEachLine(table, [&](std::string_view line) {
     std::array<std::string_view, 8> field{};
@@ -86,15 +103,17 @@ std::optional<DefaultRoute> ipv4DefaultRoute(std::string_view table) {
         !parseNumber(field[7], 16, mask)) {
       return;
     }
-    if (!usable(field[0], routeFlags)) return;
-    const DefaultRoute route{field[0], std::popcount(mask), metric};
-    if (better(route, best)) best = route;
+    // The default route, or half of the address space (how VPNs take all traffic); a narrower
+    // route to 0.0.0.0 is not a way out.
+    const int prefixLength = std::popcount(mask);
+    if (prefixLength > 1 || !usable(field[0], routeFlags)) return;
+    consider(DefaultRoute{field[0], prefixLength, metric}, probe, best);
   });
   return best;
 }
 
 // "dest destPrefix src srcPrefix nextHop metric refCnt use flags iface", all hex, no header.
-std::optional<DefaultRoute> ipv6DefaultRoute(std::string_view table) {
+std::optional<DefaultRoute> ipv6DefaultRoute(std::string_view table, const LinkProbe& probe) {
   std::optional<DefaultRoute> best;
   forEachLine(table, [&](std::string_view line) {
     std::array<std::string_view, 10> field{};
@@ -105,8 +124,7 @@ std::optional<DefaultRoute> ipv6DefaultRoute(std::string_view table) {
     if (!parseNumber(field[1], 16, prefixLength) || prefixLength != 0) return;
     if (!parseNumber(field[5], 16, metric) || !parseNumber(field[8], 16, routeFlags)) return;
     if (!usable(field[9], routeFlags)) return;
-    const DefaultRoute route{field[9], 0, metric};
-    if (better(route, best)) best = route;
+    consider(DefaultRoute{field[9], 0, metric}, probe, best);
   });
   return best;
 }
@@ -121,13 +139,11 @@ bool hasCellularInterfaceName(std::string_view ifname) noexcept {
 }
 
 std::uint32_t flagsFromRouteTables(std::string_view procNetRoute, std::string_view procNetIpv6Route,
-                                   const std::function<bool(std::string_view ifname)>& isCellular) {
-  std::optional<DefaultRoute> route = ipv4DefaultRoute(procNetRoute);
-  if (!route) route = ipv6DefaultRoute(procNetIpv6Route);
+                                   const LinkProbe& probe) {
+  std::optional<DefaultRoute> route = ipv4DefaultRoute(procNetRoute, probe);
+  if (!route) route = ipv6DefaultRoute(procNetIpv6Route, probe);
   if (!route) return 0;
-  const bool cellular =
-      isCellular ? isCellular(route->ifname) : hasCellularInterfaceName(route->ifname);
-  return kReachableFlag | (cellular ? kIsWWANFlag : 0);
+  return kReachableFlag | (route->cellular ? kIsWWANFlag : 0);
 }
 
 }  // namespace zelvanor::platform

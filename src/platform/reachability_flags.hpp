@@ -32,12 +32,20 @@ class ReachabilityFlagSource {
 /// The platform's own source; nullptr when the platform has none.
 std::unique_ptr<ReachabilityFlagSource> makeSystemReachabilityFlagSource();
 
+/// What the route tables do not say about the interface a route leaves through.
+struct LinkState {
+  bool carrier = true;  ///< false: the link is down (cable out, radio off), its routes lead nowhere
+  bool cellular = false;  ///< a cellular (WWAN) link
+};
+using LinkProbe = std::function<LinkState(std::string_view ifname)>;
+
 /// Flags from the text of Linux's /proc/net/route and /proc/net/ipv6_route: reachable when an
-/// up, non-reject default route leaves through an interface other than "lo", plus is-WWAN when
-/// isCellular says the interface of the route in use is a cellular link. An IPv4 route wins over
-/// an IPv6 one; among several, the most specific and then the lowest metric. Else 0.
+/// up, non-reject default route (or a VPN's 0.0.0.0/1) leaves through a real interface (not "lo",
+/// not a blackhole's "*") that has a carrier, plus is-WWAN when that route's link is cellular. An
+/// IPv4 route wins over an IPv6 one; among several, the most specific and then the lowest metric.
+/// Else 0. `probe` tells about each candidate's interface; without one, names alone decide.
 std::uint32_t flagsFromRouteTables(std::string_view procNetRoute, std::string_view procNetIpv6Route,
-                                   const std::function<bool(std::string_view ifname)>& isCellular);
+                                   const LinkProbe& probe);
 
 /// A cellular interface by its name alone: "wwan*", "rmnet*", "ccmni*" or "ppp*".
 bool hasCellularInterfaceName(std::string_view ifname) noexcept;

@@ -3,14 +3,17 @@
 // leaves through a cellular link.
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
+#include <net/if.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <mutex>
@@ -31,18 +34,35 @@ std::optional<std::string> readProcFile(const char* path) {
   return text;
 }
 
-bool isCellularInterface(std::string_view ifname) {
-  if (hasCellularInterfaceName(ifname)) return true;
-  if (ifname.empty() || ifname == "." || ifname == ".." ||
-      ifname.find('/') != std::string_view::npos) {
-    return false;
+bool isSafeInterfaceName(std::string_view ifname) {
+  return !ifname.empty() && ifname != "." && ifname != ".." &&
+         ifname.find('/') == std::string_view::npos;
+}
+
+// Whether the interface is operationally up. A link without a carrier (cable out, radio off,
+// the far end down) keeps its routes but carries nothing. Asked through a socket, so the answer is
+// that of the process's own network namespace; a link it cannot ask about counts as up.
+bool isRunning(std::string_view ifname) {
+  ifreq request{};
+  if (ifname.size() >= sizeof(request.ifr_name)) return true;
+  std::memcpy(request.ifr_name, ifname.data(), ifname.size());
+  const int probe = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (probe < 0) return true;
+  const bool asked = ::ioctl(probe, SIOCGIFFLAGS, &request) == 0;
+  ::close(probe);
+  return !asked || (request.ifr_flags & IFF_RUNNING) != 0;
+}
+
+LinkState probeLinuxLink(std::string_view ifname) {
+  LinkState link{.carrier = isRunning(ifname), .cellular = hasCellularInterfaceName(ifname)};
+  if (!link.cellular && isSafeInterfaceName(ifname)) {
+    std::ifstream uevent("/sys/class/net/" + std::string(ifname) + "/uevent");
+    std::string line;
+    while (std::getline(uevent, line)) {
+      if (line == "DEVTYPE=wwan") link.cellular = true;
+    }
   }
-  std::ifstream uevent("/sys/class/net/" + std::string(ifname) + "/uevent");
-  std::string line;
-  while (std::getline(uevent, line)) {
-    if (line == "DEVTYPE=wwan") return true;
-  }
-  return false;
+  return link;
 }
 
 std::optional<std::uint32_t> readSystemFlags() noexcept {
@@ -51,7 +71,7 @@ std::optional<std::uint32_t> readSystemFlags() noexcept {
     const std::optional<std::string> ipv6 = readProcFile("/proc/net/ipv6_route");
     // A kernel without IPv6 has no ipv6_route; one readable table is enough to answer.
     if (!ipv4 && !ipv6) return std::nullopt;
-    return flagsFromRouteTables(ipv4.value_or(""), ipv6.value_or(""), isCellularInterface);
+    return flagsFromRouteTables(ipv4.value_or(""), ipv6.value_or(""), probeLinuxLink);
   } catch (...) {
     return std::nullopt;
   }

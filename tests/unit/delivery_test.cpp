@@ -312,9 +312,11 @@ TEST(IdentityAnswerTest, OnlyAnEnvelopeWithAtLeastOneTriplePublishes) {
 
 class ScriptedFlags final : public platform::ReachabilityFlagSource {
  public:
-  explicit ScriptedFlags(std::optional<std::uint32_t> initial) : initial_(initial) {}
+  explicit ScriptedFlags(std::optional<std::uint32_t> initial, bool canWatch = true)
+      : initial_(initial), canWatch_(canWatch) {}
   std::optional<std::uint32_t> currentFlags() override { return initial_; }
   bool start(std::function<void(std::uint32_t)> onChange) override {
+    if (!canWatch_) return false;
     *change_ = std::move(onChange);
     return true;
   }
@@ -323,6 +325,7 @@ class ScriptedFlags final : public platform::ReachabilityFlagSource {
 
  private:
   std::optional<std::uint32_t> initial_;
+  bool canWatch_;
   std::shared_ptr<std::function<void(std::uint32_t)>> change_ =
       std::make_shared<std::function<void(std::uint32_t)>>();
 };
@@ -366,19 +369,43 @@ TEST(ReachabilityTest, FirstReportAlwaysPublishesThenDedupesOnFlagsNotStates) {
 }
 
 TEST(ReachabilityTest, WithoutAFlagSourceOnlyWifiIsSeenUntilTheHostReports) {
-  auto reachability = std::make_shared<detail::ZReachability>([] { return nullptr; });
-  std::vector<detail::NetworkState> seen;
-  reachability->states().subscribe([&](const detail::NetworkState& s) { seen.push_back(s); });
-  reachability->startIfNeeded();
-  reachability->waitForReports();
-  EXPECT_EQ(seen, (std::vector<detail::NetworkState>{detail::NetworkState::wifi}));
+  using detail::NetworkState;
+  const std::vector<detail::ZReachability::SourceFactory> noWatch = {
+      [] { return nullptr; },
+      [] { return std::make_unique<ScriptedFlags>(0x0, /*canWatch=*/false); }};
+  for (const auto& factory : noWatch) {
+    auto reachability = std::make_shared<detail::ZReachability>(factory);
+    std::vector<NetworkState> seen;
+    reachability->states().subscribe([&](const NetworkState& s) { seen.push_back(s); });
+    reachability->startIfNeeded();
+    reachability->waitForReports();
+    EXPECT_EQ(seen, (std::vector<NetworkState>{NetworkState::wifi}));
 
-  // A host with no route watch (a phone app reporting its own flags) saying "offline" first:
-  // the first report publishes even though its flags equal the initial 0.
-  reachability->pushFlags(0x0);
-  reachability->pushFlags(0x0);
-  EXPECT_EQ(seen, (std::vector<detail::NetworkState>{detail::NetworkState::wifi,
-                                                     detail::NetworkState::offline}));
+    // A host with no route watch (a phone app reporting its own flags) saying "offline" first:
+    // the first report publishes even though its flags equal the initial 0.
+    reachability->pushFlags(0x0);
+    reachability->pushFlags(0x0);
+    EXPECT_EQ(seen, (std::vector<NetworkState>{NetworkState::wifi, NetworkState::offline}));
+  }
+}
+
+TEST(ReachabilityTest, StoppingBeforeTheFirstReportPublishesNothingMadeUp) {
+  // The first report is still queued when the SDK shuts down at once: it must not announce an
+  // offline the system never reported.
+  for (int round = 0; round < 50; ++round) {
+    auto reachability = std::make_shared<detail::ZReachability>(
+        [] { return std::make_unique<ScriptedFlags>(0x2); });
+    std::mutex mutex;
+    std::vector<detail::NetworkState> seen;
+    reachability->states().subscribe([&](const detail::NetworkState& s) {
+      std::lock_guard lock(mutex);
+      seen.push_back(s);
+    });
+    reachability->startIfNeeded();
+    reachability->stop();
+    std::lock_guard lock(mutex);
+    for (const auto state : seen) ASSERT_EQ(state, detail::NetworkState::wifi) << round;
+  }
 }
 
 }  // namespace

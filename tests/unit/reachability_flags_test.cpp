@@ -44,9 +44,8 @@ const std::string kIpv6Baseline =
     ipv6Route(kZero6, "00", "ffffffff", "00200200", "lo") +
     ipv6Route("00000000000000000000000000000001", "80", "00000000", "80200001", "lo");
 
-bool nameOnly(std::string_view ifname) {
-  return hasCellularInterfaceName(ifname);
-}
+// Links as the route tables alone would have them: every carrier there, cellular by name.
+const LinkProbe nameOnly;
 
 TEST(RouteTableFlags, DefaultRouteDecidesReachabilityAndItsLinkTheKind) {
   const std::string lan = ipv4Route("eth0", "0002A8C0", "0001", 0, "00FFFFFF");
@@ -76,8 +75,15 @@ TEST(RouteTableFlags, LoopbackDownAndRejectRoutesDoNotCount) {
   EXPECT_EQ(flagsFromRouteTables(kIpv4Header + ipv4Route("eth0", "00000000", "0002", 0, "00000000"),
                                  "", nameOnly),
             0u);
-  // "ip route add unreachable default"
-  EXPECT_EQ(flagsFromRouteTables(kIpv4Header + ipv4Route("*", "00000000", "0201", 0, "00000000"),
+  // "ip route add unreachable default", and a blackhole, which has no reject flag.
+  for (const char* flags : {"0201", "0001"}) {
+    EXPECT_EQ(flagsFromRouteTables(kIpv4Header + ipv4Route("*", "00000000", flags, 0, "00000000"),
+                                   "", nameOnly),
+              0u)
+        << flags;
+  }
+  // A route to 0.0.0.0/8 is not a way out.
+  EXPECT_EQ(flagsFromRouteTables(kIpv4Header + ipv4Route("eth0", "00000000", "0001", 0, "000000FF"),
                                  "", nameOnly),
             0u);
   EXPECT_EQ(flagsFromRouteTables(kIpv4Header, kIpv6Baseline, nameOnly), 0u);
@@ -102,16 +108,28 @@ TEST(RouteTableFlags, IPv6DefaultRouteAloneIsEnough) {
       kReachableFlag);
 }
 
-TEST(RouteTableFlags, CellularIsAskedAboutTheRoutesInterface) {
+TEST(RouteTableFlags, TheLinkOfEachCandidateRouteDecidesWhetherItCountsAndItsKind) {
   std::vector<std::string> asked;
-  const auto modemByDevtype = [&](std::string_view ifname) {
+  // usb0 is a modem by its device type; eth0's cable is out.
+  const LinkProbe probe = [&](std::string_view ifname) {
     asked.emplace_back(ifname);
-    return ifname == "usb0";
+    return LinkState{.carrier = ifname != "eth0", .cellular = ifname == "usb0"};
   };
   EXPECT_EQ(flagsFromRouteTables(kIpv4Header + ipv4Route("usb0", "00000000", "0003", 0, "00000000"),
-                                 "", modemByDevtype),
+                                 "", probe),
             kReachableFlag | kIsWWANFlag);
   EXPECT_EQ(asked, std::vector<std::string>{"usb0"});
+
+  // The cable is out: its default route leads nowhere, so the modem's higher-metric one is used,
+  // and without the modem nothing is reachable.
+  const std::string viaEthernet = ipv4Route("eth0", "00000000", "0003", 100, "00000000");
+  const std::string viaModem = ipv4Route("usb0", "00000000", "0003", 700, "00000000");
+  EXPECT_EQ(flagsFromRouteTables(kIpv4Header + viaEthernet + viaModem, "", probe),
+            kReachableFlag | kIsWWANFlag);
+  EXPECT_EQ(flagsFromRouteTables(kIpv4Header + viaEthernet, "", probe), 0u);
+  EXPECT_EQ(flagsFromRouteTables(kIpv4Header + viaEthernet,
+                                 ipv6Route(kZero6, "00", "00000400", "00000003", "eth0"), probe),
+            0u);
 
   for (const char* name : {"wwan0", "rmnet0", "ccmni1", "ppp0"}) {
     EXPECT_TRUE(hasCellularInterfaceName(name)) << name;
@@ -171,6 +189,7 @@ enum ChildOutcome : int {
   kNoCellularReport,
   kNoOfflineReport,
   kNoWifiReport,
+  kNoCarrierStillReachable,
 };
 
 bool writeFile(const char* path, const std::string& text) {
@@ -231,6 +250,8 @@ int watchRouteChangesInPrivateNetwork() {
       !run("ip route add default via 10.8.0.2 dev lan0") || !awaitReport(kReachableFlag)) {
     return kNoWifiReport;
   }
+  // The far end goes down: lan0 keeps its default route but loses its carrier.
+  if (!run("ip link set v1 down") || !awaitReport(0)) return kNoCarrierStillReachable;
   source->stop();
   return kPassed;
 }
