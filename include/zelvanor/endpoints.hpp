@@ -6,7 +6,8 @@
 
 namespace zelvanor {
 
-/// Base URLs (scheme, host, optional port), https only: "https://127.0.0.1:8443".
+/// Base URLs (scheme, host, optional port and path prefix; no query or fragment), https only:
+/// "https://127.0.0.1:8443".
 struct ZEndpoints {
   std::string production{};    ///< records, normally
   std::string sandbox{};       ///< records, after useSandboxEnvironment()

@@ -106,7 +106,8 @@ class ZELVANOR_API ZelvanorTracker {
   /// first other operation: the SDK reads them when it starts.
   static ZelvanorTracker setPlatformFacts(const ZPlatformFacts& facts);
   /// Replaces the SDK's default servers. Returns false, changing nothing, unless every URL is an
-  /// absolute https URL. Applies to requests built afterwards; the CA file to the next start.
+  /// absolute https URL without query or fragment. Applies to requests built afterwards; the CA
+  /// file to the next start.
   static bool setEndpoints(const ZEndpoints& endpoints);
   /// The servers in force.
   static ZEndpoints endpoints();

@@ -48,6 +48,8 @@ ZEndpoints currentEndpoints() {
 bool replaceEndpoints(const ZEndpoints& endpoints) {
   for (const std::string* base :
        {&endpoints.production, &endpoints.sandbox, &endpoints.identitySync}) {
+    // Paths are appended to a base; behind a query or a fragment they would not be paths.
+    if (base->find_first_of("?#") != std::string::npos) return false;
     if (!joinHttpsUrl(*base, "/")) return false;
   }
   std::lock_guard lock(endpointsMutex);

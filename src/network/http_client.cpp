@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
@@ -94,16 +95,59 @@ bool splitUrl(const std::string& url, std::string& host, std::string& path, bool
     secure = std::string_view(part) == "https";
     curl_free(part);
   }
-  for (auto& c : host) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  // The cookie engine files an IPv6 literal's cookies under the bare address.
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
+    host = host.substr(1, host.size() - 2);
+  }
   return true;
+}
+
+// Host names compare without regard to case; the engine keeps a domain as the server spelled it.
+bool sameText(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return std::tolower(static_cast<unsigned char>(x)) ==
+                  std::tolower(static_cast<unsigned char>(y));
+         });
 }
 
 bool domainMatches(std::string_view host, std::string_view domain, bool tailMatch) {
   if (!domain.empty() && domain.front() == '.') domain.remove_prefix(1);
-  if (host == domain) return true;
+  if (sameText(host, domain)) return true;
   if (!tailMatch || host.size() <= domain.size()) return false;
-  return host.substr(host.size() - domain.size()) == domain &&
+  return sameText(host.substr(host.size() - domain.size()), domain) &&
          host[host.size() - domain.size() - 1] == '.';
+}
+
+/// One cookie as the engine lists it: the Netscape jar format's seven tab-separated fields.
+struct JarLine {
+  std::string_view domain;
+  bool tailMatch = false;
+  std::string_view path;
+  bool secure = false;
+  long long expires = 0;  ///< 0: a session cookie
+  std::string_view name;
+  std::string_view value;
+};
+
+std::optional<JarLine> parseJarLine(std::string_view line) {
+  std::array<std::string_view, 7> fields;
+  for (std::size_t i = 0; i < fields.size() - 1; ++i) {
+    const auto tab = line.find('\t');
+    if (tab == std::string_view::npos) return std::nullopt;
+    fields[i] = line.substr(0, tab);
+    line.remove_prefix(tab + 1);
+  }
+  fields.back() = line;
+  JarLine cookie;
+  cookie.domain = fields[0];
+  if (cookie.domain.starts_with("#HttpOnly_")) cookie.domain.remove_prefix(10);
+  cookie.tailMatch = fields[1] == "TRUE";
+  cookie.path = fields[2];
+  cookie.secure = fields[3] == "TRUE";
+  std::from_chars(fields[4].data(), fields[4].data() + fields[4].size(), cookie.expires);
+  cookie.name = fields[5];
+  cookie.value = fields[6];
+  return cookie;
 }
 
 bool pathMatches(std::string_view requestPath, std::string_view cookiePath) {
@@ -186,7 +230,12 @@ struct HttpClient::Impl {
   void saveCookieJar() {
     if (options.cookieJar.empty()) return;
     std::string content = "# Netscape HTTP Cookie File\n";
-    for (const auto& line : cookieLines()) content += line + "\n";
+    for (const auto& line : cookieLines()) {
+      // Session cookies end with the app, as a browser's do: only dated ones are kept.
+      const std::optional<JarLine> cookie = parseJarLine(line);
+      if (cookie && cookie->expires == 0) continue;
+      content += line + "\n";
+    }
     platform::writeWholePrivateAtomically(options.cookieJar, content);
   }
 
@@ -391,26 +440,13 @@ std::vector<Cookie> HttpClient::cookiesFor(const std::string& url) {
   if (!splitUrl(url, host, path, secure)) return cookies;
   const auto now = static_cast<long long>(std::time(nullptr));
   for (const auto& line : impl_->cookieLines()) {
-    // domain, tailmatch, path, secure, expires, name, value (Netscape jar format)
-    std::vector<std::string> fields;
-    std::string::size_type start = 0;
-    for (int i = 0; i < 6; ++i) {
-      const auto tab = line.find('\t', start);
-      if (tab == std::string::npos) break;
-      fields.push_back(line.substr(start, tab - start));
-      start = tab + 1;
-    }
-    if (fields.size() != 6) continue;
-    fields.push_back(line.substr(start));
-    std::string domain = fields[0];
-    if (domain.rfind("#HttpOnly_", 0) == 0) domain.erase(0, 10);
-    const bool tailMatch = fields[1] == "TRUE";
-    const long long expires = std::atoll(fields[4].c_str());
-    if (!domainMatches(host, domain, tailMatch)) continue;
-    if (!pathMatches(path, fields[2])) continue;
-    if (fields[3] == "TRUE" && !secure) continue;
-    if (expires != 0 && expires < now) continue;
-    cookies.push_back(Cookie{fields[5], fields[6]});
+    const std::optional<JarLine> cookie = parseJarLine(line);
+    if (!cookie) continue;
+    if (!domainMatches(host, cookie->domain, cookie->tailMatch)) continue;
+    if (!pathMatches(path, cookie->path)) continue;
+    if (cookie->secure && !secure) continue;
+    if (cookie->expires != 0 && cookie->expires < now) continue;
+    cookies.push_back(Cookie{std::string(cookie->name), std::string(cookie->value)});
   }
   return cookies;
 }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <condition_variable>
+#include <fstream>
 #include <future>
 
 #include "network/http_client.hpp"
@@ -141,25 +142,50 @@ TEST_F(HttpClientTest, CookiesFromTheServerMatchByHostAndPathAndPersistInThePriv
                           "ok",
                           {{"Set-Cookie", "fa_cid=c1; Path=/; Max-Age=3600; Secure"},
                            {"Set-Cookie", "fa_did=d1; Path=/; Max-Age=3600"},
-                           {"Set-Cookie", "scoped=s; Path=/only; Max-Age=3600"}},
+                           {"Set-Cookie", "scoped=s; Path=/only; Max-Age=3600"},
+                           {"Set-Cookie", "session=x; Path=/"}},
                           0};
   });
   {
     HttpClient client(options());
     sendAndWait(client, HttpRequest{"GET", server.baseUrl() + "/sync?v=1", {}, std::nullopt, 5});
     auto cookies = client.cookiesFor(server.baseUrl() + "/sync?v=1");
-    ASSERT_EQ(cookies.size(), 2u);
+    ASSERT_EQ(cookies.size(), 3u);
     EXPECT_EQ(cookies[0].name, "fa_cid");
     EXPECT_EQ(cookies[0].value, "c1");
     EXPECT_EQ(cookies[1].name, "fa_did");
-    EXPECT_EQ(client.cookiesFor(server.baseUrl() + "/only/x").size(), 3u);
+    EXPECT_EQ(cookies[2].name, "session");
+    EXPECT_EQ(client.cookiesFor(server.baseUrl() + "/only/x").size(), 4u);
     EXPECT_TRUE(client.cookiesFor("https://other.example/sync").empty());
   }
   struct stat info {};
   ASSERT_EQ(stat((dir.path() / "cookies.txt").c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777, 0600u);
+  // The session cookie ended with the client; the dated ones are back.
   HttpClient restarted(options());
-  EXPECT_EQ(restarted.cookiesFor(server.baseUrl() + "/sync?v=1").size(), 2u);
+  auto kept = restarted.cookiesFor(server.baseUrl() + "/sync?v=1");
+  ASSERT_EQ(kept.size(), 2u);
+  EXPECT_EQ(kept[0].name, "fa_cid");
+  EXPECT_EQ(kept[1].name, "fa_did");
+}
+
+TEST_F(HttpClientTest, CookiesMatchIPv6LiteralsAndHostNamesInAnyCase) {
+  // As the cookie engine files them: an IPv6 literal without brackets, a host as it was spelled.
+  const std::string jar =
+      "# Netscape HTTP Cookie File\n"
+      "::1\tFALSE\t/\tTRUE\t4102444800\tfa_cid\tv6\n"
+      "Sync.Example.COM\tFALSE\t/\tTRUE\t4102444800\tfa_cid\tnamed\n"
+      ".example.org\tTRUE\t/\tTRUE\t4102444800\tfa_cid\tdomain\n";
+  std::ofstream(dir.path() / "cookies.txt") << jar;
+  HttpClient client(options());
+  auto valueFor = [&](const std::string& url) {
+    const auto cookies = client.cookiesFor(url);
+    return cookies.size() == 1 ? cookies[0].value : std::to_string(cookies.size()) + " cookies";
+  };
+  EXPECT_EQ(valueFor("https://[::1]:8443/sync?v=1"), "v6");
+  EXPECT_EQ(valueFor("https://sync.example.com/sync?v=1"), "named");
+  EXPECT_EQ(valueFor("https://SYNC.example.org/sync?v=1"), "domain");
+  EXPECT_EQ(valueFor("https://[::2]/sync?v=1"), "0 cookies");
 }
 
 TEST_F(HttpClientTest, ShutdownCancelsWhatIsInFlightAndAnswersLaterSendsAtOnce) {
