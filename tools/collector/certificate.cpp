@@ -35,17 +35,29 @@ bool addExtension(X509* cert, int nid, const char* value) {
   return added;
 }
 
-// Writes through a descriptor opened with the final mode, so the key is never readable by others.
+// Writes a temporary file with the final mode, then renames it into place: a crash leaves the
+// old file or the new one, and the key is never readable by others, not even for a moment.
 bool writePem(const std::filesystem::path& path, mode_t mode, const auto& write) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, mode);
+  const std::string temporary = path.string() + ".new";
+  const int fd =
+      ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, mode);
   if (fd < 0) return false;
+  // A file left over from an earlier attempt keeps its old mode through open.
+  if (::fchmod(fd, mode) != 0) {
+    ::close(fd);
+    return false;
+  }
   FILE* file = ::fdopen(fd, "w");
   if (file == nullptr) {
     ::close(fd);
     return false;
   }
-  const bool written = write(file);
-  return (std::fclose(file) == 0) && written;
+  const bool written = write(file) && std::fflush(file) == 0 && ::fsync(fd) == 0;
+  if (std::fclose(file) != 0 || !written || ::rename(temporary.c_str(), path.c_str()) != 0) {
+    ::unlink(temporary.c_str());
+    return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -59,7 +71,14 @@ bool ensureCertificate(const std::filesystem::path& directory, CertificateFiles&
       std::filesystem::exists(files.privateKey, ec)) {
     return true;
   }
+  return renewCertificate(directory, files, error);
+}
 
+bool renewCertificate(const std::filesystem::path& directory, CertificateFiles& files,
+                      std::string& error) {
+  files.certificate = directory / "cert.pem";
+  files.privateKey = directory / "key.pem";
+  std::error_code ec;
   KeyPtr key(EVP_EC_gen("P-256"));
   CertPtr cert(X509_new());
   if (!key || !cert) {

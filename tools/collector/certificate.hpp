@@ -15,5 +15,8 @@ struct CertificateFiles {
 /// its own root, so the same file is what a client adds to its trusted roots.
 bool ensureCertificate(const std::filesystem::path& directory, CertificateFiles& files,
                        std::string& error);
+/// Makes both files anew, replacing what is there.
+bool renewCertificate(const std::filesystem::path& directory, CertificateFiles& files,
+                      std::string& error);
 
 }  // namespace zelvanor::collector

@@ -7,6 +7,7 @@
 #include <openssl/rand.h>
 
 #include <cstdio>
+#include <deque>
 #include <mutex>
 #include <thread>
 #include <zelvanor/json.hpp>
@@ -62,10 +63,18 @@ std::string randomId() {
   return id;
 }
 
+// The SDK sends plain JSON records of a few kilobytes; anything near this is not one of them.
+constexpr std::size_t kMaxRequestBytes = 16u << 20;
+// One answer of /api/events stops growing past this; the viewer reads the rest with `after`.
+constexpr std::size_t kMaxEventsAnswerBytes = 32u << 20;
+// Triples kept for issuedTriples(): enough for any test, bounded for a long-running server.
+constexpr std::size_t kMaxIssuedKept = 100000;
+
 std::string eventsJson(const std::vector<StoredEvent>& events) {
   std::string out = "{\"events\":[";
   for (std::size_t i = 0; i < events.size(); ++i) {
     const StoredEvent& e = events[i];
+    if (i > 0 && out.size() + e.json.size() > kMaxEventsAnswerBytes) break;
     if (i > 0) out.push_back(',');
     out.append("{\"id\":").append(std::to_string(e.id));
     out.append(",\"receivedAt\":");
@@ -112,7 +121,7 @@ struct Collector::Impl {
   std::mutex switchesMutex;
   std::optional<std::string> trackAnswer;
   std::optional<std::string> syncAnswer;
-  std::vector<ZXid> issued;
+  std::deque<ZXid> issued;
 
   void wait() const {
     const auto delay = delayMs.load();
@@ -194,6 +203,7 @@ struct Collector::Impl {
     {
       std::lock_guard lock(switchesMutex);
       issued.push_back(ZXid{cid, did, sid});
+      if (issued.size() > kMaxIssuedKept) issued.pop_front();
     }
     // A year, as identity cookies usually live; the SDK reads them back at its next start.
     for (const auto& [name, value] : {std::pair{"fa_cid", cid}, {"fa_did", did}, {"fa_sid", sid}}) {
@@ -260,7 +270,12 @@ bool Collector::start(std::string* error) {
     return false;
   };
   std::error_code ec;
-  std::filesystem::create_directories(impl_->options.dataDirectory, ec);
+  // The database holds every record sent, ids and tokens included: a directory made here is the
+  // user's alone. One that exists keeps its mode.
+  if (std::filesystem::create_directories(impl_->options.dataDirectory, ec)) {
+    std::filesystem::permissions(impl_->options.dataDirectory, std::filesystem::perms::owner_all,
+                                 std::filesystem::perm_options::replace, ec);
+  }
   if (ec)
     return fail("cannot create " + impl_->options.dataDirectory.string() + ": " + ec.message());
   if (!ensureCertificate(impl_->options.dataDirectory, impl_->certificate, reason))
@@ -269,8 +284,24 @@ bool Collector::start(std::string* error) {
 
   impl_->server = std::make_unique<httplib::SSLServer>(impl_->certificate.certificate.c_str(),
                                                        impl_->certificate.privateKey.c_str());
-  if (!impl_->server->is_valid()) return fail("cannot load the certificate into the TLS server");
+  if (!impl_->server->is_valid()) {
+    // A pair left unusable (cut short by a crash, or from different runs) is made anew once.
+    if (!renewCertificate(impl_->options.dataDirectory, impl_->certificate, reason))
+      return fail(reason);
+    impl_->server = std::make_unique<httplib::SSLServer>(impl_->certificate.certificate.c_str(),
+                                                         impl_->certificate.privateKey.c_str());
+    if (!impl_->server->is_valid()) return fail("cannot load the certificate into the TLS server");
+  }
   auto& server = *impl_->server;
+  server.set_payload_max_length(kMaxRequestBytes);
+  // The size limit counts bytes on the wire; a compressed body would be inflated past it before
+  // any handler saw it, so such bodies are refused before they are read.
+  server.set_pre_routing_handler([](const httplib::Request& request, httplib::Response& response) {
+    if (!request.has_header("Content-Encoding")) return httplib::Server::HandlerResponse::Unhandled;
+    response.status = 415;
+    response.set_content("compressed bodies are not accepted", "text/plain");
+    return httplib::Server::HandlerResponse::Handled;
+  });
   // Each kept-alive connection holds a worker; leave room for the SDK's parallel connections.
   server.new_task_queue = [] { return new httplib::ThreadPool(32); };
   server.set_keep_alive_max_count(100000);
@@ -341,7 +372,7 @@ std::vector<StoredEvent> Collector::events(const EventQuery& query) const {
 
 std::vector<ZXid> Collector::issuedTriples() const {
   std::lock_guard lock(impl_->switchesMutex);
-  return impl_->issued;
+  return {impl_->issued.begin(), impl_->issued.end()};
 }
 
 void Collector::setTrackAnswer(std::optional<std::string> body) {

@@ -63,7 +63,7 @@ class Collector {
   void setTrackAnswer(std::optional<std::string> body);
   /// Close each connection before its answer is complete.
   void setDropConnections(bool drop);
-  /// Wait this long before answering any request.
+  /// Wait this long before answering each track and sync request.
   void setDelay(std::chrono::milliseconds delay);
   /// Answer sync requests with this body instead of a fresh triple (no cookies are set).
   void setSyncAnswer(std::optional<std::string> body);

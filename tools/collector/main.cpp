@@ -1,4 +1,5 @@
 // zelvanor-collector: runs the local collection and identity sync server until SIGINT or SIGTERM.
+#include <arpa/inet.h>
 #include <signal.h>
 
 #include <cstdio>
@@ -27,6 +28,16 @@ std::string padded(const std::string& text, std::size_t width) {
   }
   out.append(width - cells + 1, ' ');
   return out;
+}
+
+// The collector has no authentication: anyone who reaches it reads every stored record. It
+// listens on this machine only.
+bool isLoopbackAddress(const std::string& host) {
+  if (host == "localhost") return true;
+  in_addr v4{};
+  if (::inet_pton(AF_INET, host.c_str(), &v4) == 1) return (ntohl(v4.s_addr) >> 24) == 127;
+  in6_addr v6{};
+  return ::inet_pton(AF_INET6, host.c_str(), &v6) == 1 && IN6_IS_ADDR_LOOPBACK(&v6);
 }
 
 int printEvents(const std::filesystem::path& dataDirectory) {
@@ -63,7 +74,7 @@ constexpr const char* kUsage =
     "\n"
     "An HTTPS collection server for the Zelvanor SDK on a loopback address.\n"
     "  --data-dir DIR    certificate, key and events.sqlite (default: ./zelvanor-collector-data)\n"
-    "  --host ADDRESS    address to listen on (default: 127.0.0.1)\n"
+    "  --host ADDRESS    loopback address to listen on (default: 127.0.0.1)\n"
     "  --port N          port (default: 0, a free one)\n"
     "  --port-file FILE  write the port there once listening\n"
     "  --log-requests    one line per request on stderr\n"
@@ -110,6 +121,11 @@ int main(int argc, char** argv) {
   }
 
   if (print) return printEvents(options.dataDirectory);
+  if (!isLoopbackAddress(options.host)) {
+    std::fprintf(stderr, "zelvanor-collector: %s is not a loopback address\n%s",
+                 options.host.c_str(), kUsage);
+    return 1;
+  }
 
   // Block the stop signals before any thread starts so that only sigwait below receives them.
   sigset_t stopSignals;
