@@ -1,13 +1,13 @@
 // POSIX file operations: no symlink is ever followed at the final path component, files are
 // created 0600, and descriptors never leak into child processes.
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include "platform/file_ops.hpp"
 
@@ -25,6 +25,10 @@ class Descriptor {
     if (fd_ >= 0) ::close(fd_);
   }
   int get() const noexcept { return fd_; }
+  void reset(int fd) noexcept {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = fd;
+  }
   explicit operator bool() const noexcept { return fd_ >= 0; }
   /// Closes now and reports the result, which for a written file is the last chance to see an
   /// I/O error.
@@ -69,13 +73,22 @@ bool writeAll(int fd, std::string_view bytes) noexcept {
   return true;
 }
 
-/// Takes the file's lock for appending and reading-then-removing, waiting for it as needed.
-bool lockExclusive(int fd) noexcept {
-  int result;
-  do {
-    result = ::flock(fd, LOCK_EX);
-  } while (result != 0 && errno == EINTR);
-  return result == 0;
+/// Appends and read-then-remove take turns: threads of this process through this mutex, other
+/// processes through a record lock on the file.
+std::mutex& turnsInProcess() {
+  static std::mutex turns;
+  return turns;
+}
+
+/// Waits for the other processes' turns. A record lock, unlike flock, is never inherited by a
+/// forked child, so a child that keeps a copy of the descriptor cannot hold the parent up. On a
+/// filesystem that has no locks this goes on without: a record kept unlocked beats one dropped.
+void lockAgainstOtherProcesses(int fd) noexcept {
+  struct flock whole {};
+  whole.l_type = F_WRLCK;
+  whole.l_whence = SEEK_SET;
+  while (::fcntl(fd, F_SETLKW, &whole) != 0 && errno == EINTR) {
+  }
 }
 
 /// The rest of an open file, from where it stands to its end.
@@ -105,40 +118,50 @@ constexpr int kOpenAttempts = 8;
 }  // namespace
 
 bool appendPrivate(const std::filesystem::path& file, std::string_view bytes) noexcept {
-  // A reader that removed the file between our open and our lock leaves us holding a file nobody
-  // will read again: open the path afresh, which then creates the next one.
-  for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
-    Descriptor fd(openNoFollow(file, O_WRONLY | O_APPEND | O_CREAT, kPrivateMode));
-    if (!fd) return false;
-    struct stat info {};
-    if (!isRegular(fd.get(), info) || !lockExclusive(fd.get())) return false;
-    if (!isRegular(fd.get(), info)) return false;
-    if (info.st_nlink == 0) continue;
-    // A file someone else loosened (or created before us with a wider umask) is tightened again.
-    if ((info.st_mode & 07777) != kPrivateMode) (void)::fchmod(fd.get(), kPrivateMode);
-    const off_t oldSize = info.st_size;
-    if (!writeAll(fd.get(), bytes)) {
-      // A half-written frame in the middle of the file would make every later frame unreadable;
-      // cutting back to the old length keeps the file a sequence of whole frames. The lock keeps
-      // other appenders' frames out of what is cut.
-      (void)::ftruncate(fd.get(), oldSize);
-      return false;
+  try {
+    std::lock_guard turn(turnsInProcess());
+    // A reader that removed the file between our open and our lock leaves us holding a file
+    // nobody will read again: open the path afresh, which then creates the next one.
+    for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
+      Descriptor fd(openNoFollow(file, O_WRONLY | O_APPEND | O_CREAT, kPrivateMode));
+      if (!fd) return false;
+      struct stat info {};
+      if (!isRegular(fd.get(), info)) return false;
+      lockAgainstOtherProcesses(fd.get());
+      if (!isRegular(fd.get(), info)) return false;
+      if (info.st_nlink == 0) continue;
+      // A file someone else loosened (or created before us with a wider umask) is tightened.
+      if ((info.st_mode & 07777) != kPrivateMode) (void)::fchmod(fd.get(), kPrivateMode);
+      const off_t oldSize = info.st_size;
+      if (!writeAll(fd.get(), bytes)) {
+        // A half-written frame in the middle of the file would make every later frame
+        // unreadable; cutting back to the old length keeps the file a sequence of whole frames.
+        // The lock keeps other appenders' frames out of what is cut.
+        (void)::ftruncate(fd.get(), oldSize);
+        return false;
+      }
+      return fd.close();  // closing releases the lock
     }
-    return fd.close();  // closing releases the lock
+    return false;
+  } catch (...) {
+    return false;  // the mutex could not be taken
   }
-  return false;
 }
 
 bool consumeWhole(const std::filesystem::path& file,
                   const std::function<bool(std::string&& content)>& use) noexcept {
   try {
+    std::lock_guard turn(turnsInProcess());
     for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
-      Descriptor fd(openNoFollow(file, O_RDONLY));
+      // A write lock needs a descriptor open for writing; a file we may only read is still read.
+      Descriptor fd(openNoFollow(file, O_RDWR));
+      if (!fd && errno == EACCES) fd.reset(openNoFollow(file, O_RDONLY));
       if (!fd) return false;
       struct stat info {};
-      if (!isRegular(fd.get(), info) || !lockExclusive(fd.get())) return false;
       if (!isRegular(fd.get(), info)) return false;
-      if (info.st_nlink == 0) continue;  // another reader took it meanwhile; look again
+      lockAgainstOtherProcesses(fd.get());
+      if (!isRegular(fd.get(), info)) return false;
+      if (info.st_nlink == 0) continue;  // another process took it meanwhile; look again
       std::optional<std::string> content = readAll(fd.get(), info);
       if (!content) return false;
       // Still under the lock: nothing can be appended between the read and the removal.
