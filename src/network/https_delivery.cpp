@@ -54,15 +54,16 @@ void HttpsDelivery::send(OutgoingRecord record, bool networkAvailable) {
 
 void HttpsDelivery::keepLate(OutgoingRecord record) {
   {
-    std::lock_guard lock(mutex_);
-    if (!lateWritten_) {
+    std::unique_lock lock(mutex_);
+    if (!lateDoorClosed_) {
       // Shutdown keeps these behind the unsent ones, on the worker.
-      ++unsettled_;
       late_.push_back(std::move(record));
       return;
     }
+    // The worker is writing the last of them; this one goes after it.
+    lateDone_.wait(lock, [&] { return lateWritten_; });
   }
-  // The SDK is gone for good; nothing else will keep it.
+  // Shutdown is over; nothing else will keep it.
   if (auto encoded = record.json()) ZLogsFileManager::appendRecordData(*encoded, pendingFile_);
 }
 
@@ -216,21 +217,21 @@ void HttpsDelivery::shutdown(std::vector<OutgoingRecord> unsent) {
   worker_.async([this, unsent = std::move(unsent)] {
     for (const auto& record : unsent) keepUnsent(record);
   });
-  // Records tracked while all this runs are kept behind the unsent ones; once none is left the
-  // door closes, and a later one is written by whoever tracks it.
+  // Records tracked while all this ran are kept behind the unsent ones. Then the door closes: a
+  // host that never stops tracking must not hold shutdown up, so a later record waits for these
+  // to be written and is then written by its own thread.
   worker_.async([this] {
-    for (;;) {
-      std::vector<OutgoingRecord> late;
-      {
-        std::lock_guard lock(mutex_);
-        late.swap(late_);
-        if (late.empty()) {
-          lateWritten_ = true;
-          return;
-        }
-      }
-      for (const auto& record : late) keepUnsent(record);
+    std::vector<OutgoingRecord> late;
+    {
+      std::lock_guard lock(mutex_);
+      late.swap(late_);
+      unsettled_ += late.size();
+      lateDoorClosed_ = true;
     }
+    for (const auto& record : late) keepUnsent(record);
+    std::lock_guard lock(mutex_);
+    lateWritten_ = true;
+    lateDone_.notify_all();
   });
   worker_.stop();
 }

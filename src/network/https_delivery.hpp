@@ -81,7 +81,9 @@ class HttpsDelivery final : public RecordTransport,
   Counts counts_;
   std::atomic<bool> stopped_{false};  ///< set under mutex_, so a hand-over is before or after it
   std::vector<OutgoingRecord> late_;  ///< guarded by mutex_: tracked after the queue closed
+  bool lateDoorClosed_ = false;       ///< guarded by mutex_: late ones no longer join late_
   bool lateWritten_ = false;          ///< guarded by mutex_: shutdown has kept the late ones
+  std::condition_variable lateDone_;
   // Hand-overs wait in an inbox that the worker takes as a whole; a burst of them costs the
   // host one wake-up of the worker, not one each.
   std::vector<HandedOver> inbox_;  ///< guarded by mutex_

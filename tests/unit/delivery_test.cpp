@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <future>
 #include <map>
 #include <set>
@@ -166,6 +167,29 @@ TEST_F(NetworkTest, ShutdownKeepsInFlightWaitingAndUnsentRecordsInOrder) {
   EXPECT_EQ(kept, expected);
   delivery->keepLate(record("late"));  // after shutdown: straight to disk
   EXPECT_EQ(pendingNames(), (std::vector<std::string>{"late"}));
+}
+
+TEST_F(NetworkTest, AHostThatNeverStopsTrackingDoesNotHoldShutdownUp) {
+  // Keeping a record costs the worker far more than tracking one costs the host: shutdown must
+  // end while the host still tracks, and every record must be kept, in order.
+  auto delivery = std::make_shared<HttpsDelivery>(http, pendingFile());
+  constexpr int kCap = 200'000;
+  std::atomic<bool> shutDown{false};
+  std::atomic<int> tracked{0};
+  std::thread host([&] {
+    for (int i = 0; i < kCap && !shutDown; ++i) {
+      delivery->keepLate(record(std::to_string(i)));
+      tracked = i + 1;
+    }
+  });
+  while (tracked < 100) std::this_thread::yield();
+  delivery->shutdown({});
+  shutDown = true;
+  host.join();
+  ASSERT_LT(tracked.load(), kCap) << "shutdown waited for the host to stop tracking";
+  std::vector<std::string> expected;
+  for (int i = 0; i < tracked; ++i) expected.push_back(std::to_string(i));
+  EXPECT_EQ(pendingNames(), expected);
 }
 
 TEST_F(NetworkTest, RecordsTrackedWhileShutdownRunsAreKeptBehindTheUnsentOnes) {
