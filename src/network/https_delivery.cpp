@@ -47,9 +47,9 @@ void HttpsDelivery::send(OutgoingRecord record, bool networkAvailable) {
       return;
     }
   }
-  // A host thread that raced with shutdown: nothing will send it now, so keep it for the next
-  // start right here (a single O_APPEND write, safe beside the worker's).
-  if (auto encoded = record.json()) ZLogsFileManager::appendRecordData(*encoded, pendingFile_);
+  // Handed over after shutdown began: nothing will send it now, so it is kept like a record
+  // tracked after the queue closed.
+  keepLate(std::move(record));
 }
 
 void HttpsDelivery::keepLate(OutgoingRecord record) {
