@@ -46,6 +46,9 @@ HttpsTestServer::HttpsTestServer() : impl_(std::make_unique<Impl>()) {
   // Each kept-alive connection holds a worker; give the client's parallel connections room.
   impl_->server->new_task_queue = [] { return new httplib::ThreadPool(32); };
   impl_->server->set_tcp_nodelay(true);  // no 40 ms delayed-ACK stall between headers and body
+  // The library's default closes a connection after five requests: the client then races the
+  // close and reconnects, which under load costs seconds that no test means to measure.
+  impl_->server->set_keep_alive_max_count(100000);
   impl_->server->Get(".*", handler);
   impl_->server->Post(".*", handler);
   port_ = impl_->server->bind_to_any_port("127.0.0.1");
