@@ -38,8 +38,8 @@ ZELVANOR_API Result<T> decodeJson(std::string_view json);
   X(ZId)                                                                                           \
   X(ZAgreement) X(ZApp) X(ZUtm) X(ZBucket) X(ZPage) X(ZClick) X(ZUsage) X(ZLocation) X(ZPromotion) \
       X(ZViewImpressionContent) X(ZStatus) X(ZSearch) X(ZPurchase) X(ZChat) X(ZVideoMeeting)       \
-          X(ZDomain) X(ZAction) X(ZXid) X(ZUcid) X(ZLogRecord)
-#define ZELVANOR_ENCODE_ONLY_TYPES(X) X(ZLogTemplate)
+          X(ZDomain) X(ZAction) X(ZXid) X(ZUcid) X(ZLogRecord) X(ZLogTemplate)
+#define ZELVANOR_ENCODE_ONLY_TYPES(X)
 #define ZELVANOR_DECODE_ONLY_TYPES(X) \
   X(ZHTTPResponseStatus)              \
   X(ZHTTPResultEmpty) X(ZHTTPResult<ZHTTPResultEmpty>) X(ZHTTPResult<std::vector<ZXid>>)

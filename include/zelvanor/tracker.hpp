@@ -22,6 +22,7 @@
 #include "zelvanor/export.hpp"
 #include "zelvanor/platform.hpp"
 #include "zelvanor/record.hpp"
+#include "zelvanor/storage.hpp"
 
 namespace zelvanor {
 
@@ -111,6 +112,9 @@ class ZELVANOR_API ZelvanorTracker {
   static bool setEndpoints(const ZEndpoints& endpoints);
   /// The servers in force.
   static ZEndpoints endpoints();
+  /// Bounds on records waiting in memory and on disk. Takes effect at the next start: call it
+  /// before the first other operation (or before a start that follows shutdown()).
+  static ZelvanorTracker setStoreLimits(const ZStoreLimits& limits);
   /// Reports network reachability as a flag word (0x2 reachable, 0x40000 cellular) for hosts
   /// whose platform knows better than the SDK's own route watch; repeated flags are ignored.
   static ZelvanorTracker setReachabilityFlags(std::uint32_t flags);

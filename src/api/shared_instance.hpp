@@ -26,6 +26,10 @@ void shutdownShared();
 /// The running instance's network monitor, or null.
 std::shared_ptr<NetworkMonitor> runningNetworkMonitor();
 
+/// Bounds for the stores of instances started from now on.
+void setStoreLimits(const ZStoreLimits& limits);
+ZStoreLimits storeLimits();
+
 /// The real sources: HTTPS delivery, the pending-record file, identity sync and reachability.
 ManagerSources makeDefaultSources();
 

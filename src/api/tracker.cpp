@@ -137,7 +137,9 @@ void shutdownShared() {
   if (!manager) return;
   manager->stop();
   if (sources.network) sources.network->stop();
-  if (sources.transport) sources.transport->shutdown(manager->queue().takeRecords());
+  if (sources.transport) {
+    sources.transport->shutdown(manager->queue().takeRecords(), manager->takeTemplatesToKeep());
+  }
 }
 
 std::shared_ptr<NetworkMonitor> runningNetworkMonitor() {
@@ -277,6 +279,14 @@ ZEndpoints ZelvanorTracker::endpoints() {
   } catch (...) {
     return {};
   }
+}
+
+ZelvanorTracker ZelvanorTracker::setStoreLimits(const ZStoreLimits& limits) {
+  try {
+    detail::setStoreLimits(limits);
+  } catch (...) {
+  }
+  return {};
 }
 
 ZelvanorTracker ZelvanorTracker::setReachabilityFlags(std::uint32_t flags) {

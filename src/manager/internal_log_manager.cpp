@@ -38,11 +38,43 @@ std::shared_ptr<ZInternalLogManager> ZInternalLogManager::create(ManagerSources 
   std::shared_ptr<ZInternalLogManager> manager(new ZInternalLogManager(std::move(sources)));
   manager->subscribeToLifecycle();
   manager->queue_.restorePendingRecords();
+  // Events an earlier run tracked before it knew the triple go in front of this run's, before any
+  // identity result is applied (both run in the serial context, in this order).
+  manager->serial_.async([weak = std::weak_ptr<ZInternalLogManager>(manager)] {
+    if (auto self = weak.lock()) self->restoreKeptTemplates();
+  });
   return manager;
 }
 
 ZInternalLogManager::ZInternalLogManager(ManagerSources sources)
-    : sources_(std::move(sources)), queue_(sources_.transport) {}
+    : sources_(std::move(sources)),
+      queue_(sources_.transport, sources_.storeLimits.maxRecordsInMemory) {}
+
+void ZInternalLogManager::restoreKeptTemplates() {
+  std::vector<ZLogTemplate> templates;
+  for (const std::string& text : sources_.transport->takeKeptTemplates()) {
+    // One that this build cannot read is dropped: it must not hold the others up.
+    if (auto decoded = decodeJson<ZLogTemplate>(text)) templates.push_back(std::move(*decoded));
+  }
+  if (templates.empty()) return;
+  std::lock_guard lock(mutex_);
+  queue_.prependTemplates(std::move(templates));
+  if (ready_) resolveTemplatesLocked();
+}
+
+std::vector<std::string> ZInternalLogManager::takeTemplatesToKeep() {
+  std::vector<std::string> texts;
+  for (const ZLogTemplate& logTemplate : queue_.takeTemplates()) {
+    if (auto text = encodeJson(logTemplate)) texts.push_back(std::move(text).value());
+  }
+  return texts;
+}
+
+void ZInternalLogManager::enqueueRecord(const ZLogRecord& record) {
+  // Encoded once, here: from now on the record is its bytes, in memory, on disk and on the wire.
+  // One that cannot be encoded (invalid UTF-8, a number JSON cannot hold) is dropped.
+  if (auto encoded = encodeJson(record)) queue_.enqueue(std::move(encoded).value());
+}
 
 ZInternalLogManager::~ZInternalLogManager() {
   serial_.stop();
@@ -153,7 +185,7 @@ void ZInternalLogManager::resolveTemplatesLocked() {
     // A template whose context is still incomplete is dropped, as a track would drop it.
     if (!common || !agent_ || !xid_) continue;
     auto record = ZLogRecordBuilder::buildRecordFromTemplate(contextLocked(common), logTemplate);
-    if (record) queue_.enqueue(std::move(*record));
+    if (record) enqueueRecord(*record);
   }
 }
 
@@ -288,7 +320,7 @@ void ZInternalLogManager::trackLocked(bool verbose, bool disabled) {
   auto record = builder_.buildRecord(contextLocked(std::move(common)));
   if (!record) return;
   if (verbose) static_cast<void>(encodeJson(*record, JsonStyle::pretty));
-  if (!disabled) queue_.enqueue(std::make_shared<const ZLogRecord>(std::move(*record)));
+  if (!disabled) enqueueRecord(*record);
 }
 
 std::string ZInternalLogManager::getData() {

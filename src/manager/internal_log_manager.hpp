@@ -20,6 +20,7 @@
 #include "support/subject.hpp"
 #include "zelvanor/configuration.hpp"
 #include "zelvanor/record.hpp"
+#include "zelvanor/storage.hpp"
 
 namespace zelvanor::detail {
 
@@ -29,6 +30,7 @@ struct ManagerSources {
   std::shared_ptr<NetworkMonitor> network;
   std::shared_ptr<platform::SettingsStore>
       settingsStore;  ///< null when there is nowhere to keep it
+  ZStoreLimits storeLimits{};
 };
 
 class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogManager> {
@@ -82,10 +84,14 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   void waitForIdentityWork();
   /// Stops the serial context; identity results arriving later are dropped.
   void stop();
+  /// Takes the templates still waiting for the triple, encoded, to be kept for the next start.
+  std::vector<std::string> takeTemplatesToKeep();
 
  private:
   explicit ZInternalLogManager(ManagerSources sources);
   void subscribeToLifecycle();
+  void restoreKeptTemplates();
+  void enqueueRecord(const ZLogRecord& record);
   void handleIdentity(const ZXid& xid);
   void resolveTemplates(bool ready);
   void resolveTemplatesLocked();

@@ -1,6 +1,8 @@
 // The real sources of a started SDK: one HTTPS client (one cookie store) shared by delivery and
 // identity sync, the pending-record file and the settings file in the app's data directory, and
 // the platform's route watch.
+#include <mutex>
+
 #include "api/shared_instance.hpp"
 #include "network/endpoints.hpp"
 #include "network/https_delivery.hpp"
@@ -8,9 +10,29 @@
 #include "network/reachability.hpp"
 #include "platform/platform.hpp"
 #include "platform/reachability_flags.hpp"
-#include "queue/logs_file_manager.hpp"
 
 namespace zelvanor::detail {
+
+namespace {
+std::mutex& limitsMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+ZStoreLimits& currentLimits() {
+  static ZStoreLimits limits;
+  return limits;
+}
+}  // namespace
+
+void setStoreLimits(const ZStoreLimits& limits) {
+  std::lock_guard lock(limitsMutex());
+  currentLimits() = limits;
+}
+
+ZStoreLimits storeLimits() {
+  std::lock_guard lock(limitsMutex());
+  return currentLimits();
+}
 
 ManagerSources makeDefaultSources() {
   const std::filesystem::path dataDirectory = platform::dataDirectory();
@@ -22,9 +44,9 @@ ManagerSources makeDefaultSources() {
   auto http = std::make_shared<network::HttpClient>(std::move(options));
 
   ManagerSources sources;
+  sources.storeLimits = storeLimits();
   sources.transport = std::make_shared<HttpsDelivery>(
-      http,
-      haveDirectory ? ZLogsFileManager::pendingFilePath(dataDirectory) : std::filesystem::path{});
+      http, haveDirectory ? dataDirectory : std::filesystem::path{}, sources.storeLimits);
   sources.identity = std::make_shared<IdentitySync>(http);
   sources.network = std::make_shared<ZReachability>(&platform::makeSystemReachabilityFlagSource);
   if (haveDirectory) {

@@ -1,58 +1,83 @@
 #include "network/https_delivery.hpp"
 
-#include <array>
-#include <optional>
 #include <thread>
 
 #include "network/http_api.hpp"
-#include "queue/logs_file_manager.hpp"
-#include "zelvanor/json.hpp"
+#include "platform/file_ops.hpp"
+#include "queue/pending_frames.hpp"
 
 namespace zelvanor::detail {
 
 HttpsDelivery::HttpsDelivery(std::shared_ptr<network::HttpClient> http,
-                             std::filesystem::path pendingFile)
-    : http_(std::move(http)), pendingFile_(std::move(pendingFile)) {}
+                             std::filesystem::path dataDirectory, ZStoreLimits limits)
+    : http_(std::move(http)), limits_(limits), store_(std::move(dataDirectory), limits) {}
 
 HttpsDelivery::~HttpsDelivery() {
   worker_.stop();
 }
 
-void HttpsDelivery::send(OutgoingRecord record, bool networkAvailable) {
+void HttpsDelivery::restore(std::function<void(std::uint64_t)> restored) {
+  worker_.async([weak = weak_from_this(), restored = std::move(restored)] {
+    auto self = weak.lock();
+    if (!self) return;
+    const std::uint64_t count = self->store_.open();
+    self->bytesOnDisk_.store(self->store_.bytesOnDisk());
+    self->syncStoreCounts();
+    restored(count);
+  });
+}
+
+std::uint64_t HttpsDelivery::room() const {
+  const std::uint64_t taken = outstanding_.load();
+  return taken >= kMaxOutstanding ? 0 : kMaxOutstanding - taken;
+}
+
+void HttpsDelivery::setListener(std::function<void(std::uint64_t)> listener) {
+  std::lock_guard lock(mutex_);
+  listener_ = std::move(listener);
+}
+
+void HttpsDelivery::post(Command command) {
+  inbox_.push_back(std::move(command));
+  if (!drainQueued_) {
+    drainQueued_ = true;
+    worker_.async([weak = weak_from_this()] {
+      if (auto self = weak.lock()) self->drainInbox();
+    });
+  }
+}
+
+void HttpsDelivery::send(std::uint64_t fromDisk, std::vector<std::string> records,
+                         bool networkAvailable) {
   // The sandbox switch and the timeout apply as the record is handed over, as if its request
   // were built now; the request itself is built when a connection is free.
   const RequestSettings settings = RequestSettings::current();
-  // Records the worker is done with, freed here by the thread that allocated them. Freed on the
-  // worker they would contend with the host's own allocations for the allocator's lock. A couple
-  // per hand-over keeps the cost on the host's thread small and even.
-  std::array<std::optional<OutgoingRecord>, kFreedPerHandOver> encodedEarlier;
   {
     std::lock_guard lock(mutex_);
     if (!stopped_.load()) {
-      ++unsettled_;
-      for (auto& slot : encodedEarlier) {
-        if (encoded_.empty()) break;
-        slot = std::move(encoded_.back());
-        encoded_.pop_back();
-      }
+      const std::uint64_t count = fromDisk + records.size();
+      unsettled_ += count;
+      if (networkAvailable) outstanding_ += count;
       // Queued under the lock that shutdown takes to stop: the drain runs before shutdown's own
-      // work on the worker, so the record is either sent or kept.
-      inbox_.push_back(HandedOver{std::move(record), networkAvailable, settings});
-      if (!drainQueued_) {
-        drainQueued_ = true;
-        worker_.async([weak = weak_from_this()] {
-          if (auto self = weak.lock()) self->drainInbox();
-        });
-      }
+      // work on the worker, so every record is either sent or kept.
+      post(SendCommand{fromDisk, std::move(records), networkAvailable, settings});
       return;
     }
   }
-  // Handed over after shutdown began: nothing will send it now, so it is kept like a record
-  // tracked after the queue closed.
-  keepLate(std::move(record));
+  // Handed over after shutdown began: nothing will send them now. Those on disk stay there.
+  for (auto& record : records) keepLate(std::move(record));
 }
 
-void HttpsDelivery::keepLate(OutgoingRecord record) {
+void HttpsDelivery::spill(std::vector<std::string> records) {
+  std::lock_guard lock(mutex_);
+  if (stopped_.load()) {
+    for (auto& record : records) late_.push_back(std::move(record));
+    return;
+  }
+  post(SpillCommand{std::move(records)});
+}
+
+void HttpsDelivery::keepLate(std::string record) {
   {
     std::unique_lock lock(mutex_);
     if (!lateDoorClosed_) {
@@ -64,7 +89,16 @@ void HttpsDelivery::keepLate(OutgoingRecord record) {
     lateDone_.wait(lock, [&] { return lateWritten_; });
   }
   // Shutdown is over; nothing else will keep it.
-  if (auto encoded = record.json()) ZLogsFileManager::appendRecordData(*encoded, pendingFile_);
+  if (!store_.hasDirectory()) return;
+  std::string frame;
+  appendFrame(frame, record);
+  (void)platform::appendPrivate(store_.pendingFile(), frame);
+}
+
+std::vector<std::string> HttpsDelivery::takeKeptTemplates() {
+  std::vector<std::string> templates;
+  worker_.sync([&] { templates = store_.takeTemplates(); });
+  return templates;
 }
 
 void HttpsDelivery::drainInbox() {
@@ -76,122 +110,258 @@ void HttpsDelivery::drainInbox() {
     draining_.swap(inbox_);
     drainQueued_ = false;
   }
-  for (auto& item : draining_) {
-    sendOnWorker(std::move(item.record), item.networkAvailable, item.settings);
+  for (auto& command : draining_) {
+    if (auto* sendCommand = std::get_if<SendCommand>(&command)) {
+      handleSend(*sendCommand);
+    } else {
+      handleSpill(std::get<SpillCommand>(command));
+    }
   }
   draining_.clear();  // every record was moved out: the capacity is what is kept
+  notifyQueue();
 }
 
-void HttpsDelivery::sendOnWorker(OutgoingRecord record, bool networkAvailable,
-                                 RequestSettings settings) {
-  auto encoded = record.json();
-  {
-    std::lock_guard lock(mutex_);
-    if (encoded_.size() < kRecordsHandedBack) encoded_.push_back(std::move(record));
-  }
-  if (!encoded) {
-    std::lock_guard lock(mutex_);
-    ++counts_.unencodable;
-    settleOne();
+void HttpsDelivery::handleSend(SendCommand& command) {
+  if (!command.networkAvailable) {
+    // Gate closed: the records wait for a later start. Those on disk already are; they stay.
+    std::vector<std::string> toKeep;
+    std::uint64_t alreadyOnDisk = 0;
+    for (std::uint64_t i = 0; i < command.fromDisk; ++i) {
+      auto queued = nextQueued();
+      if (!queued) break;
+      if (queued->ref) {
+        store_.unsent(*queued->ref);
+        ++alreadyOnDisk;
+      } else {
+        toKeep.push_back(std::move(queued->bytes));
+      }
+    }
+    for (auto& record : command.records) toKeep.push_back(std::move(record));
+    {
+      std::lock_guard lock(mutex_);
+      counts_.keptOnDisk += alreadyOnDisk;
+    }
+    keep(std::move(toKeep));
+    settle(command.fromDisk + command.records.size(), false);
     return;
   }
-  std::string bytes = std::move(encoded).value();
-  if (!networkAvailable) {
-    keepOnDisk(bytes);
-    return;
+  if (command.fromDisk > 0) waiting_.push_back(Waiting{{}, command.fromDisk, command.settings});
+  for (auto& record : command.records) {
+    waiting_.push_back(Waiting{std::move(record), 0, command.settings});
   }
-  // After shutdown began this waits here, and shutdown's task behind it keeps it on disk.
-  waiting_.push_back(Waiting{std::move(bytes), settings});
   startWaiting();
 }
 
+void HttpsDelivery::handleSpill(SpillCommand& command) {
+  std::size_t written = 0;
+  // Behind records the disk would not take, nothing may go to disk first: order is the point.
+  if (spillBacklog_.empty()) written = store_.spill(command.records);
+  for (std::size_t i = written; i < command.records.size(); ++i) {
+    spillBacklog_.push_back(std::move(command.records[i]));
+  }
+  std::uint64_t dropped = 0;
+  while (spillBacklog_.size() > limits_.maxRecordsInMemory) {
+    spillBacklog_.pop_front();
+    ++dropped;
+  }
+  droppedToReport_ += dropped + store_.takeDroppedQueued();
+  backlogDropped_ += dropped;
+  syncStoreCounts();
+  if (!spillBacklog_.empty()) scheduleRetry();
+  bytesOnDisk_.store(store_.bytesOnDisk());
+}
+
+std::optional<HttpsDelivery::Next> HttpsDelivery::nextQueued() {
+  if (auto read = store_.next()) return Next{std::move(read->bytes), read->ref};
+  if (spillBacklog_.empty()) return std::nullopt;
+  Next next{std::move(spillBacklog_.front()), std::nullopt};
+  spillBacklog_.pop_front();
+  return next;
+}
+
 void HttpsDelivery::startWaiting() {
-  // After shutdown the waiting records belong to the pending file (shutdown writes them).
+  // After shutdown the waiting records belong to the pending store (shutdown writes them).
   while (!stopped_.load() && inFlight_ < kMaxInFlight && !waiting_.empty()) {
-    std::string bytes = std::move(waiting_.front().bytes);
-    const RequestSettings settings = waiting_.front().settings;
-    waiting_.pop_front();
-    auto request = ZHttpApi::trackEncoded(bytes).urlRequest(settings);
+    Waiting& front = waiting_.front();
+    const RequestSettings settings = front.settings;
+    Next record;
+    if (front.fromDisk > 0) {
+      auto queued = nextQueued();
+      if (--front.fromDisk == 0) waiting_.pop_front();
+      if (!queued) {
+        // Dropped for space or moved aside as unreadable since the queue counted it.
+        settle(1, true);
+        continue;
+      }
+      record = std::move(*queued);
+    } else {
+      record.bytes = std::move(front.bytes);
+      waiting_.pop_front();
+    }
+    auto request = ZHttpApi::trackEncoded(record.bytes).urlRequest(settings);
     if (!request) {
       // No parsable endpoint: the record cannot go anywhere.
-      std::lock_guard lock(mutex_);
-      ++counts_.unencodable;
-      settleOne();
+      if (record.ref) store_.answered(*record.ref);
+      {
+        std::lock_guard lock(mutex_);
+        ++counts_.unencodable;
+      }
+      settle(1, true);
       continue;
     }
     ++inFlight_;
     std::weak_ptr<HttpsDelivery> weak = weak_from_this();
-    http_->send(std::move(*request), [weak, bytes = std::move(bytes)](
-                                         network::HttpOutcome outcome) mutable {
-      auto self = weak.lock();
-      if (!self) return;
-      if (self->worker_.isCurrent()) {
-        // The client answered at once on this thread (it has shut down).
-        self->finished(std::move(outcome), bytes);
-        return;
-      }
-      // File access and the window stay on the worker.
-      self->worker_.async([weak, outcome = std::move(outcome), bytes = std::move(bytes)]() mutable {
-        if (auto owner = weak.lock()) owner->finished(std::move(outcome), bytes);
-      });
-    });
+    http_->send(std::move(*request),
+                [weak, record = std::move(record)](network::HttpOutcome outcome) mutable {
+                  auto self = weak.lock();
+                  if (!self) return;
+                  if (self->worker_.isCurrent()) {
+                    // The client answered at once on this thread (it has shut down).
+                    self->finished(std::move(outcome), std::move(record));
+                    return;
+                  }
+                  // File access and the window stay on the worker.
+                  self->worker_.async([weak, outcome = std::move(outcome),
+                                       record = std::move(record)]() mutable {
+                    if (auto owner = weak.lock()) {
+                      owner->finished(std::move(outcome), std::move(record));
+                    }
+                  });
+                });
   }
 }
 
-void HttpsDelivery::finished(network::HttpOutcome outcome, const std::string& bytes) {
+void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
   if (inFlight_ > 0) --inFlight_;
   if (const auto* response = std::get_if<network::HttpResponse>(&outcome)) {
     // The collector treats only the exact body ok as success; anything else is a verdict on the
-    // record, so it is not kept (the HTTP status is not looked at).
-    std::lock_guard lock(mutex_);
-    if (response->body == "ok") {
-      ++counts_.delivered;
-    } else {
-      ++counts_.rejected;
+    // record, so it is not kept (the HTTP status is not looked at). Either way it leaves the disk.
+    if (record.ref) store_.answered(*record.ref);
+    {
+      std::lock_guard lock(mutex_);
+      if (response->body == "ok") {
+        ++counts_.delivered;
+      } else {
+        ++counts_.rejected;
+      }
     }
-    settleOne();
+    settle(1, true);
+  } else if (stopped_.load()) {
+    // Cancelled by shutdown: kept with the rest in its one write.
+    if (record.ref) {
+      store_.unsent(*record.ref);
+      settle(1, true);
+    } else {
+      cancelled_.push_back(std::move(record.bytes));
+    }
   } else {
-    // Transport failure: keep it for the next start.
-    keepOnDisk(bytes);
+    // Transport failure: kept for a later start. One read from disk stays where it is.
+    if (record.ref) {
+      store_.unsent(*record.ref);
+      std::lock_guard lock(mutex_);
+      ++counts_.keptOnDisk;
+    } else {
+      std::vector<std::string> one;
+      one.push_back(std::move(record.bytes));
+      keep(std::move(one));
+    }
+    settle(1, true);
   }
   startWaiting();
+  notifyQueue();
 }
 
-void HttpsDelivery::keepOnDisk(const std::string& bytes) {
-  ZLogsFileManager::appendRecordData(bytes, pendingFile_);
-  std::lock_guard lock(mutex_);
-  ++counts_.keptOnDisk;
-  settleOne();
-}
-
-void HttpsDelivery::keepUnsent(const OutgoingRecord& record) {
-  auto encoded = record.json();
-  if (encoded) {
-    keepOnDisk(encoded.value());
-    return;
+void HttpsDelivery::keep(std::vector<std::string> records) {
+  if (records.empty()) return;
+  // What the disk would not take waits in memory behind earlier such records, oldest first.
+  std::size_t written = 0;
+  if (keepBacklog_.empty()) written = store_.keep(records);
+  for (std::size_t i = written; i < records.size(); ++i) {
+    keepBacklog_.push_back(std::move(records[i]));
   }
-  std::lock_guard lock(mutex_);
-  ++counts_.unencodable;
-  settleOne();
+  std::uint64_t dropped = 0;
+  if (keepBacklog_.size() > limits_.maxRecordsInMemory) {
+    dropped = keepBacklog_.size() - limits_.maxRecordsInMemory;
+    keepBacklog_.erase(keepBacklog_.begin(),
+                       keepBacklog_.begin() + static_cast<std::ptrdiff_t>(dropped));
+  }
+  droppedToReport_ += store_.takeDroppedQueued();
+  backlogDropped_ += dropped;
+  {
+    std::lock_guard lock(mutex_);
+    counts_.keptOnDisk += written;
+  }
+  syncStoreCounts();
+  if (!keepBacklog_.empty()) scheduleRetry();
+  bytesOnDisk_.store(store_.bytesOnDisk());
 }
 
-void HttpsDelivery::settleOne() {
-  if (unsettled_ > 0) --unsettled_;
+void HttpsDelivery::scheduleRetry() {
+  if (retryScheduled_ || stopped_.load()) return;
+  retryScheduled_ = true;
+  worker_.asyncAfter(retryDelay_, [weak = weak_from_this()] {
+    if (auto self = weak.lock()) self->retryWrites();
+  });
+}
+
+void HttpsDelivery::retryWrites() {
+  retryScheduled_ = false;
+  if (!keepBacklog_.empty()) {
+    const std::size_t written = store_.keep(keepBacklog_);
+    keepBacklog_.erase(keepBacklog_.begin(),
+                       keepBacklog_.begin() + static_cast<std::ptrdiff_t>(written));
+    std::lock_guard lock(mutex_);
+    counts_.keptOnDisk += written;
+  }
+  if (!spillBacklog_.empty()) {
+    const std::vector<std::string> batch(spillBacklog_.begin(), spillBacklog_.end());
+    const std::size_t written = store_.spill(batch);
+    spillBacklog_.erase(spillBacklog_.begin(),
+                        spillBacklog_.begin() + static_cast<std::ptrdiff_t>(written));
+  }
+  droppedToReport_ += store_.takeDroppedQueued();
+  bytesOnDisk_.store(store_.bytesOnDisk());
+  syncStoreCounts();
+  if (keepBacklog_.empty() && spillBacklog_.empty()) {
+    retryDelay_ = std::chrono::milliseconds(1000);
+  } else {
+    retryDelay_ = std::min(retryDelay_ * 2, std::chrono::milliseconds(60000));
+    scheduleRetry();
+  }
+  notifyQueue();
+}
+
+void HttpsDelivery::settle(std::uint64_t count, bool network) {
+  std::lock_guard lock(mutex_);
+  unsettled_ -= std::min(unsettled_, count);
+  if (network) outstanding_ -= std::min(outstanding_.load(), count);
   if (unsettled_ == 0) settled_.notify_all();
 }
 
-std::vector<OutgoingRecord> HttpsDelivery::takePendingRecords() {
-  ZLogsFileManager::RecordTexts restored;
-  worker_.sync([&] { restored = ZLogsFileManager::readRecordTexts(pendingFile_); });
-  std::vector<OutgoingRecord> records;
-  records.reserve(restored.texts.size());
-  for (const std::string_view text : restored.texts) {
-    records.push_back(OutgoingRecord::restored(restored.content, text));
-  }
-  return records;
+void HttpsDelivery::syncStoreCounts() {
+  std::lock_guard lock(mutex_);
+  counts_.droppedForSpace = store_.counts().droppedForSpace + backlogDropped_;
+  counts_.quarantined = store_.counts().quarantined;
 }
 
-void HttpsDelivery::shutdown(std::vector<OutgoingRecord> unsent) {
+void HttpsDelivery::notifyQueue() {
+  // The queue hands over more when there is room; a dropped oldest record on disk leaves its
+  // count. Called with no lock held: the queue's lock comes first everywhere else.
+  std::function<void(std::uint64_t)> listener;
+  {
+    std::lock_guard lock(mutex_);
+    if (stopped_.load()) return;
+    listener = listener_;
+  }
+  const std::uint64_t dropped = std::exchange(droppedToReport_, 0);
+  if (listener && (dropped > 0 || room() > 0)) listener(dropped);
+}
+
+std::uint64_t HttpsDelivery::bytesOnDisk() const {
+  return bytesOnDisk_.load();
+}
+
+void HttpsDelivery::shutdown(std::vector<std::string> unsent, std::vector<std::string> templates) {
   {
     std::lock_guard lock(mutex_);
     if (stopped_.exchange(true)) return;
@@ -200,36 +370,38 @@ void HttpsDelivery::shutdown(std::vector<OutgoingRecord> unsent) {
   // kept and sent again at the next start. A short grace lets those answers land; anything slower
   // is cancelled, so exit stays quick.
   waitUntilSettled(kInFlightGrace);
-  // Cancelling in-flight requests reports each as a transport failure, which queues its bytes
-  // for the pending file on the worker ahead of the waiting and the unsent records: file order
-  // stays send order.
+  // Cancelling in-flight requests reports each as a transport failure, which the worker gathers
+  // ahead of the waiting and the unsent records: file order stays send order.
   http_->shutdown();
-  worker_.async([this] {
-    while (!waiting_.empty()) {
-      keepOnDisk(waiting_.front().bytes);
-      waiting_.pop_front();
+  worker_.async([this, unsent = std::move(unsent), templates = std::move(templates)]() mutable {
+    // Everything undelivered in memory goes down in one batch, oldest first; records that wait
+    // on disk already stay where they are, ahead of these at the next start.
+    std::vector<std::string> batch = std::move(keepBacklog_);
+    for (auto& record : cancelled_) batch.push_back(std::move(record));
+    for (auto& item : waiting_) {
+      if (item.fromDisk == 0) batch.push_back(std::move(item.bytes));
     }
-  });
-  {
-    std::lock_guard lock(mutex_);
-    unsettled_ += unsent.size();
-  }
-  worker_.async([this, unsent = std::move(unsent)] {
-    for (const auto& record : unsent) keepUnsent(record);
-  });
-  // Records tracked while all this ran are kept behind the unsent ones. Then the door closes: a
-  // host that never stops tracking must not hold shutdown up, so a later record waits for these
-  // to be written and is then written by its own thread.
-  worker_.async([this] {
-    std::vector<OutgoingRecord> late;
+    for (auto& record : spillBacklog_) batch.push_back(std::move(record));
+    for (auto& record : unsent) batch.push_back(std::move(record));
+    // Records tracked while all this ran are kept behind the unsent ones. Then the door closes: a
+    // host that never stops tracking must not hold shutdown up, so a later record waits for these
+    // to be written and is then written by its own thread.
     {
       std::lock_guard lock(mutex_);
-      late.swap(late_);
-      unsettled_ += late.size();
+      for (auto& record : late_) batch.push_back(std::move(record));
+      late_.clear();
       lateDoorClosed_ = true;
     }
-    for (const auto& record : late) keepUnsent(record);
+    const std::size_t written = store_.keep(batch);
+    (void)store_.writeTemplates(templates);
+    bytesOnDisk_.store(store_.bytesOnDisk());
+    backlogDropped_ += batch.size() - written;  // the disk would take no more
+    syncStoreCounts();
     std::lock_guard lock(mutex_);
+    counts_.keptOnDisk += written;
+    unsettled_ = 0;
+    outstanding_ = 0;
+    settled_.notify_all();
     lateWritten_ = true;
     lateDone_.notify_all();
   });

@@ -1,5 +1,5 @@
-// Delivers records one per request and keeps what could not be sent in the pending-record file.
-// The host's thread only hands records over; encoding, requests and file writes happen on the
+// Delivers records one per request and keeps what could not be sent in the pending store. The
+// host's thread only hands records over; requests, answers and every file access happen on the
 // SDK's threads (the delivery worker and the HTTP client's thread).
 #pragma once
 
@@ -11,10 +11,13 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <variant>
 #include <vector>
 
 #include "network/http_api.hpp"
 #include "network/http_client.hpp"
+#include "queue/pending_store.hpp"
 #include "queue/record_transport.hpp"
 #include "support/serial_queue.hpp"
 
@@ -24,80 +27,117 @@ class HttpsDelivery final : public RecordTransport,
                             public std::enable_shared_from_this<HttpsDelivery> {
  public:
   struct Counts {
-    std::uint64_t delivered = 0;    ///< answered exactly "ok"
-    std::uint64_t rejected = 0;     ///< answered anything else: dropped
-    std::uint64_t keptOnDisk = 0;   ///< transport failure or network gate closed
-    std::uint64_t unencodable = 0;  ///< dropped before sending
+    std::uint64_t delivered = 0;        ///< answered exactly "ok"
+    std::uint64_t rejected = 0;         ///< answered anything else: dropped
+    std::uint64_t keptOnDisk = 0;       ///< written to disk for a later start (real writes only)
+    std::uint64_t unencodable = 0;      ///< dropped before sending
+    std::uint64_t droppedForSpace = 0;  ///< the oldest, dropped to stay within the limits
+    std::uint64_t quarantined = 0;      ///< stored payloads that are no record, moved aside
   };
 
-  HttpsDelivery(std::shared_ptr<network::HttpClient> http, std::filesystem::path pendingFile);
+  /// `dataDirectory` empty: nothing is written to disk.
+  HttpsDelivery(std::shared_ptr<network::HttpClient> http, std::filesystem::path dataDirectory,
+                ZStoreLimits limits = {});
   ~HttpsDelivery() override;
 
-  void send(OutgoingRecord record, bool networkAvailable) override;
-  void keepLate(OutgoingRecord record) override;
-  std::vector<OutgoingRecord> takePendingRecords() override;
-  void shutdown(std::vector<OutgoingRecord> unsent) override;
+  void restore(std::function<void(std::uint64_t)> restored) override;
+  std::uint64_t room() const override;
+  void setListener(std::function<void(std::uint64_t)> listener) override;
+  void send(std::uint64_t fromDisk, std::vector<std::string> records,
+            bool networkAvailable) override;
+  void spill(std::vector<std::string> records) override;
+  void keepLate(std::string record) override;
+  std::vector<std::string> takeKeptTemplates() override;
+  void shutdown(std::vector<std::string> unsent, std::vector<std::string> templates) override;
+
   /// How long shutdown waits for in-flight answers before cancelling them.
   static constexpr std::chrono::milliseconds kInFlightGrace{200};
   /// Requests handed to the HTTP client at once: one per connection it keeps to the collector.
-  /// Later records wait here, in order, so a request's timeout starts when it can really be
-  /// sent rather than while it queues for a connection, and the client's per-step work (it
-  /// walks every transfer it holds) stays small however busy the network is.
+  /// Later records wait, in order, so a request's timeout starts when it can really be sent
+  /// rather than while it queues for a connection.
   static constexpr std::size_t kMaxInFlight = network::HttpClient::kMaxConnectionsPerHost;
+  /// Records taken for the network and not yet answered; the queue holds the rest.
+  static constexpr std::uint64_t kMaxOutstanding = 256;
 
   Counts counts() const;
   /// Waits until every record handed over so far has reached an outcome; false on timeout.
   bool waitUntilSettled(std::chrono::milliseconds timeout);
+  /// Bytes the pending store holds on disk (worker's last view).
+  std::uint64_t bytesOnDisk() const;
 
  private:
-  /// A record as the host handed it over, with what was in force at that moment.
-  struct HandedOver {
-    OutgoingRecord record;
+  struct SendCommand {
+    std::uint64_t fromDisk = 0;
+    std::vector<std::string> records;
     bool networkAvailable = false;
     RequestSettings settings;
   };
-  /// An encoded record with the request settings in force when the host handed it over.
+  struct SpillCommand {
+    std::vector<std::string> records;
+  };
+  using Command = std::variant<SendCommand, SpillCommand>;
+  /// A record waiting for a connection: its bytes, or `fromDisk` records still to be read.
   struct Waiting {
     std::string bytes;
+    std::uint64_t fromDisk = 0;
     RequestSettings settings;
   };
+  struct Next {
+    std::string bytes;
+    std::optional<StoreRef> ref;
+  };
+
+  void post(Command command);
   /// Takes everything the host handed over since the last time, in order. Worker only.
   void drainInbox();
-  void sendOnWorker(OutgoingRecord record, bool networkAvailable, RequestSettings settings);
-  /// Starts waiting requests while the window has room. Worker only.
+  void handleSend(SendCommand& command);
+  void handleSpill(SpillCommand& command);
+  /// The oldest record waiting on disk (or, when the disk would not take them, in memory).
+  std::optional<Next> nextQueued();
   void startWaiting();
-  void finished(network::HttpOutcome outcome, const std::string& bytes);
-  void keepOnDisk(const std::string& bytes);
-  /// Keeps a record that will not be sent (worker only).
-  void keepUnsent(const OutgoingRecord& record);
-  void settleOne();
+  void finished(network::HttpOutcome outcome, Next record);
+  /// Writes records kept for a later start; what the disk will not take waits for a retry.
+  void keep(std::vector<std::string> records);
+  void scheduleRetry();
+  void retryWrites();
+  /// Settles `count` records and tells the queue about room and drops. Worker only.
+  void settle(std::uint64_t count, bool network);
+  void notifyQueue();
+  void syncStoreCounts();
 
   std::shared_ptr<network::HttpClient> http_;
-  const std::filesystem::path pendingFile_;
+  const ZStoreLimits limits_;
   support::SerialQueue worker_{"com.zelvanor.sdk.logQueue"};
   mutable std::mutex mutex_;
   std::condition_variable settled_;
-  std::uint64_t unsettled_ = 0;
-  Counts counts_;
+  std::uint64_t unsettled_ = 0;  ///< guarded by mutex_
+  Counts counts_;                ///< guarded by mutex_
+  std::atomic<std::uint64_t> outstanding_{0};
+  std::function<void(std::uint64_t)> listener_;  ///< guarded by mutex_
   std::atomic<bool> stopped_{false};  ///< set under mutex_, so a hand-over is before or after it
-  std::vector<OutgoingRecord> late_;  ///< guarded by mutex_: tracked after the queue closed
+  std::vector<std::string> late_;     ///< guarded by mutex_: tracked after the queue closed
   bool lateDoorClosed_ = false;       ///< guarded by mutex_: late ones no longer join late_
   bool lateWritten_ = false;          ///< guarded by mutex_: shutdown has kept the late ones
   std::condition_variable lateDone_;
   // Hand-overs wait in an inbox that the worker takes as a whole; a burst of them costs the
   // host one wake-up of the worker, not one each.
-  std::vector<HandedOver> inbox_;  ///< guarded by mutex_
-  bool drainQueued_ = false;       ///< guarded by mutex_: a drainInbox task is queued
+  std::vector<Command> inbox_;  ///< guarded by mutex_
+  bool drainQueued_ = false;    ///< guarded by mutex_: a drainInbox task is queued
   /// How long a woken worker lets hand-overs gather before it takes them.
   static constexpr std::chrono::microseconds kGatherWindow{500};
-  static constexpr std::size_t kRecordsHandedBack = 64;
-  /// Handed-back records the host frees per hand-over: a steady, small cost on its thread.
-  static constexpr std::size_t kFreedPerHandOver = 2;
-  std::vector<OutgoingRecord> encoded_;  ///< guarded by mutex_: encoded, for the host to free
+  std::atomic<std::uint64_t> bytesOnDisk_{0};
   // Worker only.
-  std::vector<HandedOver> draining_;  ///< the inbox taken last, kept for its capacity
-  std::deque<Waiting> waiting_;       ///< records not yet handed to the client, in order
+  PendingStore store_;
+  std::vector<Command> draining_;  ///< the inbox taken last, kept for its capacity
+  std::deque<Waiting> waiting_;    ///< records not yet handed to the client, in order
   std::size_t inFlight_ = 0;
+  std::deque<std::string> spillBacklog_;  ///< spilled records the disk would not take, in order
+  std::vector<std::string> keepBacklog_;  ///< kept records the disk would not take yet
+  std::vector<std::string> cancelled_;    ///< in flight when shutdown cancelled them
+  bool retryScheduled_ = false;
+  std::chrono::milliseconds retryDelay_{1000};
+  std::uint64_t droppedToReport_ = 0;
+  std::uint64_t backlogDropped_ = 0;  ///< kept or spilled records the disk never took
 };
 
 }  // namespace zelvanor::detail

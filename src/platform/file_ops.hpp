@@ -2,8 +2,10 @@
 // settings file. Each platform supplies one implementation file; nothing here throws.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,7 +16,9 @@ namespace zelvanor::platform {
 /// one write, so a crash can tear at most this append and never interleave it with another; if
 /// the write fails part way, the file is cut back to its old length. Fails, touching nothing,
 /// when the path is a symbolic link or anything but a regular file. Appends from several threads
-/// or processes take turns with each other and with consumeWhole.
+/// or processes take turns with each other, with consumeWhole and with moveAside; a turn is waited
+/// for a short while only (another process stopped mid-append must not stall the SDK), after
+/// which this fails and the caller tries again later.
 bool appendPrivate(const std::filesystem::path& file, std::string_view bytes) noexcept;
 
 /// Reads the whole regular file and hands the content to `use`, which says whether the file is
@@ -24,6 +28,57 @@ bool appendPrivate(const std::filesystem::path& file, std::string_view bytes) no
 /// Returns true when the file was removed.
 bool consumeWhole(const std::filesystem::path& file,
                   const std::function<bool(std::string&& content)>& use) noexcept;
+
+/// Renames `from` to `to` once no append is under way, so that appends made later land in a new
+/// file at `from`. False, touching nothing, when `from` is missing, not a regular file, or its
+/// turn did not come in a short while.
+bool moveAside(const std::filesystem::path& from, const std::filesystem::path& to) noexcept;
+
+/// Writes `bytes` at the start of the file (created 0600 if missing), leaving the rest as it is:
+/// for small fixed-size records that are rewritten often.
+bool writeAtStart(const std::filesystem::path& file, std::string_view bytes) noexcept;
+
+/// The size of a regular file, or nothing when it is missing or not a regular file.
+std::optional<std::uint64_t> regularFileSize(const std::filesystem::path& file) noexcept;
+
+/// A regular file opened for reading at any offset. Never opens through a symbolic link, never
+/// anything but a regular file, and never blocks on a FIFO or device planted at the path.
+class ReadableFile {
+ public:
+  ReadableFile();
+  ~ReadableFile();
+  ReadableFile(const ReadableFile&) = delete;
+  ReadableFile& operator=(const ReadableFile&) = delete;
+
+  bool open(const std::filesystem::path& file) noexcept;
+  void close() noexcept;
+  bool isOpen() const noexcept;
+  /// The size when it was opened.
+  std::uint64_t size() const noexcept;
+  /// Reads up to `count` bytes at `offset`: how many were read (0 at the end), or -1 on an error.
+  std::int64_t readAt(std::uint64_t offset, char* into, std::size_t count) noexcept;
+
+ private:
+  struct Handle;
+  std::unique_ptr<Handle> handle_;
+};
+
+/// Held by one process at a time for as long as the object lives (a lock file beside the store):
+/// tells which process of an app owns the records that are being sent. A forked child does not
+/// inherit it.
+class ProcessLock {
+ public:
+  ProcessLock();
+  ~ProcessLock();
+  ProcessLock(const ProcessLock&) = delete;
+  ProcessLock& operator=(const ProcessLock&) = delete;
+  /// Takes the lock without waiting; false when another process holds it or it cannot be made.
+  bool tryLock(const std::filesystem::path& file) noexcept;
+
+ private:
+  struct Handle;
+  std::unique_ptr<Handle> handle_;
+};
 
 /// The whole content of a regular file; absent when it is missing, unreadable, a symbolic link
 /// or not a regular file.

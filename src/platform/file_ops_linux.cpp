@@ -5,9 +5,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <thread>
+#include <utility>
 
 #include "platform/file_ops.hpp"
 
@@ -29,6 +32,7 @@ class Descriptor {
     if (fd_ >= 0) ::close(fd_);
     fd_ = fd;
   }
+  int release() noexcept { return std::exchange(fd_, -1); }
   explicit operator bool() const noexcept { return fd_ >= 0; }
   /// Closes now and reports the result, which for a written file is the last chance to see an
   /// I/O error.
@@ -80,14 +84,28 @@ std::mutex& turnsInProcess() {
   return turns;
 }
 
-/// Waits for the other processes' turns. A record lock, unlike flock, is never inherited by a
-/// forked child, so a child that keeps a copy of the descriptor cannot hold the parent up. On a
-/// filesystem that has no locks this goes on without: a record kept unlocked beats one dropped.
-void lockAgainstOtherProcesses(int fd) noexcept {
+/// How long an append, read or move waits for another process's turn. Appends are one write, so
+/// a longer wait means that process was stopped mid-append; the caller tries again later rather
+/// than stall the SDK's worker behind it.
+constexpr std::chrono::milliseconds kTurnWait{100};
+
+/// Waits a short while for the other processes' turns. A record lock, unlike flock, is never
+/// inherited by a forked child, so a child that keeps a copy of the descriptor cannot hold the
+/// parent up. On a filesystem that has no locks this goes on without: a record kept unlocked
+/// beats one dropped.
+bool lockAgainstOtherProcesses(int fd) noexcept {
   struct flock whole {};
   whole.l_type = F_WRLCK;
   whole.l_whence = SEEK_SET;
-  while (::fcntl(fd, F_SETLKW, &whole) != 0 && errno == EINTR) {
+  const auto deadline = std::chrono::steady_clock::now() + kTurnWait;
+  auto pause = std::chrono::microseconds(50);
+  for (;;) {
+    if (::fcntl(fd, F_SETLK, &whole) == 0) return true;
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN && errno != EACCES) return true;  // no locks here: go on without
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(pause);
+    pause = std::min<std::chrono::microseconds>(pause * 2, std::chrono::milliseconds(5));
   }
 }
 
@@ -127,7 +145,7 @@ bool appendPrivate(const std::filesystem::path& file, std::string_view bytes) no
       if (!fd) return false;
       struct stat info {};
       if (!isRegular(fd.get(), info)) return false;
-      lockAgainstOtherProcesses(fd.get());
+      if (!lockAgainstOtherProcesses(fd.get())) return false;
       if (!isRegular(fd.get(), info)) return false;
       if (info.st_nlink == 0) continue;
       // A file someone else loosened (or created before us with a wider umask) is tightened.
@@ -159,7 +177,7 @@ bool consumeWhole(const std::filesystem::path& file,
       if (!fd) return false;
       struct stat info {};
       if (!isRegular(fd.get(), info)) return false;
-      lockAgainstOtherProcesses(fd.get());
+      if (!lockAgainstOtherProcesses(fd.get())) return false;
       if (!isRegular(fd.get(), info)) return false;
       if (info.st_nlink == 0) continue;  // another process took it meanwhile; look again
       std::optional<std::string> content = readAll(fd.get(), info);
@@ -172,6 +190,121 @@ bool consumeWhole(const std::filesystem::path& file,
   } catch (...) {
     return false;
   }
+}
+
+bool moveAside(const std::filesystem::path& from, const std::filesystem::path& to) noexcept {
+  try {
+    std::lock_guard turn(turnsInProcess());
+    for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
+      Descriptor fd(openNoFollow(from, O_RDWR));
+      if (!fd && errno == EACCES) fd.reset(openNoFollow(from, O_RDONLY));
+      if (!fd) return false;
+      struct stat info {};
+      if (!isRegular(fd.get(), info)) return false;
+      if (!lockAgainstOtherProcesses(fd.get())) return false;
+      if (!isRegular(fd.get(), info)) return false;
+      if (info.st_nlink == 0) continue;
+      // Under the lock: an append under way has finished, and later ones find the name free.
+      return ::rename(from.c_str(), to.c_str()) == 0;
+    }
+    return false;
+  } catch (...) {
+    return false;
+  }
+}
+
+bool writeAtStart(const std::filesystem::path& file, std::string_view bytes) noexcept {
+  Descriptor fd(openNoFollow(file, O_WRONLY | O_CREAT, kPrivateMode));
+  if (!fd) return false;
+  struct stat info {};
+  if (!isRegular(fd.get(), info)) return false;
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t n = ::pwrite(fd.get(), bytes.data() + done, bytes.size() - done,
+                               static_cast<off_t>(done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<std::size_t>(n);
+  }
+  return fd.close();
+}
+
+std::optional<std::uint64_t> regularFileSize(const std::filesystem::path& file) noexcept {
+  struct stat info {};
+  if (::lstat(file.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
+  return static_cast<std::uint64_t>(info.st_size);
+}
+
+struct ReadableFile::Handle {
+  int fd = -1;
+  std::uint64_t size = 0;
+};
+
+ReadableFile::ReadableFile() : handle_(std::make_unique<Handle>()) {}
+ReadableFile::~ReadableFile() {
+  close();
+}
+
+bool ReadableFile::open(const std::filesystem::path& file) noexcept {
+  close();
+  const int fd = openNoFollow(file, O_RDONLY);
+  if (fd < 0) return false;
+  struct stat info {};
+  if (!isRegular(fd, info)) {
+    ::close(fd);
+    return false;
+  }
+  handle_->fd = fd;
+  handle_->size = static_cast<std::uint64_t>(info.st_size);
+  return true;
+}
+
+void ReadableFile::close() noexcept {
+  if (handle_ && handle_->fd >= 0) ::close(handle_->fd);
+  if (handle_) handle_->fd = -1;
+}
+
+bool ReadableFile::isOpen() const noexcept {
+  return handle_->fd >= 0;
+}
+
+std::uint64_t ReadableFile::size() const noexcept {
+  return handle_->size;
+}
+
+std::int64_t ReadableFile::readAt(std::uint64_t offset, char* into, std::size_t count) noexcept {
+  for (;;) {
+    const ssize_t n = ::pread(handle_->fd, into, count, static_cast<off_t>(offset));
+    if (n < 0 && errno == EINTR) continue;
+    return n;
+  }
+}
+
+struct ProcessLock::Handle {
+  int fd = -1;
+};
+
+ProcessLock::ProcessLock() : handle_(std::make_unique<Handle>()) {}
+ProcessLock::~ProcessLock() {
+  if (handle_->fd >= 0) ::close(handle_->fd);  // closing releases the lock
+}
+
+bool ProcessLock::tryLock(const std::filesystem::path& file) noexcept {
+  if (handle_->fd >= 0) return true;
+  Descriptor fd(openNoFollow(file, O_RDWR | O_CREAT, kPrivateMode));
+  struct stat info {};
+  if (!fd || !isRegular(fd.get(), info)) return false;
+  struct flock whole {};
+  whole.l_type = F_WRLCK;
+  whole.l_whence = SEEK_SET;
+  for (;;) {
+    if (::fcntl(fd.get(), F_SETLK, &whole) == 0) break;
+    if (errno == EINTR) continue;
+    if (errno == EAGAIN || errno == EACCES) return false;  // another process owns it
+    break;  // a filesystem without locks: this process goes on as the owner
+  }
+  handle_->fd = fd.release();
+  return true;
 }
 
 std::optional<std::string> readWhole(const std::filesystem::path& file) noexcept {

@@ -94,6 +94,100 @@ bool consumeWhole(const std::filesystem::path& file,
   }
 }
 
+bool moveAside(const std::filesystem::path& from, const std::filesystem::path& to) noexcept {
+  try {
+    std::lock_guard lock(appendLock());
+    bool exists = false;
+    if (!missingOrRegular(from, exists) || !exists) return false;
+    std::error_code error;
+    fs::rename(from, to, error);
+    return !error;
+  } catch (...) {
+    return false;
+  }
+}
+
+bool writeAtStart(const std::filesystem::path& file, std::string_view bytes) noexcept {
+  try {
+    bool exists = false;
+    if (!missingOrRegular(file, exists)) return false;
+    if (!exists && !writeFile(file, {}, std::ios::app)) return false;
+    std::fstream out(file, std::ios::binary | std::ios::in | std::ios::out);
+    if (!out) return false;
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    out.close();
+    return !out.fail();
+  } catch (...) {
+    return false;
+  }
+}
+
+std::optional<std::uint64_t> regularFileSize(const std::filesystem::path& file) noexcept {
+  bool exists = false;
+  if (!missingOrRegular(file, exists) || !exists) return std::nullopt;
+  std::error_code error;
+  const auto size = fs::file_size(file, error);
+  if (error) return std::nullopt;
+  return static_cast<std::uint64_t>(size);
+}
+
+struct ReadableFile::Handle {
+  std::ifstream in;
+  std::uint64_t size = 0;
+};
+
+ReadableFile::ReadableFile() : handle_(std::make_unique<Handle>()) {}
+ReadableFile::~ReadableFile() = default;
+
+bool ReadableFile::open(const std::filesystem::path& file) noexcept {
+  try {
+    close();
+    const auto size = regularFileSize(file);
+    if (!size) return false;
+    handle_->in.open(file, std::ios::binary);
+    handle_->size = *size;
+    return handle_->in.is_open();
+  } catch (...) {
+    return false;
+  }
+}
+
+void ReadableFile::close() noexcept {
+  try {
+    if (handle_->in.is_open()) handle_->in.close();
+    handle_->in.clear();
+  } catch (...) {
+  }
+}
+
+bool ReadableFile::isOpen() const noexcept {
+  return handle_->in.is_open();
+}
+
+std::uint64_t ReadableFile::size() const noexcept {
+  return handle_->size;
+}
+
+std::int64_t ReadableFile::readAt(std::uint64_t offset, char* into, std::size_t count) noexcept {
+  try {
+    handle_->in.clear();
+    handle_->in.seekg(static_cast<std::streamoff>(offset));
+    handle_->in.read(into, static_cast<std::streamsize>(count));
+    if (handle_->in.bad()) return -1;
+    return static_cast<std::int64_t>(handle_->in.gcount());
+  } catch (...) {
+    return -1;
+  }
+}
+
+// Without a native layer there is no way to tell other processes apart: every process owns.
+struct ProcessLock::Handle {};
+ProcessLock::ProcessLock() = default;
+ProcessLock::~ProcessLock() = default;
+bool ProcessLock::tryLock(const std::filesystem::path&) noexcept {
+  return true;
+}
+
 bool removeFile(const std::filesystem::path& file) noexcept {
   std::error_code error;
   fs::remove(file, error);  // removes a link itself, never its target

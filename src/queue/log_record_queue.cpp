@@ -1,69 +1,203 @@
 #include "queue/log_record_queue.hpp"
 
+#include <algorithm>
+
 namespace zelvanor::detail {
 
-ZLogRecordQueue::ZLogRecordQueue(std::shared_ptr<RecordTransport> transport)
-    : transport_(std::move(transport)) {}
-
-void ZLogRecordQueue::restorePendingRecords() {
-  auto restored = transport_->takePendingRecords();
-  std::lock_guard lock(mutex_);
-  for (auto& record : restored) recordTable_.push_back(std::move(record));
+ZLogRecordQueue::ZLogRecordQueue(std::shared_ptr<RecordTransport> transport,
+                                 std::uint64_t maxRecordsInMemory)
+    : state_(std::make_shared<State>()) {
+  state_->transport = std::move(transport);
+  state_->maxInMemory = std::max<std::uint64_t>(maxRecordsInMemory, 1);
+  std::weak_ptr<State> weak = state_;
+  state_->transport->setListener([weak](std::uint64_t droppedFromDisk) {
+    auto state = weak.lock();
+    if (!state) return;
+    std::lock_guard lock(state->mutex);
+    if (droppedFromDisk > 0) state->dropFromDiskLocked(droppedFromDisk);
+    state->pumpLocked();
+  });
 }
 
-void ZLogRecordQueue::enqueue(OutgoingRecord record) {
-  std::lock_guard lock(mutex_);
-  if (closed_) {
-    transport_->keepLate(std::move(record));
+void ZLogRecordQueue::restorePendingRecords() {
+  std::weak_ptr<State> weak = state_;
+  state_->transport->restore([weak](std::uint64_t count) {
+    auto state = weak.lock();
+    if (!state || count == 0) return;
+    std::lock_guard lock(state->mutex);
+    state->addRestoredLocked(count);
+  });
+}
+
+void ZLogRecordQueue::setAvailableNetworking(bool available) noexcept {
+  state_->networkAvailable.store(available);
+}
+
+void ZLogRecordQueue::enqueue(std::string record) {
+  State& state = *state_;
+  std::lock_guard lock(state.mutex);
+  if (state.closed) {
+    state.transport->keepLate(std::move(record));
     return;
   }
-  recordTable_.push_back(std::move(record));
+  if (state.inMemory >= state.maxInMemory) state.spillLocked();
+  state.entries.push_back(Entry{0, std::move(record)});
+  ++state.total;
+  ++state.inMemory;
   const std::uint64_t threshold = batchSize();
-  if (recordTable_.size() >= threshold) drainLocked(threshold);
+  if (state.total - state.released >= threshold) state.drainLocked(threshold);
 }
 
 void ZLogRecordQueue::drain(std::uint64_t threshold) {
-  std::lock_guard lock(mutex_);
-  drainLocked(threshold);
+  std::lock_guard lock(state_->mutex);
+  state_->drainLocked(threshold);
 }
 
-void ZLogRecordQueue::drainLocked(std::uint64_t threshold) {
+void ZLogRecordQueue::State::drainLocked(std::uint64_t threshold) {
   if (threshold == kNoThreshold) threshold = 0;
+  // Sending the oldest one at a time until fewer than the threshold remain, in one step.
+  const std::uint64_t waiting = total - released;
+  if (waiting == 0 || waiting < threshold) return;
+  released += threshold == 0 ? waiting : waiting - threshold + 1;
+  pumpLocked();
+}
+
+void ZLogRecordQueue::State::pumpLocked() {
   // Hand-over happens under the lock so that records reach the transport in table order even when
   // several host threads enqueue at once; the transport only queues them.
-  while (!recordTable_.empty() && recordTable_.size() >= threshold) {
-    OutgoingRecord oldest = std::move(recordTable_.front());
-    recordTable_.pop_front();
-    transport_->send(std::move(oldest), isAvailableNetworking());
+  while (released > 0 && !entries.empty()) {
+    const bool gateOpen = networkAvailable.load();
+    std::uint64_t room = gateOpen ? transport->room() : released;
+    if (room == 0) return;
+    std::uint64_t fromDisk = 0;
+    std::vector<std::string> records;
+    if (entries.front().onDisk > 0) {
+      Entry& run = entries.front();
+      fromDisk = std::min({run.onDisk, released, room});
+      run.onDisk -= fromDisk;
+      if (run.onDisk == 0) entries.pop_front();
+      released -= fromDisk;
+      total -= fromDisk;
+      room -= fromDisk;
+    }
+    while (room > 0 && released > 0 && !entries.empty() && entries.front().onDisk == 0) {
+      records.push_back(std::move(entries.front().bytes));
+      entries.pop_front();
+      --released;
+      --total;
+      --inMemory;
+      --room;
+    }
+    transport->send(fromDisk, std::move(records), gateOpen);
+  }
+}
+
+void ZLogRecordQueue::State::spillLocked() {
+  // The newest records in memory follow every record on disk, so moving them behind those keeps
+  // the order; the oldest stay in memory, ready to go first.
+  std::size_t first = entries.size();
+  while (first > 0 && entries[first - 1].onDisk == 0) --first;
+  if (first == entries.size()) return;
+  std::vector<std::string> records;
+  records.reserve(entries.size() - first);
+  for (std::size_t i = first; i < entries.size(); ++i) records.push_back(std::move(entries[i].bytes));
+  entries.erase(entries.begin() + static_cast<std::ptrdiff_t>(first), entries.end());
+  inMemory -= records.size();
+  if (!entries.empty() && entries.back().onDisk > 0) {
+    entries.back().onDisk += records.size();
+  } else {
+    entries.push_back(Entry{records.size(), {}});
+  }
+  transport->spill(std::move(records));
+}
+
+void ZLogRecordQueue::State::addRestoredLocked(std::uint64_t count) {
+  // Restored records are the oldest of all: they go in front of everything not yet sent off.
+  std::uint64_t skip = released;
+  auto at = entries.begin();
+  while (skip > 0 && at != entries.end()) {
+    const std::uint64_t size = at->onDisk > 0 ? at->onDisk : 1;
+    if (size > skip) {
+      // Split a run on disk so that its released part stays in front.
+      Entry rest{size - skip, {}};
+      at->onDisk = skip;
+      at = entries.insert(std::next(at), rest);
+      skip = 0;
+      break;
+    }
+    skip -= size;
+    ++at;
+  }
+  if (at != entries.end() && at->onDisk > 0) {
+    at->onDisk += count;
+  } else {
+    entries.insert(at, Entry{count, {}});
+  }
+  total += count;
+}
+
+void ZLogRecordQueue::State::dropFromDiskLocked(std::uint64_t count) {
+  // The store drops the oldest records on disk: the first runs on disk here.
+  for (auto it = entries.begin(); count > 0 && it != entries.end();) {
+    if (it->onDisk == 0) {
+      ++it;
+      continue;
+    }
+    const std::uint64_t gone = std::min(count, it->onDisk);
+    // Everything before this run is released or not alike; a released prefix shrinks with it.
+    std::uint64_t before = 0;
+    for (auto b = entries.begin(); b != it; ++b) before += b->onDisk > 0 ? b->onDisk : 1;
+    if (released > before) released -= std::min(released - before, gone);
+    it->onDisk -= gone;
+    total -= gone;
+    count -= gone;
+    it = it->onDisk == 0 ? entries.erase(it) : std::next(it);
   }
 }
 
 void ZLogRecordQueue::appendTemplate(ZLogTemplate logTemplate) {
-  std::lock_guard lock(mutex_);
-  recordTemplates_.push_back(std::move(logTemplate));
+  std::lock_guard lock(state_->mutex);
+  state_->templates.push_back(std::move(logTemplate));
+}
+
+void ZLogRecordQueue::prependTemplates(std::vector<ZLogTemplate> templates) {
+  std::lock_guard lock(state_->mutex);
+  auto& list = state_->templates;
+  list.insert(list.begin(), std::make_move_iterator(templates.begin()),
+              std::make_move_iterator(templates.end()));
 }
 
 std::vector<ZLogTemplate> ZLogRecordQueue::takeTemplates() {
-  std::lock_guard lock(mutex_);
-  return std::exchange(recordTemplates_, {});
+  std::lock_guard lock(state_->mutex);
+  return std::exchange(state_->templates, {});
 }
 
 std::size_t ZLogRecordQueue::recordCount() const {
-  std::lock_guard lock(mutex_);
-  return recordTable_.size();
+  std::lock_guard lock(state_->mutex);
+  return state_->total - state_->released;
+}
+
+std::size_t ZLogRecordQueue::recordsInMemory() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->inMemory;
 }
 
 std::size_t ZLogRecordQueue::templateCount() const {
-  std::lock_guard lock(mutex_);
-  return recordTemplates_.size();
+  std::lock_guard lock(state_->mutex);
+  return state_->templates.size();
 }
 
-std::vector<OutgoingRecord> ZLogRecordQueue::takeRecords() {
-  std::lock_guard lock(mutex_);
-  std::vector<OutgoingRecord> records(std::make_move_iterator(recordTable_.begin()),
-                                      std::make_move_iterator(recordTable_.end()));
-  recordTable_.clear();
-  closed_ = true;
+std::vector<std::string> ZLogRecordQueue::takeRecords() {
+  std::lock_guard lock(state_->mutex);
+  std::vector<std::string> records;
+  for (auto& entry : state_->entries) {
+    if (entry.onDisk == 0) records.push_back(std::move(entry.bytes));
+  }
+  state_->entries.clear();
+  state_->total = 0;
+  state_->released = 0;
+  state_->inMemory = 0;
+  state_->closed = true;
   return records;
 }
 

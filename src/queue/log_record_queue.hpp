@@ -1,5 +1,9 @@
 // Finished records waiting for the batch threshold, and the templates waiting for the identity
 // triple. Records leave strictly oldest first.
+//
+// A record waits as its encoded JSON. The oldest may wait on disk instead (restored from an
+// earlier run, or moved there when more than the memory limit wait); the queue then only counts
+// them, and the transport reads them back in order when they are sent.
 #pragma once
 
 #include <atomic>
@@ -8,6 +12,7 @@
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "queue/record_transport.hpp"
@@ -22,16 +27,16 @@ class ZLogRecordQueue {
   /// The queue's own threshold; the shared tracker's configuration replaces it with 1 at once.
   static constexpr std::uint64_t kInitialBatchSize = 5;
 
-  explicit ZLogRecordQueue(std::shared_ptr<RecordTransport> transport);
+  explicit ZLogRecordQueue(std::shared_ptr<RecordTransport> transport,
+                           std::uint64_t maxRecordsInMemory = 1000);
 
-  /// Appends the pending file's records behind whatever is in memory.
+  /// Asks the transport for what earlier runs kept; those records join the front of the table
+  /// when it has looked, without the host waiting for it.
   void restorePendingRecords();
-  /// Appends; once the table holds at least batchSize records, sends the oldest until fewer
-  /// remain. So a batch size of 5 keeps four records waiting and sends one per further enqueue.
-  void enqueue(OutgoingRecord record);
-  void enqueue(ZLogRecord record) {
-    enqueue(std::make_shared<const ZLogRecord>(std::move(record)));
-  }
+  /// Appends one encoded record; once the table holds at least batchSize records, sends the
+  /// oldest until fewer remain. So a batch size of 5 keeps four records waiting and sends one per
+  /// further enqueue.
+  void enqueue(std::string record);
   /// Sends oldest first while the count is at least `threshold` (kNoThreshold counts as 0).
   void drain(std::uint64_t threshold);
   void flush() { drain(kNoThreshold); }
@@ -42,30 +47,56 @@ class ZLogRecordQueue {
     batchSize_.store(size, std::memory_order_relaxed);
   }
 
-  bool isAvailableNetworking() const noexcept { return networkAvailable_.load(); }
-  void setAvailableNetworking(bool available) noexcept { networkAvailable_.store(available); }
+  bool isAvailableNetworking() const noexcept { return state_->networkAvailable.load(); }
+  void setAvailableNetworking(bool available) noexcept;
 
   void appendTemplate(ZLogTemplate logTemplate);
+  /// Puts templates kept by an earlier run in front of this run's.
+  void prependTemplates(std::vector<ZLogTemplate> templates);
   /// Hands over every kept template, in tracking order, and empties the list.
   std::vector<ZLogTemplate> takeTemplates();
 
+  /// Records in the table (waiting for the threshold), in memory and on disk.
   std::size_t recordCount() const;
+  std::size_t recordsInMemory() const;
   std::size_t templateCount() const;
   /// Takes every record still in memory (oldest first) without sending it, and closes the table:
   /// records enqueued afterwards (a host thread racing with shutdown) go to the transport to be
-  /// kept behind these, instead of waiting in a table nobody drains. Used at shutdown.
-  std::vector<OutgoingRecord> takeRecords();
+  /// kept behind these, instead of waiting in a table nobody drains. Records waiting on disk stay
+  /// there. Used at shutdown.
+  std::vector<std::string> takeRecords();
 
  private:
-  void drainLocked(std::uint64_t threshold);
+  /// One record in memory, or a run of records waiting on disk (onDisk > 0), in table order.
+  struct Entry {
+    std::uint64_t onDisk = 0;
+    std::string bytes;
+  };
+  // Shared with the transport's callbacks, which may outlive the queue.
+  struct State {
+    std::shared_ptr<RecordTransport> transport;
+    std::uint64_t maxInMemory = 0;
+    std::mutex mutex;
+    std::deque<Entry> entries;
+    std::uint64_t total = 0;     ///< records in entries
+    std::uint64_t released = 0;  ///< leading records sent off but not yet taken by the transport
+    std::uint64_t inMemory = 0;
+    bool closed = false;
+    std::vector<ZLogTemplate> templates;
+    std::atomic<bool> networkAvailable{false};
 
-  const std::shared_ptr<RecordTransport> transport_;
-  mutable std::mutex mutex_;
-  std::deque<OutgoingRecord> recordTable_;
-  std::vector<ZLogTemplate> recordTemplates_;
-  bool closed_ = false;
+    void drainLocked(std::uint64_t threshold);
+    /// Hands released records to the transport while it has room (all of them when the gate
+    /// is closed: they go to disk).
+    void pumpLocked();
+    /// Moves the newest run of records in memory to disk.
+    void spillLocked();
+    void addRestoredLocked(std::uint64_t count);
+    void dropFromDiskLocked(std::uint64_t count);
+  };
+
+  std::shared_ptr<State> state_;
   std::atomic<std::uint64_t> batchSize_{kInitialBatchSize};
-  std::atomic<bool> networkAvailable_{false};
 };
 
 }  // namespace zelvanor::detail

@@ -1,62 +1,49 @@
-// The narrow seam between the record queue and delivery (HTTPS and the pending-record file).
+// The narrow seam between the record queue and delivery (HTTPS and the pending store).
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <memory>
-#include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "zelvanor/record.hpp"
-#include "zelvanor/result.hpp"
 
 namespace zelvanor::detail {
 
-/// Records travel by shared pointer: one allocation at build time, no copies on the way.
+/// Built records travel by shared pointer where a request is built from the record itself.
 using RecordPtr = std::shared_ptr<const ZLogRecord>;
 
-/// One record on its way out. A record built in this process travels as itself; one restored from
-/// the pending file stays the compact JSON stored there (checked to decode as a record when it was
-/// read), because rebuilding thousands of multi-kilobyte records would hold up the host's start
-/// and the text is exactly what goes on the wire again.
-class OutgoingRecord {
- public:
-  // Implicit: the queue takes built records as they are.
-  OutgoingRecord(RecordPtr record) noexcept : record_(std::move(record)) {}  // NOLINT
-  static OutgoingRecord restored(std::string json);
-  /// A restored record whose text is `json`, a view into `storage` (the pending file as read),
-  /// which it keeps alive.
-  static OutgoingRecord restored(std::shared_ptr<const std::string> storage, std::string_view json);
-
-  /// The record, or null for a restored one.
-  const ZLogRecord* record() const noexcept { return record_.get(); }
-  bool isRestored() const noexcept { return storage_ != nullptr; }
-  /// The compact JSON to send or keep: a restored record's stored text, or the record encoded now.
-  Result<std::string> json() const;
-  /// The record itself, decoding a restored one (tests and diagnostics).
-  std::optional<ZLogRecord> decoded() const;
-
- private:
-  RecordPtr record_;
-  std::shared_ptr<const std::string> storage_;
-  std::string_view json_;  ///< a restored record's text, inside *storage_
-};
-
+/// Records travel as their compact JSON, encoded once when they were built: a waiting record
+/// costs about its encoded size, and the same bytes go to the network or to disk.
 class RecordTransport {
  public:
   virtual ~RecordTransport() = default;
-  /// Takes one record, oldest first. `networkAvailable` is the network gate at hand-over: closed
-  /// means the record goes to the pending file instead of the network. Must not block on I/O:
-  /// the queue calls it under its lock, on the host's thread.
-  virtual void send(OutgoingRecord record, bool networkAvailable) = 0;
-  /// Every record earlier runs kept on disk, in file order; they leave the disk.
-  virtual std::vector<OutgoingRecord> takePendingRecords() = 0;
+  /// Takes over what earlier runs kept, on the SDK's own thread (the host never waits for the
+  /// disk); `restored` then runs once, on that thread, with how many records wait on disk to be
+  /// sent first.
+  virtual void restore(std::function<void(std::uint64_t count)> restored) = 0;
+  /// How many more records the transport takes now for the network; the queue holds the rest,
+  /// in order, until the listener says there is room.
+  virtual std::uint64_t room() const = 0;
+  /// Runs on an SDK thread, with no lock held, when room frees up, and with the number of
+  /// records waiting on disk (the oldest) that were dropped for space.
+  virtual void setListener(std::function<void(std::uint64_t droppedFromDisk)> listener) = 0;
+  /// Sends records oldest first: the next `fromDisk` of those waiting on disk, then `records`.
+  /// With the network gate closed they are kept for a later start instead. Never blocks on I/O.
+  virtual void send(std::uint64_t fromDisk, std::vector<std::string> records,
+                    bool networkAvailable) = 0;
+  /// Moves records (oldest first) behind those waiting on disk: the queue's memory is full.
+  virtual void spill(std::vector<std::string> records) = 0;
   /// A record tracked after the queue closed for shutdown: kept for the next start, behind the
   /// unsent ones. Must not block on I/O while a shutdown is still to come or under way.
-  virtual void keepLate(OutgoingRecord record) = 0;
-  /// Stops delivery for good: records still in flight, `unsent` ones (oldest first) and late ones
-  /// are kept for the next start, in that order. Returns once nothing more will be written.
-  virtual void shutdown(std::vector<OutgoingRecord> unsent) = 0;
+  virtual void keepLate(std::string record) = 0;
+  /// Templates (their JSON, oldest first) an earlier run kept; taken once.
+  virtual std::vector<std::string> takeKeptTemplates() = 0;
+  /// Stops delivery for good: records in flight, `unsent` ones (oldest first) and late ones are
+  /// kept for the next start, in that order, and so are `templates`. Returns once nothing more
+  /// will be written.
+  virtual void shutdown(std::vector<std::string> unsent, std::vector<std::string> templates) = 0;
 };
 
 }  // namespace zelvanor::detail

@@ -31,6 +31,16 @@ void SerialQueue::async(std::function<void()> task) {
   state_->wake.notify_one();
 }
 
+void SerialQueue::asyncAfter(std::chrono::steady_clock::duration delay,
+                             std::function<void()> task) {
+  {
+    std::lock_guard lock(state_->mutex);
+    if (state_->stopping) return;
+    state_->timers.emplace(std::chrono::steady_clock::now() + delay, std::move(task));
+  }
+  state_->wake.notify_one();
+}
+
 void SerialQueue::sync(const std::function<void()>& task) {
   std::mutex doneMutex;
   std::condition_variable doneSignal;
@@ -85,8 +95,27 @@ void SerialQueue::run(const std::shared_ptr<State>& state) {
     std::function<void()> task;
     {
       std::unique_lock lock(state->mutex);
-      state->wake.wait(lock, [&] { return state->stopping || !state->tasks.empty(); });
-      if (state->tasks.empty()) return;
+      for (;;) {
+        if (!state->stopping && !state->timers.empty() &&
+            state->timers.begin()->first <= std::chrono::steady_clock::now()) {
+          // A timer that is due queues behind what is already waiting.
+          state->tasks.push_back(std::move(state->timers.begin()->second));
+          state->timers.erase(state->timers.begin());
+        }
+        if (state->stopping || !state->tasks.empty()) break;
+        if (state->timers.empty()) {
+          state->wake.wait(lock);
+        } else {
+          state->wake.wait_until(lock, state->timers.begin()->first);
+        }
+      }
+      if (state->tasks.empty()) {
+        // Dropped timers' captures are released outside the lock: one may own this queue.
+        auto dropped = std::move(state->timers);
+        state->timers.clear();
+        lock.unlock();
+        return;
+      }
       task = std::move(state->tasks.front());
       state->tasks.pop_front();
     }

@@ -1,8 +1,10 @@
 // One worker thread running tasks in submission order.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <map>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -20,6 +22,9 @@ class SerialQueue {
 
   /// Queues a task; dropped once stop() has begun.
   void async(std::function<void()> task);
+  /// Queues a task to run once `delay` has passed (behind whatever is queued by then); dropped,
+  /// not run, once stop() has begun.
+  void asyncAfter(std::chrono::steady_clock::duration delay, std::function<void()> task);
   /// Runs a task on the worker and waits for it. From the worker itself, or after stop, it runs
   /// inline on the caller instead of waiting on itself.
   void sync(const std::function<void()>& task);
@@ -34,6 +39,7 @@ class SerialQueue {
     std::mutex mutex;
     std::condition_variable wake;
     std::deque<std::function<void()>> tasks;
+    std::multimap<std::chrono::steady_clock::time_point, std::function<void()>> timers;
     bool stopping = false;
     std::thread::id workerId;
   };

@@ -1,0 +1,404 @@
+#include "queue/pending_store.hpp"
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <system_error>
+
+#include "platform/file_ops.hpp"
+#include "zelvanor/json.hpp"
+
+namespace zelvanor::detail {
+namespace {
+
+/// "ZLogs.tmp.<digits>" names a segment; anything else beside it is not ours to read.
+std::optional<std::uint64_t> segmentNumber(std::string_view name) {
+  constexpr std::string_view prefix = "ZLogs.tmp.";
+  if (name.size() <= prefix.size() || name.substr(0, prefix.size()) != prefix) return {};
+  const std::string_view digits = name.substr(prefix.size());
+  std::uint64_t number = 0;
+  const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+  if (error != std::errc{} || end != digits.data() + digits.size() || number == 0) return {};
+  return number;
+}
+
+/// Tries a few times: the lock wait inside is short, and a start must not give up on the file
+/// because another process happened to be appending.
+template <class Attempt>
+bool retried(Attempt&& attempt) {
+  for (int i = 0; i < 3; ++i) {
+    if (attempt()) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+PendingStore::PendingStore(std::filesystem::path directory, ZStoreLimits limits)
+    : directory_(std::move(directory)), limits_(limits) {}
+
+std::filesystem::path PendingStore::segmentPath(std::uint64_t number) const {
+  return directory_ / (std::string(kPendingFileName) + "." + std::to_string(number));
+}
+
+std::uint64_t PendingStore::segmentTarget() const {
+  // Small enough that dropping the oldest one frees little, large enough to be few files.
+  return std::max<std::uint64_t>(limits_.maxBytesOnDisk / 8, 4096);
+}
+
+PendingStore::Segment* PendingStore::findSegment(std::uint64_t number) {
+  for (auto& segment : segments_) {
+    if (segment.number == number) return &segment;
+  }
+  return nullptr;
+}
+
+std::uint64_t PendingStore::bytesOnDisk() const noexcept {
+  std::uint64_t total = tailBytes_;
+  for (const auto& segment : segments_) total += segment.bytes - segment.start;
+  return total;
+}
+
+std::uint64_t PendingStore::open() {
+  if (directory_.empty()) return 0;
+  tailBytes_ = platform::regularFileSize(file(kPendingFileName)).value_or(0);
+  quarantineBytes_ = platform::regularFileSize(file(kQuarantineFileName)).value_or(0);
+  owner_ = ownerLock_.tryLock(file(kLockFileName));
+  if (!owner_) return 0;  // another process of the app sends what is on disk
+
+  std::error_code error;
+  std::vector<std::uint64_t> numbers;
+  for (const auto& entry : std::filesystem::directory_iterator(directory_, error)) {
+    const auto number = segmentNumber(entry.path().filename().string());
+    // Anything but a regular file (a FIFO, a directory, a link) is left alone, never opened.
+    if (number && platform::regularFileSize(entry.path())) numbers.push_back(*number);
+  }
+  std::sort(numbers.begin(), numbers.end());
+  readCursor();
+  nextNumber_ = std::max(numbers.empty() ? 0 : numbers.back(), cursorSegment_) + 1;
+  for (const std::uint64_t number : numbers) {
+    Segment segment;
+    segment.number = number;
+    segment.bytes = platform::regularFileSize(segmentPath(number)).value_or(0);
+    if (number == cursorSegment_ && cursorOffset_ <= segment.bytes) segment.start = cursorOffset_;
+    segments_.push_back(segment);
+  }
+  if (tailBytes_ > 0) (void)retried([&] { return rotateTail(/*queued=*/true); });
+  std::uint64_t waiting = 0;
+  for (auto& segment : segments_) waiting += countRecords(segment);
+  // A backlog larger than the disk may hold (an older build, a long time offline) loses its
+  // oldest records now rather than holding the disk past its limit.
+  (void)makeRoom(0);
+  waiting = 0;
+  for (const auto& segment : segments_) waiting += segment.records;
+  droppedQueued_ = 0;
+  return waiting;
+}
+
+std::uint64_t PendingStore::countRecords(Segment& segment) {
+  PendingFileReader reader;
+  segment.records = 0;
+  if (!reader.open(segmentPath(segment.number), segment.start)) return 0;
+  while (auto piece = reader.next()) {
+    if (piece->kind == FramePiece::Kind::frame) ++segment.records;
+  }
+  return segment.records;
+}
+
+void PendingStore::readCursor() {
+  const auto content = platform::readWhole(file(kCursorFileName));
+  if (!content || content->size() < 2 * sizeof(std::uint64_t)) return;
+  std::memcpy(&cursorSegment_, content->data(), sizeof(std::uint64_t));
+  std::memcpy(&cursorOffset_, content->data() + sizeof(std::uint64_t), sizeof(std::uint64_t));
+}
+
+bool PendingStore::rotateTail(bool queued) {
+  if (!owner_) return false;
+  const std::uint64_t number = nextNumber_;
+  if (!platform::moveAside(file(kPendingFileName), segmentPath(number))) {
+    // Gone already (nothing to move) or not movable now: either way appends go on as they are.
+    if (!platform::regularFileSize(file(kPendingFileName))) tailBytes_ = 0;
+    return false;
+  }
+  ++nextNumber_;
+  Segment segment;
+  segment.number = number;
+  segment.bytes = platform::regularFileSize(segmentPath(number)).value_or(tailBytes_);
+  segment.records = tailRecords_;
+  segment.queued = queued;
+  segments_.push_back(segment);
+  tailBytes_ = 0;
+  tailRecords_ = 0;
+  return true;
+}
+
+void PendingStore::dropSegment(std::deque<Segment>::iterator segment) {
+  if (segment->queued) droppedQueued_ += segment->records;
+  counts_.droppedForSpace += segment->records + segment->outstanding;
+  if (readerSegment_ == segment->number) {
+    reader_.close();
+    readerSegment_ = 0;
+  }
+  // Answers still to come for its records find nothing to move.
+  std::erase_if(outstanding_,
+                [&](const Outstanding& entry) { return entry.ref.segment == segment->number; });
+  (void)platform::removeFile(segmentPath(segment->number));
+  segments_.erase(segment);
+}
+
+bool PendingStore::makeRoom(std::uint64_t bytes) {
+  while (bytesOnDisk() + bytes > limits_.maxBytesOnDisk && !segments_.empty()) {
+    auto oldest = segments_.begin();
+    const std::uint64_t excess = bytesOnDisk() + bytes - limits_.maxBytesOnDisk;
+    const std::uint64_t live = oldest->bytes - oldest->start;
+    if (live <= excess || oldest->outstanding > 0 || readerSegment_ == oldest->number) {
+      dropSegment(oldest);
+      continue;
+    }
+    // Only part of the oldest must go: move its start past enough whole frames.
+    PendingFileReader reader;
+    std::uint64_t dropped = 0;
+    std::uint64_t newStart = oldest->start;
+    if (reader.open(segmentPath(oldest->number), oldest->start)) {
+      while (newStart - oldest->start < excess) {
+        const auto piece = reader.next();
+        if (!piece) break;
+        if (piece->kind == FramePiece::Kind::frame) ++dropped;
+        newStart = piece->offset + piece->size;
+      }
+    }
+    if (newStart - oldest->start < excess) {
+      dropSegment(oldest);
+      continue;
+    }
+    oldest->start = newStart;
+    dropped = std::min(dropped, oldest->records);
+    oldest->records -= dropped;
+    if (oldest->queued) droppedQueued_ += dropped;
+    counts_.droppedForSpace += dropped;
+    if (!cursorFrozen_ && outstanding_.empty()) {
+      cursorSegment_ = oldest->number;
+      cursorOffset_ = newStart;
+      std::string bytesOut(2 * sizeof(std::uint64_t), '\0');
+      std::memcpy(bytesOut.data(), &cursorSegment_, sizeof(std::uint64_t));
+      std::memcpy(bytesOut.data() + sizeof(std::uint64_t), &cursorOffset_, sizeof(std::uint64_t));
+      (void)platform::writeAtStart(file(kCursorFileName), bytesOut);
+    }
+  }
+  return bytesOnDisk() + bytes <= limits_.maxBytesOnDisk;
+}
+
+std::size_t PendingStore::keep(const std::vector<std::string>& records) {
+  if (directory_.empty()) return 0;
+  std::size_t written = 0;
+  std::string frames;
+  while (written < records.size()) {
+    // One write per batch of records, each batch within a segment's size.
+    frames.clear();
+    std::size_t batch = 0;
+    while (written + batch < records.size() &&
+           (batch == 0 || frames.size() + records[written + batch].size() < segmentTarget())) {
+      appendFrame(frames, records[written + batch]);
+      ++batch;
+    }
+    if (frames.size() > limits_.maxBytesOnDisk) {
+      counts_.droppedForSpace += batch;  // one record larger than the whole disk allowance
+      written += batch;
+      continue;
+    }
+    if (owner_ && tailBytes_ > 0 && tailBytes_ + frames.size() > segmentTarget()) {
+      (void)rotateTail(/*queued=*/false);
+    }
+    if (!makeRoom(frames.size())) {
+      if (owner_) return written;
+      // Another process owns the segments: the oldest kept here cannot be dropped.
+      counts_.droppedForSpace += batch;
+      written += batch;
+      continue;
+    }
+    if (!platform::appendPrivate(file(kPendingFileName), frames)) return written;
+    tailBytes_ += frames.size();
+    tailRecords_ += batch;
+    written += batch;
+  }
+  return written;
+}
+
+std::size_t PendingStore::spill(const std::vector<std::string>& records) {
+  if (directory_.empty() || !owner_ || records.empty()) return 0;
+  std::string frames;
+  for (const auto& record : records) appendFrame(frames, record);
+  if (frames.size() > limits_.maxBytesOnDisk / 2) return 0;
+  Segment* last = segments_.empty() ? nullptr : &segments_.back();
+  const bool appendToLast = last && last->queued && !last->blocked &&
+                            last->number + 1 == nextNumber_ &&
+                            last->bytes + frames.size() <= segmentTarget();
+  if (!makeRoom(frames.size())) return 0;
+  const std::uint64_t number = appendToLast ? segments_.back().number : nextNumber_;
+  if (!platform::appendPrivate(segmentPath(number), frames)) return 0;
+  if (appendToLast) {
+    segments_.back().bytes += frames.size();
+    segments_.back().records += records.size();
+  } else {
+    ++nextNumber_;
+    Segment segment;
+    segment.number = number;
+    segment.bytes = frames.size();
+    segment.records = records.size();
+    segments_.push_back(segment);
+  }
+  return records.size();
+}
+
+std::optional<PendingStore::Read> PendingStore::next() {
+  for (;;) {
+    Segment* segment = readerSegment_ ? findSegment(readerSegment_) : nullptr;
+    if (!segment) {
+      readerSegment_ = 0;
+      for (auto& candidate : segments_) {
+        if (candidate.queued && candidate.records > 0) {
+          segment = &candidate;
+          break;
+        }
+      }
+      if (!segment) return std::nullopt;
+      if (!reader_.open(segmentPath(segment->number), segment->start)) {
+        // Gone or replaced by something that is no file of ours: nothing to read there.
+        segment->records = 0;
+        removeIfDone(segment->number);
+        continue;
+      }
+      readerSegment_ = segment->number;
+    }
+    const auto piece = reader_.next();
+    if (!piece || segment->records == 0) {
+      // Whatever is left cannot be read as records; the segment goes once it is answered.
+      segment->records = 0;
+      readerSegment_ = 0;
+      reader_.close();
+      removeIfDone(segment->number);
+      continue;
+    }
+    const StoreRef ref{segment->number, piece->offset + piece->size};
+    if (piece->kind != FramePiece::Kind::frame) {
+      ++counts_.skippedPieces;
+      outstanding_.push_back({ref, Outstanding::State::done});
+      advanceCursor();
+      continue;
+    }
+    --segment->records;
+    auto decoded = decodeJson<ZLogRecord>(piece->payload);
+    std::optional<std::string> encoded;
+    if (decoded) {
+      if (auto again = encodeJson(*decoded)) encoded = std::move(again).value();
+    }
+    if (!encoded) {
+      // Not a record this build can send (damaged, or from a later format): moved aside so that
+      // it never holds up the records around it.
+      quarantine(piece->payload);
+      outstanding_.push_back({ref, Outstanding::State::done});
+      advanceCursor();
+      continue;
+    }
+    ++segment->outstanding;
+    outstanding_.push_back({ref, Outstanding::State::inFlight});
+    return Read{std::move(*encoded), ref};
+  }
+}
+
+void PendingStore::quarantine(std::string_view payload) {
+  ++counts_.quarantined;
+  std::string frame;
+  appendFrame(frame, payload);
+  if (quarantineBytes_ + frame.size() > limits_.maxQuarantineBytes) return;
+  if (platform::appendPrivate(file(kQuarantineFileName), frame)) {
+    quarantineBytes_ += frame.size();
+  }
+}
+
+void PendingStore::answered(StoreRef ref) {
+  for (auto& entry : outstanding_) {
+    if (entry.ref.segment == ref.segment && entry.ref.end == ref.end &&
+        entry.state == Outstanding::State::inFlight) {
+      entry.state = Outstanding::State::done;
+      if (Segment* segment = findSegment(ref.segment); segment && segment->outstanding > 0) {
+        --segment->outstanding;
+      }
+      break;
+    }
+  }
+  advanceCursor();
+  removeIfDone(ref.segment);
+}
+
+void PendingStore::unsent(StoreRef ref) {
+  for (auto& entry : outstanding_) {
+    if (entry.ref.segment == ref.segment && entry.ref.end == ref.end &&
+        entry.state == Outstanding::State::inFlight) {
+      entry.state = Outstanding::State::unsent;
+      if (Segment* segment = findSegment(ref.segment)) {
+        if (segment->outstanding > 0) --segment->outstanding;
+        segment->blocked = true;
+      }
+      break;
+    }
+  }
+  advanceCursor();
+}
+
+void PendingStore::advanceCursor() {
+  bool moved = false;
+  while (!outstanding_.empty() && outstanding_.front().state != Outstanding::State::inFlight) {
+    const Outstanding front = outstanding_.front();
+    outstanding_.pop_front();
+    // A record that stays unsent holds the cursor where it is: the next start sends it again,
+    // and what follows it, rather than skip it.
+    if (front.state == Outstanding::State::unsent) cursorFrozen_ = true;
+    if (cursorFrozen_) continue;
+    cursorSegment_ = front.ref.segment;
+    cursorOffset_ = front.ref.end;
+    moved = true;
+  }
+  if (!moved) return;
+  std::string bytes(2 * sizeof(std::uint64_t), '\0');
+  std::memcpy(bytes.data(), &cursorSegment_, sizeof(std::uint64_t));
+  std::memcpy(bytes.data() + sizeof(std::uint64_t), &cursorOffset_, sizeof(std::uint64_t));
+  (void)platform::writeAtStart(file(kCursorFileName), bytes);
+}
+
+void PendingStore::removeIfDone(std::uint64_t number) {
+  for (auto it = segments_.begin(); it != segments_.end(); ++it) {
+    if (it->number != number) continue;
+    if (it->queued && it->records == 0 && it->outstanding == 0 && !it->blocked &&
+        readerSegment_ != number) {
+      (void)platform::removeFile(segmentPath(number));
+      segments_.erase(it);
+    }
+    return;
+  }
+}
+
+std::vector<std::string> PendingStore::takeTemplates() {
+  std::vector<std::string> templates;
+  if (directory_.empty()) return templates;
+  PendingFileReader reader;
+  if (!reader.open(file(kTemplatesFileName))) return templates;
+  while (auto piece = reader.next()) {
+    if (piece->kind == FramePiece::Kind::frame) templates.emplace_back(piece->payload);
+  }
+  (void)platform::removeFile(file(kTemplatesFileName));
+  return templates;
+}
+
+bool PendingStore::writeTemplates(const std::vector<std::string>& templates) {
+  if (directory_.empty()) return false;
+  if (templates.empty()) return platform::removeFile(file(kTemplatesFileName));
+  const std::size_t keep = std::min<std::size_t>(templates.size(), limits_.maxTemplatesKept);
+  std::string frames;
+  for (std::size_t i = templates.size() - keep; i < templates.size(); ++i) {
+    appendFrame(frames, templates[i]);
+  }
+  return platform::writeWholePrivateAtomically(file(kTemplatesFileName), frames);
+}
+
+}  // namespace zelvanor::detail

@@ -1,0 +1,135 @@
+// Records that wait on disk. "ZLogs.tmp" takes the records kept for a later start (a transport
+// failure, a closed network gate, exit); at a start it is moved aside as a numbered segment
+// ("ZLogs.tmp.1", ...) whose records are then sent from where they lie. A record leaves the disk
+// only once the collector has answered for it: a cursor file ("ZLogs.cursor") says how far the
+// segment being sent is answered, and a segment is removed when all of it is. So a kill at any
+// moment loses nothing that was on disk, and resends at most what was in flight.
+//
+// Segments also take the records that overflow the queue's memory, behind the restored ones. One
+// process of an app owns the segments (a lock file); another only appends to "ZLogs.tmp".
+//
+// Worker only: nothing here locks against other threads.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "queue/pending_frames.hpp"
+#include "zelvanor/storage.hpp"
+
+namespace zelvanor::detail {
+
+/// Where a record read from the store lies, so that its answer can move the cursor.
+struct StoreRef {
+  std::uint64_t segment = 0;
+  std::uint64_t end = 0;  ///< the file offset just behind its frame
+};
+
+class PendingStore {
+ public:
+  static constexpr std::string_view kPendingFileName = "ZLogs.tmp";
+  static constexpr std::string_view kCursorFileName = "ZLogs.cursor";
+  static constexpr std::string_view kQuarantineFileName = "ZLogs.quarantine";
+  static constexpr std::string_view kLockFileName = "ZLogs.lock";
+  static constexpr std::string_view kTemplatesFileName = "ZTemplates.tmp";
+
+  struct Counts {
+    std::uint64_t droppedForSpace = 0;  ///< oldest records dropped to stay within the disk cap
+    std::uint64_t quarantined = 0;      ///< payloads that are no record, moved aside (or dropped)
+    std::uint64_t skippedPieces = 0;    ///< damaged lengths and torn ends read past
+  };
+
+  /// `directory` empty: nothing is ever written, everything stays in memory.
+  PendingStore(std::filesystem::path directory, ZStoreLimits limits);
+
+  /// Takes over what earlier runs left: the segments, then "ZLogs.tmp" moved aside behind them.
+  /// Returns how many records now wait on disk to be sent.
+  std::uint64_t open();
+
+  /// Appends records kept for a later start; returns how many leading ones were written (a full
+  /// or read-only disk writes fewer: the caller keeps the rest and tries again later).
+  std::size_t keep(const std::vector<std::string>& records);
+  /// Appends records behind the ones waiting on disk to be sent; how many leading ones were
+  /// written. Only the owning process writes segments; another one writes none.
+  std::size_t spill(const std::vector<std::string>& records);
+
+  struct Read {
+    std::string bytes;  ///< decoded and encoded again: only this SDK's own encoding goes out
+    StoreRef ref;
+  };
+  /// The oldest record waiting on disk to be sent, or nothing when none is left.
+  std::optional<Read> next();
+  /// The collector answered for it: it may leave the disk.
+  void answered(StoreRef ref);
+  /// It was not sent: it stays where it is for the next start.
+  void unsent(StoreRef ref);
+
+  /// Records waiting to be sent that were dropped for space since the last call.
+  std::uint64_t takeDroppedQueued() { return std::exchange(droppedQueued_, 0); }
+  const Counts& counts() const noexcept { return counts_; }
+  std::uint64_t bytesOnDisk() const noexcept;
+  bool hasDirectory() const noexcept { return !directory_.empty(); }
+  /// "ZLogs.tmp": where records kept for a later start are appended (any thread may append).
+  std::filesystem::path pendingFile() const { return directory_ / kPendingFileName; }
+
+  /// The templates kept by an earlier run, oldest first; the file is removed.
+  std::vector<std::string> takeTemplates();
+  /// Keeps templates (their JSON, oldest first) for the next start, the newest within the limit.
+  bool writeTemplates(const std::vector<std::string>& templates);
+
+ private:
+  struct Segment {
+    std::uint64_t number = 0;
+    std::uint64_t bytes = 0;
+    std::uint64_t start = 0;        ///< where reading begins (the cursor, for a taken-over one)
+    std::uint64_t records = 0;      ///< records in it not yet read (or, kept ones, in it at all)
+    std::uint64_t outstanding = 0;  ///< read and not yet answered
+    bool queued = true;             ///< its records wait to be sent in this run
+    bool blocked = false;           ///< holds a record that was not sent: stays for the next start
+  };
+  struct Outstanding {
+    StoreRef ref;
+    enum class State { inFlight, done, unsent } state = State::inFlight;
+  };
+
+  std::filesystem::path segmentPath(std::uint64_t number) const;
+  std::filesystem::path file(std::string_view name) const { return directory_ / name; }
+  Segment* findSegment(std::uint64_t number);
+  void readCursor();
+  void advanceCursor();
+  void removeIfDone(std::uint64_t number);
+  /// Drops the oldest segments until `bytes` more fit within the disk cap.
+  bool makeRoom(std::uint64_t bytes);
+  void dropSegment(std::deque<Segment>::iterator segment);
+  /// Moves "ZLogs.tmp" aside as the newest segment.
+  bool rotateTail(bool queued);
+  std::uint64_t countRecords(Segment& segment);
+  void quarantine(std::string_view payload);
+  std::uint64_t segmentTarget() const;
+
+  const std::filesystem::path directory_;
+  const ZStoreLimits limits_;
+  platform::ProcessLock ownerLock_;
+  bool owner_ = false;
+  std::deque<Segment> segments_;  ///< oldest first
+  std::uint64_t nextNumber_ = 1;
+  std::uint64_t tailBytes_ = 0;
+  std::uint64_t tailRecords_ = 0;
+  std::uint64_t quarantineBytes_ = 0;
+  PendingFileReader reader_;
+  std::uint64_t readerSegment_ = 0;  ///< 0: no segment open for reading
+  std::deque<Outstanding> outstanding_;
+  std::uint64_t cursorSegment_ = 0;
+  std::uint64_t cursorOffset_ = 0;
+  bool cursorFrozen_ = false;  ///< a record before it stays unsent: the cursor moves no more
+  std::uint64_t droppedQueued_ = 0;
+  Counts counts_;
+};
+
+}  // namespace zelvanor::detail
