@@ -16,10 +16,16 @@ namespace {
 using namespace zelvanor;
 
 struct DiscardingTransport final : detail::RecordTransport {
-  void send(detail::OutgoingRecord record, bool) override { benchmark::DoNotOptimize(record); }
-  std::vector<detail::OutgoingRecord> takePendingRecords() override { return {}; }
-  void keepLate(detail::OutgoingRecord) override {}
-  void shutdown(std::vector<detail::OutgoingRecord>) override {}
+  void restore(std::function<void(std::uint64_t)> restored) override { restored(0); }
+  std::uint64_t room() const override { return 1u << 30; }
+  void setListener(std::function<void(std::uint64_t)>) override {}
+  void send(std::uint64_t, std::vector<std::string> records, bool) override {
+    benchmark::DoNotOptimize(records);
+  }
+  void spill(std::vector<std::string> records) override { benchmark::DoNotOptimize(records); }
+  void keepLate(std::string) override {}
+  std::vector<std::string> takeKeptTemplates() override { return {}; }
+  void shutdown(std::vector<std::string>, std::vector<std::string>) override {}
 };
 
 struct ImmediateIdentity final : detail::IdentitySource {

@@ -221,12 +221,12 @@ void HttpsDelivery::startWaiting() {
                     return;
                   }
                   // File access and the window stay on the worker.
-                  self->worker_.async([weak, outcome = std::move(outcome),
-                                       record = std::move(record)]() mutable {
-                    if (auto owner = weak.lock()) {
-                      owner->finished(std::move(outcome), std::move(record));
-                    }
-                  });
+                  self->worker_.async(
+                      [weak, outcome = std::move(outcome), record = std::move(record)]() mutable {
+                        if (auto owner = weak.lock()) {
+                          owner->finished(std::move(outcome), std::move(record));
+                        }
+                      });
                 });
   }
 }

@@ -220,8 +220,8 @@ bool writeAtStart(const std::filesystem::path& file, std::string_view bytes) noe
   if (!isRegular(fd.get(), info)) return false;
   std::size_t done = 0;
   while (done < bytes.size()) {
-    const ssize_t n = ::pwrite(fd.get(), bytes.data() + done, bytes.size() - done,
-                               static_cast<off_t>(done));
+    const ssize_t n =
+        ::pwrite(fd.get(), bytes.data() + done, bytes.size() - done, static_cast<off_t>(done));
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return false;
     done += static_cast<std::size_t>(n);

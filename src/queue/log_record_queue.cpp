@@ -100,7 +100,8 @@ void ZLogRecordQueue::State::spillLocked() {
   if (first == entries.size()) return;
   std::vector<std::string> records;
   records.reserve(entries.size() - first);
-  for (std::size_t i = first; i < entries.size(); ++i) records.push_back(std::move(entries[i].bytes));
+  for (std::size_t i = first; i < entries.size(); ++i)
+    records.push_back(std::move(entries[i].bytes));
   entries.erase(entries.begin() + static_cast<std::ptrdiff_t>(first), entries.end());
   inMemory -= records.size();
   if (!entries.empty() && entries.back().onDisk > 0) {

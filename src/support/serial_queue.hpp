@@ -4,8 +4,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
-#include <map>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
+#include <limits>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -20,28 +22,47 @@ class RecordingTransport final : public detail::RecordTransport {
     bool networkAvailable;
   };
 
-  void send(detail::OutgoingRecord record, bool networkAvailable) override {
-    std::lock_guard lock(mutex_);
-    sent_.push_back({record.decoded().value_or(ZLogRecord{}), networkAvailable});
-  }
-  // Restored records come back the way the real transport gives them: as their stored JSON.
-  std::vector<detail::OutgoingRecord> takePendingRecords() override {
-    std::lock_guard lock(mutex_);
-    ++restoreCalls_;
-    std::vector<detail::OutgoingRecord> restored;
-    for (const auto& record : std::exchange(pending_, {})) {
-      restored.push_back(detail::OutgoingRecord::restored(encodeJson(record).value()));
+  // Restored records come back as the real transport counts them: waiting on disk, read back
+  // when the queue sends them. Spilled ones wait behind them.
+  void restore(std::function<void(std::uint64_t)> restored) override {
+    std::uint64_t count = 0;
+    {
+      std::lock_guard lock(mutex_);
+      ++restoreCalls_;
+      for (auto& record : std::exchange(pending_, {}))
+        onDisk_.push_back(encodeJson(record).value());
+      count = onDisk_.size();
     }
-    return restored;
+    restored(count);
   }
-  void keepLate(detail::OutgoingRecord record) override {
+  std::uint64_t room() const override { return std::numeric_limits<std::uint64_t>::max(); }
+  void setListener(std::function<void(std::uint64_t)>) override {}
+  void send(std::uint64_t fromDisk, std::vector<std::string> records,
+            bool networkAvailable) override {
     std::lock_guard lock(mutex_);
-    keptLate_.push_back(record.decoded().value_or(ZLogRecord{}));
+    for (std::uint64_t i = 0; i < fromDisk && !onDisk_.empty(); ++i) {
+      sent_.push_back({decode(onDisk_.front()), networkAvailable});
+      onDisk_.pop_front();
+    }
+    for (const auto& record : records) sent_.push_back({decode(record), networkAvailable});
   }
-  void shutdown(std::vector<detail::OutgoingRecord> unsent) override {
+  void spill(std::vector<std::string> records) override {
     std::lock_guard lock(mutex_);
-    for (auto& record : unsent)
-      unsentAtShutdown_.push_back(record.decoded().value_or(ZLogRecord{}));
+    ++spills_;
+    for (auto& record : records) onDisk_.push_back(std::move(record));
+  }
+  void keepLate(std::string record) override {
+    std::lock_guard lock(mutex_);
+    keptLate_.push_back(decode(record));
+  }
+  std::vector<std::string> takeKeptTemplates() override {
+    std::lock_guard lock(mutex_);
+    return std::exchange(keptTemplates_, {});
+  }
+  void shutdown(std::vector<std::string> unsent, std::vector<std::string> templates) override {
+    std::lock_guard lock(mutex_);
+    for (auto& record : unsent) unsentAtShutdown_.push_back(decode(record));
+    keptTemplates_ = std::move(templates);
   }
 
   void setPending(std::vector<ZLogRecord> records) {
@@ -70,14 +91,29 @@ class RecordingTransport final : public detail::RecordTransport {
     std::lock_guard lock(mutex_);
     return restoreCalls_;
   }
+  int spills() const {
+    std::lock_guard lock(mutex_);
+    return spills_;
+  }
+  std::size_t waitingOnDisk() const {
+    std::lock_guard lock(mutex_);
+    return onDisk_.size();
+  }
 
  private:
+  static ZLogRecord decode(const std::string& json) {
+    auto decoded = decodeJson<ZLogRecord>(json);
+    return decoded ? std::move(decoded).value() : ZLogRecord{};
+  }
   mutable std::mutex mutex_;
   std::vector<Sent> sent_;
   std::vector<ZLogRecord> pending_;
+  std::deque<std::string> onDisk_;
   std::vector<ZLogRecord> unsentAtShutdown_;
   std::vector<ZLogRecord> keptLate_;
+  std::vector<std::string> keptTemplates_;
   int restoreCalls_ = 0;
+  int spills_ = 0;
 };
 
 class ManualIdentity final : public detail::IdentitySource {

@@ -9,8 +9,12 @@ namespace {
 
 using detail::ZLogRecordQueue;
 
-ZLogRecord numbered(int n) {
+ZLogRecord numberedRecord(int n) {
   return ZLogRecord{.xid = {"c", "d", "s"}, .action = {"event", std::to_string(n), "tap"}};
+}
+
+std::string numbered(int n) {
+  return encodeJson(numberedRecord(n)).value();
 }
 
 struct QueueTest : ::testing::Test {
@@ -64,7 +68,7 @@ TEST_F(QueueTest, DrainTreatsTheAllOnesThresholdAsZeroAndOthersLiterally) {
 }
 
 TEST_F(QueueTest, GateStateTravelsWithEachRecordAndRestoredRecordsWait) {
-  transport->setPending({numbered(100), numbered(101)});
+  transport->setPending({numberedRecord(100), numberedRecord(101)});
   queue.restorePendingRecords();
   EXPECT_EQ(queue.recordCount(), 2u);
   EXPECT_TRUE(transport->sent().empty()) << "restored records wait for the next threshold";
@@ -79,6 +83,24 @@ TEST_F(QueueTest, GateStateTravelsWithEachRecordAndRestoredRecordsWait) {
   EXPECT_FALSE(sent[0].networkAvailable);
   EXPECT_FALSE(sent[2].networkAvailable);
   EXPECT_TRUE(sent[3].networkAvailable);
+}
+
+TEST_F(QueueTest, BeyondTheMemoryLimitRecordsWaitOnDiskAndStillLeaveOldestFirst) {
+  ZLogRecordQueue small(transport, /*maxRecordsInMemory=*/3);
+  transport->setPending({numberedRecord(100), numberedRecord(101)});
+  small.restorePendingRecords();
+  small.setBatchSize(1000);
+  small.setAvailableNetworking(true);
+  for (int i = 1; i <= 10; ++i) small.enqueue(numbered(i));
+  EXPECT_LE(small.recordsInMemory(), 3u);
+  EXPECT_GT(transport->spills(), 0);
+  EXPECT_EQ(small.recordCount(), 12u) << "records on disk still count toward the threshold";
+  small.drain(11);  // 12 >= 11: two leave, the oldest two (restored)
+  EXPECT_EQ(sentNames(), (std::vector<std::string>{"100", "101"}));
+  small.flush();
+  EXPECT_EQ(sentNames(), (std::vector<std::string>{"100", "101", "1", "2", "3", "4", "5", "6", "7",
+                                                   "8", "9", "10"}));
+  EXPECT_EQ(transport->waitingOnDisk(), 0u);
 }
 
 TEST_F(QueueTest, AfterShutdownTakesTheTableLateRecordsAreHandedOverToBeKept) {

@@ -11,6 +11,7 @@
 #include "network/https_delivery.hpp"
 #include "queue/logs_file_manager.hpp"
 #include "support/fake_sources.hpp"
+#include "support/pending_files.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/json.hpp"
 #include "zelvanor/tracker.hpp"
@@ -161,12 +162,11 @@ TEST_F(TrackerTest, AStartDuringAnotherThreadsShutdownLosesNoRecord) {
   // thread shuts down while another's call starts the next instance, which reads that file.
   ASSERT_TRUE(ZelvanorTracker::setEndpoints(
       ZEndpoints{"https://127.0.0.1:1", "https://127.0.0.1:1", "https://127.0.0.1:1", {}}));
-  const auto pendingFile = dir.path() / "ZLogs.tmp";
   detail::setSourcesFactory([&] {
     auto http = std::make_shared<network::HttpClient>(network::HttpClient::Options{});
     auto network = std::make_shared<testing::ManualNetwork>();
     network->pushFlags(0);
-    return detail::ManagerSources{std::make_shared<detail::HttpsDelivery>(http, pendingFile),
+    return detail::ManagerSources{std::make_shared<detail::HttpsDelivery>(http, dir.path()),
                                   std::make_shared<testing::ImmediateIdentity>(), network,
                                   fakes.settings};
   });
@@ -191,7 +191,7 @@ TEST_F(TrackerTest, AStartDuringAnotherThreadsShutdownLosesNoRecord) {
   }
   ZelvanorTracker::shutdown();
   std::multiset<std::string> kept;
-  for (const auto& record : detail::ZLogsFileManager::readRecords(pendingFile)) {
+  for (const auto& record : testing::pendingRecords(dir.path())) {
     if (record.action.type == "event") kept.insert(record.action.name);
   }
   EXPECT_EQ(kept.size(), static_cast<std::size_t>(kRounds * kPerRound));
