@@ -525,6 +525,8 @@ bool Collector::start(std::string* error) {
   server.Get("/api/events", [impl](const auto& req, auto& res) { impl->onEvents(req, res); });
   server.Get("/api/stats", [impl](const auto& req, auto& res) { impl->onStats(req, res); });
   server.Get("/api/export", [impl](const auto& req, auto& res) { impl->onExport(req, res); });
+  // Browsers ask for it on every visit; an empty answer keeps the console free of errors.
+  server.Get("/favicon.ico", [](const auto&, auto& res) { res.status = 204; });
   server.Get("/", [](const auto&, auto& res) {
     res.set_content(std::string(viewerPage()), "text/html; charset=utf-8");
   });

@@ -187,7 +187,7 @@ bool EventStore::open(const std::filesystem::path& file, std::string& error) {
       "CREATE INDEX IF NOT EXISTS events_by_did ON events(did, id);"
       "CREATE INDEX IF NOT EXISTS events_by_sid ON events(sid, id);"
       "CREATE INDEX IF NOT EXISTS events_by_user ON events(user_id, id);"
-      "CREATE INDEX IF NOT EXISTS events_by_time ON events(received_at);"
+      "CREATE INDEX IF NOT EXISTS events_by_minute ON events(received_at, refusal, action_type);"
       "CREATE INDEX IF NOT EXISTS events_by_status_type ON events(refusal, action_type);"
       "CREATE INDEX IF NOT EXISTS events_refused ON events(id) WHERE refusal <> '';";
   if (!exec(db_, indexes, &why)) {
