@@ -501,13 +501,17 @@ bool Collector::start(std::string* error) {
   Impl* impl = impl_.get();
   server.set_pre_routing_handler(
       [impl](const httplib::Request& request, httplib::Response& response) {
+        // A body refused unread is still on the connection, where it would be read as the next
+        // request: the connection closes after the answer.
         if (request.has_header("Content-Encoding")) {
+          response.set_header("Connection", "close");
           response.status = 415;
           response.set_content("compressed bodies are not accepted", "text/plain");
           return httplib::Server::HandlerResponse::Handled;
         }
         if (request.method == "POST" && request.has_header("Origin") &&
             !impl->ownOrigin(request.get_header_value("Origin"))) {
+          response.set_header("Connection", "close");
           response.status = 403;
           response.set_content("posts from other origins are not accepted", "text/plain");
           return httplib::Server::HandlerResponse::Handled;

@@ -279,6 +279,7 @@ async function reload() {
   paused = false;
   hasOlder = page.events.length === pageSize;
   addNewest(page.events.slice().reverse());
+  if (!document.body.dataset.loadedAt) document.body.dataset.loadedAt = performance.now();
   document.body.dataset.loaded = query();
 }
 
