@@ -339,5 +339,6 @@ test("on 100,000 stored events the viewer loads, filters, charts, exports and sh
   assert.equal(await page.evaluate(() => navigator.clipboard.readText()), await page.textContent("[data-testid=detail]"));
 
   mkdirSync(artifactDir, { recursive: true });
+  await page.evaluate(() => { window.scrollTo(0, 0); document.getElementById("table-box").scrollTop = 0; });
   await page.screenshot({ path: join(artifactDir, "viewer.png") });
 });

@@ -316,7 +316,7 @@ async function poll() {
 }
 
 // ---- counts and the chart ----
-const palette = ["#3b6fd8", "#e07b24", "#2f9e6e", "#9b59b6", "#c0392b", "#16a2b8", "#b8860b",
+const palette = ["#3b6fd8", "#e07b24", "#2f9e6e", "#9b59b6", "#8e6e53", "#16a2b8", "#b8860b",
                  "#7f8c8d", "#d35486", "#4b5ea8"];
 const typeColor = new Map();
 function colorOf(type) {
