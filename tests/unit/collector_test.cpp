@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <simdjson.h>
+#include <sqlite3.h>
 
 #include <fstream>
 #include <future>
@@ -233,6 +234,216 @@ TEST_F(CollectorTest, CompressedAndOversizedBodiesAreRefusedUnread) {
   EXPECT_NE(body(send({}, std::string(17u << 20, ' ') + json)), "ok");
   EXPECT_EQ(collector_->counters().storedRecords, 0u);
   EXPECT_EQ(track(recordOfType("event", "plain")), "ok");
+}
+
+TEST_F(CollectorTest, RefusedBodiesAreKeptWithTheirReasonAndForeignOriginsAreRefused) {
+  auto post = [&](std::string bodyText, std::vector<std::pair<std::string, std::string>> headers) {
+    std::promise<HttpOutcome> answered;
+    auto outcome = answered.get_future();
+    client_->send(HttpRequest{"POST", collector_->baseUrl() + "/sdk/track", std::move(headers),
+                              std::move(bodyText), 5.0},
+                  [&answered](HttpOutcome o) { answered.set_value(std::move(o)); });
+    const HttpOutcome answer = outcome.get();
+    const auto* response = std::get_if<HttpResponse>(&answer);
+    return response ? response->status : -1;
+  };
+  std::string noKind = *encodeJson(recordOfType("event", "tap"));
+  noKind.replace(noKind.find(R"(,"kind":"tap")"), 13, "");
+  EXPECT_EQ(post(noKind, {}), 400);
+
+  // A page elsewhere posting text/plain is refused and not kept; the viewer's own origin is not.
+  const std::string good = *encodeJson(recordOfType("event", "tap"));
+  EXPECT_EQ(post(good, {{"Origin", "https://shop.example"}, {"Content-Type", "text/plain"}}), 403);
+  EXPECT_EQ(post(good, {{"Origin", "null"}}), 403);
+  EXPECT_EQ(post(good, {{"Origin", "https://127.0.0.1:" + std::to_string(collector_->port())}}),
+            200);
+  // The refusal closed its connection: the client's next request is not spoiled by the body.
+  EXPECT_EQ(post(good, {}), 200);
+
+  EXPECT_EQ(listed("").size(), 2u);  // accepted only, unless asked
+  const std::string text = body(request("GET", "/api/events?status=refused"));
+  simdjson::dom::parser parser;
+  auto refused = parser.parse(text)["events"].get_array();
+  ASSERT_EQ(refused.size(), 1u) << text;
+  EXPECT_EQ(std::string_view(refused.at(0)["refused"]["path"]), "action.kind");
+  EXPECT_EQ(std::string_view(refused.at(0)["refused"]["reason"]), "key not found");
+  EXPECT_EQ(std::string_view(refused.at(0)["body"]), noKind);
+  EXPECT_EQ(listed("?status=all").size(), 3u);
+  EXPECT_NE(body(request("GET", "/api/events?status=maybe")).find("status"), std::string::npos);
+}
+
+TEST_F(CollectorTest, ExportsWhatTheFilterMatchesAsNdjsonAndQuotedCsv) {
+  ZLogRecord awkward = recordOfType("event", "say \"hi\", then\nleave");
+  EXPECT_EQ(track(awkward), "ok");
+  EXPECT_EQ(track(recordOfType("page_view", "open")), "ok");
+  EXPECT_EQ(track(recordOfType("event", "tap")), "ok");
+
+  const std::string ndjson = body(request("GET", "/api/export?format=ndjson&type=event"));
+  std::vector<std::string> lines;
+  for (std::size_t at = 0; at < ndjson.size();) {
+    const std::size_t end = ndjson.find('\n', at);
+    ASSERT_NE(end, std::string::npos) << "each line ends";
+    lines.push_back(ndjson.substr(at, end - at));
+    at = end + 1;
+  }
+  ASSERT_EQ(lines.size(), 2u);
+  simdjson::dom::parser parser;
+  const std::string first = simdjson::minify(parser.parse(lines[0])["record"]);
+  EXPECT_EQ(decodeJson<ZLogRecord>(first).value(), awkward);  // oldest first, the record intact
+
+  const std::string csv = body(request("GET", "/api/export?format=csv&type=event"));
+  EXPECT_EQ(csv.substr(0, csv.find("\r\n")),
+            "id,received_at,status,action_type,action_name,action_kind,page,cid,did,sid,user_id,"
+            "refusal,refusal_path,body");
+  // The name holds a quote, a comma and a line break: quoted, its quotes doubled.
+  EXPECT_NE(csv.find(",accepted,event,\"say \"\"hi\"\", then\nleave\",tap,home,"),
+            std::string::npos)
+      << csv;
+  EXPECT_NE(body(request("GET", "/api/export?format=xml")).find("ndjson or csv"),
+            std::string::npos);
+}
+
+TEST_F(CollectorTest, TheDatabaseIsOwnerOnlyEvenInAnExistingOpenDirectory) {
+  client_.reset();
+  collector_.reset();
+  const auto directory = dir_.path() / "shared";
+  std::filesystem::create_directories(directory);
+  std::filesystem::permissions(directory, std::filesystem::perms(0755));
+  std::ofstream(directory / "events.sqlite").flush();  // an empty store made with the umask's mode
+  std::filesystem::permissions(directory / "events.sqlite", std::filesystem::perms(0644));
+  collector_ = std::make_unique<Collector>(Collector::Options{.dataDirectory = directory});
+  std::string error;
+  ASSERT_TRUE(collector_->start(&error)) << error;
+  client_ = std::make_unique<HttpClient>(HttpClient::Options{{}, collector_->caFile().string()});
+  EXPECT_EQ(track(recordOfType("event", "tap")), "ok");
+  for (const char* name : {"events.sqlite", "events.sqlite-wal", "events.sqlite-shm"}) {
+    ASSERT_TRUE(std::filesystem::exists(directory / name)) << name;
+    EXPECT_EQ(std::filesystem::status(directory / name).permissions() & std::filesystem::perms::all,
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write)
+        << name;
+  }
+}
+
+// The store on its own: what the viewer's filters, paging and counts rest on.
+class EventStoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string error;
+    ASSERT_TRUE(store_.open(dir_.path() / "events.sqlite", error)) << error;
+  }
+
+  std::vector<std::string> names(collector::EventQuery query) {
+    std::vector<std::string> out;
+    for (const auto& e : store_.list(query))
+      out.push_back(e.refused() ? "!" + e.refusal : e.actionName);
+    return out;
+  }
+
+  testing::TempDir dir_;
+  collector::EventStore store_;
+};
+
+TEST_F(EventStoreTest, FiltersByEachFieldAndTextAndPagesBothWays) {
+  ZLogRecord a = recordOfType("page_view", "home");
+  ZLogRecord b = recordOfType("event", "50%_off");
+  b.xid = ZXid{"cid-2", "did-2", "sid-2"};
+  b.id = ZId{};
+  b.id->appUserId = "Shopper-7";
+  ZLogRecord c = recordOfType("event", "tap");
+  c.page->name = "cart";
+  for (const auto* r : {&a, &b, &c}) ASSERT_TRUE(store_.add(*r, *encodeJson(*r)));
+  ASSERT_TRUE(store_.addRefused("{", "data corrupted", "$"));
+
+  using Q = collector::EventQuery;
+  EXPECT_EQ(names(Q{}), (std::vector<std::string>{"tap", "50%_off", "home"}));
+  EXPECT_EQ(names(Q{.actionName = "tap"}), std::vector<std::string>{"tap"});
+  EXPECT_EQ(names(Q{.page = "cart"}), std::vector<std::string>{"tap"});
+  EXPECT_EQ(names(Q{.cid = "cid-2"}), std::vector<std::string>{"50%_off"});
+  EXPECT_EQ(names(Q{.oldestFirst = true, .sid = "sid-1"}),
+            (std::vector<std::string>{"home", "tap"}));
+  EXPECT_EQ(names(Q{.userId = "Shopper-7"}), std::vector<std::string>{"50%_off"});
+  EXPECT_EQ(names(Q{.actionType = "event", .actionKind = "tap"}),
+            (std::vector<std::string>{"tap", "50%_off"}));
+  // Text: any part of the body, letters without case; % and _ are themselves, not wildcards.
+  EXPECT_EQ(names(Q{.text = "shopper-7"}), std::vector<std::string>{"50%_off"});
+  EXPECT_EQ(names(Q{.text = "0%_"}), std::vector<std::string>{"50%_off"});
+  EXPECT_EQ(names(Q{.text = "h_me"}), std::vector<std::string>{});
+  EXPECT_EQ(names(Q{.status = collector::RecordStatus::refused}),
+            std::vector<std::string>{"!data corrupted"});
+  EXPECT_EQ(names(Q{.status = collector::RecordStatus::all}).size(), 4u);
+  // Paging back from the oldest row shown, and forward from the newest.
+  const auto all = store_.list(Q{.status = collector::RecordStatus::all});
+  EXPECT_EQ(names(Q{.limit = 1, .beforeId = all[1].id}), std::vector<std::string>{"50%_off"});
+  EXPECT_EQ(names(Q{.afterId = all[2].id, .beforeId = all[0].id}), std::vector<std::string>{"tap"});
+}
+
+TEST_F(EventStoreTest, KeepsTheNewestRefusedBodiesOnlyAndCountsByTypeAndMinute) {
+  for (int i = 0; i < collector::EventStore::kRefusedKept + 5; ++i) {
+    ASSERT_TRUE(store_.addRefused("body " + std::to_string(i), i % 2 ? "odd" : "even", "$"));
+  }
+  const auto refused = store_.list({.limit = 5000, .status = collector::RecordStatus::refused});
+  ASSERT_EQ(refused.size(), static_cast<std::size_t>(collector::EventStore::kRefusedKept));
+  EXPECT_EQ(refused.front().json,
+            "body " + std::to_string(collector::EventStore::kRefusedKept + 4));
+  EXPECT_EQ(refused.back().json, "body 5");
+  // A long body is cut, not refused storage.
+  ASSERT_TRUE(store_.addRefused(std::string(1u << 20, 'x'), "too long", "$"));
+  EXPECT_EQ(
+      store_.list({.limit = 1, .status = collector::RecordStatus::refused}).front().json.size(),
+      collector::EventStore::kRefusedBodyBytes);
+
+  const auto now = std::chrono::system_clock::now();
+  std::vector<collector::ReceivedRecord> batch;
+  for (const auto& [minutesAgo, type] : std::vector<std::pair<int, std::string>>{
+           {0, "event"}, {0, "event"}, {0, "app"}, {5, "event"}, {90, "event"}}) {
+    ZLogRecord r = recordOfType(type, "n");
+    batch.push_back({collector::EventStore::utcText(now - std::chrono::minutes(minutesAgo)), r,
+                     *encodeJson(r)});
+  }
+  ASSERT_TRUE(store_.addMany(batch));
+  const std::string since =
+      collector::EventStore::utcText(now - std::chrono::minutes(59)).substr(0, 16);
+  const auto stats = store_.stats({.status = collector::RecordStatus::all}, since);
+  EXPECT_EQ(stats.total, 5 + collector::EventStore::kRefusedKept);
+  EXPECT_EQ(stats.refused, collector::EventStore::kRefusedKept);
+  ASSERT_EQ(stats.byType.size(), 2u);
+  EXPECT_EQ(stats.byType[0].actionType, "event");
+  EXPECT_EQ(stats.byType[0].count, 4);
+  // The event 90 minutes back is before the window; the refused ones (all this minute) are one
+  // segment whatever their reasons.
+  std::int64_t events = 0, refusedNow = 0;
+  for (const auto& m : stats.byMinute) (m.refused ? refusedNow : events) += m.count;
+  EXPECT_EQ(events, 4);
+  EXPECT_EQ(refusedNow, collector::EventStore::kRefusedKept);
+  const auto segments = std::count_if(stats.byMinute.begin(), stats.byMinute.end(),
+                                      [](const auto& m) { return m.refused; });
+  EXPECT_LE(segments, 2);  // the minute may have turned while they were written
+  EXPECT_EQ(store_.stats({.actionType = "app"}, since).total, 1);
+}
+
+TEST_F(EventStoreTest, AStoreFromAnEarlierCollectorGainsTheNewColumns) {
+  const auto file = dir_.path() / "old.sqlite";
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db,
+                         "CREATE TABLE events (id INTEGER PRIMARY KEY AUTOINCREMENT, received_at "
+                         "TEXT NOT NULL, action_type TEXT NOT NULL, action_name TEXT NOT NULL, "
+                         "action_kind TEXT NOT NULL, page TEXT NOT NULL, cid TEXT NOT NULL, did "
+                         "TEXT NOT NULL, sid TEXT NOT NULL, json TEXT NOT NULL);"
+                         "INSERT INTO events VALUES (1, '2024-01-01T00:00:00.000Z', 'event', "
+                         "'old', 'tap', '', 'c', 'd', 's', '{}');",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(db);
+  collector::EventStore old;
+  std::string error;
+  ASSERT_TRUE(old.open(file, error)) << error;
+  const auto events = old.list({});
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0].actionName, "old");
+  EXPECT_FALSE(events[0].refused());
+  ASSERT_TRUE(old.add(recordOfType("event", "new"), "{}"));
+  EXPECT_EQ(old.count(), 2);
 }
 
 }  // namespace

@@ -6,7 +6,9 @@
 #include <httplib.h>
 #include <openssl/rand.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <ctime>
 #include <deque>
 #include <mutex>
 #include <thread>
@@ -14,6 +16,7 @@
 
 #include "certificate.hpp"
 #include "event_store.hpp"
+#include "generated_events.hpp"
 #include "viewer_page.hpp"
 
 namespace zelvanor::collector {
@@ -70,34 +73,164 @@ constexpr std::size_t kMaxEventsAnswerBytes = 32u << 20;
 // Triples kept for issuedTriples(): enough for any test, bounded for a long-running server.
 constexpr std::size_t kMaxIssuedKept = 100000;
 
+void appendEventJson(std::string& out, const StoredEvent& e) {
+  out.append("{\"id\":").append(std::to_string(e.id));
+  out.append(",\"receivedAt\":");
+  appendJsonString(out, e.receivedAt);
+  out.append(",\"actionType\":");
+  appendJsonString(out, e.actionType);
+  out.append(",\"actionName\":");
+  appendJsonString(out, e.actionName);
+  out.append(",\"actionKind\":");
+  appendJsonString(out, e.actionKind);
+  out.append(",\"page\":");
+  appendJsonString(out, e.page);
+  out.append(",\"xid\":{\"cid\":");
+  appendJsonString(out, e.xid.cid);
+  out.append(",\"did\":");
+  appendJsonString(out, e.xid.did);
+  out.append(",\"sid\":");
+  appendJsonString(out, e.xid.sid);
+  out.append("},\"userId\":");
+  appendJsonString(out, e.userId);
+  if (e.refused()) {
+    // What was refused need not be JSON at all: it goes as text.
+    out.append(",\"refused\":{\"reason\":");
+    appendJsonString(out, e.refusal);
+    out.append(",\"path\":");
+    appendJsonString(out, e.refusalPath);
+    out.append("},\"body\":");
+    appendJsonString(out, e.json);
+    out.append("}");
+  } else {
+    // Stored records decoded as records when they arrived, so the text is valid JSON.
+    out.append(",\"record\":").append(e.json).append("}");
+  }
+}
+
 std::string eventsJson(const std::vector<StoredEvent>& events) {
   std::string out = "{\"events\":[";
   for (std::size_t i = 0; i < events.size(); ++i) {
-    const StoredEvent& e = events[i];
-    if (i > 0 && out.size() + e.json.size() > kMaxEventsAnswerBytes) break;
+    if (i > 0 && out.size() + events[i].json.size() > kMaxEventsAnswerBytes) break;
     if (i > 0) out.push_back(',');
-    out.append("{\"id\":").append(std::to_string(e.id));
-    out.append(",\"receivedAt\":");
-    appendJsonString(out, e.receivedAt);
-    out.append(",\"actionType\":");
-    appendJsonString(out, e.actionType);
-    out.append(",\"actionName\":");
-    appendJsonString(out, e.actionName);
-    out.append(",\"actionKind\":");
-    appendJsonString(out, e.actionKind);
-    out.append(",\"page\":");
-    appendJsonString(out, e.page);
-    out.append(",\"xid\":{\"cid\":");
-    appendJsonString(out, e.xid.cid);
-    out.append(",\"did\":");
-    appendJsonString(out, e.xid.did);
-    out.append(",\"sid\":");
-    appendJsonString(out, e.xid.sid);
-    // Stored records decoded as records when they arrived, so the text is valid JSON.
-    out.append("},\"record\":").append(e.json).append("}");
+    appendEventJson(out, events[i]);
   }
   out.append("]}");
   return out;
+}
+
+std::string statsJson(const EventStats& stats, std::string_view since) {
+  std::string out = "{\"total\":" + std::to_string(stats.total) +
+                    ",\"refused\":" + std::to_string(stats.refused) + ",\"since\":";
+  appendJsonString(out, since);
+  out.append(",\"types\":[");
+  for (std::size_t i = 0; i < stats.byType.size(); ++i) {
+    out.append(i > 0 ? ",{\"type\":" : "{\"type\":");
+    appendJsonString(out, stats.byType[i].actionType);
+    out.append(",\"count\":").append(std::to_string(stats.byType[i].count)).append("}");
+  }
+  out.append("],\"minutes\":[");
+  for (std::size_t i = 0; i < stats.byMinute.size(); ++i) {
+    const MinuteCount& m = stats.byMinute[i];
+    out.append(i > 0 ? ",{\"minute\":" : "{\"minute\":");
+    appendJsonString(out, m.minute);
+    out.append(",\"type\":");
+    appendJsonString(out, m.refused ? std::string_view() : std::string_view(m.actionType));
+    out.append(",\"refused\":").append(m.refused ? "true" : "false");
+    out.append(",\"count\":").append(std::to_string(m.count)).append("}");
+  }
+  out.append("]}");
+  return out;
+}
+
+void appendCsvField(std::string& out, std::string_view field) {
+  if (field.find_first_of(",\"\r\n") == std::string_view::npos) {
+    out.append(field);
+    return;
+  }
+  out.push_back('"');
+  for (const char c : field) {
+    if (c == '"') out.push_back('"');
+    out.push_back(c);
+  }
+  out.push_back('"');
+}
+
+constexpr std::string_view kCsvHeader =
+    "id,received_at,status,action_type,action_name,action_kind,page,cid,did,sid,user_id,"
+    "refusal,refusal_path,body\r\n";
+
+void appendCsvRow(std::string& out, const StoredEvent& e) {
+  const std::string_view fields[] = {e.receivedAt, e.refused() ? "refused" : "accepted",
+                                     e.actionType, e.actionName,
+                                     e.actionKind, e.page,
+                                     e.xid.cid,    e.xid.did,
+                                     e.xid.sid,    e.userId,
+                                     e.refusal,    e.refusalPath,
+                                     e.json};
+  out.append(std::to_string(e.id));
+  for (const auto field : fields) {
+    out.push_back(',');
+    appendCsvField(out, field);
+  }
+  out.append("\r\n");
+}
+
+// The filters the viewer and the export share; false with the reason in `error`.
+bool parseEventQuery(const httplib::Request& request, EventQuery& query, std::string& error) {
+  const auto text = [&request](const char* name) -> std::optional<std::string> {
+    if (!request.has_param(name) || request.get_param_value(name).empty()) return std::nullopt;
+    return request.get_param_value(name);
+  };
+  query.actionType = text("type");
+  query.actionName = text("name");
+  query.actionKind = text("kind");
+  query.page = text("page");
+  query.cid = text("cid");
+  query.did = text("did");
+  query.sid = text("sid");
+  query.userId = text("user");
+  query.text = text("q").value_or("");
+  if (const auto order = text("order")) {
+    if (*order != "asc" && *order != "desc") {
+      error = "order is asc or desc";
+      return false;
+    }
+    query.oldestFirst = *order == "asc";
+  }
+  if (const auto status = text("status")) {
+    if (*status == "accepted") {
+      query.status = RecordStatus::accepted;
+    } else if (*status == "refused") {
+      query.status = RecordStatus::refused;
+    } else if (*status == "all") {
+      query.status = RecordStatus::all;
+    } else {
+      error = "status is accepted, refused or all";
+      return false;
+    }
+  }
+  try {
+    if (request.has_param("after")) query.afterId = std::stoll(request.get_param_value("after"));
+    if (request.has_param("before")) query.beforeId = std::stoll(request.get_param_value("before"));
+    if (request.has_param("limit"))
+      query.limit = std::clamp(std::stoi(request.get_param_value("limit")), 1, 5000);
+  } catch (const std::exception&) {
+    error = "after, before and limit are numbers";
+    return false;
+  }
+  return true;
+}
+
+// "YYYY-MM-DDTHH:MM" of the minute `minutesBack` minutes before the current one, UTC.
+std::string minuteBefore(int minutesBack) {
+  const auto now = std::chrono::system_clock::now() - std::chrono::minutes(minutesBack);
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+  std::tm utc{};
+  ::gmtime_r(&seconds, &utc);
+  char text[24];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M", &utc);
+  return text;
 }
 
 }  // namespace
@@ -152,10 +285,12 @@ struct Collector::Impl {
     auto record = decodeJson<ZLogRecord>(request.body);
     if (!record) {
       rejectedRecords.fetch_add(1);
+      const std::string reason = toString(record.error().kind);
+      const std::string path = record.error().path.empty() ? "$" : record.error().path;
+      // Kept so that the viewer can say why an event never showed up.
+      store.addRefused(request.body, reason, path);
       response.status = 400;
-      response.set_content(std::string("invalid record: ") + toString(record.error().kind) +
-                               " at " + (record.error().path.empty() ? "$" : record.error().path),
-                           "text/plain");
+      response.set_content("invalid record: " + reason + " at " + path, "text/plain");
       return;
     }
     if (!store.add(*record, request.body)) {
@@ -220,27 +355,22 @@ struct Collector::Impl {
     response.set_content(body, "application/json");
   }
 
+  // A web page may post to any address, text/plain without asking first; only the viewer's own
+  // pages and clients that send no Origin at all (the SDK) may store records.
+  bool ownOrigin(const std::string& origin) const {
+    const std::string suffix = ":" + std::to_string(port);
+    for (const char* host : {"127.0.0.1", "[::1]", "localhost"}) {
+      if (origin == "https://" + std::string(host) + suffix) return true;
+    }
+    return false;
+  }
+
   void onEvents(const httplib::Request& request, httplib::Response& response) {
     EventQuery query;
-    if (request.has_param("type") && !request.get_param_value("type").empty()) {
-      query.actionType = request.get_param_value("type");
-    }
-    if (request.has_param("order")) {
-      const std::string order = request.get_param_value("order");
-      if (order != "asc" && order != "desc") {
-        response.status = 400;
-        response.set_content("order is asc or desc", "text/plain");
-        return;
-      }
-      query.oldestFirst = order == "asc";
-    }
-    try {
-      if (request.has_param("after")) query.afterId = std::stoll(request.get_param_value("after"));
-      if (request.has_param("limit"))
-        query.limit = std::clamp(std::stoi(request.get_param_value("limit")), 1, 5000);
-    } catch (const std::exception&) {
+    std::string error;
+    if (!parseEventQuery(request, query, error)) {
       response.status = 400;
-      response.set_content("after and limit are numbers", "text/plain");
+      response.set_content(error, "text/plain");
       return;
     }
     response.set_header("Cache-Control", "no-store");
@@ -248,6 +378,73 @@ struct Collector::Impl {
     // which the library runs at its slowest quality: 5000 events took the viewer tens of seconds
     // to fetch, and compressing on loopback saves nothing.
     response.set_content(eventsJson(store.list(query)), "application/json; charset=utf-8");
+  }
+
+  void onStats(const httplib::Request& request, httplib::Response& response) {
+    EventQuery query;
+    std::string error;
+    int minutes = 60;
+    try {
+      if (request.has_param("minutes"))
+        minutes = std::clamp(std::stoi(request.get_param_value("minutes")), 1, 24 * 60);
+    } catch (const std::exception&) {
+      error = "minutes is a number";
+    }
+    if (!error.empty() || !parseEventQuery(request, query, error)) {
+      response.status = 400;
+      response.set_content(error, "text/plain");
+      return;
+    }
+    const std::string since = minuteBefore(minutes - 1);
+    response.set_header("Cache-Control", "no-store");
+    response.set_content(statsJson(store.stats(query, since), since),
+                         "application/json; charset=utf-8");
+  }
+
+  // Everything the filter matches, oldest first, streamed a page at a time so that a full store
+  // is never held in memory.
+  void onExport(const httplib::Request& request, httplib::Response& response) {
+    auto query = std::make_shared<EventQuery>();
+    std::string error;
+    const std::string format =
+        request.has_param("format") ? request.get_param_value("format") : "ndjson";
+    if (!parseEventQuery(request, *query, error) || (format != "ndjson" && format != "csv")) {
+      response.status = 400;
+      response.set_content(error.empty() ? "format is ndjson or csv" : error, "text/plain");
+      return;
+    }
+    query->oldestFirst = true;
+    query->limit = 2000;
+    const bool csv = format == "csv";
+    response.set_header("Content-Disposition",
+                        std::string("attachment; filename=\"zelvanor-events.") + format + "\"");
+    response.set_header("Cache-Control", "no-store");
+    auto headerSent = std::make_shared<bool>(!csv);
+    response.set_chunked_content_provider(
+        csv ? "text/csv; charset=utf-8" : "application/x-ndjson; charset=utf-8",
+        [this, query, csv, headerSent](std::size_t, httplib::DataSink& sink) {
+          std::string chunk;
+          if (!*headerSent) {
+            chunk.append(kCsvHeader);
+            *headerSent = true;
+          }
+          const auto events = store.list(*query);
+          for (const auto& e : events) {
+            if (csv) {
+              appendCsvRow(chunk, e);
+            } else {
+              appendEventJson(chunk, e);
+              chunk.push_back('\n');
+            }
+          }
+          if (!chunk.empty() && !sink.write(chunk.data(), chunk.size())) return false;
+          if (events.size() < static_cast<std::size_t>(query->limit)) {
+            sink.done();
+          } else {
+            query->afterId = events.back().id;
+          }
+          return true;
+        });
   }
 };
 
@@ -281,6 +478,11 @@ bool Collector::start(std::string* error) {
   if (!ensureCertificate(impl_->options.dataDirectory, impl_->certificate, reason))
     return fail(reason);
   if (!impl_->store.open(databaseFile(), reason)) return fail(reason);
+  if (impl_->options.generatedEvents > 0 &&
+      !generateEvents(impl_->store, impl_->options.generatedEvents, std::chrono::minutes(60),
+                      reason)) {
+    return fail(reason);
+  }
 
   impl_->server = std::make_unique<httplib::SSLServer>(impl_->certificate.certificate.c_str(),
                                                        impl_->certificate.privateKey.c_str());
@@ -296,22 +498,39 @@ bool Collector::start(std::string* error) {
   server.set_payload_max_length(kMaxRequestBytes);
   // The size limit counts bytes on the wire; a compressed body would be inflated past it before
   // any handler saw it, so such bodies are refused before they are read.
-  server.set_pre_routing_handler([](const httplib::Request& request, httplib::Response& response) {
-    if (!request.has_header("Content-Encoding")) return httplib::Server::HandlerResponse::Unhandled;
-    response.status = 415;
-    response.set_content("compressed bodies are not accepted", "text/plain");
-    return httplib::Server::HandlerResponse::Handled;
-  });
+  Impl* impl = impl_.get();
+  server.set_pre_routing_handler(
+      [impl](const httplib::Request& request, httplib::Response& response) {
+        // A body refused unread is still on the connection, where it would be read as the next
+        // request: the connection closes after the answer.
+        if (request.has_header("Content-Encoding")) {
+          response.set_header("Connection", "close");
+          response.status = 415;
+          response.set_content("compressed bodies are not accepted", "text/plain");
+          return httplib::Server::HandlerResponse::Handled;
+        }
+        if (request.method == "POST" && request.has_header("Origin") &&
+            !impl->ownOrigin(request.get_header_value("Origin"))) {
+          response.set_header("Connection", "close");
+          response.status = 403;
+          response.set_content("posts from other origins are not accepted", "text/plain");
+          return httplib::Server::HandlerResponse::Handled;
+        }
+        return httplib::Server::HandlerResponse::Unhandled;
+      });
   // Each kept-alive connection holds a worker; leave room for the SDK's parallel connections.
   server.new_task_queue = [] { return new httplib::ThreadPool(32); };
   server.set_keep_alive_max_count(100000);
   // The server writes headers and body separately; with Nagle on, the body would wait for the
   // client's delayed ACK (40 ms) on every request.
   server.set_tcp_nodelay(true);
-  Impl* impl = impl_.get();
   server.Post("/sdk/track", [impl](const auto& req, auto& res) { impl->onTrack(req, res); });
   server.Get("/sync", [impl](const auto& req, auto& res) { impl->onSync(req, res); });
   server.Get("/api/events", [impl](const auto& req, auto& res) { impl->onEvents(req, res); });
+  server.Get("/api/stats", [impl](const auto& req, auto& res) { impl->onStats(req, res); });
+  server.Get("/api/export", [impl](const auto& req, auto& res) { impl->onExport(req, res); });
+  // Browsers ask for it on every visit; an empty answer keeps the console free of errors.
+  server.Get("/favicon.ico", [](const auto&, auto& res) { res.status = 204; });
   server.Get("/", [](const auto&, auto& res) {
     res.set_content(std::string(viewerPage()), "text/html; charset=utf-8");
   });

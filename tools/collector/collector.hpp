@@ -1,8 +1,12 @@
 // zelvanor-collector: a local collection and identity sync server over HTTPS.
 //
-//   POST /sdk/track   one record; stored and answered "ok" when it decodes as a record
+//   POST /sdk/track   one record; stored and answered "ok" when it decodes as a record, kept
+//                     among the refused ones with the reason otherwise
 //   GET  /sync?v=1    the identity triple, in the envelope and as three cookies
-//   GET  /api/events  what was stored, newest first (filters: type, after, limit)
+//   GET  /api/events  what was stored, newest first (filters: type, name, kind, page, cid, did,
+//                     sid, user, q, status; paging: after, before, limit, order)
+//   GET  /api/stats   counts of what a filter matches, by type and per minute
+//   GET  /api/export  everything a filter matches as NDJSON or CSV
 //   GET  /            the event viewer
 #pragma once
 
@@ -34,6 +38,9 @@ class Collector {
     std::string host = "127.0.0.1";
     int port = 0;  ///< 0 picks a free port
     bool logRequests = false;
+    /// Made-up events stored at start, spread over the hour before it: a full store to try the
+    /// viewer on.
+    int generatedEvents = 0;
   };
 
   explicit Collector(Options options);

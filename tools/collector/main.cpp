@@ -69,7 +69,7 @@ int printEvents(const std::filesystem::path& dataDirectory) {
 
 constexpr const char* kUsage =
     "usage: zelvanor-collector [--data-dir DIR] [--host ADDRESS] [--port N] [--port-file FILE]\n"
-    "                          [--log-requests]\n"
+    "                          [--log-requests] [--generate-events N]\n"
     "       zelvanor-collector --print-events [--data-dir DIR]\n"
     "\n"
     "An HTTPS collection server for the Zelvanor SDK on a loopback address.\n"
@@ -78,6 +78,8 @@ constexpr const char* kUsage =
     "  --port N          port (default: 0, a free one)\n"
     "  --port-file FILE  write the port there once listening\n"
     "  --log-requests    one line per request on stderr\n"
+    "  --generate-events N  store N made-up events (received over the last hour) before\n"
+    "                    listening, to try the viewer on a full store\n"
     "  --print-events    print the stored events as a table, oldest first, and exit\n"
     "\n"
     "Give the SDK the printed CA file as its extra trusted root.\n"
@@ -112,6 +114,8 @@ int main(int argc, char** argv) {
       portFile = value();
     } else if (arg == "--print-events") {
       print = true;
+    } else if (arg == "--generate-events") {
+      options.generatedEvents = std::atoi(value());
     } else if (arg == "--log-requests") {
       options.logRequests = true;
     } else {
