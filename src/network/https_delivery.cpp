@@ -10,7 +10,9 @@ namespace zelvanor::detail {
 
 HttpsDelivery::HttpsDelivery(std::shared_ptr<network::HttpClient> http,
                              std::filesystem::path dataDirectory, ZStoreLimits limits)
-    : http_(std::move(http)), limits_(limits), store_(std::move(dataDirectory), limits) {}
+    : http_(std::move(http)), limits_(limits), store_(std::move(dataDirectory), limits) {
+  store_.setStopFlag(&stopped_);
+}
 
 HttpsDelivery::~HttpsDelivery() {
   worker_.stop();
@@ -394,6 +396,7 @@ void HttpsDelivery::shutdown(std::vector<std::string> unsent, std::vector<std::s
     }
     const std::size_t written = store_.keep(batch);
     (void)store_.writeTemplates(templates);
+    store_.close();
     bytesOnDisk_.store(store_.bytesOnDisk());
     backlogDropped_ += batch.size() - written;  // the disk would take no more
     syncStoreCounts();

@@ -74,6 +74,7 @@ class ProcessLock {
   ProcessLock& operator=(const ProcessLock&) = delete;
   /// Takes the lock without waiting; false when another process holds it or it cannot be made.
   bool tryLock(const std::filesystem::path& file) noexcept;
+  void unlock() noexcept;
 
  private:
   struct Handle;

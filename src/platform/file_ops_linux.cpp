@@ -286,7 +286,12 @@ struct ProcessLock::Handle {
 
 ProcessLock::ProcessLock() : handle_(std::make_unique<Handle>()) {}
 ProcessLock::~ProcessLock() {
+  unlock();
+}
+
+void ProcessLock::unlock() noexcept {
   if (handle_->fd >= 0) ::close(handle_->fd);  // closing releases the lock
+  handle_->fd = -1;
 }
 
 bool ProcessLock::tryLock(const std::filesystem::path& file) noexcept {

@@ -187,6 +187,7 @@ ProcessLock::~ProcessLock() = default;
 bool ProcessLock::tryLock(const std::filesystem::path&) noexcept {
   return true;
 }
+void ProcessLock::unlock() noexcept {}
 
 bool removeFile(const std::filesystem::path& file) noexcept {
   std::error_code error;

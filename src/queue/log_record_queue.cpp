@@ -20,12 +20,23 @@ ZLogRecordQueue::ZLogRecordQueue(std::shared_ptr<RecordTransport> transport,
 }
 
 void ZLogRecordQueue::restorePendingRecords() {
+  {
+    std::lock_guard lock(state_->mutex);
+    state_->restoring = true;
+  }
   std::weak_ptr<State> weak = state_;
   state_->transport->restore([weak](std::uint64_t count) {
     auto state = weak.lock();
-    if (!state || count == 0) return;
+    if (!state) return;
     std::lock_guard lock(state->mutex);
+    state->restoring = false;
+    if (count == 0 || state->closed) return;
     state->addRestoredLocked(count);
+    // A flush or threshold the host reached while the store was looked at would have sent
+    // these first: it is applied to them now.
+    if (const auto threshold = std::exchange(state->drainWhileRestoring, std::nullopt)) {
+      state->drainLocked(*threshold);
+    }
   });
 }
 
@@ -55,6 +66,7 @@ void ZLogRecordQueue::drain(std::uint64_t threshold) {
 
 void ZLogRecordQueue::State::drainLocked(std::uint64_t threshold) {
   if (threshold == kNoThreshold) threshold = 0;
+  if (restoring) drainWhileRestoring = std::min(drainWhileRestoring.value_or(threshold), threshold);
   // Sending the oldest one at a time until fewer than the threshold remain, in one step.
   const std::uint64_t waiting = total - released;
   if (waiting == 0 || waiting < threshold) return;

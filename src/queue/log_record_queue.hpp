@@ -12,6 +12,7 @@
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -82,6 +83,10 @@ class ZLogRecordQueue {
     std::uint64_t released = 0;  ///< leading records sent off but not yet taken by the transport
     std::uint64_t inMemory = 0;
     bool closed = false;
+    /// The store is still being looked at: drains meanwhile are replayed once it has answered,
+    /// as if the restored records had been in front all along.
+    bool restoring = false;
+    std::optional<std::uint64_t> drainWhileRestoring;  ///< the lowest threshold drained with
     std::vector<ZLogTemplate> templates;
     std::atomic<bool> networkAvailable{false};
 

@@ -84,15 +84,21 @@ std::uint64_t PendingStore::open() {
     segments_.push_back(segment);
   }
   if (tailBytes_ > 0) (void)retried([&] { return rotateTail(/*queued=*/true); });
-  std::uint64_t waiting = 0;
-  for (auto& segment : segments_) waiting += countRecords(segment);
+  for (auto& segment : segments_) (void)countRecords(segment);
   // A backlog larger than the disk may hold (an older build, a long time offline) loses its
   // oldest records now rather than holding the disk past its limit.
   (void)makeRoom(0);
-  waiting = 0;
+  std::uint64_t waiting = 0;
   for (const auto& segment : segments_) waiting += segment.records;
   droppedQueued_ = 0;
   return waiting;
+}
+
+void PendingStore::close() {
+  reader_.close();
+  readerSegment_ = 0;
+  ownerLock_.unlock();
+  owner_ = false;
 }
 
 std::uint64_t PendingStore::countRecords(Segment& segment) {
@@ -101,6 +107,8 @@ std::uint64_t PendingStore::countRecords(Segment& segment) {
   if (!reader.open(segmentPath(segment.number), segment.start)) return 0;
   while (auto piece = reader.next()) {
     if (piece->kind == FramePiece::Kind::frame) ++segment.records;
+    // A shutdown does not wait for a large backlog to be counted: nothing was changed yet.
+    if (stop_ && (segment.records & 1023) == 0 && stop_->load()) break;
   }
   return segment.records;
 }
@@ -230,8 +238,9 @@ std::size_t PendingStore::spill(const std::vector<std::string>& records) {
   for (const auto& record : records) appendFrame(frames, record);
   if (frames.size() > limits_.maxBytesOnDisk / 2) return 0;
   Segment* last = segments_.empty() ? nullptr : &segments_.back();
+  // The segment being read is never grown: its reader only sees what it held when opened.
   const bool appendToLast = last && last->queued && !last->blocked &&
-                            last->number + 1 == nextNumber_ &&
+                            last->number + 1 == nextNumber_ && readerSegment_ != last->number &&
                             last->bytes + frames.size() <= segmentTarget();
   if (!makeRoom(frames.size())) return 0;
   const std::uint64_t number = appendToLast ? segments_.back().number : nextNumber_;

@@ -11,6 +11,7 @@
 // Worker only: nothing here locks against other threads.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <filesystem>
@@ -51,6 +52,12 @@ class PendingStore {
   /// Takes over what earlier runs left: the segments, then "ZLogs.tmp" moved aside behind them.
   /// Returns how many records now wait on disk to be sent.
   std::uint64_t open();
+
+  /// Lets go of the files and of the ownership, so that a later start (in this process or
+  /// another) takes over cleanly.
+  void close();
+  /// Checked while a large backlog is counted: a shutdown does not wait for the count.
+  void setStopFlag(const std::atomic<bool>* stop) { stop_ = stop; }
 
   /// Appends records kept for a later start; returns how many leading ones were written (a full
   /// or read-only disk writes fewer: the caller keeps the rest and tries again later).
@@ -130,6 +137,7 @@ class PendingStore {
   bool cursorFrozen_ = false;  ///< a record before it stays unsent: the cursor moves no more
   std::uint64_t droppedQueued_ = 0;
   Counts counts_;
+  const std::atomic<bool>* stop_ = nullptr;
 };
 
 }  // namespace zelvanor::detail

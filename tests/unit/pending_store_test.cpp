@@ -1,0 +1,254 @@
+// The pending store: records leave the disk only once answered, damaged files give back every
+// record they still hold, the disk stays within its limit, and nothing that is not a regular
+// file of ours is ever read or waited on.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "queue/pending_store.hpp"
+#include "support/pending_files.hpp"
+#include "support/temp_dir.hpp"
+#include "zelvanor/json.hpp"
+
+namespace zelvanor::detail {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string recordJson(const std::string& name) {
+  return encodeJson(ZLogRecord{.xid = {"c", "d", "s"}, .action = {"event", name, "tap"}}).value();
+}
+
+std::string nameOf(const std::string& json) {
+  auto record = decodeJson<ZLogRecord>(json);
+  return record ? record->action.name : "<undecodable>";
+}
+
+std::string frames(const std::vector<std::string>& payloads) {
+  std::string out;
+  for (const auto& payload : payloads) appendFrame(out, payload);
+  return out;
+}
+
+std::string rawLength(std::int64_t length) {
+  std::string out(sizeof length, '\0');
+  std::memcpy(out.data(), &length, sizeof length);
+  return out;
+}
+
+void writeFile(const fs::path& file, const std::string& content) {
+  std::ofstream out(file, std::ios::binary | std::ios::trunc);
+  out << content;
+}
+
+std::vector<std::string> names(const std::vector<std::string>& payloads) {
+  std::vector<std::string> out;
+  for (const auto& payload : payloads) out.push_back(nameOf(payload));
+  return out;
+}
+
+struct StoreTest : ::testing::Test {
+  fs::path pendingFile() const { return dir.path() / "ZLogs.tmp"; }
+  std::vector<std::string> onDisk() const { return names(testing::pendingPayloads(dir.path())); }
+  /// Reads every record waiting to be sent, without answering any.
+  static std::vector<PendingStore::Read> readAll(PendingStore& store) {
+    std::vector<PendingStore::Read> out;
+    while (auto read = store.next()) out.push_back(std::move(*read));
+    return out;
+  }
+  testing::TempDir dir;
+};
+
+TEST_F(StoreTest, ARestoredRecordLeavesTheDiskOnlyOnceAnsweredAndAKillResendsOnlyWhatWasInFlight) {
+  writeFile(pendingFile(),
+            frames({recordJson("1"), recordJson("2"), recordJson("3"), recordJson("4")}));
+  {
+    PendingStore store(dir.path(), {});
+    ASSERT_EQ(store.open(), 4u);
+    EXPECT_FALSE(fs::exists(pendingFile())) << "the start takes the file over";
+    auto first = store.next();
+    auto second = store.next();
+    auto third = store.next();
+    ASSERT_TRUE(first && second && third);
+    EXPECT_EQ(nameOf(first->bytes), "1");
+    store.answered(first->ref);
+    store.answered(third->ref);  // answered out of order: "2" is still in flight
+    // Killed here: the store is let go without any goodbye.
+  }
+  EXPECT_EQ(onDisk(), (std::vector<std::string>{"2", "3", "4"}))
+      << "only the answered prefix left the disk";
+  PendingStore again(dir.path(), {});
+  ASSERT_EQ(again.open(), 3u);
+  auto reads = readAll(again);
+  ASSERT_EQ(reads.size(), 3u);
+  EXPECT_EQ(nameOf(reads[0].bytes), "2");
+  for (const auto& read : reads) again.answered(read.ref);
+  EXPECT_TRUE(onDisk().empty());
+  std::vector<std::string> left;
+  for (const auto& entry : fs::directory_iterator(dir.path())) {
+    const auto name = entry.path().filename().string();
+    if (name.rfind("ZLogs.tmp", 0) == 0) left.push_back(name);
+  }
+  EXPECT_TRUE(left.empty()) << "an answered segment is removed";
+}
+
+TEST_F(StoreTest, ARecordThatWasNotSentStaysWithEverythingAfterIt) {
+  writeFile(pendingFile(), frames({recordJson("1"), recordJson("2"), recordJson("3")}));
+  PendingStore store(dir.path(), {});
+  ASSERT_EQ(store.open(), 3u);
+  auto reads = readAll(store);
+  ASSERT_EQ(reads.size(), 3u);
+  store.answered(reads[0].ref);
+  store.unsent(reads[1].ref);  // a transport failure
+  store.answered(reads[2].ref);
+  EXPECT_EQ(onDisk(), (std::vector<std::string>{"2", "3"}))
+      << "the next start sends the unsent one again, in its place";
+}
+
+TEST_F(StoreTest, DamagedFramesNeverHoldUpTheRecordsAroundThem) {
+  const std::string later = R"({"xid":{"cid":"c","did":"d","sid":"s"},"action":{"type":"x"}})";
+  std::string content = frames({recordJson("1"), later, recordJson("2")});
+  content += rawLength(-5) + "garbage-after-a-negative-length";
+  content += frames({recordJson("3")});
+  content += rawLength(1'000'000'000) + "oversized";
+  content += frames({recordJson("4")});
+  content += std::string(64, '\0');  // the zero-filled tail a power cut leaves
+  writeFile(pendingFile(), content);
+
+  PendingStore store(dir.path(), {});
+  store.open();
+  std::vector<std::string> sent;
+  for (auto& read : readAll(store)) {
+    sent.push_back(nameOf(read.bytes));
+    store.answered(read.ref);
+  }
+  EXPECT_EQ(sent, (std::vector<std::string>{"1", "2", "3", "4"}));
+  EXPECT_EQ(store.counts().quarantined, 1u);
+  EXPECT_GE(store.counts().skippedPieces, 2u);  // the negative and the oversized length
+  // The payload this build cannot read is kept aside, as it was, for whoever wants to look.
+  PendingFileReader quarantine;
+  ASSERT_TRUE(quarantine.open(dir.path() / "ZLogs.quarantine"));
+  auto piece = quarantine.next();
+  ASSERT_TRUE(piece);
+  EXPECT_EQ(piece->payload, later);
+  EXPECT_TRUE(onDisk().empty()) << "nothing stays stuck on disk";
+}
+
+TEST_F(StoreTest, ATornLastFrameGivesBackEveryWholeFrameBeforeIt) {
+  const std::string whole = frames({recordJson("1"), recordJson("2")});
+  const std::string torn = frames({recordJson("3")});
+  writeFile(pendingFile(), whole + torn.substr(0, torn.size() / 2));
+  PendingStore store(dir.path(), {});
+  EXPECT_EQ(store.open(), 2u);
+  EXPECT_EQ(names([&] {
+              std::vector<std::string> out;
+              for (auto& read : readAll(store)) out.push_back(read.bytes);
+              return out;
+            }()),
+            (std::vector<std::string>{"1", "2"}));
+}
+
+TEST_F(StoreTest, RestoredRecordsAreSentInThisSdksOwnEncoding) {
+  const std::string stored =
+      R"({"xid":{"cid":"c","did":"d","sid":"s"},"sdk":{"type":"production","version":"0.9.0",)"
+      R"("common_log_version":"1.2.0"},"action":{"type":"event","name":"n","kind":"k"},)"
+      R"("agreement":{"third_ad_agree":true},"page":null,"from_a_later_version":{"x":1}})";
+  writeFile(pendingFile(), frames({stored}));
+  PendingStore store(dir.path(), {});
+  store.open();
+  auto read = store.next();
+  ASSERT_TRUE(read);
+  EXPECT_EQ(read->bytes, encodeJson(decodeJson<ZLogRecord>(stored).value()).value());
+  EXPECT_EQ(read->bytes.find("third_ad_agree"), std::string::npos);
+  EXPECT_EQ(read->bytes.find("null"), std::string::npos);
+  EXPECT_EQ(read->bytes.find("from_a_later_version"), std::string::npos);
+}
+
+TEST_F(StoreTest, TheDiskStaysWithinItsLimitByDroppingTheOldest) {
+  const ZStoreLimits limits{.maxBytesOnDisk = 16u << 10};
+  PendingStore store(dir.path(), limits);
+  store.open();
+  constexpr int kRecords = 2000;
+  for (int i = 0; i < kRecords; i += 50) {
+    std::vector<std::string> batch;
+    for (int j = i; j < i + 50; ++j) batch.push_back(recordJson(std::to_string(j)));
+    ASSERT_EQ(store.keep(batch), batch.size());
+    EXPECT_LE(store.bytesOnDisk(), limits.maxBytesOnDisk);
+  }
+  const auto kept = onDisk();
+  ASSERT_FALSE(kept.empty());
+  EXPECT_EQ(kept.back(), std::to_string(kRecords - 1)) << "the newest are kept";
+  const int first = std::stoi(kept.front());
+  for (std::size_t i = 0; i < kept.size(); ++i) {
+    EXPECT_EQ(kept[i], std::to_string(first + static_cast<int>(i))) << "in order, no gaps";
+  }
+  EXPECT_EQ(store.counts().droppedForSpace, static_cast<std::uint64_t>(first));
+}
+
+TEST_F(StoreTest, SpilledRecordsFollowTheRestoredOnesAndKeptOnesWaitForALaterStart) {
+  writeFile(pendingFile(), frames({recordJson("r1"), recordJson("r2")}));
+  PendingStore store(dir.path(), {});
+  ASSERT_EQ(store.open(), 2u);
+  ASSERT_EQ(store.keep({recordJson("kept")}), 1u);
+  ASSERT_EQ(store.spill({recordJson("s1"), recordJson("s2")}), 2u);
+  std::vector<std::string> sent;
+  for (auto& read : readAll(store)) {
+    sent.push_back(nameOf(read.bytes));
+    store.answered(read.ref);
+  }
+  EXPECT_EQ(sent, (std::vector<std::string>{"r1", "r2", "s1", "s2"}));
+  EXPECT_EQ(onDisk(), (std::vector<std::string>{"kept"}));
+}
+
+TEST_F(StoreTest, WhatIsNoRegularFileIsLeftAloneAndNeverWaitedOn) {
+  ASSERT_EQ(::mkfifo(pendingFile().c_str(), 0600), 0);
+  fs::create_directory(dir.path() / "ZLogs.tmp.7");
+  writeFile(dir.path() / "target", frames({recordJson("elsewhere")}));
+  fs::create_symlink(dir.path() / "target", dir.path() / "ZLogs.tmp.3");
+  PendingStore store(dir.path(), {});
+  EXPECT_EQ(store.open(), 0u);  // returns at once: a FIFO is never opened for reading
+  EXPECT_EQ(store.keep({recordJson("x")}), 0u) << "nothing is written into a FIFO";
+  EXPECT_FALSE(store.next());
+  EXPECT_TRUE(fs::is_fifo(fs::symlink_status(pendingFile())));
+  EXPECT_TRUE(fs::is_directory(dir.path() / "ZLogs.tmp.7"));
+  EXPECT_EQ(names(testing::pendingPayloads(dir.path())).size(), 0u);
+  PendingFileReader target;
+  ASSERT_TRUE(target.open(dir.path() / "target"));
+  EXPECT_TRUE(target.next()) << "a link's target is never touched";
+}
+
+TEST_F(StoreTest, OnlyOneProcessOfTheAppSendsWhatIsOnDisk) {
+  writeFile(pendingFile(), frames({recordJson("1")}));
+  PendingStore owner(dir.path(), {});
+  ASSERT_EQ(owner.open(), 1u);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    PendingStore other(dir.path(), {});
+    const std::uint64_t restored = other.open();
+    // The other process still keeps what it must: appended behind, for a later start.
+    const std::size_t kept = other.keep({recordJson("from-the-other")});
+    ::_exit(restored == 0 && kept == 1 ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(onDisk(), (std::vector<std::string>{"1", "from-the-other"}));
+}
+
+TEST_F(StoreTest, TemplatesAreKeptNewestWithinTheLimitAndTakenOnce) {
+  PendingStore store(dir.path(), ZStoreLimits{.maxTemplatesKept = 3});
+  ASSERT_TRUE(store.writeTemplates({"{\"a\":1}", "{\"a\":2}", "{\"a\":3}", "{\"a\":4}"}));
+  EXPECT_EQ(store.takeTemplates(),
+            (std::vector<std::string>{"{\"a\":2}", "{\"a\":3}", "{\"a\":4}"}));
+  EXPECT_TRUE(store.takeTemplates().empty());
+}
+
+}  // namespace
+}  // namespace zelvanor::detail
