@@ -72,10 +72,20 @@ std::size_t scanFrames(std::string_view bytes, std::uint64_t base, bool endOfFil
       // damaged length in the middle: a whole frame after it tells which.
     }
     const Resync resync = findNextFrame(bytes, pos + 1, endOfFile);
+    if (resync.needsMore) {
+      // A place that may hold the next frame runs past what was given. Handing out the bytes
+      // before it would make the next call start there and take it for a frame on its length
+      // alone, unchecked, where the whole file might show it is none: keep the bad bytes too and
+      // judge again once more has been read. Only a run of bad bytes longer than any frame is
+      // handed out anyway, so that a reader never holds more than about two frames' worth.
+      if (resync.at - pos <= kMaxFramePayload) break;
+      visit({FramePiece::Kind::skipped, base + pos, resync.at - pos, {}});
+      pos = resync.at;
+      break;
+    }
     if (resync.at != std::string_view::npos) {
       visit({FramePiece::Kind::skipped, base + pos, resync.at - pos, {}});
       pos = resync.at;
-      if (resync.needsMore) break;
       continue;
     }
     if (endOfFile) {
