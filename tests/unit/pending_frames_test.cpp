@@ -66,6 +66,16 @@ std::vector<Piece> scanInSteps(std::string_view bytes, std::size_t step) {
   return pieces;
 }
 
+/// Two calls, cut at `cut`: a reader that has read only part of the file, then the rest.
+std::vector<Piece> scanCut(std::string_view bytes, std::size_t cut) {
+  std::vector<Piece> pieces;
+  const auto keep = [&](const FramePiece& p) { pieces.push_back(own(p)); };
+  const std::size_t used = scanFrames(bytes.substr(0, cut), 0, false, keep);
+  EXPECT_LE(used, cut);
+  scanFrames(bytes.substr(used), used, true, keep);
+  return pieces;
+}
+
 std::vector<Piece> framesOf(const std::vector<Piece>& pieces) {
   std::vector<Piece> frames;
   for (const auto& p : pieces) {
@@ -156,6 +166,10 @@ TEST(ScanFrames, AnyWayOfSplittingTheContentFindsTheSameFrames) {
     for (const std::size_t step : {1u, 2u, 7u, 8u, 9u, 13u, 40u}) {
       SCOPED_TRACE("content " + std::to_string(i) + ", step " + std::to_string(step));
       EXPECT_EQ(framesOf(scanInSteps(contents[i], step)), whole);
+    }
+    for (std::size_t cut = 1; cut < contents[i].size(); ++cut) {
+      SCOPED_TRACE("content " + std::to_string(i) + ", cut at " + std::to_string(cut));
+      EXPECT_EQ(framesOf(scanCut(contents[i], cut)), whole);
     }
   }
 }
