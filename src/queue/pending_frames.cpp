@@ -72,21 +72,25 @@ std::size_t scanFrames(std::string_view bytes, std::uint64_t base, bool endOfFil
       // damaged length in the middle: a whole frame after it tells which.
     }
     const Resync resync = findNextFrame(bytes, pos + 1, endOfFile);
-    if (resync.at != std::string_view::npos) {
+    if (resync.at != std::string_view::npos && !resync.needsMore) {
       visit({FramePiece::Kind::skipped, base + pos, resync.at - pos, {}});
       pos = resync.at;
-      if (resync.needsMore) break;
       continue;
     }
     if (endOfFile) {
       visit({FramePiece::Kind::torn, base + pos, n - pos, {}});
       return n;
     }
-    // Nothing whole in what was given: skip all but the tail where a frame might still start.
-    const std::size_t keep = kFrameLengthSize;
-    if (n - pos <= keep) break;
-    visit({FramePiece::Kind::skipped, base + pos, n - keep - pos, {}});
-    pos = n - keep;
+    // Where the next frame starts cannot be told from what was given: a place that may hold it
+    // runs past the end, or the last bytes may begin one. Handing out the bad bytes before that
+    // place would make the next call start there and take it for a frame on its length alone,
+    // unchecked, where more of the file might show it is none; so the bad bytes stay unconsumed
+    // and are judged again with more. Only a run of bad bytes longer than any frame is handed
+    // out anyway, so that a reader never holds more than about two frames' worth.
+    const std::size_t undecided = resync.needsMore ? resync.at : n - kFrameLengthSize;
+    if (n - pos <= kFrameLengthSize || undecided - pos <= kMaxFramePayload) break;
+    visit({FramePiece::Kind::skipped, base + pos, undecided - pos, {}});
+    pos = undecided;
     break;
   }
   return pos;

@@ -1,14 +1,16 @@
 // The zelvanor tool's script reader, pending-file inspector and commands, driven in-process.
 // (Running scripts against a collector is tests/integration/cli_binary_test.cpp.)
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
 #include "cli.hpp"
 #include "pending.hpp"
-#include "queue/logs_file_manager.hpp"
+#include "queue/pending_store.hpp"
 #include "script.hpp"
 #include "support/temp_dir.hpp"
 
@@ -224,74 +226,7 @@ TEST(CliScript, EveryKindOfFaultIsReportedWithItsLineAndNothingElseIsLost) {
 
 // ----- pending show ---------------------------------------------------------------------------
 
-// The inspector must agree with what the SDK itself makes of a file at its next start.
-TEST(CliPending, FixturesAreSplitAsTheSdkReadsThem) {
-  struct Case {
-    std::string file;
-    std::size_t frames;
-    std::size_t undecodable;
-    PendingEnd::Kind end;
-  };
-  const std::vector<Case> cases = {
-      {"pending_good.bin", 3, 0, PendingEnd::Kind::clean},
-      {"pending_undecodable.bin", 3, 1, PendingEnd::Kind::clean},
-      {"pending_torn.bin", 2, 0, PendingEnd::Kind::tornPayload},
-      {"pending_torn_length.bin", 1, 0, PendingEnd::Kind::tornLength},
-      {"pending_negative.bin", 1, 0, PendingEnd::Kind::negativeLength},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.file);
-    const std::string content = slurp(kData / "cli" / c.file);
-    const PendingReport report = inspectPending(content);
-    EXPECT_EQ(report.size, content.size());
-    EXPECT_EQ(report.frames.size(), c.frames);
-    EXPECT_EQ(report.undecodable(), c.undecodable);
-    EXPECT_EQ(report.end.kind, c.end);
-    // Frames tile the file from offset 0 with no gaps.
-    std::uint64_t offset = 0;
-    for (const auto& frame : report.frames) {
-      EXPECT_EQ(frame.offset, offset);
-      EXPECT_EQ(frame.payload.size(), static_cast<std::size_t>(frame.length));
-      EXPECT_EQ(frame.payload.data(), content.data() + offset + 8);
-      offset += 8 + static_cast<std::uint64_t>(frame.length);
-    }
-    EXPECT_EQ(report.end.offset, offset);
-
-    testing::TempDir dir;
-    const fs::path copy = dir.path() / "ZLogs.tmp";
-    fs::copy_file(kData / "cli" / c.file, copy);
-    const auto restored = detail::ZLogsFileManager::readRecords(copy);
-    EXPECT_EQ(restored.size(), report.restorable());
-    EXPECT_EQ(!fs::exists(copy), report.wouldRemove());
-  }
-}
-
-TEST(CliPending, FrameDetailsAndEndsAreNamed) {
-  const std::string good = slurp(kData / "cli" / "pending_good.bin");
-  const PendingReport report = inspectPending(good);
-  ASSERT_EQ(report.frames.size(), 3u);
-  EXPECT_EQ(report.frames[0].payload, slurp(kData / "pending" / "minimal.json").substr(0, 184));
-  EXPECT_EQ(report.frames[1].offset, 192u);
-
-  const PendingReport bad = inspectPending(slurp(kData / "cli" / "pending_undecodable.bin"));
-  ASSERT_TRUE(bad.frames[1].error.has_value());
-  EXPECT_EQ(bad.frames[1].error->path, "sdk.type");
-  EXPECT_FALSE(bad.frames[0].error.has_value());
-  EXPECT_FALSE(bad.frames[2].error.has_value()) << "frames after a bad one are still shown";
-
-  const PendingReport torn = inspectPending(slurp(kData / "cli" / "pending_torn.bin"));
-  EXPECT_EQ(torn.end.available, 40u);
-  EXPECT_EQ(describe(torn.end), "torn at offset 471: length 220 but only 40 bytes follow");
-  const PendingReport negative = inspectPending(slurp(kData / "cli" / "pending_negative.bin"));
-  EXPECT_EQ(negative.end.length, -5);
-  EXPECT_EQ(describe(inspectPending(slurp(kData / "cli" / "pending_torn_length.bin")).end),
-            "torn at offset 192: the length field has only 3 of 8 bytes");
-
-  const PendingReport empty = inspectPending("");
-  EXPECT_TRUE(empty.frames.empty());
-  EXPECT_EQ(empty.end.kind, PendingEnd::Kind::clean);
-  EXPECT_FALSE(empty.wouldRemove());
-}
+using Kind = PendingPiece::Kind;
 
 struct CliRun {
   int code;
@@ -305,10 +240,119 @@ CliRun run(const std::vector<std::string>& args) {
   return {code, out.str(), err.str()};
 }
 
-TEST(CliPending, ShowPrintsEveryFrameAndNeverChangesTheFile) {
+// The inspector must agree with what the SDK itself makes of a file at its next start: the
+// records it sends, the payloads it quarantines and the pieces it reads past.
+TEST(CliPending, FixturesAreSplitAsTheSdkReadsThem) {
+  struct Case {
+    std::string file;
+    std::size_t frames;
+    std::size_t undecodable;
+    std::size_t skipped;
+    std::size_t torn;
+  };
+  const std::vector<Case> cases = {
+      {"pending_good.bin", 3, 0, 0, 0},      {"pending_undecodable.bin", 3, 1, 0, 0},
+      {"pending_torn.bin", 2, 0, 0, 1},      {"pending_torn_length.bin", 1, 0, 0, 1},
+      {"pending_negative.bin", 1, 0, 0, 1},  {"pending_negative_middle.bin", 3, 0, 1, 0},
+      {"pending_zero_tail.bin", 2, 0, 0, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.file);
+    const std::string content = slurp(kData / "cli" / c.file);
+    const PendingReport report = inspectPending(content);
+    EXPECT_EQ(report.size, content.size());
+    EXPECT_EQ(report.frames(), c.frames);
+    EXPECT_EQ(report.undecodable(), c.undecodable);
+    EXPECT_EQ(report.skipped(), c.skipped);
+    EXPECT_EQ(report.torn(), c.torn);
+    EXPECT_EQ(report.clean(), c.undecodable + c.skipped + c.torn == 0);
+    // Pieces tile the file from offset 0 with no gaps; a frame's payload follows its length.
+    std::uint64_t offset = 0;
+    for (const auto& piece : report.pieces) {
+      EXPECT_EQ(piece.offset, offset);
+      if (piece.kind == Kind::frame) {
+        ASSERT_TRUE(piece.length.has_value());
+        EXPECT_EQ(piece.payload.size(), static_cast<std::size_t>(*piece.length));
+        EXPECT_EQ(piece.payload.data(), content.data() + offset + 8);
+        EXPECT_EQ(piece.size, 8 + piece.payload.size());
+      }
+      offset += piece.size;
+    }
+    EXPECT_EQ(offset, content.size());
+
+    testing::TempDir dir;
+    fs::copy_file(kData / "cli" / c.file, dir.path() / "ZLogs.tmp");
+    detail::PendingStore store(dir.path(), ZStoreLimits{});
+    store.open();
+    std::vector<std::string> sent;
+    for (int i = 0; i < 100; ++i) {
+      auto read = store.next();
+      if (!read) break;
+      sent.push_back(read->bytes);
+      store.answered(read->ref);
+    }
+    EXPECT_EQ(sent.size(), report.restorable());
+    EXPECT_EQ(store.counts().quarantined, report.undecodable());
+    // The store stops at its last whole frame, so a torn end is dropped with the file, uncounted;
+    // a skipped piece always lies before a frame.
+    EXPECT_EQ(store.counts().skippedPieces, report.skipped());
+  }
+}
+
+TEST(CliPending, FramesAroundBadPiecesAreFoundAndEachBadPieceIsNamed) {
+  // Reports hold views into the content they were made from.
+  const std::string goodFile = slurp(kData / "cli" / "pending_good.bin");
+  const PendingReport good = inspectPending(goodFile);
+  ASSERT_EQ(good.pieces.size(), 3u);
+  EXPECT_EQ(good.pieces[0].payload, slurp(kData / "pending" / "minimal.json").substr(0, 184));
+  EXPECT_EQ(good.pieces[1].offset, 192u);
+
+  // An undecodable frame in the middle: named with its key path, the ones around it restorable.
+  const std::string badFile = slurp(kData / "cli" / "pending_undecodable.bin");
+  const PendingReport bad = inspectPending(badFile);
+  ASSERT_EQ(bad.pieces.size(), 3u);
+  ASSERT_TRUE(bad.pieces[1].error.has_value());
+  EXPECT_EQ(bad.pieces[1].error->path, "sdk.type");
+  EXPECT_FALSE(bad.pieces[0].error.has_value());
+  EXPECT_FALSE(bad.pieces[2].error.has_value());
+  EXPECT_EQ(bad.restorable(), 2u);
+
+  // A negative length in the middle: its bytes are skipped and the frames after it found.
+  const std::string negativeFile = slurp(kData / "cli" / "pending_negative_middle.bin");
+  const PendingReport negative = inspectPending(negativeFile);
+  ASSERT_EQ(negative.pieces.size(), 4u);
+  EXPECT_EQ(negative.pieces[1].kind, Kind::skipped);
+  EXPECT_EQ(negative.pieces[1].offset, 192u);
+  EXPECT_EQ(negative.pieces[1].size, 15u);
+  EXPECT_EQ(negative.pieces[1].length, -5);
+  EXPECT_EQ(negative.pieces[2].payload, good.pieces[1].payload);
+  EXPECT_EQ(negative.pieces[3].payload, good.pieces[2].payload);
+  EXPECT_EQ(negative.restorable(), 3u);
+
+  const std::string tornFile = slurp(kData / "cli" / "pending_torn.bin");
+  const PendingReport torn = inspectPending(tornFile);
+  ASSERT_EQ(torn.pieces.size(), 3u);
+  EXPECT_EQ(describe(torn.pieces[2]), "torn end: length 220 but only 40 bytes follow");
+  EXPECT_EQ(
+      describe(inspectPending(slurp(kData / "cli" / "pending_torn_length.bin")).pieces.back()),
+      "torn end: the length field has only 3 of 8 bytes");
+  const std::string zerosFile = slurp(kData / "cli" / "pending_zero_tail.bin");
+  const PendingReport zeros = inspectPending(zerosFile);
+  ASSERT_EQ(zeros.pieces.size(), 3u);
+  EXPECT_EQ(zeros.pieces[2].offset, 192u + 279u);
+  EXPECT_EQ(zeros.pieces[2].size, 64u);
+  EXPECT_EQ(describe(zeros.pieces[2]),
+            "torn end: length 0 names no frame and no whole frame follows");
+
+  const PendingReport empty = inspectPending("");
+  EXPECT_TRUE(empty.pieces.empty());
+  EXPECT_TRUE(empty.clean());
+}
+
+TEST(CliPending, ShowPrintsEveryPieceAndNeverChangesTheFile) {
   testing::TempDir dir;
-  for (const std::string name :
-       {"pending_good.bin", "pending_undecodable.bin", "pending_torn.bin"}) {
+  for (const std::string name : {"pending_good.bin", "pending_undecodable.bin", "pending_torn.bin",
+                                 "pending_negative_middle.bin", "pending_zero_tail.bin"}) {
     SCOPED_TRACE(name);
     const fs::path file = dir.path() / name;
     fs::copy_file(kData / "cli" / name, file);
@@ -322,25 +366,39 @@ TEST(CliPending, ShowPrintsEveryFrameAndNeverChangesTheFile) {
     EXPECT_EQ(fs::last_write_time(file), stamp);
     const PendingReport report = inspectPending(before);
     EXPECT_EQ(result.code, name == "pending_good.bin" ? kOk : kInvalid) << result.err;
-    for (std::size_t i = 0; i < report.frames.size(); ++i) {
-      const auto& f = report.frames[i];
-      const std::string head = "frame " + std::to_string(i) + " offset " +
-                               std::to_string(f.offset) + " length " + std::to_string(f.length);
-      EXPECT_NE(result.out.find(head + (f.error ? " undecodable: " : " record ")),
-                std::string::npos)
-          << head << "\n"
-          << result.out;
-      if (!f.error) {
-        EXPECT_NE(result.out.find(std::string(f.payload)), std::string::npos);
+    std::size_t index = 0;
+    for (const auto& piece : report.pieces) {
+      std::string head;
+      if (piece.kind == Kind::frame) {
+        head = "frame " + std::to_string(index++) + " offset " + std::to_string(piece.offset) +
+               " length " + std::to_string(piece.payload.size()) +
+               (piece.error ? " undecodable: " : " record ");
+        if (!piece.error) {
+          EXPECT_NE(result.out.find(std::string(piece.payload)), std::string::npos);
+        }
+      } else {
+        head = std::string(piece.kind == Kind::torn ? "torn" : "skipped") + " offset " +
+               std::to_string(piece.offset) + " size " + std::to_string(piece.size) + ": ";
       }
+      EXPECT_NE(result.out.find(head), std::string::npos) << head << "\n" << result.out;
     }
+    EXPECT_NE(result.err.find("would restore " + std::to_string(report.restorable()) + " record"),
+              std::string::npos)
+        << result.err;
   }
-  const CliRun torn = run({"pending", "show", (dir.path() / "pending_torn.bin").string()});
-  EXPECT_NE(torn.out.find("end: torn at offset 471"), std::string::npos) << torn.out;
-  EXPECT_NE(torn.err.find("restore 2 records"), std::string::npos) << torn.err;
   const CliRun bad = run({"pending", "show", (dir.path() / "pending_undecodable.bin").string()});
   EXPECT_NE(bad.out.find("undecodable: data corrupted at sdk.type"), std::string::npos);
-  EXPECT_NE(bad.err.find("restore nothing and keep the file"), std::string::npos);
+  EXPECT_NE(bad.err.find("restore 2 records and move 1 undecodable payload aside"),
+            std::string::npos)
+      << bad.err;
+  const CliRun skipped =
+      run({"pending", "show", (dir.path() / "pending_negative_middle.bin").string()});
+  EXPECT_NE(skipped.out.find("skipped offset 192 size 15: bytes that are no whole frame, skipped "
+                             "(length -5)"),
+            std::string::npos)
+      << skipped.out;
+  EXPECT_NE(skipped.err.find("restore 3 records and read past 15 bytes"), std::string::npos)
+      << skipped.err;
 
   const CliRun pretty =
       run({"pending", "show", "--pretty", (dir.path() / "pending_good.bin").string()});
@@ -349,6 +407,22 @@ TEST(CliPending, ShowPrintsEveryFrameAndNeverChangesTheFile) {
 
   EXPECT_EQ(run({"pending", "show", (dir.path() / "missing").string()}).code, kRuntime);
   EXPECT_FALSE(fs::exists(dir.path() / "missing")) << "nothing is created";
+}
+
+// A FIFO with no writer would hold a blocking open (and read) forever; a directory is no file.
+TEST(CliPending, ShowRefusesAFifoOrADirectoryWithoutWaiting) {
+  testing::TempDir dir;
+  const fs::path fifo = dir.path() / "ZLogs.tmp";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  const auto started = std::chrono::steady_clock::now();
+  const CliRun onFifo = run({"pending", "show", fifo.string()});
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5));
+  EXPECT_EQ(onFifo.code, kRuntime);
+  EXPECT_NE(onFifo.err.find("not a regular file"), std::string::npos) << onFifo.err;
+
+  const CliRun onDirectory = run({"pending", "show", dir.path().string()});
+  EXPECT_EQ(onDirectory.code, kRuntime);
+  EXPECT_NE(onDirectory.err.find("not a regular file"), std::string::npos) << onDirectory.err;
 }
 
 // ----- validate and the command line ----------------------------------------------------------

@@ -60,21 +60,25 @@ send
   -v, --verbose         name each operation on stderr as it runs
 
 pending show
-  Prints, per frame, its offset, stored length and the record JSON (compact as stored, or
-  indented with --pretty), or why the payload does not decode; then how the file ends (a torn
-  or negative last frame is named) and what the SDK would restore from it. The file is opened
-  read-only and never changed.
+  Reads FILE the way the SDK reads it at its next start and prints every piece: per whole frame
+  its offset, stored length and the record JSON (compact as stored, or indented with --pretty),
+  or why the payload does not decode and at which key path; per skipped piece (bytes that are no
+  whole frame, e.g. a negative, zero or oversized length) its offset, size and why; and a torn end.
+  Then how many records the SDK would restore: every frame that decodes, for an undecodable one
+  is moved aside to a quarantine file and reading goes on past skipped bytes. The file is opened
+  read-only and never changed; anything but a regular file (a FIFO, a directory) is refused.
 
 validate
   Decodes each FILE ("-" for standard input) as one log record and prints "valid" or the
   decoding error with its kind and key path.
 
 Exit codes:
-  0  success (send: the script ran; pending show: every frame decodes and the file ends
-     cleanly; validate: every file is a valid record)
+  0  success (send: the script ran; pending show: every frame decodes, nothing is skipped and
+     the file ends cleanly; validate: every file is a valid record)
   1  usage error (unknown command or option, missing argument, endpoint not https)
-  2  invalid input (malformed script line, undecodable or torn pending frame, invalid record)
-  3  runtime failure (a file cannot be read, the SDK cannot be set up)
+  2  invalid input (malformed script line; a pending file with an undecodable frame, skipped
+     bytes or a torn end, even though the SDK restores the rest; invalid record)
+  3  runtime failure (a file cannot be read or is no regular file, the SDK cannot be set up)
 )";
 
 struct Arguments {
@@ -188,23 +192,22 @@ int runPending(const std::vector<std::string>& args, std::ostream& out, std::ost
   if (!splitArguments(args, 2, {}, {"--pretty"}, parsed, err)) return kUsage;
   if (parsed.positional.size() != 1) return usageError(err, "pending show needs one FILE");
   std::string error;
-  const auto content = readInput(parsed.positional.front(), error);
+  const auto content = readPendingFile(parsed.positional.front(), error);
   if (!content) {
     err << "zelvanor: " << error << "\n";
     return kRuntime;
   }
   const PendingReport report = inspectPending(*content);
   printPendingReport(report, out, err, parsed.has("--pretty"));
-  const bool healthy = report.undecodable() == 0 && report.end.kind == PendingEnd::Kind::clean;
-  return healthy ? kOk : kInvalid;
+  return report.clean() ? kOk : kInvalid;
 }
 
 // ----- send -----------------------------------------------------------------------------------
 
 std::size_t pendingFrames(const std::filesystem::path& file) {
   std::string ignored;
-  const auto content = readInput(file.string(), ignored);
-  return content ? inspectPending(*content).frames.size() : 0;
+  const auto content = readPendingFile(file.string(), ignored);
+  return content ? inspectPending(*content).frames() : 0;
 }
 
 // The data directory holds the identity cookies and undelivered records, so one made here is the

@@ -1,5 +1,10 @@
 #include "pending.hpp"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstring>
 
 #include "zelvanor/json.hpp"
@@ -8,7 +13,7 @@ namespace zelvanor::cli {
 
 namespace {
 
-constexpr std::uint64_t kLengthFieldSize = sizeof(std::int64_t);
+using Kind = PendingPiece::Kind;
 
 // Payloads are shown on one line; a payload that is not a record may hold anything.
 std::string printable(std::string_view bytes) {
@@ -30,110 +35,181 @@ std::string printable(std::string_view bytes) {
   return text;
 }
 
+// The SDK sends a restored record encoded afresh, so a payload that decodes but cannot be encoded
+// again is quarantined just like one that does not decode.
+std::optional<CodecError> whyNotSendable(std::string_view payload) {
+  auto record = decodeJson<ZLogRecord>(payload);
+  if (!record) return record.error();
+  auto again = encodeJson(*record);
+  if (!again) return again.error();
+  return std::nullopt;
+}
+
+std::string plural(std::size_t count, const char* word) {
+  return std::to_string(count) + " " + word + (count == 1 ? "" : "s");
+}
+
 }  // namespace
+
+std::size_t PendingReport::frames() const {
+  std::size_t count = 0;
+  for (const auto& piece : pieces) count += piece.kind == Kind::frame ? 1 : 0;
+  return count;
+}
 
 std::size_t PendingReport::undecodable() const {
   std::size_t count = 0;
-  for (const auto& frame : frames) count += frame.error ? 1 : 0;
+  for (const auto& piece : pieces) count += piece.error ? 1 : 0;
+  return count;
+}
+
+std::size_t PendingReport::skipped() const {
+  std::size_t count = 0;
+  for (const auto& piece : pieces) count += piece.kind == Kind::skipped ? 1 : 0;
+  return count;
+}
+
+std::size_t PendingReport::torn() const {
+  std::size_t count = 0;
+  for (const auto& piece : pieces) count += piece.kind == Kind::torn ? 1 : 0;
   return count;
 }
 
 std::size_t PendingReport::restorable() const {
-  return undecodable() == 0 ? frames.size() : 0;
+  return frames() - undecodable();
 }
 
-bool PendingReport::wouldRemove() const {
-  return size > 0 && undecodable() == 0;
+bool PendingReport::clean() const {
+  return frames() == pieces.size() && undecodable() == 0;
 }
 
 PendingReport inspectPending(std::string_view content) {
   PendingReport report;
   report.size = content.size();
-  std::uint64_t offset = 0;
-  while (offset < content.size()) {
-    const std::uint64_t left = content.size() - offset;
-    if (left < kLengthFieldSize) {
-      report.end = {PendingEnd::Kind::tornLength, offset, 0, left};
-      return report;
+  // The whole content is at hand, so one call with endOfFile consumes all of it.
+  (void)detail::scanFrames(content, 0, true, [&](const detail::FramePiece& found) {
+    PendingPiece piece;
+    piece.kind = found.kind;
+    piece.offset = found.offset;
+    piece.size = found.size;
+    piece.payload = found.payload;
+    if (content.size() - found.offset >= detail::kFrameLengthSize) {
+      std::int64_t length = 0;
+      std::memcpy(&length, content.data() + found.offset, detail::kFrameLengthSize);
+      piece.length = length;
     }
-    std::int64_t length = 0;
-    std::memcpy(&length, content.data() + offset, kLengthFieldSize);
-    const std::uint64_t available = left - kLengthFieldSize;
-    if (length < 0) {
-      report.end = {PendingEnd::Kind::negativeLength, offset, length, available};
-      return report;
-    }
-    if (static_cast<std::uint64_t>(length) > available) {
-      report.end = {PendingEnd::Kind::tornPayload, offset, length, available};
-      return report;
-    }
-    PendingFrame frame;
-    frame.offset = offset;
-    frame.length = length;
-    frame.payload = content.substr(offset + kLengthFieldSize, static_cast<std::size_t>(length));
-    if (auto record = decodeJson<ZLogRecord>(frame.payload); !record) frame.error = record.error();
-    report.frames.push_back(frame);
-    offset += kLengthFieldSize + static_cast<std::uint64_t>(length);
-  }
-  report.end = {PendingEnd::Kind::clean, offset, 0, 0};
+    if (found.kind == Kind::frame) piece.error = whyNotSendable(found.payload);
+    report.pieces.push_back(std::move(piece));
+  });
   return report;
 }
 
-std::string describe(const PendingEnd& end) {
-  switch (end.kind) {
-    case PendingEnd::Kind::clean:
-      return "clean: the last frame ends where the file ends";
-    case PendingEnd::Kind::tornLength:
-      return "torn at offset " + std::to_string(end.offset) + ": the length field has only " +
-             std::to_string(end.available) + " of 8 bytes";
-    case PendingEnd::Kind::negativeLength:
-      return "negative length " + std::to_string(end.length) + " at offset " +
-             std::to_string(end.offset);
-    case PendingEnd::Kind::tornPayload:
-      return "torn at offset " + std::to_string(end.offset) + ": length " +
-             std::to_string(end.length) + " but only " + std::to_string(end.available) +
-             " bytes follow";
+std::optional<std::string> readPendingFile(const std::string& path, std::string& error) {
+  // O_NONBLOCK: opening a FIFO for reading would otherwise wait for a writer.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (fd < 0) {
+    error = "cannot open " + path + ": " + std::strerror(errno);
+    return std::nullopt;
   }
-  return "ends in an unknown way";
+  struct stat info {};
+  if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    error = "cannot read " + path + ": not a regular file";
+    ::close(fd);
+    return std::nullopt;
+  }
+  std::string content;
+  char buffer[65536];
+  // A regular file ends; the bound only guards against one that grows as fast as it is read.
+  const std::uint64_t limit = static_cast<std::uint64_t>(info.st_size) + (64u << 20);
+  while (content.size() <= limit) {
+    const ssize_t got = ::read(fd, buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) {
+      error = "cannot read " + path + ": " + std::strerror(errno);
+      ::close(fd);
+      return std::nullopt;
+    }
+    if (got == 0) break;
+    content.append(buffer, static_cast<std::size_t>(got));
+  }
+  ::close(fd);
+  return content;
+}
+
+std::string describe(const PendingPiece& piece) {
+  const std::string length = piece.length ? "length " + std::to_string(*piece.length) : "";
+  switch (piece.kind) {
+    case Kind::frame:
+      return "whole frame, " + length;
+    case Kind::skipped:
+      return "bytes that are no whole frame, skipped (" + length +
+             "); reading goes on at the next whole frame";
+    case Kind::torn:
+      if (!piece.length) {
+        return "torn end: the length field has only " + std::to_string(piece.size) + " of 8 bytes";
+      }
+      if (*piece.length >= 2 &&
+          static_cast<std::uint64_t>(*piece.length) <= detail::kMaxFramePayload) {
+        return "torn end: " + length + " but only " +
+               std::to_string(piece.size - detail::kFrameLengthSize) + " bytes follow";
+      }
+      return "torn end: " + length + " names no frame and no whole frame follows";
+  }
+  return "unknown piece";
 }
 
 void printPendingReport(const PendingReport& report, std::ostream& out, std::ostream& err,
                         bool pretty) {
-  for (std::size_t i = 0; i < report.frames.size(); ++i) {
-    const PendingFrame& frame = report.frames[i];
-    out << "frame " << i << " offset " << frame.offset << " length " << frame.length;
-    if (frame.error) {
-      out << " undecodable: " << frame.error->describe() << '\n'
-          << "  payload: " << printable(frame.payload) << '\n';
+  std::size_t frameIndex = 0;
+  for (const PendingPiece& piece : report.pieces) {
+    if (piece.kind != Kind::frame) {
+      out << (piece.kind == Kind::torn ? "torn" : "skipped") << " offset " << piece.offset
+          << " size " << piece.size << ": " << describe(piece) << '\n';
       continue;
     }
-    std::string shown(frame.payload);
+    out << "frame " << frameIndex++ << " offset " << piece.offset << " length "
+        << piece.payload.size();
+    if (piece.error) {
+      out << " undecodable: " << piece.error->describe() << '\n'
+          << "  payload: " << printable(piece.payload) << '\n';
+      continue;
+    }
+    std::string shown(piece.payload);
     if (pretty) {
       // The payload decoded a moment ago; encoding it again cannot fail for a decoded record,
       // but the stored text is the fallback all the same.
-      if (auto record = decodeJson<ZLogRecord>(frame.payload)) {
+      if (auto record = decodeJson<ZLogRecord>(piece.payload)) {
         if (auto text = encodeJson(*record, JsonStyle::pretty)) shown = *text;
       }
     }
     out << " record" << (pretty ? "\n" : " ") << shown << '\n';
   }
-  if (report.end.kind != PendingEnd::Kind::clean) {
-    out << "end: " << describe(report.end) << '\n';
-  }
 
-  err << report.size << " bytes, " << report.frames.size() << " whole frame"
-      << (report.frames.size() == 1 ? "" : "s") << ", " << report.undecodable()
-      << " undecodable; end: " << describe(report.end) << ".\n";
-  if (report.size == 0) {
-    err << "The SDK treats an empty file as no pending records and leaves it alone.\n";
-  } else if (report.wouldRemove()) {
-    err << "At its next start the SDK would restore " << report.restorable() << " record"
-        << (report.restorable() == 1 ? "" : "s") << " and remove the file"
-        << (report.end.kind == PendingEnd::Kind::clean ? "" : ", dropping the broken end") << ".\n";
-  } else {
-    err << "At its next start the SDK would restore nothing and keep the file: an undecodable "
-           "frame blocks every record in it.\n";
+  std::uint64_t skippedBytes = 0;
+  for (const auto& piece : report.pieces) {
+    if (piece.kind != Kind::frame) skippedBytes += piece.size;
   }
+  err << report.size << " bytes: " << plural(report.frames(), "whole frame") << " ("
+      << report.undecodable() << " undecodable), " << plural(report.skipped(), "skipped piece")
+      << ", " << (report.torn() > 0 ? "a torn end" : "no torn end") << ".\n";
+  if (report.size == 0) {
+    err << "The SDK treats an empty file as no pending records.\n";
+    return;
+  }
+  std::vector<std::string> outcomes = {"restore " + plural(report.restorable(), "record")};
+  if (report.undecodable() > 0) {
+    outcomes.push_back("move " + plural(report.undecodable(), "undecodable payload") +
+                       " aside to the quarantine file");
+  }
+  if (skippedBytes > 0) {
+    outcomes.push_back("read past " + plural(skippedBytes, "byte") + " that are no whole frame");
+  }
+  err << "At its next start the SDK would ";
+  for (std::size_t i = 0; i < outcomes.size(); ++i) {
+    if (i > 0) err << (i + 1 == outcomes.size() ? " and " : ", ");
+    err << outcomes[i];
+  }
+  err << ".\n";
 }
 
 }  // namespace zelvanor::cli

@@ -1,6 +1,6 @@
-// Reading a pending-record file for people: every frame with where it sits and whether it
-// decodes, and how the file ends. Works on bytes already read, so the file itself is never
-// opened for writing.
+// Reading a pending-record file for people: every piece the SDK's own frame reader finds, with
+// where it sits, whether a frame decodes, and what the SDK would make of it at its next start.
+// The file is only ever read, never opened for writing.
 #pragma once
 
 #include <cstdint>
@@ -10,53 +10,52 @@
 #include <string_view>
 #include <vector>
 
+#include "queue/pending_frames.hpp"
 #include "zelvanor/record.hpp"
 #include "zelvanor/result.hpp"
 
 namespace zelvanor::cli {
 
-/// One whole frame: an 8-byte native-endian signed length, then that many bytes of record JSON.
-struct PendingFrame {
-  std::uint64_t offset = 0;         ///< where the frame's length field starts
-  std::int64_t length = 0;          ///< the payload length as stored
-  std::string_view payload;         ///< view into the content given to inspectPending
-  std::optional<CodecError> error;  ///< why the payload is not a record; absent when it is one
-};
-
-/// How the run of frames ends.
-struct PendingEnd {
-  enum class Kind {
-    clean,           ///< the last frame ends exactly at the end of the file
-    tornLength,      ///< the file ends inside a length field
-    negativeLength,  ///< a length field holds a negative number
-    tornPayload,     ///< a length runs past the end of the file
-  };
-  Kind kind = Kind::clean;
-  std::uint64_t offset = 0;     ///< where the frame that is not whole starts (or the file size)
-  std::int64_t length = 0;      ///< the stored length, for negativeLength and tornPayload
-  std::uint64_t available = 0;  ///< bytes present after `offset`
+/// One piece of the file as detail::scanFrames splits it.
+struct PendingPiece {
+  using Kind = detail::FramePiece::Kind;
+  Kind kind = Kind::frame;
+  std::uint64_t offset = 0;  ///< where the piece starts in the file
+  std::uint64_t size = 0;    ///< bytes it covers, a frame's length field included
+  /// The length field at `offset` as stored; absent when fewer than 8 bytes are left there.
+  std::optional<std::int64_t> length;
+  std::string_view payload;         ///< frames only: view into the content given to inspectPending
+  std::optional<CodecError> error;  ///< frames only: why the payload is no record it could send
 };
 
 struct PendingReport {
   std::uint64_t size = 0;
-  std::vector<PendingFrame> frames;
-  PendingEnd end;
+  std::vector<PendingPiece> pieces;
 
+  std::size_t frames() const;
   std::size_t undecodable() const;
-  /// How many records the SDK would give back at its next start, and whether it would then
-  /// remove the file. One undecodable payload means nothing comes back and the file stays.
+  std::size_t skipped() const;
+  std::size_t torn() const;
+  /// How many records the SDK would take over at its next start: every frame that decodes. An
+  /// undecodable one is moved to the quarantine file instead and holds nothing up.
   std::size_t restorable() const;
-  bool wouldRemove() const;
+  /// Every frame decodes and nothing was skipped or torn.
+  bool clean() const;
 };
 
 PendingReport inspectPending(std::string_view content);
 
-/// One line per frame on `out`, the summary on `err`. With `pretty`, records that decode are shown
-/// as indented JSON instead of the compact text stored.
+/// The whole of a pending file, read through a non-blocking read-only descriptor. Anything but a
+/// regular file (a FIFO, a directory, a device) is refused rather than read, so the tool never
+/// waits on a writer that may never come.
+std::optional<std::string> readPendingFile(const std::string& path, std::string& error);
+
+/// One line per piece on `out`, the summary on `err`. With `pretty`, records that decode are
+/// shown as indented JSON instead of the compact text stored.
 void printPendingReport(const PendingReport& report, std::ostream& out, std::ostream& err,
                         bool pretty);
 
-/// "clean", "torn inside a length field", ...
-std::string describe(const PendingEnd& end);
+/// Why a skipped or torn piece is no frame, e.g. "torn: length 220 but only 40 bytes follow".
+std::string describe(const PendingPiece& piece);
 
 }  // namespace zelvanor::cli

@@ -1,0 +1,258 @@
+// The pending-file frame reader: whole frames, torn ends, damaged lengths read past, and the same
+// pieces whether the content comes at once, in small pieces or through a file.
+#include "queue/pending_frames.hpp"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "support/temp_dir.hpp"
+
+namespace zelvanor::detail {
+namespace {
+
+namespace fs = std::filesystem;
+using Kind = FramePiece::Kind;
+
+struct Piece {
+  Kind kind;
+  std::uint64_t offset;
+  std::uint64_t size;
+  std::string payload;
+  friend bool operator==(const Piece&, const Piece&) = default;
+};
+
+std::ostream& operator<<(std::ostream& out, const Piece& p) {
+  return out << "{" << static_cast<int>(p.kind) << " @" << p.offset << " +" << p.size << " "
+             << p.payload.size() << "B}";
+}
+
+Piece own(const FramePiece& p) {
+  return {p.kind, p.offset, p.size, std::string(p.payload)};
+}
+
+std::vector<Piece> scanAll(std::string_view bytes) {
+  std::vector<Piece> pieces;
+  EXPECT_EQ(scanFrames(bytes, 0, true, [&](const FramePiece& p) { pieces.push_back(own(p)); }),
+            bytes.size());
+  return pieces;
+}
+
+/// Feeds `bytes` in steps of `step`, keeping what each call leaves unconsumed, as a reader of a
+/// file does.
+std::vector<Piece> scanInSteps(std::string_view bytes, std::size_t step) {
+  std::vector<Piece> pieces;
+  std::string buffer;
+  std::uint64_t base = 0;
+  std::size_t fed = 0;
+  for (std::size_t round = 0; round <= bytes.size() + 1; ++round) {
+    const std::size_t more = std::min(step, bytes.size() - fed);
+    buffer.append(bytes.substr(fed, more));
+    fed += more;
+    const bool end = fed == bytes.size();
+    const std::size_t used =
+        scanFrames(buffer, base, end, [&](const FramePiece& p) { pieces.push_back(own(p)); });
+    buffer.erase(0, used);
+    base += used;
+    if (end) break;
+  }
+  EXPECT_TRUE(buffer.empty());
+  return pieces;
+}
+
+/// Two calls, cut at `cut`: a reader that has read only part of the file, then the rest.
+std::vector<Piece> scanCut(std::string_view bytes, std::size_t cut) {
+  std::vector<Piece> pieces;
+  const auto keep = [&](const FramePiece& p) { pieces.push_back(own(p)); };
+  const std::size_t used = scanFrames(bytes.substr(0, cut), 0, false, keep);
+  EXPECT_LE(used, cut);
+  scanFrames(bytes.substr(used), used, true, keep);
+  return pieces;
+}
+
+std::vector<Piece> framesOf(const std::vector<Piece>& pieces) {
+  std::vector<Piece> frames;
+  for (const auto& p : pieces) {
+    if (p.kind == Kind::frame) frames.push_back(p);
+  }
+  return frames;
+}
+
+std::string record(const std::string& name, std::size_t padding = 0) {
+  return R"({"action":{"name":")" + name + std::string(padding, 'x') + R"("}})";
+}
+
+std::string lengthField(std::int64_t length) {
+  std::string bytes(kFrameLengthSize, '\0');
+  std::memcpy(bytes.data(), &length, kFrameLengthSize);
+  return bytes;
+}
+
+std::string frames(const std::vector<std::string>& payloads) {
+  std::string out;
+  for (const auto& p : payloads) appendFrame(out, p);
+  return out;
+}
+
+TEST(ScanFrames, WholeFramesAndTornEnds) {
+  const std::string a = record("a"), b = record("bb");
+  const std::string whole = frames({a, b});
+  EXPECT_EQ(scanAll(whole), (std::vector<Piece>{{Kind::frame, 0, 8 + a.size(), a},
+                                                {Kind::frame, 8 + a.size(), 8 + b.size(), b}}));
+  EXPECT_TRUE(scanAll("").empty());
+
+  // Cut inside the second length field, then inside its payload: the first frame stays whole.
+  for (const std::size_t cut : {whole.size() - b.size() - 3, whole.size() - 5}) {
+    SCOPED_TRACE(cut);
+    const auto pieces = scanAll(std::string_view(whole).substr(0, cut));
+    ASSERT_EQ(pieces.size(), 2u);
+    EXPECT_EQ(pieces[0].payload, a);
+    EXPECT_EQ(pieces[1], (Piece{Kind::torn, 8 + a.size(), cut - 8 - a.size(), ""}));
+  }
+
+  // A zero-filled tail, as a filesystem may leave after a power cut: one torn piece.
+  const auto zeros = scanAll(whole + std::string(40, '\0'));
+  ASSERT_EQ(zeros.size(), 3u);
+  EXPECT_EQ(zeros[2], (Piece{Kind::torn, whole.size(), 40, ""}));
+}
+
+TEST(ScanFrames, ADamagedLengthInTheMiddleIsSkippedAndTheNextFrameFound) {
+  const std::string a = record("a"), b = record("b"), c = record("c");
+  struct Case {
+    const char* name;
+    std::string bad;
+  };
+  const std::vector<Case> cases = {
+      {"negative", lengthField(-5) + "junk"},
+      {"zero", lengthField(0)},
+      {"huge", lengthField(std::int64_t{1} << 40) + "{x}"},
+      {"beyond the end", lengthField(100000) + "{\"y\":1}"},
+      {"just over the limit", lengthField(static_cast<std::int64_t>(kMaxFramePayload) + 1)},
+  };
+  for (const auto& c0 : cases) {
+    SCOPED_TRACE(c0.name);
+    const std::string content = frames({a}) + c0.bad + frames({b, c});
+    const auto pieces = scanAll(content);
+    ASSERT_EQ(pieces.size(), 4u);
+    EXPECT_EQ(pieces[0].payload, a);
+    EXPECT_EQ(pieces[1], (Piece{Kind::skipped, 8 + a.size(), c0.bad.size(), ""}));
+    EXPECT_EQ(pieces[2].payload, b);
+    EXPECT_EQ(pieces[2].offset, 8 + a.size() + c0.bad.size());
+    EXPECT_EQ(pieces[3].payload, c);
+  }
+}
+
+// A reader sees the file a window at a time; where a window ends must not change what is found.
+TEST(ScanFrames, AnyWayOfSplittingTheContentFindsTheSameFrames) {
+  const std::string a = record("a"), b = record("b", 30), c = record("c");
+  // A false start after the damaged length: "{" at the right place and a plausible length, but
+  // no "}" where that frame would end, so it is no frame; the next real one is.
+  const std::string falseStart = lengthField(20) + "{" + std::string(19, 'z');
+  const std::vector<std::string> contents = {
+      frames({a, b, c}),
+      frames({a}) + lengthField(-1) + falseStart + frames({b, c}),
+      frames({a}) + lengthField(0) + std::string(30, '\0') + frames({b}) + std::string(9, '\0'),
+      frames({a, b}) + lengthField(500) + "{\"cut\":",
+  };
+  for (std::size_t i = 0; i < contents.size(); ++i) {
+    const auto whole = framesOf(scanAll(contents[i]));
+    ASSERT_FALSE(whole.empty());
+    for (const std::size_t step : {1u, 2u, 7u, 8u, 9u, 13u, 40u}) {
+      SCOPED_TRACE("content " + std::to_string(i) + ", step " + std::to_string(step));
+      EXPECT_EQ(framesOf(scanInSteps(contents[i], step)), whole);
+    }
+    for (std::size_t cut = 1; cut < contents[i].size(); ++cut) {
+      SCOPED_TRACE("content " + std::to_string(i) + ", cut at " + std::to_string(cut));
+      EXPECT_EQ(framesOf(scanCut(contents[i], cut)), whole);
+    }
+  }
+}
+
+void writeFile(const fs::path& file, const std::string& content) {
+  std::ofstream out(file, std::ios::binary | std::ios::trunc);
+  out.write(content.data(), static_cast<std::streamsize>(content.size()));
+}
+
+std::vector<Piece> readFile(const fs::path& file, std::uint64_t offset = 0) {
+  PendingFileReader reader;
+  std::vector<Piece> pieces;
+  if (!reader.open(file, offset)) return pieces;
+  for (std::size_t i = 0; i < 1000000; ++i) {
+    auto piece = reader.next();
+    if (!piece) break;
+    pieces.push_back(own(*piece));
+  }
+  return pieces;
+}
+
+TEST(PendingFileReader, ReadsFilesLargerThanItsWindowWithFramesAcrossRefills) {
+  testing::TempDir dir;
+  const fs::path file = dir.path() / "ZLogs.tmp";
+  // About 1.3 MiB of frames of many sizes, one larger than the read window, so that frames
+  // straddle every refill; damaged pieces sit among them.
+  std::string content;
+  for (int i = 0; i < 700; ++i) {
+    appendFrame(content, record("r" + std::to_string(i), static_cast<std::size_t>(i * 3 % 1500)));
+    if (i == 300) appendFrame(content, record("big", 300u << 10));
+    if (i % 97 == 5) content += lengthField(-7) + "garbage";
+  }
+  content += lengthField(4000) + "{\"torn\":";
+  writeFile(file, content);
+  const auto whole = scanAll(content);
+  const auto read = readFile(file);
+  EXPECT_EQ(read, whole);
+  EXPECT_EQ(framesOf(read).size(), 701u);
+
+  // From a frame's start, as after a cursor: the same pieces from there on.
+  const auto from = whole[400];
+  const auto tail = readFile(file, from.offset);
+  ASSERT_FALSE(tail.empty());
+  EXPECT_EQ(tail.front(), from);
+  EXPECT_EQ(tail.size(), whole.size() - 400);
+}
+
+// A false start spanning the reader's 256 KiB window must be judged on the whole file, as it is
+// when the file is scanned at once.
+TEST(PendingFileReader, AFalseStartAcrossARefillIsNoFrame) {
+  testing::TempDir dir;
+  const fs::path file = dir.path() / "ZLogs.tmp";
+  const std::size_t window = 256u << 10;
+  std::string content;
+  appendFrame(content, record("first", window - 100));
+  content += lengthField(-1);
+  // Starts before the window's end and would end after it, with no "}" at its end.
+  content += lengthField(200) + "{" + std::string(199, 'q');
+  appendFrame(content, record("second"));
+  ASSERT_LT(content.find(lengthField(200)), window);
+  writeFile(file, content);
+  EXPECT_EQ(framesOf(readFile(file)), framesOf(scanAll(content)));
+  EXPECT_EQ(framesOf(readFile(file)).size(), 2u);
+}
+
+TEST(PendingFileReader, RefusesWhatIsNoRegularFileWithoutWaiting) {
+  testing::TempDir dir;
+  const fs::path target = dir.path() / "real";
+  writeFile(target, frames({record("a")}));
+  const fs::path fifo = dir.path() / "fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  const fs::path link = dir.path() / "link";
+  fs::create_symlink(target, link);
+
+  const auto started = std::chrono::steady_clock::now();
+  for (const fs::path& path : {fifo, dir.path(), link, dir.path() / "missing"}) {
+    PendingFileReader reader;
+    EXPECT_FALSE(reader.open(path)) << path;
+    EXPECT_FALSE(reader.next().has_value()) << path;
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5));
+  EXPECT_EQ(readFile(target).size(), 1u);
+}
+
+}  // namespace
+}  // namespace zelvanor::detail
