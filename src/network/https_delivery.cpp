@@ -188,6 +188,9 @@ void HttpsDelivery::startWaiting() {
     const RequestSettings settings = front.settings;
     Next record;
     if (front.fromDisk > 0) {
+      // The store's cursor stops at the oldest record not yet answered, so a slow answer must
+      // not let many later ones go out: a kill would send all of those again.
+      if (store_.unansweredSpread() >= kMaxInFlight) break;
       auto queued = nextQueued();
       if (--front.fromDisk == 0) waiting_.pop_front();
       if (!queued) {

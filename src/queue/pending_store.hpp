@@ -77,6 +77,9 @@ class PendingStore {
   /// It was not sent: it stays where it is for the next start.
   void unsent(StoreRef ref);
 
+  /// Records read from disk since the oldest one not yet answered: what a kill now would send
+  /// again at the next start.
+  std::size_t unansweredSpread() const noexcept { return outstanding_.size(); }
   /// Records waiting to be sent that were dropped for space since the last call.
   std::uint64_t takeDroppedQueued() { return std::exchange(droppedQueued_, 0); }
   const Counts& counts() const noexcept { return counts_; }
