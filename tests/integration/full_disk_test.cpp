@@ -1,0 +1,74 @@
+// A full disk (a small tmpfs, so only when the tests run as root): records the disk would not
+// take stay in memory, only what was really written counts as kept, and the writes are tried
+// again until the disk has room; none is lost and the order holds.
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "network/https_delivery.hpp"
+#include "support/pending_files.hpp"
+#include "support/temp_dir.hpp"
+#include "zelvanor/json.hpp"
+
+namespace zelvanor {
+namespace {
+
+class SmallDisk {
+ public:
+  explicit SmallDisk(const std::filesystem::path& at) : at_(at) {
+    mounted_ = ::mount("zelvanor-test", at.c_str(), "tmpfs", 0, "size=64k,mode=0700") == 0;
+  }
+  ~SmallDisk() {
+    if (mounted_) ::umount2(at_.c_str(), MNT_DETACH);
+  }
+  bool mounted() const { return mounted_; }
+  bool grow() { return ::mount(nullptr, at_.c_str(), nullptr, MS_REMOUNT, "size=4m") == 0; }
+
+ private:
+  std::filesystem::path at_;
+  bool mounted_ = false;
+};
+
+std::string record(int i) {
+  ZLogRecord value{.xid = {"c", "d", "s"}, .action = {"event", std::to_string(i), "tap"}};
+  value.page = ZPage{.id = std::to_string(i), .title = std::string(900, 't')};
+  return encodeJson(value).value();
+}
+
+TEST(FullDisk, RecordsTheDiskRefusesWaitInMemoryAndAreWrittenWhenThereIsRoom) {
+  if (::geteuid() != 0) GTEST_SKIP() << "mounting a small tmpfs needs root";
+  testing::TempDir dir;
+  SmallDisk disk(dir.path());
+  if (!disk.mounted()) GTEST_SKIP() << "tmpfs could not be mounted here";
+
+  auto http = std::make_shared<network::HttpClient>(network::HttpClient::Options{});
+  auto delivery = std::make_shared<detail::HttpsDelivery>(http, dir.path());
+  constexpr int kRecords = 300;  // about 300 KB: far more than the disk holds
+  for (int i = 0; i < kRecords; ++i) {
+    std::vector<std::string> one{record(i)};
+    delivery->send(0, std::move(one), /*networkAvailable=*/false);
+  }
+  ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(20)));
+  const auto counts = delivery->counts();
+  const auto onDisk = testing::pendingRecords(dir.path());
+  EXPECT_LT(counts.keptOnDisk, static_cast<std::uint64_t>(kRecords));
+  EXPECT_EQ(counts.keptOnDisk, onDisk.size()) << "only real writes count as kept";
+  EXPECT_EQ(counts.droppedForSpace, 0u) << "the memory limit allows keeping them all";
+
+  ASSERT_TRUE(disk.grow());
+  for (int i = 0; i < 100 && testing::pendingRecords(dir.path()).size() < kRecords; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  const auto kept = testing::pendingRecords(dir.path());
+  ASSERT_EQ(kept.size(), static_cast<std::size_t>(kRecords));
+  for (int i = 0; i < kRecords; ++i) EXPECT_EQ(kept[i].action.name, std::to_string(i));
+  EXPECT_EQ(delivery->counts().keptOnDisk, static_cast<std::uint64_t>(kRecords));
+  delivery->shutdown({}, {});
+  http->shutdown();
+}
+
+}  // namespace
+}  // namespace zelvanor
