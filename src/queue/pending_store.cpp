@@ -59,6 +59,35 @@ std::uint64_t PendingStore::bytesOnDisk() const noexcept {
   return total;
 }
 
+std::vector<std::uint64_t> PendingStore::segmentNumbers(const std::filesystem::path& directory) {
+  std::error_code error;
+  std::vector<std::uint64_t> numbers;
+  for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
+    const auto number = segmentNumber(entry.path().filename().string());
+    // Anything but a regular file (a FIFO, a directory, a link) is left alone, never opened.
+    if (number && platform::regularFileSize(entry.path())) numbers.push_back(*number);
+  }
+  std::sort(numbers.begin(), numbers.end());
+  return numbers;
+}
+
+void PendingStore::forEachWaiting(const std::filesystem::path& directory,
+                                  const std::function<void(std::string_view)>& visit) {
+  PendingStore store(directory, {});
+  store.readCursor();
+  auto readFrom = [&](const std::filesystem::path& file, std::uint64_t offset) {
+    PendingFileReader reader;
+    if (!reader.open(file, offset)) return;
+    while (auto piece = reader.next()) {
+      if (piece->kind == FramePiece::Kind::frame) visit(piece->payload);
+    }
+  };
+  for (const std::uint64_t number : segmentNumbers(directory)) {
+    readFrom(store.segmentPath(number), number == store.cursorSegment_ ? store.cursorOffset_ : 0);
+  }
+  readFrom(store.file(kPendingFileName), 0);
+}
+
 std::uint64_t PendingStore::open() {
   if (directory_.empty()) return 0;
   tailBytes_ = platform::regularFileSize(file(kPendingFileName)).value_or(0);
@@ -66,14 +95,7 @@ std::uint64_t PendingStore::open() {
   owner_ = ownerLock_.tryLock(file(kLockFileName));
   if (!owner_) return 0;  // another process of the app sends what is on disk
 
-  std::error_code error;
-  std::vector<std::uint64_t> numbers;
-  for (const auto& entry : std::filesystem::directory_iterator(directory_, error)) {
-    const auto number = segmentNumber(entry.path().filename().string());
-    // Anything but a regular file (a FIFO, a directory, a link) is left alone, never opened.
-    if (number && platform::regularFileSize(entry.path())) numbers.push_back(*number);
-  }
-  std::sort(numbers.begin(), numbers.end());
+  const std::vector<std::uint64_t> numbers = segmentNumbers(directory_);
   readCursor();
   nextNumber_ = std::max(numbers.empty() ? 0 : numbers.back(), cursorSegment_) + 1;
   for (const std::uint64_t number : numbers) {

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <deque>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -45,6 +46,11 @@ class PendingStore {
     std::uint64_t quarantined = 0;      ///< payloads that are no record, moved aside (or dropped)
     std::uint64_t skippedPieces = 0;    ///< damaged lengths and torn ends read past
   };
+
+  /// Every record waiting on disk in `directory`, in the order a start would send them (the
+  /// segments from the cursor, then "ZLogs.tmp"), as stored; read only, for tools and tests.
+  static void forEachWaiting(const std::filesystem::path& directory,
+                             const std::function<void(std::string_view payload)>& visit);
 
   /// `directory` empty: nothing is ever written, everything stays in memory.
   PendingStore(std::filesystem::path directory, ZStoreLimits limits);
@@ -112,6 +118,7 @@ class PendingStore {
   std::filesystem::path file(std::string_view name) const { return directory_ / name; }
   Segment* findSegment(std::uint64_t number);
   void readCursor();
+  static std::vector<std::uint64_t> segmentNumbers(const std::filesystem::path& directory);
   void advanceCursor();
   void removeIfDone(std::uint64_t number);
   /// Drops the oldest segments until `bytes` more fit within the disk cap.

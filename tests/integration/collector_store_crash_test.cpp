@@ -53,8 +53,8 @@ pid_t spawnChild(const fs::path& appDir, const Collector& server, const char* mo
     const std::string dir = appDir.string();
     const std::string base = server.baseUrl();
     const std::string ca = server.caFile().string();
-    ::execl(ZELVANOR_STORE_CHILD, ZELVANOR_STORE_CHILD, dir.c_str(), base.c_str(), ca.c_str(),
-            mode, static_cast<char*>(nullptr));
+    ::execl(ZELVANOR_STORE_CHILD, ZELVANOR_STORE_CHILD, dir.c_str(), base.c_str(), ca.c_str(), mode,
+            static_cast<char*>(nullptr));
     ::_exit(127);
   }
   ::close(out[1]);
@@ -74,8 +74,8 @@ std::multiset<std::string> deliveredSeeds(const Collector& server) {
   std::multiset<std::string> names;
   std::int64_t after = 0;
   for (int page = 0; page < 1000; ++page) {
-    auto events = server.events(collector::EventQuery{.afterId = after, .limit = 1000,
-                                                      .oldestFirst = true});
+    auto events =
+        server.events(collector::EventQuery{.afterId = after, .limit = 1000, .oldestFirst = true});
     if (events.empty()) break;
     for (const auto& event : events) {
       if (event.actionName.rfind("seed-", 0) == 0) names.insert(event.actionName);
@@ -134,7 +134,8 @@ TEST(StoreCrash, KillsDuringRestoreSendingAndShutdownLoseNothingThatWasOnDisk) {
       << "sent twice beyond what was in flight";
   if (std::getenv("ZELVANOR_DEBUG_DUPES")) {
     for (const auto& name : distinct) {
-      if (delivered.count(name) > 1) std::cout << name.substr(5) << "x" << delivered.count(name) << " ";
+      if (delivered.count(name) > 1)
+        std::cout << name.substr(5) << "x" << delivered.count(name) << " ";
     }
   }
   std::cout << "delivered " << distinct.size() << " of " << kSeeds << ", twice "

@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "pending.hpp"
+#include "queue/pending_store.hpp"
 #include "script.hpp"
 #include "zelvanor/configuration.hpp"
 #include "zelvanor/json.hpp"
@@ -204,10 +205,11 @@ int runPending(const std::vector<std::string>& args, std::ostream& out, std::ost
 
 // ----- send -----------------------------------------------------------------------------------
 
-std::size_t pendingFrames(const std::filesystem::path& file) {
-  std::string ignored;
-  const auto content = readPendingFile(file.string(), ignored);
-  return content ? inspectPending(*content).frames() : 0;
+/// Records waiting on disk as the SDK's next start would send them (segments, then ZLogs.tmp).
+std::size_t waitingOnDisk(const std::filesystem::path& directory) {
+  std::size_t count = 0;
+  zelvanor::detail::PendingStore::forEachWaiting(directory, [&](std::string_view) { ++count; });
+  return count;
 }
 
 // The data directory holds the identity cookies and undelivered records, so one made here is the
@@ -286,9 +288,9 @@ int runSend(const std::vector<std::string>& args, std::ostream& out, std::ostrea
   }
 
   const auto dataDirectory = currentPlatformFacts().dataDirectory;
-  const std::filesystem::path pendingFile =
-      dataDirectory ? std::filesystem::path(*dataDirectory) / "ZLogs.tmp" : std::filesystem::path();
-  const std::size_t pendingBefore = pendingFile.empty() ? 0 : pendingFrames(pendingFile);
+  const std::filesystem::path storeDirectory =
+      dataDirectory ? std::filesystem::path(*dataDirectory) : std::filesystem::path();
+  const std::size_t pendingBefore = storeDirectory.empty() ? 0 : waitingOnDisk(storeDirectory);
 
   const bool verbose = parsed.has("-v") || parsed.has("--verbose");
   if (parsed.has("--online")) ZelvanorTracker::setReachabilityFlags(0x2);
@@ -300,12 +302,12 @@ int runSend(const std::vector<std::string>& args, std::ostream& out, std::ostrea
   }
   // Anything not delivered by now goes to the pending file.
   ZelvanorTracker::shutdown();
-  const std::size_t pendingAfter = pendingFile.empty() ? 0 : pendingFrames(pendingFile);
+  const std::size_t pendingAfter = storeDirectory.empty() ? 0 : waitingOnDisk(storeDirectory);
 
   err << "ran " << counts.operations << " operation" << (counts.operations == 1 ? "" : "s") << ": "
       << counts.blocks << " set, " << counts.tracks << " track, " << counts.flushes << " flush\n";
-  if (!pendingFile.empty()) {
-    err << "pending file " << pendingFile.string() << ": " << pendingBefore
+  if (!storeDirectory.empty()) {
+    err << "pending records in " << storeDirectory.string() << ": " << pendingBefore
         << " record(s) before the run, " << pendingAfter << " waiting after it\n";
   } else {
     err << "no data directory: the SDK keeps no pending file\n";
