@@ -43,8 +43,11 @@ void HttpsDelivery::post(Command command) {
   inbox_.push_back(std::move(command));
   if (!drainQueued_) {
     drainQueued_ = true;
-    worker_.async([weak = weak_from_this()] {
-      if (auto self = weak.lock()) self->drainInbox();
+    // Hand-overs from the host gather for a moment; those the worker makes itself (the queue
+    // refilling the window after answers) are taken at once.
+    const bool gather = !worker_.isCurrent();
+    worker_.async([weak = weak_from_this(), gather] {
+      if (auto self = weak.lock()) self->drainInbox(gather);
     });
   }
 }
@@ -103,10 +106,10 @@ std::vector<std::string> HttpsDelivery::takeKeptTemplates() {
   return templates;
 }
 
-void HttpsDelivery::drainInbox() {
+void HttpsDelivery::drainInbox(bool gather) {
   // Let a burst gather: hand-overs made meanwhile join this drain without waking the worker.
   // Shutdown does not wait for the window; it has already stopped new hand-overs.
-  if (!stopped_.load()) std::this_thread::sleep_for(kGatherWindow);
+  if (gather && !stopped_.load()) std::this_thread::sleep_for(kGatherWindow);
   {
     std::lock_guard lock(mutex_);
     draining_.swap(inbox_);
@@ -359,7 +362,8 @@ void HttpsDelivery::notifyQueue() {
     listener = listener_;
   }
   const std::uint64_t dropped = std::exchange(droppedToReport_, 0);
-  if (listener && (dropped > 0 || room() > 0)) listener(dropped);
+  // Room is offered in large steps: one refill per half window, not one per answer.
+  if (listener && (dropped > 0 || room() >= kMaxOutstanding / 2)) listener(dropped);
 }
 
 std::uint64_t HttpsDelivery::bytesOnDisk() const {

@@ -89,7 +89,7 @@ class HttpsDelivery final : public RecordTransport,
 
   void post(Command command);
   /// Takes everything the host handed over since the last time, in order. Worker only.
-  void drainInbox();
+  void drainInbox(bool gather);
   void handleSend(SendCommand& command);
   void handleSpill(SpillCommand& command);
   /// The oldest record waiting on disk (or, when the disk would not take them, in memory).
