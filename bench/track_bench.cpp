@@ -23,6 +23,7 @@ struct DiscardingTransport final : detail::RecordTransport {
     benchmark::DoNotOptimize(records);
   }
   void spill(std::vector<std::string> records) override { benchmark::DoNotOptimize(records); }
+  void networkChanged(bool) override {}
   void keepLate(std::string) override {}
   std::vector<std::string> takeKeptTemplates() override { return {}; }
   void shutdown(std::vector<std::string>, std::vector<std::string>) override {}

@@ -48,7 +48,22 @@ std::shared_ptr<ZInternalLogManager> ZInternalLogManager::create(ManagerSources 
 
 ZInternalLogManager::ZInternalLogManager(ManagerSources sources)
     : sources_(std::move(sources)),
-      queue_(sources_.transport, sources_.storeLimits.maxRecordsInMemory) {}
+      queue_(sources_.transport, sources_.storeLimits.maxRecordsInMemory),
+      identityBackoff_(sources_.retryTimings) {}
+
+void ZInternalLogManager::scheduleIdentityRetry() {
+  if (identityRetryScheduled_ || isReady()) return;
+  identityRetryScheduled_ = true;
+  const auto wait = identityBackoff_.failed();
+  serial_.asyncAfter(wait, [weak = weak_from_this()] {
+    auto self = weak.lock();
+    if (!self) return;
+    self->identityRetryScheduled_ = false;
+    if (self->isReady()) return;
+    self->sources_.identity->retry();
+    self->scheduleIdentityRetry();
+  });
+}
 
 void ZInternalLogManager::restoreKeptTemplates() {
   std::vector<ZLogTemplate> templates;
@@ -120,6 +135,9 @@ void ZInternalLogManager::configure(const ZConfiguration& configuration) {
   }));
 
   fillDefaultAgent();
+  serial_.async([weak] {
+    if (auto self = weak.lock()) self->scheduleIdentityRetry();
+  });
 
   cancellables_.insert(commonSubject_.subscribe(
       [weak](const std::optional<ZCommon>&) {
@@ -143,7 +161,23 @@ void ZInternalLogManager::fillDefaultAgent() {
     auto self = weak.lock();
     if (!self) return;
     self->setAgent(ZAgent{.networkState = std::string(rawValue(state))});
-    self->queue_.setAvailableNetworking(state != NetworkState::offline);
+    const bool online = state != NetworkState::offline;
+    self->queue_.setAvailableNetworking(online);
+    bool returned = false;
+    {
+      std::lock_guard lock(self->mutex_);
+      returned = online && !self->lastOnline_;
+      self->lastOnline_ = online;
+    }
+    if (returned && !self->isReady()) {
+      // The way out is back: the sync server is asked at once, not at the end of the wait.
+      self->serial_.async([weak] {
+        auto manager = weak.lock();
+        if (!manager || manager->isReady()) return;
+        manager->identityBackoff_.succeeded();
+        manager->sources_.identity->retry();
+      });
+    }
   }));
 
   const ZPlatformFacts facts = currentPlatformFacts();

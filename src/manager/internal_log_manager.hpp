@@ -16,6 +16,7 @@
 #include "manager/sources.hpp"
 #include "platform/settings_store.hpp"
 #include "queue/log_record_queue.hpp"
+#include "support/retry_schedule.hpp"
 #include "support/serial_queue.hpp"
 #include "support/subject.hpp"
 #include "zelvanor/configuration.hpp"
@@ -31,6 +32,7 @@ struct ManagerSources {
   std::shared_ptr<platform::SettingsStore>
       settingsStore;  ///< null when there is nowhere to keep it
   ZStoreLimits storeLimits{};
+  support::RetryTimings retryTimings{};  ///< how long to wait before asking the sync server again
 };
 
 class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogManager> {
@@ -91,6 +93,8 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   explicit ZInternalLogManager(ManagerSources sources);
   void subscribeToLifecycle();
   void restoreKeptTemplates();
+  /// While no triple is known, the sync server is asked again on a back-off.
+  void scheduleIdentityRetry();
   void enqueueRecord(const ZLogRecord& record);
   void handleIdentity(const ZXid& xid);
   void resolveTemplates(bool ready);
@@ -119,6 +123,9 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   support::CancellableSet cancellables_;
   support::SerialQueue serial_{"com.zelvanor.sdk.identity"};
   std::once_flag installFactsOnce_;
+  support::RetrySchedule identityBackoff_;  ///< serial context only
+  bool identityRetryScheduled_ = false;     ///< serial context only
+  bool lastOnline_ = true;                  ///< guarded by mutex_
   std::string installDate_;
   std::int64_t installTimestamp_ = 0;
 };

@@ -17,6 +17,9 @@ class IdentitySource {
   /// Asks for the identity triple. `onTriple` runs once per triple that arrives, on any thread,
   /// possibly before this returns (when the triple is already known locally).
   virtual support::Cancellable fetchXid(std::function<void(const ZXid&)> onTriple) = 0;
+  /// Asks again, for those already subscribed, while no triple has come (the server was down or
+  /// answered nothing usable).
+  virtual void retry() {}
 };
 
 class NetworkMonitor {

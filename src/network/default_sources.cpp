@@ -46,7 +46,8 @@ ManagerSources makeDefaultSources() {
   ManagerSources sources;
   sources.storeLimits = storeLimits();
   sources.transport = std::make_shared<HttpsDelivery>(
-      http, haveDirectory ? dataDirectory : std::filesystem::path{}, sources.storeLimits);
+      http, haveDirectory ? dataDirectory : std::filesystem::path{}, sources.storeLimits,
+      sources.retryTimings);
   sources.identity = std::make_shared<IdentitySync>(http);
   sources.network = std::make_shared<ZReachability>(&platform::makeSystemReachabilityFlagSource);
   if (haveDirectory) {

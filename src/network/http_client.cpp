@@ -358,6 +358,12 @@ struct HttpClient::Impl {
       if (result == CURLE_OK) {
         HttpResponse response;
         curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &response.status);
+        // libcurl reads Retry-After in both its forms (seconds, or an HTTP date) as seconds.
+        curl_off_t retryAfter = 0;
+        if (curl_easy_getinfo(easy, CURLINFO_RETRY_AFTER, &retryAfter) == CURLE_OK &&
+            retryAfter > 0) {
+          response.retryAfter = std::chrono::seconds(retryAfter);
+        }
         response.body = std::move(transfer->responseBody);
         finish(std::move(transfer), std::move(response));
       } else {

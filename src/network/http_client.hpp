@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
@@ -30,6 +31,7 @@ struct HttpRequest {
 struct HttpResponse {
   long status = 0;
   std::string body;
+  std::optional<std::chrono::seconds> retryAfter;  ///< the answer's Retry-After, when it has one
 };
 
 struct TransportError {

@@ -9,8 +9,12 @@
 namespace zelvanor::detail {
 
 HttpsDelivery::HttpsDelivery(std::shared_ptr<network::HttpClient> http,
-                             std::filesystem::path dataDirectory, ZStoreLimits limits)
-    : http_(std::move(http)), limits_(limits), store_(std::move(dataDirectory), limits) {
+                             std::filesystem::path dataDirectory, ZStoreLimits limits,
+                             support::RetryTimings retryTimings)
+    : http_(std::move(http)),
+      limits_(limits),
+      store_(std::move(dataDirectory), limits),
+      backoff_(retryTimings) {
   store_.setStopFlag(&stopped_);
 }
 
@@ -71,6 +75,21 @@ void HttpsDelivery::send(std::uint64_t fromDisk, std::vector<std::string> record
   }
   // Handed over after shutdown began: nothing will send them now. Those on disk stay there.
   for (auto& record : records) keepLate(std::move(record));
+}
+
+void HttpsDelivery::networkChanged(bool available) {
+  worker_.async([weak = weak_from_this(), available] {
+    auto self = weak.lock();
+    if (!self || self->stopped_.load()) return;
+    const bool returned = available && !self->networkAvailable_;
+    self->networkAvailable_ = available;
+    if (!returned) return;
+    // The way out is back: no reason left to wait, and what was kept meanwhile goes now.
+    self->backoff_.succeeded();
+    self->probing_ = false;
+    self->retryKept();
+    self->startWaiting();
+  });
 }
 
 void HttpsDelivery::spill(std::vector<std::string> records) {
@@ -146,13 +165,16 @@ void HttpsDelivery::handleSend(SendCommand& command) {
       std::lock_guard lock(mutex_);
       counts_.keptOnDisk += alreadyOnDisk;
     }
+    keptToRetry_ = true;
     keep(std::move(toKeep));
     settle(command.fromDisk + command.records.size(), false);
     return;
   }
-  if (command.fromDisk > 0) waiting_.push_back(Waiting{{}, command.fromDisk, command.settings});
+  if (command.fromDisk > 0) {
+    waiting_.push_back(Waiting{{}, command.fromDisk, command.settings, std::nullopt});
+  }
   for (auto& record : command.records) {
-    waiting_.push_back(Waiting{std::move(record), 0, command.settings});
+    waiting_.push_back(Waiting{std::move(record), 0, command.settings, std::nullopt});
   }
   startWaiting();
 }
@@ -177,9 +199,9 @@ void HttpsDelivery::handleSpill(SpillCommand& command) {
 }
 
 std::optional<HttpsDelivery::Next> HttpsDelivery::nextQueued() {
-  if (auto read = store_.next()) return Next{std::move(read->bytes), read->ref};
+  if (auto read = store_.next()) return Next{std::move(read->bytes), read->ref, {}};
   if (spillBacklog_.empty()) return std::nullopt;
-  Next next{std::move(spillBacklog_.front()), std::nullopt};
+  Next next{std::move(spillBacklog_.front()), std::nullopt, {}};
   spillBacklog_.pop_front();
   return next;
 }
@@ -187,9 +209,12 @@ std::optional<HttpsDelivery::Next> HttpsDelivery::nextQueued() {
 void HttpsDelivery::startWaiting() {
   // After shutdown the waiting records belong to the pending store (shutdown writes them).
   while (!stopped_.load() && inFlight_ < kMaxInFlight && !waiting_.empty()) {
+    // Backing off: nothing goes out until the wait ends, and then one alone.
+    if (backoff_.waiting() || (probing_ && inFlight_ > 0)) break;
     Waiting& front = waiting_.front();
     const RequestSettings settings = front.settings;
     Next record;
+    record.settings = settings;
     if (front.fromDisk > 0) {
       // The store's cursor stops at the oldest record not yet answered, so a slow answer must
       // not let many later ones go out: a kill would send all of those again.
@@ -201,9 +226,11 @@ void HttpsDelivery::startWaiting() {
         settle(1, true);
         continue;
       }
-      record = std::move(*queued);
+      record.bytes = std::move(queued->bytes);
+      record.ref = queued->ref;
     } else {
       record.bytes = std::move(front.bytes);
+      record.ref = front.ref;
       waiting_.pop_front();
     }
     auto request = ZHttpApi::trackEncoded(record.bytes).urlRequest(settings);
@@ -239,9 +266,26 @@ void HttpsDelivery::startWaiting() {
   }
 }
 
+namespace {
+
+/// Answers a load balancer or a busy collector gives that say "come back later" rather than
+/// judge the record; only the exact body ok turns them into a delivery.
+bool meansComeBackLater(const network::HttpResponse& response) {
+  return (response.status == 429 || response.status == 502 || response.status == 503 ||
+          response.status == 504) &&
+         response.body != "ok";
+}
+
+}  // namespace
+
 void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
   if (inFlight_ > 0) --inFlight_;
-  if (const auto* response = std::get_if<network::HttpResponse>(&outcome)) {
+  if (const auto* response = std::get_if<network::HttpResponse>(&outcome);
+      response && !stopped_.load() && meansComeBackLater(*response)) {
+    // Kept, first in line, and tried again after the wait the answer asks for.
+    waiting_.push_front(Waiting{std::move(record.bytes), 0, record.settings, record.ref});
+    backOff(response->retryAfter);
+  } else if (response) {
     // The collector treats only the exact body ok as success; anything else is a verdict on the
     // record, so it is not kept (the HTTP status is not looked at). Either way it leaves the disk.
     if (record.ref) store_.answered(*record.ref);
@@ -254,6 +298,12 @@ void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
       }
     }
     settle(1, true);
+    if (probing_ || backoff_.failuresInARow() > 0) {
+      // The collector answers again: back to the full window, and what was kept goes out too.
+      probing_ = false;
+      backoff_.succeeded();
+    }
+    if (keptToRetry_ && backoff_.failuresInARow() == 0 && networkAvailable_) retryKept();
   } else if (stopped_.load()) {
     // Cancelled by shutdown: kept with the rest in its one write.
     if (record.ref) {
@@ -263,7 +313,7 @@ void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
       cancelled_.push_back(std::move(record.bytes));
     }
   } else {
-    // Transport failure: kept for a later start. One read from disk stays where it is.
+    // Transport failure: kept for a later attempt. One read from disk stays where it is.
     if (record.ref) {
       store_.unsent(*record.ref);
       std::lock_guard lock(mutex_);
@@ -273,10 +323,53 @@ void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
       one.push_back(std::move(record.bytes));
       keep(std::move(one));
     }
+    keptToRetry_ = true;
     settle(1, true);
+    backOff(std::nullopt);
   }
+  if (retryWhenIdle_) retryKept();
   startWaiting();
   notifyQueue();
+}
+
+void HttpsDelivery::backOff(std::optional<std::chrono::seconds> retryAfter) {
+  // Requests in flight together fail together: one wait for all of them, not one step each.
+  if (backoff_.waiting()) return;
+  const auto wait = backoff_.failed(retryAfter);
+  probing_ = true;
+  worker_.asyncAfter(wait, [weak = weak_from_this()] {
+    if (auto self = weak.lock()) self->resume();
+  });
+}
+
+void HttpsDelivery::resume() {
+  if (stopped_.load() || backoff_.waiting()) return;
+  // Nothing of this run waits: a record kept on disk is the probe.
+  if (waiting_.empty() && inFlight_ == 0 && keptToRetry_) retryKept();
+  startWaiting();
+}
+
+void HttpsDelivery::retryKept() {
+  std::uint64_t added = 0;
+  if (!store_.adoptKept(added)) {
+    retryWhenIdle_ = true;
+    return;
+  }
+  retryWhenIdle_ = false;
+  keptToRetry_ = false;
+  // Records the disk would not take wait in memory: they go behind the ones on disk.
+  std::vector<std::string> backlog = std::move(keepBacklog_);
+  keepBacklog_.clear();
+  if (added == 0 && backlog.empty()) return;
+  {
+    std::lock_guard lock(mutex_);
+    unsettled_ += added + backlog.size();
+    outstanding_ += added + backlog.size();
+  }
+  const RequestSettings settings = RequestSettings::current();
+  if (added > 0) waiting_.push_back(Waiting{{}, added, settings, std::nullopt});
+  for (auto& record : backlog) waiting_.push_back(Waiting{std::move(record), 0, settings, {}});
+  bytesOnDisk_.store(store_.bytesOnDisk());
 }
 
 void HttpsDelivery::keep(std::vector<std::string> records) {

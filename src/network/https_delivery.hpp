@@ -19,6 +19,7 @@
 #include "network/http_client.hpp"
 #include "queue/pending_store.hpp"
 #include "queue/record_transport.hpp"
+#include "support/retry_schedule.hpp"
 #include "support/serial_queue.hpp"
 
 namespace zelvanor::detail {
@@ -37,7 +38,7 @@ class HttpsDelivery final : public RecordTransport,
 
   /// `dataDirectory` empty: nothing is written to disk.
   HttpsDelivery(std::shared_ptr<network::HttpClient> http, std::filesystem::path dataDirectory,
-                ZStoreLimits limits = {});
+                ZStoreLimits limits = {}, support::RetryTimings retryTimings = {});
   ~HttpsDelivery() override;
 
   void restore(std::function<void(std::uint64_t)> restored) override;
@@ -45,6 +46,7 @@ class HttpsDelivery final : public RecordTransport,
   void setListener(std::function<void(std::uint64_t)> listener) override;
   void send(std::uint64_t fromDisk, std::vector<std::string> records,
             bool networkAvailable) override;
+  void networkChanged(bool available) override;
   void spill(std::vector<std::string> records) override;
   void keepLate(std::string record) override;
   std::vector<std::string> takeKeptTemplates() override;
@@ -81,10 +83,12 @@ class HttpsDelivery final : public RecordTransport,
     std::string bytes;
     std::uint64_t fromDisk = 0;
     RequestSettings settings;
+    std::optional<StoreRef> ref;  ///< a record read from disk, back in line after "come back later"
   };
   struct Next {
     std::string bytes;
     std::optional<StoreRef> ref;
+    RequestSettings settings;
   };
 
   void post(Command command);
@@ -96,6 +100,12 @@ class HttpsDelivery final : public RecordTransport,
   std::optional<Next> nextQueued();
   void startWaiting();
   void finished(network::HttpOutcome outcome, Next record);
+  /// A failure of the collector or of the way to it: nothing more goes out until the wait ends,
+  /// and then one record first, as a probe.
+  void backOff(std::optional<std::chrono::seconds> retryAfter);
+  void resume();
+  /// Sends again what this run kept on disk, once nothing read from disk is in flight.
+  void retryKept();
   /// Writes records kept for a later start; what the disk will not take waits for a retry.
   void keep(std::vector<std::string> records);
   void scheduleRetry();
@@ -137,6 +147,11 @@ class HttpsDelivery final : public RecordTransport,
   bool retryScheduled_ = false;
   std::chrono::milliseconds retryDelay_{1000};
   std::uint64_t droppedToReport_ = 0;
+  support::RetrySchedule backoff_;
+  bool probing_ = false;         ///< after a wait: one request alone until it is answered
+  bool keptToRetry_ = false;     ///< records were kept on disk in this run
+  bool retryWhenIdle_ = false;   ///< a retry of kept records waits for disk reads in flight
+  bool networkAvailable_ = true;
   std::uint64_t backlogDropped_ = 0;  ///< kept or spilled records the disk never took
 };
 

@@ -36,25 +36,48 @@ support::Cancellable IdentitySync::fetchXid(std::function<void(const ZXid&)> onT
   }
 
   auto subscription = xidSubject_.subscribe(std::move(onTriple));
-  if (auto request = api.urlRequest()) {
-    requestsStarted_.fetch_add(1);
-    std::weak_ptr<IdentitySync> weak = weak_from_this();
-    http_->send(std::move(*request), [weak](network::HttpOutcome outcome) {
-      auto self = weak.lock();
-      if (!self) return;
-      // Transport failures are not retried: the next start asks again.
-      if (const auto* response = std::get_if<network::HttpResponse>(&outcome)) {
-        self->handleAnswer(response->body);
-      }
-    });
-  }
+  sendRequest();
   return subscription;
+}
+
+void IdentitySync::sendRequest() {
+  auto request = ZHttpApi::idSync().urlRequest();
+  if (!request) return;
+  requestsStarted_.fetch_add(1);
+  requestUnderWay_ = true;
+  std::weak_ptr<IdentitySync> weak = weak_from_this();
+  http_->send(std::move(*request), [weak](network::HttpOutcome outcome) {
+    auto self = weak.lock();
+    if (!self) return;
+    self->requestUnderWay_ = false;
+    // A failure is asked again by the SDK's back-off while no triple is known.
+    if (const auto* response = std::get_if<network::HttpResponse>(&outcome)) {
+      self->handleAnswer(response->body);
+    }
+  });
+}
+
+void IdentitySync::retry() {
+  if (published_ || requestUnderWay_) return;
+  const auto url = ZHttpApi::idSync().endpoint();
+  if (!url) return;
+  const auto cookies = http_->cookiesFor(*url);
+  auto cid = firstCookie(cookies, "fa_cid");
+  auto did = cid ? firstCookie(cookies, "fa_did") : std::nullopt;
+  auto sid = did ? firstCookie(cookies, "fa_sid") : std::nullopt;
+  if (cid && did && sid) {
+    published_ = true;
+    xidSubject_.send(ZXid{std::move(*cid), std::move(*did), std::move(*sid)});
+    return;
+  }
+  sendRequest();
 }
 
 void IdentitySync::handleAnswer(std::string_view body) {
   // Only the body counts: the HTTP status, "status" and "version" are not inspected.
   auto envelope = decodeJson<ZHTTPResult<std::vector<ZXid>>>(body);
   if (!envelope || !envelope->data || envelope->data->empty()) return;
+  published_ = true;
   xidSubject_.send(envelope->data->front());
 }
 

@@ -20,6 +20,9 @@ class IdentitySync final : public IdentitySource,
   explicit IdentitySync(std::shared_ptr<network::HttpClient> http) : http_(std::move(http)) {}
 
   support::Cancellable fetchXid(std::function<void(const ZXid&)> onTriple) override;
+  /// Asks the server again (or takes the cookies, if a later answer set all three) for those
+  /// subscribed; nothing while a request is under way or once a triple was published.
+  void retry() override;
 
   /// Handles one answer of the sync server: publishes the first triple of "data", if any.
   void handleAnswer(std::string_view body);
@@ -29,6 +32,9 @@ class IdentitySync final : public IdentitySource,
   std::shared_ptr<network::HttpClient> http_;
   support::PassthroughSubject<ZXid> xidSubject_;
   std::atomic<std::uint64_t> requestsStarted_{0};
+  std::atomic<bool> requestUnderWay_{false};
+  std::atomic<bool> published_{false};
+  void sendRequest();
 };
 
 }  // namespace zelvanor::detail

@@ -40,8 +40,10 @@ void ZLogRecordQueue::restorePendingRecords() {
   });
 }
 
-void ZLogRecordQueue::setAvailableNetworking(bool available) noexcept {
-  state_->networkAvailable.store(available);
+void ZLogRecordQueue::setAvailableNetworking(bool available) {
+  if (state_->networkAvailable.exchange(available) != available) {
+    state_->transport->networkChanged(available);
+  }
 }
 
 void ZLogRecordQueue::enqueue(std::string record) {

@@ -49,7 +49,8 @@ class ZLogRecordQueue {
   }
 
   bool isAvailableNetworking() const noexcept { return state_->networkAvailable.load(); }
-  void setAvailableNetworking(bool available) noexcept;
+  /// Opens or closes the network gate; the transport hears of every change.
+  void setAvailableNetworking(bool available);
 
   void appendTemplate(ZLogTemplate logTemplate);
   /// Puts templates kept by an earlier run in front of this run's.

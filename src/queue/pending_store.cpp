@@ -281,6 +281,36 @@ std::size_t PendingStore::spill(const std::vector<std::string>& records) {
   return records.size();
 }
 
+bool PendingStore::adoptKept(std::uint64_t& added) {
+  added = 0;
+  if (!owner_) return true;
+  if (!outstanding_.empty()) return false;
+  if (tailBytes_ > 0 && rotateTail(/*queued=*/false)) {
+    // Counted again below like any kept segment: another process may have appended to it.
+  }
+  cursorFrozen_ = false;
+  for (auto& segment : segments_) {
+    if (segment.queued && !segment.blocked) continue;
+    // A segment holding a record that was not sent is read again from the cursor (or from its
+    // start): answered records after the unsent one may go out twice, none is skipped.
+    const std::uint64_t counted = segment.queued ? segment.records : 0;
+    if (segment.blocked && segment.number != cursorSegment_) {
+      // The cursor moved on past it no more: it is read again from where it began.
+    } else if (segment.blocked) {
+      segment.start = std::max(segment.start, cursorOffset_);
+    }
+    if (readerSegment_ == segment.number) {
+      reader_.close();
+      readerSegment_ = 0;
+    }
+    segment.queued = true;
+    segment.blocked = false;
+    const std::uint64_t now = countRecords(segment);
+    added += now > counted ? now - counted : 0;
+  }
+  return true;
+}
+
 std::optional<PendingStore::Read> PendingStore::next() {
   for (;;) {
     Segment* segment = readerSegment_ ? findSegment(readerSegment_) : nullptr;

@@ -83,6 +83,11 @@ class PendingStore {
   /// It was not sent: it stays where it is for the next start.
   void unsent(StoreRef ref);
 
+  /// Takes every record kept for a later start (after a transport failure or with the network
+  /// gate closed) into those waiting to be sent now, behind them: the network is back. Only once
+  /// no record read from disk is in flight (false otherwise: ask again later). `added` is how
+  /// many more records wait to be sent.
+  bool adoptKept(std::uint64_t& added);
   /// Records read from disk since the oldest one not yet answered: what a kill now would send
   /// again at the next start.
   std::size_t unansweredSpread() const noexcept { return outstanding_.size(); }

@@ -194,7 +194,7 @@ TEST_F(CollectorDeliveryTest, AnAnswerOtherThanOkDropsTheRecordForGood) {
   for (const auto& name : names(events)) EXPECT_NE(name, "refused");
 }
 
-TEST_F(CollectorDeliveryTest, AClosedNetworkGateParksRecordsInThePendingFile) {
+TEST_F(CollectorDeliveryTest, AClosedNetworkGateParksRecordsUntilTheNetworkReturns) {
   startSdk();
   ASSERT_EQ(waitForEvents(3).size(), 3u);
   ZelvanorTracker::setReachabilityFlags(0);
@@ -204,19 +204,26 @@ TEST_F(CollectorDeliveryTest, AClosedNetworkGateParksRecordsInThePendingFile) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   EXPECT_TRUE(std::filesystem::exists(appDir() / "ZLogs.tmp"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_EQ(collector_->counters().trackRequests, 3u) << "nothing goes out while offline";
 
+  // The network returns: what was parked goes out at once, oldest first, without a threshold.
   ZelvanorTracker::setReachabilityFlags(kReachable);
+  auto events = waitForEvents(5);
+  EXPECT_EQ(sorted(names(events)),
+            sorted({"앱설치", "앱실행", "앱실행", "gate-closed-1", "gate-closed-2"}));
   track("gate-open");
-  auto events = waitForEvents(4);
-  EXPECT_EQ(sorted(names(events)), sorted({"앱설치", "앱실행", "앱실행", "gate-open"}));
+  events = waitForEvents(6);
+  EXPECT_EQ(names(events).back(), "gate-open");
 
+  // Nothing of it waits for the next start, and nothing arrives twice.
   ZelvanorTracker::shutdown();
   startSdk();
   ZelvanorTracker::flush();
   events = waitForEvents(8);
   auto parked = names(events);
-  std::erase_if(parked, [](const std::string& n) { return n.rfind("gate-closed", 0) != 0; });
-  EXPECT_EQ(sorted(parked), sorted({"gate-closed-1", "gate-closed-2"}));
+  std::erase_if(parked, [](const std::string& n) { return n.rfind("gate-", 0) != 0; });
+  EXPECT_EQ(sorted(parked), sorted({"gate-closed-1", "gate-closed-2", "gate-open"}));
 }
 
 TEST_F(CollectorDeliveryTest, EventsTrackedBeforeTheTripleArrivesAreDeliveredWithIt) {

@@ -46,6 +46,14 @@ class RecordingTransport final : public detail::RecordTransport {
     }
     for (const auto& record : records) sent_.push_back({decode(record), networkAvailable});
   }
+  void networkChanged(bool available) override {
+    std::lock_guard lock(mutex_);
+    networkChanges_.push_back(available);
+  }
+  std::vector<bool> networkChanges() const {
+    std::lock_guard lock(mutex_);
+    return networkChanges_;
+  }
   void spill(std::vector<std::string> records) override {
     std::lock_guard lock(mutex_);
     ++spills_;
@@ -114,10 +122,13 @@ class RecordingTransport final : public detail::RecordTransport {
   std::vector<std::string> keptTemplates_;
   int restoreCalls_ = 0;
   int spills_ = 0;
+  std::vector<bool> networkChanges_;
 };
 
 class ManualIdentity final : public detail::IdentitySource {
  public:
+  void retry() override { ++retries_; }
+  int retries() const { return retries_.load(); }
   support::Cancellable fetchXid(std::function<void(const ZXid&)> onTriple) override {
     {
       std::lock_guard lock(mutex_);
@@ -134,6 +145,7 @@ class ManualIdentity final : public detail::IdentitySource {
  private:
   mutable std::mutex mutex_;
   int fetches_ = 0;
+  std::atomic<int> retries_{0};
   support::PassthroughSubject<ZXid> subject_;
 };
 
