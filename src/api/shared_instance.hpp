@@ -29,6 +29,8 @@ std::shared_ptr<NetworkMonitor> runningNetworkMonitor();
 /// Bounds for the stores of instances started from now on.
 void setStoreLimits(const ZStoreLimits& limits);
 ZStoreLimits storeLimits();
+/// How long the instances started from now on wait before trying again (tests shorten it).
+void setRetryTimings(const support::RetryTimings& timings);
 
 /// The real sources: HTTPS delivery, the pending-record file, identity sync and reachability.
 ManagerSources makeDefaultSources();

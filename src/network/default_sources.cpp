@@ -22,7 +22,16 @@ ZStoreLimits& currentLimits() {
   static ZStoreLimits limits;
   return limits;
 }
+support::RetryTimings& currentRetryTimings() {
+  static support::RetryTimings timings;
+  return timings;
+}
 }  // namespace
+
+void setRetryTimings(const support::RetryTimings& timings) {
+  std::lock_guard lock(limitsMutex());
+  currentRetryTimings() = timings;
+}
 
 void setStoreLimits(const ZStoreLimits& limits) {
   std::lock_guard lock(limitsMutex());
@@ -45,9 +54,13 @@ ManagerSources makeDefaultSources() {
 
   ManagerSources sources;
   sources.storeLimits = storeLimits();
-  sources.transport = std::make_shared<HttpsDelivery>(
-      http, haveDirectory ? dataDirectory : std::filesystem::path{}, sources.storeLimits,
-      sources.retryTimings);
+  {
+    std::lock_guard lock(limitsMutex());
+    sources.retryTimings = currentRetryTimings();
+  }
+  sources.transport =
+      std::make_shared<HttpsDelivery>(http, haveDirectory ? dataDirectory : std::filesystem::path{},
+                                      sources.storeLimits, sources.retryTimings);
   sources.identity = std::make_shared<IdentitySync>(http);
   sources.network = std::make_shared<ZReachability>(&platform::makeSystemReachabilityFlagSource);
   if (haveDirectory) {

@@ -148,9 +148,9 @@ class HttpsDelivery final : public RecordTransport,
   std::chrono::milliseconds retryDelay_{1000};
   std::uint64_t droppedToReport_ = 0;
   support::RetrySchedule backoff_;
-  bool probing_ = false;         ///< after a wait: one request alone until it is answered
-  bool keptToRetry_ = false;     ///< records were kept on disk in this run
-  bool retryWhenIdle_ = false;   ///< a retry of kept records waits for disk reads in flight
+  bool probing_ = false;        ///< after a wait: one request alone until it is answered
+  bool keptToRetry_ = false;    ///< records were kept on disk in this run
+  bool retryWhenIdle_ = false;  ///< a retry of kept records waits for disk reads in flight
   bool networkAvailable_ = true;
   std::uint64_t backlogDropped_ = 0;  ///< kept or spilled records the disk never took
 };

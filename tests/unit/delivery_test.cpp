@@ -24,6 +24,8 @@
 namespace zelvanor {
 namespace {
 
+using namespace std::chrono_literals;
+
 using detail::HttpsDelivery;
 using detail::ZLogsFileManager;
 using testing::CannedResponse;
@@ -102,18 +104,84 @@ TEST_F(NetworkTest, OnlyTheExactBodyOkIsSuccessAndOtherAnswersAreDropped) {
     if (r.body.find("\"binary\"") != std::string::npos) {
       return CannedResponse{200, "o\xffk", {}, 0};
     }
+    if (r.body.find("\"missing\"") != std::string::npos) return CannedResponse{404, "fail", {}, 0};
+    // "Come back later" statuses with the exact body ok are deliveries like any other.
+    if (r.body.find("\"busy-ok\"") != std::string::npos) return CannedResponse{503, "ok", {}, 0};
     return CannedResponse{400, "ok", {}, 0};  // the status is never looked at
   });
   auto delivery = std::make_shared<HttpsDelivery>(http, dir.path());
-  for (const char* name : {"plain", "upper", "newline", "error", "empty", "binary"})
+  for (const char* name :
+       {"plain", "upper", "newline", "error", "empty", "binary", "missing", "busy-ok"})
     sendOne(*delivery, record(name), true);
   ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(20)));
   const auto counts = delivery->counts();
-  EXPECT_EQ(counts.delivered, 2u);
-  EXPECT_EQ(counts.rejected, 4u);
+  EXPECT_EQ(counts.delivered, 3u);
+  EXPECT_EQ(counts.rejected, 5u);
   EXPECT_EQ(counts.keptOnDisk, 0u);
   EXPECT_FALSE(std::filesystem::exists(pendingFile()));
-  EXPECT_EQ(server.received().size(), 6u);
+  EXPECT_EQ(server.received().size(), 8u) << "none of these is asked again";
+}
+
+/// Request arrival times, for the tests that check when a record is tried again.
+struct Arrivals {
+  std::mutex mutex;
+  std::vector<std::pair<std::string, std::chrono::steady_clock::time_point>> seen;
+  void add(const ReceivedRequest& r) {
+    auto decoded = decodeJson<ZLogRecord>(r.body);
+    std::lock_guard lock(mutex);
+    seen.emplace_back(decoded ? decoded->action.name : "?", std::chrono::steady_clock::now());
+  }
+  std::vector<std::string> names() {
+    std::lock_guard lock(mutex);
+    std::vector<std::string> out;
+    for (const auto& [name, at] : seen) out.push_back(name);
+    return out;
+  }
+};
+
+TEST_F(NetworkTest, ComeBackLaterAnswersKeepTheRecordAndWaitForRetryAfterThenProbeWithIt) {
+  auto arrivals = std::make_shared<Arrivals>();
+  std::atomic<int> busyAnswers{0};
+  server.setResponder([&, arrivals](const ReceivedRequest& r) {
+    arrivals->add(r);
+    if (busyAnswers.fetch_add(1) == 0) {
+      return CannedResponse{503, "busy", {{"Retry-After", "1"}}, 0};
+    }
+    return CannedResponse{200, "ok", {}, 0};
+  });
+  auto delivery = std::make_shared<HttpsDelivery>(http, dir.path(), ZStoreLimits{},
+                                                  support::RetryTimings{.first = 50ms});
+  sendOne(*delivery, record("first"), true);
+  for (int i = 0; i < 200 && arrivals->names().empty(); ++i) std::this_thread::sleep_for(5ms);
+  // While the collector asks to wait, later records wait too instead of being sent.
+  sendOne(*delivery, record("second"), true);
+  sendOne(*delivery, record("third"), true);
+  ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(10)));
+  ASSERT_EQ(arrivals->names(), (std::vector<std::string>{"first", "first", "second", "third"}));
+  std::lock_guard lock(arrivals->mutex);
+  EXPECT_GE(arrivals->seen[1].second - arrivals->seen[0].second, 950ms) << "not before Retry-After";
+  EXPECT_EQ(delivery->counts().delivered, 3u);
+  EXPECT_EQ(delivery->counts().rejected, 0u);
+  EXPECT_FALSE(std::filesystem::exists(pendingFile()));
+}
+
+TEST_F(NetworkTest, TooManyRequestsWithoutRetryAfterBacksOffAndDoubles) {
+  auto arrivals = std::make_shared<Arrivals>();
+  std::atomic<int> answers{0};
+  server.setResponder([&, arrivals](const ReceivedRequest& r) {
+    arrivals->add(r);
+    return answers.fetch_add(1) < 2 ? CannedResponse{429, "slow down", {}, 0}
+                                    : CannedResponse{200, "ok", {}, 0};
+  });
+  auto delivery = std::make_shared<HttpsDelivery>(
+      http, dir.path(), ZStoreLimits{}, support::RetryTimings{.first = 200ms, .jitter = 0});
+  sendOne(*delivery, record("only"), true);
+  ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(10)));
+  std::lock_guard lock(arrivals->mutex);
+  ASSERT_EQ(arrivals->seen.size(), 3u);
+  EXPECT_GE(arrivals->seen[1].second - arrivals->seen[0].second, 190ms);
+  EXPECT_GE(arrivals->seen[2].second - arrivals->seen[1].second, 390ms) << "the step doubles";
+  EXPECT_EQ(delivery->counts().delivered, 1u);
 }
 
 TEST_F(NetworkTest, ClosedGateAndTransportFailuresKeepRecordsForTheNextStart) {
