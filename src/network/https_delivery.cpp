@@ -93,12 +93,14 @@ void HttpsDelivery::networkChanged(bool available) {
 }
 
 void HttpsDelivery::spill(std::vector<std::string> records) {
-  std::lock_guard lock(mutex_);
-  if (stopped_.load()) {
-    for (auto& record : records) late_.push_back(std::move(record));
-    return;
+  {
+    std::lock_guard lock(mutex_);
+    if (!stopped_.load()) {
+      post(SpillCommand{std::move(records)});
+      return;
+    }
   }
-  post(SpillCommand{std::move(records)});
+  for (auto& record : records) keepLate(std::move(record));
 }
 
 void HttpsDelivery::keepLate(std::string record) {
@@ -481,7 +483,8 @@ void HttpsDelivery::shutdown(std::vector<std::string> unsent, std::vector<std::s
     std::vector<std::string> batch = std::move(keepBacklog_);
     for (auto& record : cancelled_) batch.push_back(std::move(record));
     for (auto& item : waiting_) {
-      if (item.fromDisk == 0) batch.push_back(std::move(item.bytes));
+      // Records read from disk (held back by a "come back later") are still in their segment.
+      if (item.fromDisk == 0 && !item.ref) batch.push_back(std::move(item.bytes));
     }
     for (auto& record : spillBacklog_) batch.push_back(std::move(record));
     for (auto& record : unsent) batch.push_back(std::move(record));

@@ -137,7 +137,6 @@ void ZLogRecordQueue::State::addRestoredLocked(std::uint64_t count) {
       Entry rest{size - skip, {}};
       at->onDisk = skip;
       at = entries.insert(std::next(at), rest);
-      skip = 0;
       break;
     }
     skip -= size;

@@ -22,8 +22,9 @@ std::chrono::milliseconds RetrySchedule::failed(std::optional<std::chrono::secon
   } else {
     // Doubling from the first step; the shift is bounded so that it cannot overflow.
     const int doublings = std::min(failures_ - 1, 30);
-    const double step = std::min(static_cast<double>(timings_.first.count()) * (1LL << doublings),
-                                 static_cast<double>(timings_.longest.count()));
+    const double step = std::min(
+        static_cast<double>(timings_.first.count()) * static_cast<double>(1LL << doublings),
+        static_cast<double>(timings_.longest.count()));
     // Spread the clients of one collector that failed together, so they do not return together.
     const double factor = 1.0 + timings_.jitter * (2.0 * unitRandom_() - 1.0);
     wait = milliseconds(static_cast<long long>(
