@@ -96,6 +96,29 @@ ZELVANOR_API zelvanor_status zelvanor_get_data(char** out_text);
 /** Releases text returned by this API. NULL is allowed. */
 ZELVANOR_API void zelvanor_string_free(char* text);
 
+/* ----- events that carry their own blocks ------------------------------------------------ */
+
+/** One event's blocks, held by the host. zelvanor_set fills a builder shared by the whole
+ *  process, so threads that set blocks at the same time can mix their events; blocks set on a
+ *  zelvanor_event belong to it alone, and zelvanor_event_track makes the record in one step.
+ *  One event must not be used from two threads at once; different events may. */
+typedef struct zelvanor_event zelvanor_event;
+
+/** A new, empty event; NULL (with zelvanor_last_error set) when out of memory. */
+ZELVANOR_API zelvanor_event* zelvanor_event_new(void);
+/** Sets one block of the event, with the names and JSON of zelvanor_set. "common", "agent" and
+ *  "id" are shared by every event: they are ZELVANOR_ERROR_REJECTED here (use zelvanor_set).
+ *  A NULL argument is ZELVANOR_ERROR_INVALID_ARGUMENT. */
+ZELVANOR_API zelvanor_status zelvanor_event_set(zelvanor_event* event, const char* block,
+                                                const char* json);
+/** Tracks the event as zelvanor_track tracks the shared blocks (needs an "action" block), with
+ *  the shared context; the shared blocks are left alone and the event keeps its own, so it may
+ *  be tracked again. A NULL event is ZELVANOR_ERROR_INVALID_ARGUMENT. */
+ZELVANOR_API zelvanor_status zelvanor_event_track(const zelvanor_event* event, int verbose,
+                                                  int disabled);
+/** Releases the event. NULL is allowed. */
+ZELVANOR_API void zelvanor_event_free(zelvanor_event* event);
+
 /* ----- host integration --------------------------------------------------------------------- */
 
 /** Facts about the host. A NULL member keeps the detected value. */
