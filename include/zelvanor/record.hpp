@@ -63,10 +63,11 @@ struct ZAction {
   };
 
   ZAction() = default;
-  ZAction(std::string type, std::string name, std::string kind)
-      : type(std::move(type)), name(std::move(name)), kind(std::move(kind)) {}
-  ZAction(const ZActionType& type, std::string name, std::string kind)
-      : type(type.text()), name(std::move(name)), kind(std::move(kind)) {}
+  // Parameters named apart from the members, so hosts building with -Wshadow stay quiet.
+  ZAction(std::string actionType, std::string actionName, std::string actionKind)
+      : type(std::move(actionType)), name(std::move(actionName)), kind(std::move(actionKind)) {}
+  ZAction(const ZActionType& actionType, std::string actionName, std::string actionKind)
+      : type(actionType.text()), name(std::move(actionName)), kind(std::move(actionKind)) {}
 
   std::string type{};
   std::string name{};

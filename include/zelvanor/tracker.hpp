@@ -19,6 +19,7 @@
 #include "zelvanor/blocks.hpp"
 #include "zelvanor/configuration.hpp"
 #include "zelvanor/endpoints.hpp"
+#include "zelvanor/event.hpp"
 #include "zelvanor/export.hpp"
 #include "zelvanor/platform.hpp"
 #include "zelvanor/record.hpp"
@@ -97,6 +98,10 @@ class ZELVANOR_API ZelvanorTracker {
   /// template that becomes a record when it arrives). Needs an action block; `disabled` builds
   /// and discards. Never waits for the network or the disk.
   static ZelvanorTracker track(bool verbose, bool disabled);
+  /// Turns one ZEvent into a record (or a template, as above) from its own blocks and the shared
+  /// context, in one step under the SDK's lock: events tracked this way from any number of
+  /// threads never mix, and the blocks set through the facade stay where they are.
+  static ZelvanorTracker track(ZEvent event, bool verbose = false, bool disabled = false);
   /// Sends every record waiting in memory, oldest first.
   static ZelvanorTracker flush();
   /// The current event as pretty-printed JSON (this uses up its blocks), or a status text.

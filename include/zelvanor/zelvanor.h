@@ -18,7 +18,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "zelvanor/export.hpp" /* ZELVANOR_API: preprocessor only, valid C */
+#include "zelvanor/export.hpp" /* ZELVANOR_C_API: preprocessor only, valid C */
 
 #ifdef __cplusplus
 extern "C" {
@@ -43,28 +43,28 @@ typedef enum zelvanor_status {
 /** The message of this thread's last failing call, or "" after a call that succeeded. Every
  *  zelvanor_* function except this one and zelvanor_string_free resets it. The pointer stays
  *  valid until the next zelvanor_* call on the same thread. Never NULL. */
-ZELVANOR_API const char* zelvanor_last_error(void);
+ZELVANOR_C_API const char* zelvanor_last_error(void);
 
 /* ----- configuration ------------------------------------------------------------------------ */
 
 /** Applies {"timeout": seconds, "batchSize": unsigned, "usingSandboxEnvironment": bool}; all three
  *  keys are required, unknown keys are ignored. May be called any time, any number of times. */
-ZELVANOR_API zelvanor_status zelvanor_set_required(const char* configuration_json);
+ZELVANOR_C_API zelvanor_status zelvanor_set_required(const char* configuration_json);
 /** Records carry sdk.type "development" (the default) or "production". */
-ZELVANOR_API void zelvanor_set_development(void);
-ZELVANOR_API void zelvanor_set_production(void);
+ZELVANOR_C_API void zelvanor_set_development(void);
+ZELVANOR_C_API void zelvanor_set_production(void);
 /** Records go to the sandbox collector, or back to the production one. The second name keeps
  *  the tracker's own spelling. */
-ZELVANOR_API void zelvanor_use_sandbox_environment(void);
-ZELVANOR_API void zelvanor_use_general_envrionment(void);
+ZELVANOR_C_API void zelvanor_use_sandbox_environment(void);
+ZELVANOR_C_API void zelvanor_use_general_envrionment(void);
 /** The console error line on or off (on by default). Does not start the SDK. */
-ZELVANOR_API void zelvanor_turn_on_console_logs(void);
-ZELVANOR_API void zelvanor_turn_off_console_logs(void);
+ZELVANOR_C_API void zelvanor_turn_on_console_logs(void);
+ZELVANOR_C_API void zelvanor_turn_off_console_logs(void);
 /** Records gather in memory until this many are waiting; 0 sends on every track. */
-ZELVANOR_API void zelvanor_set_batch_size(uint64_t size);
+ZELVANOR_C_API void zelvanor_set_batch_size(uint64_t size);
 /** Request timeout in seconds, not range-checked. Does not start the SDK; starting it applies
  *  the default configuration (5 s), so call this after the first other operation. */
-ZELVANOR_API void zelvanor_set_timeout(double seconds);
+ZELVANOR_C_API void zelvanor_set_timeout(double seconds);
 
 /* ----- blocks ------------------------------------------------------------------------------- */
 
@@ -80,21 +80,44 @@ ZELVANOR_API void zelvanor_set_timeout(double seconds);
  *  stamped by track. "app" is filled by the SDK alone and is rejected.
  *  Returns ZELVANOR_ERROR_INVALID_ARGUMENT for an unknown name, ZELVANOR_ERROR_JSON for text
  *  that does not decode into the block. */
-ZELVANOR_API zelvanor_status zelvanor_set(const char* block, const char* json);
+ZELVANOR_C_API zelvanor_status zelvanor_set(const char* block, const char* json);
 
 /* ----- events ------------------------------------------------------------------------------- */
 
 /** Turns the blocks set so far into one record (needs an "action" block). Nonzero `disabled`
  *  builds and discards. Never waits for the network or the disk. */
-ZELVANOR_API void zelvanor_track(int verbose, int disabled);
+ZELVANOR_C_API void zelvanor_track(int verbose, int disabled);
 /** Sends every record waiting in memory, oldest first. */
-ZELVANOR_API void zelvanor_flush(void);
+ZELVANOR_C_API void zelvanor_flush(void);
 /** The current event as pretty-printed JSON (this uses up its blocks), or the SDK's status text
  *  when no record can be made yet. On ZELVANOR_OK *out_text is a NUL-terminated string the
  *  caller releases with zelvanor_string_free; on failure it is set to NULL. */
-ZELVANOR_API zelvanor_status zelvanor_get_data(char** out_text);
+ZELVANOR_C_API zelvanor_status zelvanor_get_data(char** out_text);
 /** Releases text returned by this API. NULL is allowed. */
-ZELVANOR_API void zelvanor_string_free(char* text);
+ZELVANOR_C_API void zelvanor_string_free(char* text);
+
+/* ----- events that carry their own blocks ------------------------------------------------ */
+
+/** One event's blocks, held by the host. zelvanor_set fills a builder shared by the whole
+ *  process, so threads that set blocks at the same time can mix their events; blocks set on a
+ *  zelvanor_event belong to it alone, and zelvanor_event_track makes the record in one step.
+ *  One event must not be used from two threads at once; different events may. */
+typedef struct zelvanor_event zelvanor_event;
+
+/** A new, empty event; NULL (with zelvanor_last_error set) when out of memory. */
+ZELVANOR_C_API zelvanor_event* zelvanor_event_new(void);
+/** Sets one block of the event, with the names and JSON of zelvanor_set. "common", "agent" and
+ *  "id" are shared by every event: they are ZELVANOR_ERROR_REJECTED here (use zelvanor_set).
+ *  A NULL argument is ZELVANOR_ERROR_INVALID_ARGUMENT. */
+ZELVANOR_C_API zelvanor_status zelvanor_event_set(zelvanor_event* event, const char* block,
+                                                  const char* json);
+/** Tracks the event as zelvanor_track tracks the shared blocks (needs an "action" block), with
+ *  the shared context; the shared blocks are left alone and the event keeps its own, so it may
+ *  be tracked again. A NULL event is ZELVANOR_ERROR_INVALID_ARGUMENT. */
+ZELVANOR_C_API zelvanor_status zelvanor_event_track(const zelvanor_event* event, int verbose,
+                                                    int disabled);
+/** Releases the event. NULL is allowed. */
+ZELVANOR_C_API void zelvanor_event_free(zelvanor_event* event);
 
 /* ----- host integration --------------------------------------------------------------------- */
 
@@ -116,21 +139,21 @@ typedef struct zelvanor_platform_facts {
 
 /** Replaces every host-supplied fact (pass all overrides each time). Call before the first other
  *  operation, or after zelvanor_shutdown: the SDK reads them when it starts. */
-ZELVANOR_API zelvanor_status zelvanor_set_platform_facts(const zelvanor_platform_facts* facts);
+ZELVANOR_C_API zelvanor_status zelvanor_set_platform_facts(const zelvanor_platform_facts* facts);
 
 /** Replaces the servers: base URLs such as "https://127.0.0.1:8443". `ca_bundle_file` (may be
  *  NULL) names a PEM file of extra trusted roots. Returns ZELVANOR_ERROR_REJECTED, changing
  *  nothing, unless all three URLs are absolute https URLs. */
-ZELVANOR_API zelvanor_status zelvanor_set_endpoints(const char* production, const char* sandbox,
-                                                    const char* identity_sync,
-                                                    const char* ca_bundle_file);
+ZELVANOR_C_API zelvanor_status zelvanor_set_endpoints(const char* production, const char* sandbox,
+                                                      const char* identity_sync,
+                                                      const char* ca_bundle_file);
 
 /** Reachability flag bits for zelvanor_set_reachability_flags. */
 #define ZELVANOR_REACHABLE 0x2u
 #define ZELVANOR_REACHABLE_VIA_CELLULAR 0x40000u
 /** Reports network reachability for hosts whose platform knows better than the SDK's own route
  *  watch; a repeat of the previous flags is ignored. */
-ZELVANOR_API void zelvanor_set_reachability_flags(uint32_t flags);
+ZELVANOR_C_API void zelvanor_set_reachability_flags(uint32_t flags);
 
 typedef enum zelvanor_lifecycle_event {
   ZELVANOR_WILL_TERMINATE = 0,        /**< records a background event */
@@ -139,17 +162,17 @@ typedef enum zelvanor_lifecycle_event {
 } zelvanor_lifecycle_event;
 
 /** Reports an application lifecycle moment; an unknown value is ZELVANOR_ERROR_INVALID_ARGUMENT. */
-ZELVANOR_API zelvanor_status zelvanor_post_lifecycle_event(int event);
+ZELVANOR_C_API zelvanor_status zelvanor_post_lifecycle_event(int event);
 
 /** Receives each console line (UTF-8, NUL-terminated, no newline) with the user data given at
  *  registration. May run on any SDK thread; it must not unwind (C++ hosts: catch everything). */
 typedef void (*zelvanor_console_sink)(const char* line, size_t length, void* user_data);
 /** Routes console lines to `sink`; NULL restores stderr. */
-ZELVANOR_API void zelvanor_set_console_log_sink(zelvanor_console_sink sink, void* user_data);
+ZELVANOR_C_API void zelvanor_set_console_log_sink(zelvanor_console_sink sink, void* user_data);
 
 /** Stops the SDK's threads and keeps every undelivered record in the pending file for the next
  *  start. Also runs at process exit. A later operation starts the SDK afresh. */
-ZELVANOR_API void zelvanor_shutdown(void);
+ZELVANOR_C_API void zelvanor_shutdown(void);
 
 #ifdef __cplusplus
 }

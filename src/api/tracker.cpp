@@ -247,6 +247,11 @@ ZelvanorTracker ZelvanorTracker::track(bool verbose, bool disabled) {
   return withShared([&](ZInternalLogManager& m) { m.track(verbose, disabled); });
 }
 
+ZelvanorTracker ZelvanorTracker::track(ZEvent event, bool verbose, bool disabled) {
+  return withShared(
+      [&](ZInternalLogManager& m) { m.track(std::move(event.blocks_), verbose, disabled); });
+}
+
 ZelvanorTracker ZelvanorTracker::flush() {
   return withShared([](ZInternalLogManager& m) { m.queue().flush(); });
 }

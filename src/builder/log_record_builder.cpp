@@ -89,7 +89,11 @@ ZLogRecord ZLogRecordBuilder::makeRecord(const RecordContext& context, ZLogTempl
 }
 
 std::optional<ZLogRecord> ZLogRecordBuilder::buildRecord(const RecordContext& context) {
-  ZLogTemplate blocks = std::exchange(state_, ZLogTemplate{});
+  return buildRecord(context, std::exchange(state_, ZLogTemplate{}));
+}
+
+std::optional<ZLogRecord> ZLogRecordBuilder::buildRecord(const RecordContext& context,
+                                                         ZLogTemplate&& blocks) {
   if (!blocks.action) return std::nullopt;
   return makeRecord(context, std::move(blocks));
 }

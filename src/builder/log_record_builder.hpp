@@ -47,6 +47,9 @@ class ZLogRecordBuilder {
   /// No action: nothing is made and the blocks are thrown away. Either way the builder is empty
   /// after.
   std::optional<ZLogRecord> buildRecord(const RecordContext& context);
+  /// A record from blocks held elsewhere (a host's ZEvent); no action, no record. The builder's
+  /// own blocks are not involved.
+  static std::optional<ZLogRecord> buildRecord(const RecordContext& context, ZLogTemplate&& blocks);
   /// Reads the template only; the builder's own blocks stay as they are.
   static std::optional<ZLogRecord> buildRecordFromTemplate(const RecordContext& context,
                                                            const ZLogTemplate& logTemplate);

@@ -19,6 +19,11 @@
 #include "zelvanor/json.hpp"
 #include "zelvanor/tracker.hpp"
 
+// The C handle is a ZEvent and nothing more.
+struct zelvanor_event {
+  zelvanor::ZEvent event;
+};
+
 namespace {
 
 using namespace zelvanor;
@@ -196,20 +201,42 @@ zelvanor_status decodeThen(std::string_view operation, std::string_view json, Ap
   return ZELVANOR_OK;
 }
 
-template <class T>
-zelvanor_status setBlock(std::string_view operation, std::string_view json) {
-  return decodeThen<T>(operation, json, [](T block) { ZelvanorTracker::set(std::move(block)); });
+// Where a decoded block goes: the shared builder and context (zelvanor_set) or one host event
+// (zelvanor_event_set). Both share the name table below, so the names and the decoding agree.
+struct SharedTarget {
+  static constexpr bool takesContext = true;
+  template <class T>
+  void operator()(T&& block) const {
+    ZelvanorTracker::set(std::forward<T>(block));
+  }
+};
+
+struct EventTarget {
+  static constexpr bool takesContext = false;  // common, agent and id belong to every event
+  ZEvent& event;
+  template <class T>
+  void operator()(T&& block) const {
+    event.set(std::forward<T>(block));
+  }
+};
+
+template <class T, class Target>
+zelvanor_status setBlock(std::string_view operation, std::string_view json, const Target& target) {
+  return decodeThen<T>(operation, json, [&](T block) { target(std::move(block)); });
 }
 
-template <class T>
-zelvanor_status appendList(std::string_view operation, std::string_view json) {
+template <class T, class Target>
+zelvanor_status appendList(std::string_view operation, std::string_view json,
+                           const Target& target) {
   auto decoded = decodeList<T>(json);
   if (!decoded) return jsonError(operation, decoded.error());
-  ZelvanorTracker::set(std::move(decoded).value());
+  target(std::move(decoded).value());
   return ZELVANOR_OK;
 }
 
-zelvanor_status setFreeText(std::string_view operation, std::string_view json) {
+template <class Target>
+zelvanor_status setFreeText(std::string_view operation, std::string_view json,
+                            const Target& target) {
   simdjson::dom::element root;
   CodecError error;
   if (!parseDocument(json, root, error)) return jsonError(operation, error);
@@ -217,34 +244,46 @@ zelvanor_status setFreeText(std::string_view operation, std::string_view json) {
   if (root.get(text) != simdjson::SUCCESS) {
     return jsonError(operation, {CodecError::Kind::typeMismatch, "", "expected a string"});
   }
-  ZelvanorTracker::set(std::string(text));
+  target(std::string(text));
   return ZELVANOR_OK;
 }
 
-zelvanor_status setNamedBlock(std::string_view name, std::string_view json) {
-  const std::string operation = "zelvanor_set(" + std::string(name) + ")";
-  if (name == "common") {
-    return decodeThen<ZCommon>(operation, json, [](ZCommon block) {
-      ZelvanorTracker::set(completeCommon(std::move(block)));
-    });
+template <class Target>
+zelvanor_status setNamedBlock(std::string_view function, std::string_view name,
+                              std::string_view json, const Target& target) {
+  const std::string operation = std::string(function) + "(" + std::string(name) + ")";
+  if (name == "common" || name == "agent" || name == "id") {
+    if constexpr (Target::takesContext) {
+      if (name == "common") {
+        return decodeThen<ZCommon>(
+            operation, json, [&](ZCommon block) { target(completeCommon(std::move(block))); });
+      }
+      if (name == "agent") return setBlock<ZAgent>(operation, json, target);
+      return setBlock<ZId>(operation, json, target);
+    } else {
+      return fail(ZELVANOR_ERROR_REJECTED,
+                  operation + ": shared by every event; set it with zelvanor_set");
+    }
   }
-  if (name == "agent") return setBlock<ZAgent>(operation, json);
-  if (name == "id") return setBlock<ZId>(operation, json);
-  if (name == "agreement") return setBlock<ZAgreement>(operation, json);
-  if (name == "click") return setBlock<ZClick>(operation, json);
-  if (name == "location") return setBlock<ZLocation>(operation, json);
-  if (name == "page") return setBlock<ZPage>(operation, json);
-  if (name == "promotion") return setBlock<ZPromotion>(operation, json);
-  if (name == "status") return setBlock<ZStatus>(operation, json);
-  if (name == "usage") return setBlock<ZUsage>(operation, json);
-  if (name == "action") return setBlock<ZAction>(operation, json);
-  if (name == "domain") return setBlock<ZDomain>(operation, json);
-  if (name == "utm") return setBlock<ZUtm>(operation, json);
-  if (name == "bucket") return setBlock<ZBucket>(operation, json);
-  if (name == "buckets") return appendList<ZBucket>(operation, json);
-  if (name == "viewImpressionContent") return setBlock<ZViewImpressionContent>(operation, json);
-  if (name == "viewImpressionContents") return appendList<ZViewImpressionContent>(operation, json);
-  if (name == "free") return setFreeText(operation, json);
+  if (name == "agreement") return setBlock<ZAgreement>(operation, json, target);
+  if (name == "click") return setBlock<ZClick>(operation, json, target);
+  if (name == "location") return setBlock<ZLocation>(operation, json, target);
+  if (name == "page") return setBlock<ZPage>(operation, json, target);
+  if (name == "promotion") return setBlock<ZPromotion>(operation, json, target);
+  if (name == "status") return setBlock<ZStatus>(operation, json, target);
+  if (name == "usage") return setBlock<ZUsage>(operation, json, target);
+  if (name == "action") return setBlock<ZAction>(operation, json, target);
+  if (name == "domain") return setBlock<ZDomain>(operation, json, target);
+  if (name == "utm") return setBlock<ZUtm>(operation, json, target);
+  if (name == "bucket") return setBlock<ZBucket>(operation, json, target);
+  if (name == "buckets") return appendList<ZBucket>(operation, json, target);
+  if (name == "viewImpressionContent") {
+    return setBlock<ZViewImpressionContent>(operation, json, target);
+  }
+  if (name == "viewImpressionContents") {
+    return appendList<ZViewImpressionContent>(operation, json, target);
+  }
+  if (name == "free") return setFreeText(operation, json, target);
   if (name == "app") {
     return fail(ZELVANOR_ERROR_REJECTED,
                 operation + ": the app block is filled by the SDK itself and cannot be set");
@@ -315,12 +354,49 @@ zelvanor_status zelvanor_set(const char* block, const char* json) {
       return fail(ZELVANOR_ERROR_INVALID_ARGUMENT,
                   "zelvanor_set(" + std::string(block) + "): JSON text is NULL");
     }
-    return setNamedBlock(block, json);
+    return setNamedBlock("zelvanor_set", block, json, SharedTarget{});
   });
 }
 
 void zelvanor_track(int verbose, int disabled) {
   guardedVoid("zelvanor_track", [&] { ZelvanorTracker::track(verbose != 0, disabled != 0); });
+}
+
+zelvanor_event* zelvanor_event_new(void) {
+  zelvanor_event* event = nullptr;
+  static_cast<void>(guarded("zelvanor_event_new", [&] {
+    event = new zelvanor_event{};
+    return ZELVANOR_OK;
+  }));
+  return event;
+}
+
+zelvanor_status zelvanor_event_set(zelvanor_event* event, const char* block, const char* json) {
+  return guarded("zelvanor_event_set", [&] {
+    if (!event) return fail(ZELVANOR_ERROR_INVALID_ARGUMENT, "zelvanor_event_set: event is NULL");
+    if (!block) {
+      return fail(ZELVANOR_ERROR_INVALID_ARGUMENT, "zelvanor_event_set: block name is NULL");
+    }
+    if (!json) {
+      return fail(ZELVANOR_ERROR_INVALID_ARGUMENT,
+                  "zelvanor_event_set(" + std::string(block) + "): JSON text is NULL");
+    }
+    return setNamedBlock("zelvanor_event_set", block, json, EventTarget{event->event});
+  });
+}
+
+zelvanor_status zelvanor_event_track(const zelvanor_event* event, int verbose, int disabled) {
+  return guarded("zelvanor_event_track", [&] {
+    if (!event) {
+      return fail(ZELVANOR_ERROR_INVALID_ARGUMENT, "zelvanor_event_track: event is NULL");
+    }
+    ZelvanorTracker::track(event->event, verbose != 0, disabled != 0);
+    return ZELVANOR_OK;
+  });
+}
+
+void zelvanor_event_free(zelvanor_event* event) {
+  delete event;
 }
 
 void zelvanor_flush(void) {

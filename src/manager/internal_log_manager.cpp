@@ -333,25 +333,29 @@ void ZInternalLogManager::track(bool verbose, bool disabled) {
   trackLocked(verbose, disabled);
 }
 
+void ZInternalLogManager::track(ZLogTemplate blocks, bool verbose, bool disabled) {
+  std::lock_guard lock(mutex_);
+  trackBlocksLocked(std::move(blocks), verbose, disabled);
+}
+
 void ZInternalLogManager::trackLocked(bool verbose, bool disabled) {
+  // Every outcome below used to empty the builder at its own point; taking its blocks first
+  // leaves it just as empty and lets a host's own blocks go the same way.
+  trackBlocksLocked(builder_.makeTemplate(), verbose, disabled);
+}
+
+void ZInternalLogManager::trackBlocksLocked(ZLogTemplate blocks, bool verbose, bool disabled) {
   if (!ready_) {
-    ZLogTemplate logTemplate = builder_.makeTemplate();
-    if (verbose) static_cast<void>(encodeJson(logTemplate, JsonStyle::pretty));
-    if (!disabled) queue_.appendTemplate(std::move(logTemplate));
+    if (verbose) static_cast<void>(encodeJson(blocks, JsonStyle::pretty));
+    if (!disabled) queue_.appendTemplate(std::move(blocks));
     return;
   }
   std::optional<ZCommon> common = commonSubject_.value();
-  if (!common) {
-    builder_.reset();
-    return;
-  }
+  if (!common) return;
   const std::int64_t now = nowInWholeSeconds();
-  if (!agent_ || !xid_) {
-    builder_.reset();
-    return;
-  }
+  if (!agent_ || !xid_) return;
   common->requestTimeStamp = now;
-  auto record = builder_.buildRecord(contextLocked(std::move(common)));
+  auto record = ZLogRecordBuilder::buildRecord(contextLocked(std::move(common)), std::move(blocks));
   if (!record) return;
   if (verbose) static_cast<void>(encodeJson(*record, JsonStyle::pretty));
   if (!disabled) enqueueRecord(*record);

@@ -70,6 +70,9 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   void appendViewImpressionContents(std::vector<ZViewImpressionContent> values);
 
   void track(bool verbose, bool disabled);
+  /// Tracks blocks the caller holds (a host's ZEvent) as track() tracks the builder's, under the
+  /// same lock and with the same context; the builder is left alone.
+  void track(ZLogTemplate blocks, bool verbose, bool disabled);
   std::string getData();
 
   void trackAppLaunch();
@@ -102,6 +105,7 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   void fillDefaultAgent();
   void checkAppVersion();
   void trackLocked(bool verbose, bool disabled);
+  void trackBlocksLocked(ZLogTemplate blocks, bool verbose, bool disabled);
   void trackAppEventLocked(ZApp app, ZAction action);
   void setAgentLocked(const ZAgent& agent);
   ZUcid deriveUcidLocked() const;

@@ -1,5 +1,6 @@
 /* The C API driven from plain C: configuration, every block kind, rejected input that must
- * change nothing, tracking into the pending file, lifecycle events and the console sink.
+ * change nothing, tracking into the pending file, lifecycle events, the console sink and events
+ * that carry their own blocks.
  * Nothing listens on the configured servers: records that cannot be sent land in the pending
  * file of a private data directory. The identity triple comes from a cookie jar written up front,
  * as a previous sync would have left it. */
@@ -442,6 +443,95 @@ static void test_rejected_configuration_changes_nothing(void) {
   zelvanor_set_console_log_sink(NULL, NULL);
 }
 
+/* Events that carry their own blocks: the same names and decoding as zelvanor_set, refusals that
+ * name the call, tracking that leaves the shared blocks alone and the event reusable. */
+static void test_events_carry_their_own_blocks(void) {
+  char* text;
+  zelvanor_event* event = zelvanor_event_new();
+  zelvanor_event* other = zelvanor_event_new();
+  CHECK(event != NULL && other != NULL);
+  if (!event || !other) return;
+  CHECK_STATUS(zelvanor_set("common", "{\"service_name\":\"shop\",\"deployment\":\"dev\"}"),
+               ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("id", "{\"app_user_id\":\"user-42\"}"), ZELVANOR_OK);
+  CHECK(wait_until_ready());
+  zelvanor_set_reachability_flags(0); /* offline: sends go straight to the pending file */
+
+  CHECK_STATUS(zelvanor_set("page", "{\"id\":\"p-shared\",\"name\":\"n\",\"title\":\"T\"}"),
+               ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_event_set(event, "page",
+                                  "{\"id\":\"p-event-first\",\"name\":\"n\",\"title\":\"T\"}"),
+               ZELVANOR_OK);
+  CHECK_STATUS(
+      zelvanor_event_set(event, "page", "{\"id\":\"p-event\",\"name\":\"n\",\"title\":\"T\"}"),
+      ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_event_set(event, "bucket", "{\"name\":\"event-bucket-a\"}"), ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_event_set(event, "buckets", "[{\"name\":\"event-bucket-b\"}]"),
+               ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_event_set(event, "free", "\"ignored\""), ZELVANOR_OK);
+
+  EXPECT_ERROR(zelvanor_event_set(event, "page", "{\"id\":\"p-event-bad\",\"name\":\"n\"}"),
+               ZELVANOR_ERROR_JSON, "zelvanor_event_set(page)", "title");
+  EXPECT_ERROR(
+      zelvanor_event_set(event, "buckets", "[{\"name\":\"event-bucket-bad\"},{\"name\":5}]"),
+      ZELVANOR_ERROR_JSON, "[1].name", NULL);
+  EXPECT_ERROR(zelvanor_event_set(event, "common", "{\"service_name\":\"s\",\"deployment\":\"d\"}"),
+               ZELVANOR_ERROR_REJECTED, "zelvanor_event_set(common)", "zelvanor_set");
+  EXPECT_ERROR(zelvanor_event_set(event, "id", "{}"), ZELVANOR_ERROR_REJECTED, "(id)", NULL);
+  EXPECT_ERROR(zelvanor_event_set(event, "app", "{\"app_launch\":true}"), ZELVANOR_ERROR_REJECTED,
+               "app", NULL);
+  EXPECT_ERROR(zelvanor_event_set(event, "pages", "{}"), ZELVANOR_ERROR_INVALID_ARGUMENT,
+               "unknown block", NULL);
+  EXPECT_ERROR(zelvanor_event_set(NULL, "page", "{}"), ZELVANOR_ERROR_INVALID_ARGUMENT, "NULL",
+               NULL);
+  EXPECT_ERROR(zelvanor_event_set(event, NULL, "{}"), ZELVANOR_ERROR_INVALID_ARGUMENT, "NULL",
+               NULL);
+  EXPECT_ERROR(zelvanor_event_set(event, "page", NULL), ZELVANOR_ERROR_INVALID_ARGUMENT, "NULL",
+               NULL);
+  EXPECT_ERROR(zelvanor_event_track(NULL, 0, 0), ZELVANOR_ERROR_INVALID_ARGUMENT, "NULL", NULL);
+
+  CHECK_STATUS(zelvanor_event_set(event, "action",
+                                  "{\"type\":\"event\",\"name\":\"event-once\",\"kind\":\"k\"}"),
+               ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_event_track(event, 0, 0), ZELVANOR_OK);
+  CHECK(zelvanor_last_error()[0] == '\0');
+  /* The event keeps its blocks: a new action, the same page, tracked again. */
+  CHECK_STATUS(zelvanor_event_set(event, "action",
+                                  "{\"type\":\"event\",\"name\":\"event-twice\",\"kind\":\"k\"}"),
+               ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_event_track(event, 0, 0), ZELVANOR_OK);
+  CHECK_STATUS(
+      zelvanor_event_set(other, "action",
+                         "{\"type\":\"event\",\"name\":\"event-disabled\",\"kind\":\"k\"}"),
+      ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_event_track(other, 0, 1), ZELVANOR_OK);
+  zelvanor_event_free(event);
+  zelvanor_event_free(other);
+  zelvanor_event_free(NULL);
+
+  /* The shared blocks are still there, without any of the event's. */
+  CHECK_STATUS(zelvanor_set("action", "{\"type\":\"event\",\"name\":\"shared\",\"kind\":\"k\"}"),
+               ZELVANOR_OK);
+  text = get_data();
+  CHECK(contains(text, "\"p-shared\""));
+  CHECK(!contains(text, "p-event"));
+  CHECK(!contains(text, "event-bucket"));
+  zelvanor_string_free(text);
+
+  zelvanor_flush();
+  zelvanor_shutdown();
+  CHECK(pending_file_contains("\"event-once\""));
+  CHECK(pending_file_contains("\"event-twice\""));
+  CHECK(pending_file_contains("\"p-event\""));
+  CHECK(pending_file_contains("\"event-bucket-a\""));
+  CHECK(pending_file_contains("\"event-bucket-b\""));
+  CHECK(!pending_file_contains("p-event-first"));
+  CHECK(!pending_file_contains("p-event-bad"));
+  CHECK(!pending_file_contains("event-bucket-bad"));
+  CHECK(!pending_file_contains("event-disabled"));
+  CHECK(!pending_file_contains("ignored"));
+}
+
 int main(void) {
   if (!mkdtemp(data_dir) || !write_cookie_jar()) {
     fprintf(stderr, "cannot prepare %s: %s\n", data_dir, strerror(errno));
@@ -454,6 +544,7 @@ int main(void) {
   test_tracking_reaches_the_pending_file();
   test_restart_with_new_facts();
   test_rejected_configuration_changes_nothing();
+  test_events_carry_their_own_blocks();
 
   nftw(data_dir, remove_entry, 8, FTW_DEPTH | FTW_PHYS);
   if (failures) {

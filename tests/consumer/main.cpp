@@ -31,6 +31,11 @@ int main(int argc, char** argv) {
   ZelvanorTracker::set(ZPage{.id = "consumer-page", .name = "home", .title = "Home"})
       .set(ZAction(ZAction::ZActionType::pageView, "home", "view"))
       .track(false, false);
+  // An event of its own: it must neither need nor disturb the blocks set through the facade.
+  ZEvent()
+      .set(ZPage{.id = "consumer-own-event", .name = "own", .title = "Own"})
+      .set(ZAction(ZAction::ZActionType::event, "own", "tap"))
+      .track();
   ZelvanorTracker::set(ZPage{.id = "consumer-next", .name = "next", .title = "Next"})
       .set(ZAction(ZAction::ZActionType::event, "next", "click"));
   std::printf("%s\n", ZelvanorTracker::getData().c_str());

@@ -1,0 +1,15 @@
+// Every installed header, compiled as a host compiles it (see the warning flags in
+// CMakeLists.txt and run.sh): a warning in any of them fails the consumer build.
+#include "zelvanor/blocks.hpp"
+#include "zelvanor/configuration.hpp"
+#include "zelvanor/endpoints.hpp"
+#include "zelvanor/event.hpp"
+#include "zelvanor/export.hpp"
+#include "zelvanor/http_result.hpp"
+#include "zelvanor/json.hpp"
+#include "zelvanor/platform.hpp"
+#include "zelvanor/record.hpp"
+#include "zelvanor/result.hpp"
+#include "zelvanor/storage.hpp"
+#include "zelvanor/tracker.hpp"
+#include "zelvanor/zelvanor.h"

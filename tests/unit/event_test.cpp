@@ -1,0 +1,231 @@
+// Events that carry their own blocks: what a ZEvent holds, that tracking one leaves the shared
+// builder alone, that it waits for the identity triple like any other event, and that many host
+// threads tracking at once never mix their events. Run under ThreadSanitizer in CI.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "api/settings.hpp"
+#include "api/shared_instance.hpp"
+#include "support/fake_sources.hpp"
+#include "support/temp_dir.hpp"
+#include "zelvanor/event.hpp"
+#include "zelvanor/tracker.hpp"
+
+namespace zelvanor {
+namespace {
+
+class EventTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    detail::shutdownShared();
+    setPlatformFacts(ZPlatformFacts{.appVersion = "1.0", .dataDirectory = dir.path().string()});
+    fakes.settings = std::make_shared<platform::SettingsStore>(dir.path() / "settings.json");
+    fakes.settings->setString("latestAppVersion", "1.0");
+    detail::setSourcesFactory([this] { return fakes.sources(); });
+    detail::settings().requestTimeout = 5.0;
+    detail::settings().usingSandbox = false;
+    detail::settings().consoleLogsEnabled = true;
+  }
+  void TearDown() override {
+    detail::shutdownShared();
+    detail::setSourcesFactory({});
+    setPlatformFacts({});
+  }
+  void start() { ZelvanorTracker::setDevelopment(); }
+  void deliverTriple() {
+    fakes.identity->deliver(ZXid{"c", "d", "s"});
+    detail::sharedIfRunning()->waitForIdentityWork();
+  }
+  void setCommon() {
+    ZelvanorTracker::set([] { return ZCommon({.serviceName = "svc", .deployment = "dev"}); });
+  }
+  void becomeReady() {
+    start();
+    deliverTriple();
+    setCommon();
+  }
+  // The records sent so far, without the SDK's own app events.
+  std::vector<ZLogRecord> hostRecords() const {
+    std::vector<ZLogRecord> records;
+    for (auto& sent : fakes.transport->sent()) {
+      if (sent.record.action.type != "app") records.push_back(sent.record);
+    }
+    return records;
+  }
+
+  testing::TempDir dir;
+  testing::FakeSources fakes;
+};
+
+TEST_F(EventTest, BlocksFollowTheSharedBuildersRules) {
+  ZEvent event;
+  event.set(ZPage{.id = "first", .name = "p", .title = "t"})
+      .set([] { return ZPage{.id = "second", .name = "p", .title = "t"}; })
+      .set(ZBucket{.name = "b1"})
+      .set(std::vector<ZBucket>{{.name = "b2"}, {.name = "b3"}})
+      .set(ZViewImpressionContent{.name = "v1"})
+      .set(std::vector<ZViewImpressionContent>{{.name = "v2"}})
+      .set(std::string("dropped"));
+  const ZLogTemplate& blocks = event.blocks();
+  EXPECT_EQ(blocks.page->id, "second") << "a block set twice keeps the last";
+  ASSERT_TRUE(blocks.buckets);
+  ASSERT_EQ(blocks.buckets->size(), 3u);
+  EXPECT_EQ((*blocks.buckets)[0].name, "b1");
+  EXPECT_EQ((*blocks.buckets)[2].name, "b3");
+  ASSERT_TRUE(blocks.viewImpressionContents);
+  EXPECT_EQ(blocks.viewImpressionContents->size(), 2u);
+  EXPECT_FALSE(blocks.free);
+  EXPECT_FALSE(blocks.action);
+
+  // An empty list still adds the key, as through the facade.
+  ZEvent empty;
+  empty.set(std::vector<ZBucket>{});
+  ASSERT_TRUE(empty.blocks().buckets);
+  EXPECT_TRUE(empty.blocks().buckets->empty());
+}
+
+TEST_F(EventTest, TrackingAnEventLeavesTheSharedBlocksAlone) {
+  becomeReady();
+  ZelvanorTracker::set(ZPage{.id = "shared", .name = "p", .title = "t"})
+      .set(ZBucket{.name = "shared-bucket"});
+
+  ZEvent event;
+  event.set(ZClick{.layer1 = "own-click"}).set(ZAction("event", "own", "tap"));
+  ZelvanorTracker::track(event);
+  event.track();  // the event keeps its blocks and can be tracked again
+  ZEvent().set(ZPage{.id = "no-action", .name = "p", .title = "t"}).track();  // makes nothing
+  ZEvent().set(ZAction("event", "dropped", "tap")).track(false, /*disabled=*/true);
+  ZelvanorTracker::set(ZAction("event", "shared", "tap")).track(false, false);
+
+  const auto records = hostRecords();
+  ASSERT_EQ(records.size(), 3u);
+  for (int i : {0, 1}) {
+    EXPECT_EQ(records[i].action.name, "own");
+    ASSERT_TRUE(records[i].click);
+    EXPECT_EQ(records[i].click->layer1, "own-click");
+    EXPECT_FALSE(records[i].page) << "the shared page must not leak into the event";
+    EXPECT_FALSE(records[i].buckets);
+    // The shared context does go into it.
+    EXPECT_EQ(records[i].xid.cid, "c");
+    ASSERT_TRUE(records[i].common);
+    EXPECT_EQ(records[i].common->serviceName, "svc");
+  }
+  EXPECT_EQ(records[2].action.name, "shared");
+  ASSERT_TRUE(records[2].page);
+  EXPECT_EQ(records[2].page->id, "shared");
+  ASSERT_TRUE(records[2].buckets);
+  EXPECT_EQ(records[2].buckets->size(), 1u);
+  EXPECT_FALSE(records[2].click);
+}
+
+TEST_F(EventTest, BeforeTheTripleEventsWaitAsTemplatesInTrackingOrder) {
+  start();
+  ZEvent().set(ZAction("event", "1", "tap")).track();
+  ZelvanorTracker::set(ZPage{.id = "shared", .name = "p", .title = "t"})
+      .set(ZAction("event", "2", "tap"))
+      .track(false, false);
+  ZEvent()
+      .set(ZPage{.id = "own", .name = "p", .title = "t"})
+      .set(ZAction("event", "3", "tap"))
+      .track();
+  ZEvent().set(ZAction("event", "disabled", "tap")).track(false, /*disabled=*/true);
+  EXPECT_EQ(detail::sharedIfRunning()->queue().templateCount(), 3u);
+  EXPECT_TRUE(hostRecords().empty());
+
+  setCommon();
+  deliverTriple();
+  const auto records = hostRecords();
+  ASSERT_EQ(records.size(), 3u);
+  EXPECT_EQ(records[0].action.name, "1");
+  EXPECT_FALSE(records[0].page);
+  EXPECT_EQ(records[1].action.name, "2");
+  EXPECT_EQ(records[1].page->id, "shared");
+  EXPECT_EQ(records[2].action.name, "3");
+  EXPECT_EQ(records[2].page->id, "own");
+  for (const auto& record : records) EXPECT_EQ(record.xid.sid, "s");
+}
+
+// Eight host threads track their own events while another uses the shared builder: every event
+// arrives once, with its own thread's blocks, and each thread's events in the order tracked.
+TEST_F(EventTest, ThreadsTrackingEventsAtOnceNeverMixThem) {
+  constexpr int kThreads = 8;
+  constexpr int kEventsPerThread = 10'000;
+  constexpr int kSharedEvents = 2'000;
+  becomeReady();
+  ZelvanorTracker::setBatchSize(64);
+
+  std::atomic<int> waiting{kThreads + 1};
+  auto startTogether = [&] {
+    waiting.fetch_sub(1);
+    while (waiting.load() > 0) std::this_thread::yield();
+  };
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      startTogether();
+      for (int i = 0; i < kEventsPerThread; ++i) {
+        const std::string key = "t" + std::to_string(t) + "-" + std::to_string(i);
+        ZEvent event;
+        event.set(ZPage{.id = key, .name = "page", .title = "title"})
+            .set(ZClick{.layer1 = key})
+            .set(ZBucket{.name = key})
+            .set(ZAction("event", key, "tap"));
+        ZelvanorTracker::track(std::move(event));
+      }
+    });
+  }
+  threads.emplace_back([&] {
+    startTogether();
+    for (int i = 0; i < kSharedEvents; ++i) {
+      const std::string key = "g-" + std::to_string(i);
+      ZelvanorTracker::set(ZPage{.id = key, .name = "page", .title = "title"})
+          .set(ZAction("event", key, "shared"))
+          .track(false, false);
+    }
+  });
+  for (auto& thread : threads) thread.join();
+  ZelvanorTracker::flush();
+
+  std::map<std::string, int> seen;
+  std::map<std::string, int> lastIndex;  // per thread prefix
+  int shared = 0;
+  for (const auto& record : hostRecords()) {
+    const std::string& key = record.action.name;
+    ASSERT_TRUE(record.page) << key;
+    EXPECT_EQ(record.page->id, key);
+    if (record.action.kind == "shared") {
+      ++shared;
+      EXPECT_FALSE(record.click) << key;
+      EXPECT_FALSE(record.buckets) << key;
+      continue;
+    }
+    ++seen[key];
+    ASSERT_TRUE(record.click) << key;
+    EXPECT_EQ(record.click->layer1, key);
+    ASSERT_TRUE(record.buckets) << key;
+    ASSERT_EQ(record.buckets->size(), 1u) << key;
+    EXPECT_EQ((*record.buckets)[0].name, key);
+    const auto dash = key.find('-');
+    const int index = std::stoi(key.substr(dash + 1));
+    auto [it, inserted] = lastIndex.try_emplace(key.substr(0, dash), index);
+    if (!inserted) {
+      EXPECT_GT(index, it->second) << key;
+      it->second = index;
+    }
+  }
+  EXPECT_EQ(seen.size(), static_cast<std::size_t>(kThreads * kEventsPerThread));
+  for (const auto& [key, count] : seen) {
+    if (count != 1) ADD_FAILURE() << key << " arrived " << count << " times";
+  }
+  EXPECT_EQ(lastIndex.size(), static_cast<std::size_t>(kThreads));
+  // One thread alone on the shared builder keeps its events whole.
+  EXPECT_EQ(shared, kSharedEvents);
+}
+
+}  // namespace
+}  // namespace zelvanor
