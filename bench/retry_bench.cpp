@@ -11,40 +11,14 @@
 #include "collector.hpp"
 #include "zelvanor/tracker.hpp"
 
-#include "bench_support.hpp"
+#include "collector_session.hpp"
 
 namespace {
 
 using namespace zelvanor;
 using Clock = std::chrono::steady_clock;
 
-struct Session {
-  bench::TempDir dir;
-  collector::Collector server{{.dataDirectory = dir.path / "collector"}};
-
-  Session() {
-    if (!server.start()) std::abort();
-    const std::string base = server.baseUrl();
-    ZelvanorTracker::setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.bench",
-                                                     .appVersion = "1.0",
-                                                     .dataDirectory = (dir.path / "app").string()});
-    ZelvanorTracker::setEndpoints(ZEndpoints{base, base, base, server.caFile().string()});
-    ZelvanorTracker::setRequired(ZConfiguration{.timeout = 10, .batchSize = 1})
-        .setReachabilityFlags(0x2)
-        .set(ZCommon({.serviceName = "shop", .deployment = "production"}));
-    waitForStored(3);  // install and two launches: the triple is known
-  }
-  ~Session() { ZelvanorTracker::shutdown(); }
-
-  bool waitForStored(std::uint64_t count, std::chrono::seconds limit = std::chrono::seconds(120)) {
-    const auto deadline = Clock::now() + limit;
-    while (server.counters().storedRecords < count) {
-      if (Clock::now() > deadline) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-  }
-};
+using Session = bench::CollectorSession;
 
 void track(int i) {
   ZelvanorTracker::set(ZPage{.id = "item-" + std::to_string(i), .name = "item", .title = "Mug"})
@@ -87,7 +61,8 @@ void BM_NetworkReturnToLastKeptRecordDelivered(benchmark::State& state) {
     std::this_thread::sleep_for(std::chrono::milliseconds(500));  // the worker's writes land
     state.ResumeTiming();
     ZelvanorTracker::setReachabilityFlags(0x2);
-    if (!session.waitForStored(stored + static_cast<std::uint64_t>(kept))) {
+    if (!session.waitForStored(stored + static_cast<std::uint64_t>(kept),
+                               std::chrono::seconds(120))) {
       state.SkipWithError("the kept records did not all arrive");
     }
   }
