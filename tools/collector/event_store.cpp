@@ -177,17 +177,19 @@ bool EventStore::open(const std::filesystem::path& file, std::string& error) {
     error = "cannot add the new event columns: " + why;
     return false;
   }
-  // Each filter of the viewer has an index ending in id, so a page of newest matches is read
-  // from the index without sorting; the viewer must stay quick on a day of events.
+  // The type filter and the chart read indexes. The other exact filters read the newest rows
+  // first and stop at a page of matches, well within the viewer's second on a day of events;
+  // an index each would slow every stored record instead, and the collector answers only once
+  // the record is stored, so that is the SDK's delivery rate in the demo and the benchmarks.
   const char* indexes =
+      "DROP INDEX IF EXISTS events_by_name;"
+      "DROP INDEX IF EXISTS events_by_kind;"
+      "DROP INDEX IF EXISTS events_by_page;"
+      "DROP INDEX IF EXISTS events_by_cid;"
+      "DROP INDEX IF EXISTS events_by_did;"
+      "DROP INDEX IF EXISTS events_by_sid;"
+      "DROP INDEX IF EXISTS events_by_user;"
       "CREATE INDEX IF NOT EXISTS events_by_type ON events(action_type, id);"
-      "CREATE INDEX IF NOT EXISTS events_by_name ON events(action_name, id);"
-      "CREATE INDEX IF NOT EXISTS events_by_kind ON events(action_kind, id);"
-      "CREATE INDEX IF NOT EXISTS events_by_page ON events(page, id);"
-      "CREATE INDEX IF NOT EXISTS events_by_cid ON events(cid, id);"
-      "CREATE INDEX IF NOT EXISTS events_by_did ON events(did, id);"
-      "CREATE INDEX IF NOT EXISTS events_by_sid ON events(sid, id);"
-      "CREATE INDEX IF NOT EXISTS events_by_user ON events(user_id, id);"
       // The chart's counts read this index in its own order: no sorting of a day's rows.
       "CREATE INDEX IF NOT EXISTS events_per_minute ON events(substr(received_at, 1, 16), refusal, "
       "action_type);"
