@@ -255,8 +255,8 @@ TEST_F(NetworkTest, AHostThatNeverStopsTrackingDoesNotHoldShutdownUp) {
   // Keeping a record costs the worker far more than tracking one costs the host: shutdown must
   // end while the host still tracks, and every record must be kept, in order. (A slow machine
   // tracks many before shutdown ends: the disk limit is raised out of the way.)
-  auto delivery = std::make_shared<HttpsDelivery>(http, dir.path(),
-                                                  ZStoreLimits{.maxBytesOnDisk = 1u << 30});
+  auto delivery =
+      std::make_shared<HttpsDelivery>(http, dir.path(), ZStoreLimits{.maxBytesOnDisk = 1u << 30});
   constexpr int kCap = 200'000;
   std::atomic<bool> shutDown{false};
   std::atomic<int> tracked{0};
