@@ -148,6 +148,17 @@ ZELVANOR_C_API zelvanor_status zelvanor_set_endpoints(const char* production, co
                                                       const char* identity_sync,
                                                       const char* ca_bundle_file);
 
+/** Bounds on records waiting for delivery; a zero keeps that bound's default (in brackets). Applies
+ *  from the next start: call it before the first other operation, or after zelvanor_shutdown.
+ *  `max_records_in_memory` [1000]: beyond it records wait on disk, in order, and still go out
+ *  oldest first; `max_bytes_on_disk` [8 MiB]: when full, the oldest are dropped;
+ *  `max_quarantine_bytes` [256 KiB]: unreadable stored payloads kept aside;
+ *  `max_templates_kept` [1000]: events tracked before the identity triple, kept at exit. */
+ZELVANOR_C_API void zelvanor_set_store_limits(uint64_t max_records_in_memory,
+                                              uint64_t max_bytes_on_disk,
+                                              uint64_t max_quarantine_bytes,
+                                              uint64_t max_templates_kept);
+
 /** Reachability flag bits for zelvanor_set_reachability_flags. */
 #define ZELVANOR_REACHABLE 0x2u
 #define ZELVANOR_REACHABLE_VIA_CELLULAR 0x40000u

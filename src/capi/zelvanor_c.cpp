@@ -459,6 +459,21 @@ zelvanor_status zelvanor_set_endpoints(const char* production, const char* sandb
   });
 }
 
+void zelvanor_set_store_limits(uint64_t max_records_in_memory, uint64_t max_bytes_on_disk,
+                               uint64_t max_quarantine_bytes, uint64_t max_templates_kept) {
+  guardedVoid("zelvanor_set_store_limits", [&] {
+    const ZStoreLimits defaults;
+    auto orDefault = [](std::uint64_t given, std::uint64_t fallback) {
+      return given ? given : fallback;
+    };
+    ZelvanorTracker::setStoreLimits(ZStoreLimits{
+        .maxRecordsInMemory = orDefault(max_records_in_memory, defaults.maxRecordsInMemory),
+        .maxBytesOnDisk = orDefault(max_bytes_on_disk, defaults.maxBytesOnDisk),
+        .maxQuarantineBytes = orDefault(max_quarantine_bytes, defaults.maxQuarantineBytes),
+        .maxTemplatesKept = orDefault(max_templates_kept, defaults.maxTemplatesKept)});
+  });
+}
+
 void zelvanor_set_reachability_flags(uint32_t flags) {
   guardedVoid("zelvanor_set_reachability_flags",
               [&] { ZelvanorTracker::setReachabilityFlags(flags); });

@@ -6,6 +6,7 @@
  * as a previous sync would have left it. */
 #define _XOPEN_SOURCE 700
 
+#include <dirent.h>
 #include <errno.h>
 #include <ftw.h>
 #include <stdarg.h>
@@ -532,6 +533,46 @@ static void test_events_carry_their_own_blocks(void) {
   CHECK(!pending_file_contains("ignored"));
 }
 
+/* With room for two records in memory, the newest of a larger backlog wait in a segment on disk
+ * (the batch size keeps them all waiting), and shutdown keeps every one of them. */
+static int segment_holds(const char* needle) {
+  DIR* dir = opendir(data_dir);
+  struct dirent* entry;
+  int found = 0;
+  if (!dir) return 0;
+  while (!found && (entry = readdir(dir)) != NULL) {
+    size_t size = 0;
+    char* data;
+    if (strncmp(entry->d_name, "ZLogs.tmp.", 10) != 0) continue;
+    data = read_file(path_in_data_dir(entry->d_name), &size);
+    found = bytes_contain(data, size, needle);
+    free(data);
+  }
+  closedir(dir);
+  return found;
+}
+
+static void test_store_limits_apply_at_the_next_start(void) {
+  int i;
+  zelvanor_shutdown();
+  zelvanor_set_store_limits(2, 0, 0, 0);
+  zelvanor_set_batch_size(1000); /* starts the SDK again, with the new limits */
+  zelvanor_set_reachability_flags(0);
+  CHECK_STATUS(zelvanor_set("common", "{\"service_name\":\"shop\",\"deployment\":\"dev\"}"),
+               ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set("id", "{\"app_user_id\":\"user-42\"}"), ZELVANOR_OK);
+  CHECK(wait_until_ready());
+  for (i = 0; i < 6; ++i) {
+    char name[32];
+    snprintf(name, sizeof name, "limited-%d", i);
+    track_page_event(name, "buy", 0);
+  }
+  for (i = 0; i < 200 && !segment_holds("\"limited-1\""); ++i) sleep_ms(10);
+  CHECK(segment_holds("\"limited-1\""));
+  zelvanor_shutdown();
+  zelvanor_set_store_limits(0, 0, 0, 0);
+}
+
 int main(void) {
   if (!mkdtemp(data_dir) || !write_cookie_jar()) {
     fprintf(stderr, "cannot prepare %s: %s\n", data_dir, strerror(errno));
@@ -545,6 +586,7 @@ int main(void) {
   test_restart_with_new_facts();
   test_rejected_configuration_changes_nothing();
   test_events_carry_their_own_blocks();
+  test_store_limits_apply_at_the_next_start();
 
   nftw(data_dir, remove_entry, 8, FTW_DEPTH | FTW_PHYS);
   if (failures) {
