@@ -166,27 +166,39 @@ bool appendPrivate(const std::filesystem::path& file, std::string_view bytes) no
   }
 }
 
+namespace {
+
+/// Opens the existing regular file and runs `use(fd, info)` once its turn has come (appends of
+/// this process and of others wait meanwhile). False when the file is missing, not a regular
+/// file, or its turn did not come in time.
+template <class Use>
+bool withTurnOnExisting(const std::filesystem::path& file, Use&& use) {
+  std::lock_guard turn(turnsInProcess());
+  for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
+    // A write lock needs a descriptor open for writing; a file we may only read is still read.
+    Descriptor fd(openNoFollow(file, O_RDWR));
+    if (!fd && errno == EACCES) fd.reset(openNoFollow(file, O_RDONLY));
+    if (!fd) return false;
+    struct stat info {};
+    if (!isRegular(fd.get(), info)) return false;
+    if (!lockAgainstOtherProcesses(fd.get())) return false;
+    if (!isRegular(fd.get(), info)) return false;
+    if (info.st_nlink == 0) continue;  // another process took it meanwhile; look again
+    return use(fd.get(), info);
+  }
+  return false;
+}
+
+}  // namespace
+
 bool consumeWhole(const std::filesystem::path& file,
                   const std::function<bool(std::string&& content)>& use) noexcept {
   try {
-    std::lock_guard turn(turnsInProcess());
-    for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
-      // A write lock needs a descriptor open for writing; a file we may only read is still read.
-      Descriptor fd(openNoFollow(file, O_RDWR));
-      if (!fd && errno == EACCES) fd.reset(openNoFollow(file, O_RDONLY));
-      if (!fd) return false;
-      struct stat info {};
-      if (!isRegular(fd.get(), info)) return false;
-      if (!lockAgainstOtherProcesses(fd.get())) return false;
-      if (!isRegular(fd.get(), info)) return false;
-      if (info.st_nlink == 0) continue;  // another process took it meanwhile; look again
-      std::optional<std::string> content = readAll(fd.get(), info);
-      if (!content) return false;
+    return withTurnOnExisting(file, [&](int fd, const struct stat& info) {
+      std::optional<std::string> content = readAll(fd, info);
       // Still under the lock: nothing can be appended between the read and the removal.
-      if (!use(std::move(*content))) return false;
-      return removeFile(file);
-    }
-    return false;
+      return content && use(std::move(*content)) && removeFile(file);
+    });
   } catch (...) {
     return false;
   }
@@ -194,20 +206,9 @@ bool consumeWhole(const std::filesystem::path& file,
 
 bool moveAside(const std::filesystem::path& from, const std::filesystem::path& to) noexcept {
   try {
-    std::lock_guard turn(turnsInProcess());
-    for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
-      Descriptor fd(openNoFollow(from, O_RDWR));
-      if (!fd && errno == EACCES) fd.reset(openNoFollow(from, O_RDONLY));
-      if (!fd) return false;
-      struct stat info {};
-      if (!isRegular(fd.get(), info)) return false;
-      if (!lockAgainstOtherProcesses(fd.get())) return false;
-      if (!isRegular(fd.get(), info)) return false;
-      if (info.st_nlink == 0) continue;
-      // Under the lock: an append under way has finished, and later ones find the name free.
-      return ::rename(from.c_str(), to.c_str()) == 0;
-    }
-    return false;
+    // Under the lock: an append under way has finished, and later ones find the name free.
+    return withTurnOnExisting(
+        from, [&](int, const struct stat&) { return ::rename(from.c_str(), to.c_str()) == 0; });
   } catch (...) {
     return false;
   }
