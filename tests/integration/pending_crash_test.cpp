@@ -135,13 +135,14 @@ TEST(PendingFileCrash, TrackingHostKilledAtRandomLeavesAFileEveryStartCanRead) {
     SCOPED_TRACE("round " + std::to_string(rounds));
     int ready[2];
     ASSERT_EQ(::pipe(ready), 0);
+    // Built before the fork: the child of a threaded process allocates nothing until exec.
+    const std::string firstText = std::to_string(first);
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
       ::dup2(ready[1], STDOUT_FILENO);
       ::close(ready[0]);
       ::close(ready[1]);
-      const std::string firstText = std::to_string(first);
       ::execl(ZELVANOR_CRASH_CHILD, ZELVANOR_CRASH_CHILD, dir.c_str(), firstText.c_str(), nullptr);
       ::_exit(127);
     }
