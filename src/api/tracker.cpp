@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "api/console_log.hpp"
-#include "api/settings.hpp"
+#include "support/console_log.hpp"
+#include "support/settings.hpp"
 #include "api/shared_instance.hpp"
 #include "model/warm_up.hpp"
 #include "network/endpoints.hpp"

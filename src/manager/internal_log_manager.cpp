@@ -4,7 +4,7 @@
 
 #include <chrono>
 
-#include "api/settings.hpp"
+#include "support/settings.hpp"
 #include "platform/platform.hpp"
 #include "zelvanor/json.hpp"
 #include "zelvanor/platform.hpp"

@@ -1,7 +1,7 @@
 #include "network/http_api.hpp"
 
-#include "api/console_log.hpp"
-#include "api/settings.hpp"
+#include "support/console_log.hpp"
+#include "support/settings.hpp"
 #include "network/endpoints.hpp"
 #include "zelvanor/json.hpp"
 

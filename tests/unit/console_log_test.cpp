@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "api/console_log.hpp"
-#include "api/settings.hpp"
+#include "support/console_log.hpp"
+#include "support/settings.hpp"
 #include "network/http_api.hpp"
 #include "zelvanor/tracker.hpp"
 

@@ -8,7 +8,7 @@
 #include <set>
 #include <thread>
 
-#include "api/settings.hpp"
+#include "support/settings.hpp"
 #include "network/endpoints.hpp"
 #include "network/http_api.hpp"
 #include "network/https_delivery.hpp"

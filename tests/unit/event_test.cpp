@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "api/settings.hpp"
+#include "support/settings.hpp"
 #include "api/shared_instance.hpp"
 #include "support/fake_sources.hpp"
 #include "support/temp_dir.hpp"

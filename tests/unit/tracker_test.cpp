@@ -6,7 +6,7 @@
 #include <set>
 #include <thread>
 
-#include "api/settings.hpp"
+#include "support/settings.hpp"
 #include "api/shared_instance.hpp"
 #include "network/https_delivery.hpp"
 #include "queue/logs_file_manager.hpp"

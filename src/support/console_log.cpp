@@ -1,11 +1,11 @@
-#include "api/console_log.hpp"
+#include "support/console_log.hpp"
 
 #include <cstdio>
 #include <memory>
 #include <mutex>
 #include <string>
 
-#include "api/settings.hpp"
+#include "support/settings.hpp"
 
 namespace zelvanor::detail {
 
