@@ -7,6 +7,7 @@
 //       .track(false, false);
 #pragma once
 
+#include <chrono>
 #include <concepts>
 #include <cstdint>
 #include <functional>
@@ -18,6 +19,7 @@
 
 #include "zelvanor/blocks.hpp"
 #include "zelvanor/configuration.hpp"
+#include "zelvanor/diagnostics.hpp"
 #include "zelvanor/endpoints.hpp"
 #include "zelvanor/event.hpp"
 #include "zelvanor/export.hpp"
@@ -104,8 +106,27 @@ class ZELVANOR_API ZelvanorTracker {
   static ZelvanorTracker track(ZEvent event, bool verbose = false, bool disabled = false);
   /// Sends every record waiting in memory, oldest first.
   static ZelvanorTracker flush();
+  /// Sends every record waiting, then waits at most `timeout` until each record handed over so
+  /// far has the collector's answer or is kept on disk. True when all of them did; false on
+  /// timeout (they go on in the background). Events still waiting for the identity triple are
+  /// not records yet and are not waited for: see waitUntilReady. Blocks the calling thread.
+  static bool flushAndWait(std::chrono::milliseconds timeout);
   /// The current event as pretty-printed JSON (this uses up its blocks), or a status text.
   static std::string getData();
+
+  // ----- readiness, diagnostics and counters --------------------------------------------------
+  /// Waits at most `timeout` for the identity triple, without which no record can be built
+  /// (events tracked meanwhile wait for it). True once it is known. Blocks the calling thread.
+  static bool waitUntilReady(std::chrono::milliseconds timeout);
+  /// Runs `callback` once the identity triple is known: at once on this thread when it already
+  /// is, otherwise on an SDK thread. Applies to the running SDK (a shutdown forgets it).
+  static ZelvanorTracker onReady(std::function<void()> callback);
+  /// How much the diagnostics sink hears (see ZLogLevel) and where it goes; an empty sink writes
+  /// to stderr. Until this is called, ZELVANOR_LOG=error|warning|info|debug|off picks the level
+  /// (error when unset). Does not start the SDK.
+  static ZelvanorTracker setDiagnostics(ZLogLevel level, ZDiagnosticsSink sink = {});
+  /// What happened to events since the SDK started; all zero while it is not running.
+  static ZCounters counters();
 
   // ----- host integration ---------------------------------------------------------------------
   /// Replaces platform facts (bundle id, app version, device, data directory). Call before the

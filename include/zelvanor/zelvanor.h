@@ -185,6 +185,62 @@ ZELVANOR_C_API void zelvanor_set_console_log_sink(zelvanor_console_sink sink, vo
  *  start. Also runs at process exit. A later operation starts the SDK afresh. */
 ZELVANOR_C_API void zelvanor_shutdown(void);
 
+/* ----- waiting, diagnostics and counters ---------------------------------------------------- */
+
+/** Sends every record waiting, then waits at most `timeout_ms` until each record handed over so
+ *  far has the collector's answer or is kept on disk: 1 when all did, 0 on timeout. Events still
+ *  waiting for the identity triple are not waited for (see zelvanor_wait_until_ready). */
+ZELVANOR_C_API int zelvanor_flush_and_wait(uint32_t timeout_ms);
+/** Waits at most `timeout_ms` for the identity triple: 1 once it is known, 0 on timeout. */
+ZELVANOR_C_API int zelvanor_wait_until_ready(uint32_t timeout_ms);
+/** Called once when the identity triple is known (at once, on this thread, when it already is;
+ *  otherwise on an SDK thread). Must not unwind. */
+typedef void (*zelvanor_ready_callback)(void* user_data);
+ZELVANOR_C_API void zelvanor_on_ready(zelvanor_ready_callback callback, void* user_data);
+
+typedef enum zelvanor_log_level {
+  ZELVANOR_LOG_OFF = -1,
+  ZELVANOR_LOG_ERROR = 0,   /**< an event was lost, or every request fails (the default) */
+  ZELVANOR_LOG_WARNING = 1, /**< kept for later: a transport failure, the identity sync failing */
+  ZELVANOR_LOG_INFO = 2,    /**< each record kept on disk, each wait before trying again */
+  ZELVANOR_LOG_DEBUG = 3    /**< each record delivered; the JSON of verbose tracks */
+} zelvanor_log_level;
+/** Receives each diagnostics line (UTF-8, NUL-terminated, no newline, never a token, id or
+ *  cookie value). May run on any thread, host or SDK; it must not unwind. */
+typedef void (*zelvanor_diagnostics_sink)(int level, const char* line, size_t length,
+                                          void* user_data);
+/** Sets the most detailed level written and where lines go; NULL writes to stderr. Until this is
+ *  called, the environment variable ZELVANOR_LOG (error, warning, info, debug, off) decides. An
+ *  unknown level is ZELVANOR_ERROR_INVALID_ARGUMENT. */
+ZELVANOR_C_API zelvanor_status zelvanor_set_diagnostics(int level, zelvanor_diagnostics_sink sink,
+                                                        void* user_data);
+
+/** What happened to events since the SDK started (see ZCounters in diagnostics.hpp for how the
+ *  numbers add up). */
+typedef struct zelvanor_counters {
+  uint64_t tracked;
+  uint64_t restored;
+  uint64_t delivered;
+  uint64_t refused;
+  uint64_t kept_on_disk;
+  uint64_t resent;
+  uint64_t dropped_no_common_block;
+  uint64_t dropped_no_action;
+  uint64_t dropped_incomplete_context;
+  uint64_t dropped_unencodable;
+  uint64_t dropped_no_endpoint;
+  uint64_t dropped_storage_full;
+  uint64_t dropped_unreadable;
+  uint64_t waiting_in_memory;
+  uint64_t waiting_on_disk;
+  uint64_t awaiting_answer;
+  uint64_t bytes_on_disk;
+  uint64_t templates_waiting;
+} zelvanor_counters;
+/** Fills `counters` (all zero while the SDK is not running); NULL is
+ *  ZELVANOR_ERROR_INVALID_ARGUMENT. */
+ZELVANOR_C_API zelvanor_status zelvanor_get_counters(zelvanor_counters* counters);
+
 #ifdef __cplusplus
 }
 #endif

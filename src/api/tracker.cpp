@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "support/console_log.hpp"
+#include "support/diagnostics.hpp"
 #include "support/settings.hpp"
 #include "api/shared_instance.hpp"
 #include "model/warm_up.hpp"
@@ -254,6 +255,38 @@ ZelvanorTracker ZelvanorTracker::track(ZEvent event, bool verbose, bool disabled
 
 ZelvanorTracker ZelvanorTracker::flush() {
   return withShared([](ZInternalLogManager& m) { m.queue().flush(); });
+}
+
+bool ZelvanorTracker::flushAndWait(std::chrono::milliseconds timeout) {
+  bool answered = false;
+  withShared([&](ZInternalLogManager& m) { answered = m.flushAndWait(timeout); });
+  return answered;
+}
+
+bool ZelvanorTracker::waitUntilReady(std::chrono::milliseconds timeout) {
+  bool ready = false;
+  withShared([&](ZInternalLogManager& m) { ready = m.waitUntilReady(timeout); });
+  return ready;
+}
+
+ZelvanorTracker ZelvanorTracker::onReady(std::function<void()> callback) {
+  return withShared([&](ZInternalLogManager& m) { m.onReady(std::move(callback)); });
+}
+
+ZelvanorTracker ZelvanorTracker::setDiagnostics(ZLogLevel level, ZDiagnosticsSink sink) {
+  try {
+    detail::setDiagnostics(level, std::move(sink));
+  } catch (...) {
+  }
+  return {};
+}
+
+ZCounters ZelvanorTracker::counters() {
+  try {
+    if (auto manager = detail::sharedIfRunning()) return manager->counters();
+  } catch (...) {
+  }
+  return {};
 }
 
 std::string ZelvanorTracker::getData() {

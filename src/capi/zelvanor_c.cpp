@@ -515,4 +515,76 @@ void zelvanor_shutdown(void) {
   guardedVoid("zelvanor_shutdown", [] { ZelvanorTracker::shutdown(); });
 }
 
+int zelvanor_flush_and_wait(uint32_t timeout_ms) {
+  bool answered = false;
+  guardedVoid("zelvanor_flush_and_wait", [&] {
+    answered = ZelvanorTracker::flushAndWait(std::chrono::milliseconds(timeout_ms));
+  });
+  return answered ? 1 : 0;
+}
+
+int zelvanor_wait_until_ready(uint32_t timeout_ms) {
+  bool ready = false;
+  guardedVoid("zelvanor_wait_until_ready", [&] {
+    ready = ZelvanorTracker::waitUntilReady(std::chrono::milliseconds(timeout_ms));
+  });
+  return ready ? 1 : 0;
+}
+
+void zelvanor_on_ready(zelvanor_ready_callback callback, void* user_data) {
+  guardedVoid("zelvanor_on_ready", [&] {
+    if (!callback) return;
+    ZelvanorTracker::onReady([callback, user_data] { callback(user_data); });
+  });
+}
+
+zelvanor_status zelvanor_set_diagnostics(int level, zelvanor_diagnostics_sink sink,
+                                         void* user_data) {
+  return guarded("zelvanor_set_diagnostics", [&] {
+    if (level < ZELVANOR_LOG_OFF || level > ZELVANOR_LOG_DEBUG) {
+      return fail(ZELVANOR_ERROR_INVALID_ARGUMENT,
+                  "zelvanor_set_diagnostics: unknown level " + std::to_string(level));
+    }
+    ZDiagnosticsSink forward;
+    if (sink) {
+      forward = [sink, user_data](ZLogLevel lineLevel, std::string_view line) {
+        const std::string text(line);  // the C side gets a terminated copy
+        sink(static_cast<int>(lineLevel), text.c_str(), text.size(), user_data);
+      };
+    }
+    ZelvanorTracker::setDiagnostics(static_cast<ZLogLevel>(level), std::move(forward));
+    return ZELVANOR_OK;
+  });
+}
+
+zelvanor_status zelvanor_get_counters(zelvanor_counters* counters) {
+  return guarded("zelvanor_get_counters", [&] {
+    if (!counters) {
+      return fail(ZELVANOR_ERROR_INVALID_ARGUMENT, "zelvanor_get_counters: counters is NULL");
+    }
+    const ZCounters now = ZelvanorTracker::counters();
+    *counters = zelvanor_counters{
+        .tracked = now.tracked,
+        .restored = now.restored,
+        .delivered = now.delivered,
+        .refused = now.refused,
+        .kept_on_disk = now.keptOnDisk,
+        .resent = now.resent,
+        .dropped_no_common_block = now.dropped.noCommonBlock,
+        .dropped_no_action = now.dropped.noAction,
+        .dropped_incomplete_context = now.dropped.incompleteContext,
+        .dropped_unencodable = now.dropped.unencodable,
+        .dropped_no_endpoint = now.dropped.noEndpoint,
+        .dropped_storage_full = now.dropped.storageFull,
+        .dropped_unreadable = now.dropped.unreadable,
+        .waiting_in_memory = now.waitingInMemory,
+        .waiting_on_disk = now.waitingOnDisk,
+        .awaiting_answer = now.awaitingAnswer,
+        .bytes_on_disk = now.bytesOnDisk,
+        .templates_waiting = now.templatesWaiting,
+    };
+    return ZELVANOR_OK;
+  });
+}
+
 }  // extern "C"

@@ -2,10 +2,13 @@
 
 #include <simdjson.h>
 
+#include <algorithm>
 #include <chrono>
+#include <thread>
 
-#include "support/settings.hpp"
 #include "platform/platform.hpp"
+#include "support/diagnostics.hpp"
+#include "support/settings.hpp"
 #include "zelvanor/json.hpp"
 #include "zelvanor/platform.hpp"
 
@@ -30,6 +33,29 @@ void takeIfPresent(std::optional<T>& stored, const std::optional<T>& given) {
 
 ZAction appAction(const char* name, const char* kind) {
   return ZAction(ZAction::ZActionType::app, name, kind);
+}
+
+void hide(std::optional<std::string>& value) {
+  if (value) value = "<hidden>";
+}
+
+/// The record as a debug line may show it: identifiers and tokens are replaced.
+ZLogRecord withoutSecrets(ZLogRecord record) {
+  record.xid = ZXid{"<hidden>", "<hidden>", "<hidden>"};
+  if (record.ucid) hide(record.ucid->id);
+  if (record.agent) hide(record.agent->ip);
+  if (ZId* id = record.id ? &*record.id : nullptr) {
+    for (auto* member : {&id->accountId, &id->accessToken, &id->appUserId, &id->plovaUserId,
+                         &id->hestroUserId, &id->tunqaId, &id->appId, &id->slid, &id->clid,
+                         &id->uuid, &id->webId, &id->adid, &id->customId, &id->customGroupId}) {
+      hide(*member);
+    }
+  }
+  return record;
+}
+
+std::string describeAction(const ZAction& action) {
+  return "(action " + action.type + " \"" + action.name + "\")";
 }
 
 }  // namespace
@@ -67,10 +93,18 @@ void ZInternalLogManager::scheduleIdentityRetry() {
 
 void ZInternalLogManager::restoreKeptTemplates() {
   std::vector<ZLogTemplate> templates;
-  for (const std::string& text : sources_.transport->takeKeptTemplates()) {
+  const std::vector<std::string> kept = sources_.transport->takeKeptTemplates();
+  for (const std::string& text : kept) {
     // One that this build cannot read is dropped: it must not hold the others up.
-    if (auto decoded = decodeJson<ZLogTemplate>(text)) templates.push_back(std::move(*decoded));
+    if (auto decoded = decodeJson<ZLogTemplate>(text)) {
+      templates.push_back(std::move(*decoded));
+    } else {
+      tally_.unreadableTemplates.fetch_add(1, std::memory_order_relaxed);
+      diagnose(ZLogLevel::error, "a waiting event kept by an earlier run is unreadable: " +
+                                     decoded.error().describe());
+    }
   }
+  tally_.restoredTemplates.fetch_add(kept.size(), std::memory_order_relaxed);
   if (templates.empty()) return;
   std::lock_guard lock(mutex_);
   queue_.prependTemplates(std::move(templates));
@@ -88,7 +122,14 @@ std::vector<std::string> ZInternalLogManager::takeTemplatesToKeep() {
 void ZInternalLogManager::enqueueRecord(const ZLogRecord& record) {
   // Encoded once, here: from now on the record is its bytes, in memory, on disk and on the wire.
   // One that cannot be encoded (invalid UTF-8, a number JSON cannot hold) is dropped.
-  if (auto encoded = encodeJson(record)) queue_.enqueue(std::move(encoded).value());
+  auto encoded = encodeJson(record);
+  if (!encoded) {
+    tally_.unencodable.fetch_add(1, std::memory_order_relaxed);
+    diagnose(ZLogLevel::error, "event dropped " + describeAction(record.action) +
+                                   ": it cannot be encoded as JSON: " + encoded.error().describe());
+    return;
+  }
+  queue_.enqueue(std::move(encoded).value());
 }
 
 ZInternalLogManager::~ZInternalLogManager() {
@@ -202,7 +243,76 @@ void ZInternalLogManager::handleIdentity(const ZXid& xid) {
     // triple arrived can overtake one tracked before.
     resolveTemplatesLocked();
   }
+  readyChanged_.notify_all();
   readySubject_.send(true);
+}
+
+bool ZInternalLogManager::waitUntilReady(std::chrono::milliseconds timeout) {
+  std::unique_lock lock(mutex_);
+  return readyChanged_.wait_for(lock, timeout, [&] { return ready_; });
+}
+
+void ZInternalLogManager::onReady(std::function<void()> callback) {
+  if (!callback) return;
+  // Once per registration, though the subject may repeat itself and the call may race with the
+  // triple's arrival.
+  auto pending = std::make_shared<std::atomic<bool>>(true);
+  auto once = [pending, callback = std::move(callback)](const bool& ready) {
+    if (!ready || !pending->exchange(false)) return;
+    try {
+      callback();
+    } catch (...) {
+      // A throwing host callback must not take the SDK's thread down.
+    }
+  };
+  // No lock held: when the triple is known already, the callback runs within subscribe.
+  cancellables_.insert(readySubject_.subscribe(std::move(once)));
+}
+
+bool ZInternalLogManager::flushAndWait(std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  queue_.flush();
+  // The queue hands records over as the transport makes room, so both sides are checked until
+  // neither holds one without an outcome. Short slices: the queue has no signal to wait on.
+  constexpr std::chrono::milliseconds kSlice{5};
+  for (;;) {
+    const auto now = std::chrono::steady_clock::now();
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now);
+    if (!queue_.waiting().handingOver &&
+        sources_.transport->waitUntilSettled(std::clamp(left, std::chrono::milliseconds(0), kSlice)) &&
+        !queue_.waiting().handingOver) {
+      return true;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    if (queue_.waiting().handingOver) std::this_thread::sleep_for(kSlice);
+  }
+}
+
+ZCounters ZInternalLogManager::counters() const {
+  const TransportCounts sent = sources_.transport->counts();
+  const ZLogRecordQueue::Waiting waiting = queue_.waiting();
+  ZCounters counters;
+  counters.tracked = tally_.tracked.load(std::memory_order_relaxed);
+  counters.restored = sent.restored + tally_.restoredTemplates.load(std::memory_order_relaxed);
+  counters.delivered = sent.delivered;
+  counters.refused = sent.refused;
+  counters.keptOnDisk = sent.keptOnDisk;
+  counters.resent = sent.resent;
+  counters.dropped = ZDropCounts{
+      .noCommonBlock = tally_.noCommonBlock.load(std::memory_order_relaxed),
+      .noAction = tally_.noAction.load(std::memory_order_relaxed),
+      .incompleteContext = tally_.incompleteContext.load(std::memory_order_relaxed),
+      .unencodable = tally_.unencodable.load(std::memory_order_relaxed),
+      .noEndpoint = sent.noEndpoint,
+      .storageFull = sent.droppedForSpace,
+      .unreadable = sent.quarantined + tally_.unreadableTemplates.load(std::memory_order_relaxed),
+  };
+  counters.waitingInMemory = waiting.inMemory;
+  counters.waitingOnDisk = waiting.onDisk;
+  counters.awaitingAnswer = sent.awaitingAnswer;
+  counters.bytesOnDisk = sent.bytesOnDisk;
+  counters.templatesWaiting = queue_.templateCount();
+  return counters;
 }
 
 void ZInternalLogManager::resolveTemplates(bool ready) {
@@ -217,9 +327,21 @@ void ZInternalLogManager::resolveTemplatesLocked() {
   const std::optional<ZCommon> common = commonSubject_.value();
   for (const ZLogTemplate& logTemplate : templates) {
     // A template whose context is still incomplete is dropped, as a track would drop it.
-    if (!common || !agent_ || !xid_) continue;
+    if (!common || !agent_ || !xid_) {
+      tally_.incompleteContext.fetch_add(1, std::memory_order_relaxed);
+      diagnose(ZLogLevel::error, std::string("waiting event dropped: ") +
+                                     (common ? "the device's agent block is not known"
+                                             : "no common block had been set") +
+                                     " when the identity triple arrived");
+      continue;
+    }
     auto record = ZLogRecordBuilder::buildRecordFromTemplate(contextLocked(common), logTemplate);
-    if (record) enqueueRecord(*record);
+    if (record) {
+      enqueueRecord(*record);
+    } else {
+      tally_.noAction.fetch_add(1, std::memory_order_relaxed);
+      diagnose(ZLogLevel::error, "waiting event dropped: no action block was set");
+    }
   }
 }
 
@@ -345,19 +467,49 @@ void ZInternalLogManager::trackLocked(bool verbose, bool disabled) {
 }
 
 void ZInternalLogManager::trackBlocksLocked(ZLogTemplate blocks, bool verbose, bool disabled) {
+  if (!disabled) tally_.tracked.fetch_add(1, std::memory_order_relaxed);
   if (!ready_) {
-    if (verbose) static_cast<void>(encodeJson(blocks, JsonStyle::pretty));
+    if (verbose && diagnosing(ZLogLevel::debug)) {
+      // A template holds only the event's own blocks: nothing secret.
+      if (auto json = encodeJson(blocks, JsonStyle::pretty)) {
+        diagnose(ZLogLevel::debug, "event waits for the identity triple:\n" + *json);
+      }
+    }
     if (!disabled) queue_.appendTemplate(std::move(blocks));
     return;
   }
   std::optional<ZCommon> common = commonSubject_.value();
-  if (!common) return;
+  if (!common) {
+    if (disabled) return;
+    tally_.noCommonBlock.fetch_add(1, std::memory_order_relaxed);
+    if (diagnosing(ZLogLevel::error)) {
+      diagnose(ZLogLevel::error,
+               "event dropped " +
+                   (blocks.action ? describeAction(*blocks.action) : std::string("(no action)")) +
+                   ": no common block has been set; set one before tracking");
+    }
+    return;
+  }
   const std::int64_t now = nowInWholeSeconds();
-  if (!agent_ || !xid_) return;
+  if (!agent_ || !xid_) {
+    if (disabled) return;
+    tally_.incompleteContext.fetch_add(1, std::memory_order_relaxed);
+    diagnose(ZLogLevel::error, "event dropped: the device's agent block is not known yet");
+    return;
+  }
   common->requestTimeStamp = now;
   auto record = ZLogRecordBuilder::buildRecord(contextLocked(std::move(common)), std::move(blocks));
-  if (!record) return;
-  if (verbose) static_cast<void>(encodeJson(*record, JsonStyle::pretty));
+  if (!record) {
+    if (disabled) return;
+    tally_.noAction.fetch_add(1, std::memory_order_relaxed);
+    diagnose(ZLogLevel::error, "event dropped: no action block was set; every event needs one");
+    return;
+  }
+  if (verbose && diagnosing(ZLogLevel::debug)) {
+    if (auto json = encodeJson(withoutSecrets(*record), JsonStyle::pretty)) {
+      diagnose(ZLogLevel::debug, "record " + describeAction(record->action) + ":\n" + *json);
+    }
+  }
   if (!disabled) enqueueRecord(*record);
 }
 

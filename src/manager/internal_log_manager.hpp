@@ -6,7 +6,11 @@
 // the queue has its own (lock order: manager, then queue). Subjects publish outside the lock.
 #pragma once
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -20,6 +24,7 @@
 #include "support/serial_queue.hpp"
 #include "support/subject.hpp"
 #include "zelvanor/configuration.hpp"
+#include "zelvanor/diagnostics.hpp"
 #include "zelvanor/record.hpp"
 #include "zelvanor/storage.hpp"
 
@@ -84,6 +89,17 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   std::optional<ZAgent> agent() const;
   std::optional<ZId> id() const;
   bool isReady() const { return readySubject_.value(); }
+  /// Waits until the identity triple is known; false when `timeout` passed first.
+  bool waitUntilReady(std::chrono::milliseconds timeout);
+  /// Runs `callback` once the triple is known: at once on this thread when it already is,
+  /// otherwise on the SDK's thread that learns it, with no lock held.
+  void onReady(std::function<void()> callback);
+  /// Sends every record waiting, then waits until each record handed over so far has an
+  /// answer or is kept on disk; false when `timeout` passed first. Records other threads track
+  /// meanwhile may be waited for too.
+  bool flushAndWait(std::chrono::milliseconds timeout);
+  /// What happened since this instance started.
+  ZCounters counters() const;
   std::size_t subscriptionCount() const { return cancellables_.size(); }
   /// Waits until identity results handed to the SDK's serial context so far have been applied.
   void waitForIdentityWork();
@@ -130,6 +146,18 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   support::RetrySchedule identityBackoff_;  ///< serial context only
   bool identityRetryScheduled_ = false;     ///< serial context only
   bool lastOnline_ = true;                  ///< guarded by mutex_
+  // Outcomes decided here, before a record reaches the queue. Relaxed: counts, not ordering.
+  struct Tally {
+    std::atomic<std::uint64_t> tracked{0};
+    std::atomic<std::uint64_t> noCommonBlock{0};
+    std::atomic<std::uint64_t> noAction{0};
+    std::atomic<std::uint64_t> incompleteContext{0};
+    std::atomic<std::uint64_t> unencodable{0};
+    std::atomic<std::uint64_t> restoredTemplates{0};
+    std::atomic<std::uint64_t> unreadableTemplates{0};
+  };
+  Tally tally_;
+  std::condition_variable readyChanged_;  ///< with mutex_
   std::string installDate_;
   std::int64_t installTimestamp_ = 0;
 };

@@ -20,6 +20,27 @@ namespace zelvanor::network {
 
 namespace {
 
+/// Failures a host fixes in its certificates or its TLS setup, not by waiting.
+bool isTlsFailure(CURLcode result) {
+  switch (result) {
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_ENGINE_NOTFOUND:
+    case CURLE_SSL_ENGINE_SETFAILED:
+    case CURLE_SSL_ENGINE_INITFAILED:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+    case CURLE_SSL_CRL_BADFILE:
+    case CURLE_USE_SSL_FAILED:
+      return true;
+    default:
+      return false;
+  }
+}
+
 void initCurlOnce() {
   static const bool initialised = [] {
     return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
@@ -369,7 +390,7 @@ struct HttpClient::Impl {
       } else {
         std::string description = curl_easy_strerror(result);
         if (transfer->errorText[0]) description += std::string(": ") + transfer->errorText.data();
-        finish(std::move(transfer), TransportError{std::move(description)});
+        finish(std::move(transfer), TransportError{std::move(description), isTlsFailure(result)});
       }
     }
   }

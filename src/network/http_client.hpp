@@ -36,6 +36,7 @@ struct HttpResponse {
 
 struct TransportError {
   std::string description;
+  bool tls = false;  ///< the TLS handshake or the certificate check failed
 };
 
 using HttpOutcome = std::variant<HttpResponse, TransportError>;

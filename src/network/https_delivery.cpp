@@ -5,6 +5,7 @@
 #include "network/http_api.hpp"
 #include "platform/file_ops.hpp"
 #include "queue/pending_frames.hpp"
+#include "support/diagnostics.hpp"
 
 namespace zelvanor::detail {
 
@@ -27,6 +28,10 @@ void HttpsDelivery::restore(std::function<void(std::uint64_t)> restored) {
     auto self = weak.lock();
     if (!self) return;
     const std::uint64_t count = self->store_.open();
+    {
+      std::lock_guard lock(self->mutex_);
+      self->counts_.restored = count;
+    }
     self->bytesOnDisk_.store(self->store_.bytesOnDisk());
     self->syncStoreCounts();
     restored(count);
@@ -167,6 +172,11 @@ void HttpsDelivery::handleSend(SendCommand& command) {
       std::lock_guard lock(mutex_);
       counts_.keptOnDisk += alreadyOnDisk;
     }
+    if (diagnosing(ZLogLevel::info)) {
+      diagnose(ZLogLevel::info, std::to_string(command.fromDisk + command.records.size()) +
+                                    " record(s) kept on disk: the network is offline; they go "
+                                    "out when it returns");
+    }
     keptToRetry_ = true;
     keep(std::move(toKeep));
     settle(command.fromDisk + command.records.size(), false);
@@ -241,8 +251,9 @@ void HttpsDelivery::startWaiting() {
       if (record.ref) store_.answered(*record.ref);
       {
         std::lock_guard lock(mutex_);
-        ++counts_.unencodable;
+        ++counts_.noEndpoint;
       }
+      diagnose(ZLogLevel::error, "record dropped: there is no usable collector URL");
       settle(1, true);
       continue;
     }
@@ -278,6 +289,19 @@ bool meansComeBackLater(const network::HttpResponse& response) {
          response.body != "ok";
 }
 
+/// The start of an answer, as one printable line: enough to tell a proxy's error page from the
+/// collector's verdict.
+std::string answerStart(std::string_view body) {
+  constexpr std::size_t kShown = 120;
+  std::string text;
+  for (const char c : body.substr(0, kShown)) {
+    const auto byte = static_cast<unsigned char>(c);
+    text.push_back(byte < 0x20 || byte == 0x7f ? ' ' : c);
+  }
+  if (body.size() > kShown) text += "...";
+  return text.empty() ? "(empty)" : "\"" + text + "\"";
+}
+
 }  // namespace
 
 void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
@@ -291,13 +315,22 @@ void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
     // The collector treats only the exact body ok as success; anything else is a verdict on the
     // record, so it is not kept (the HTTP status is not looked at). Either way it leaves the disk.
     if (record.ref) store_.answered(*record.ref);
+    const bool delivered = response->body == "ok";
     {
       std::lock_guard lock(mutex_);
-      if (response->body == "ok") {
+      if (delivered) {
         ++counts_.delivered;
       } else {
-        ++counts_.rejected;
+        ++counts_.refused;
       }
+    }
+    if (!delivered && diagnosing(ZLogLevel::error)) {
+      diagnose(ZLogLevel::error, "record dropped: refused by the collector (HTTP " +
+                                     std::to_string(response->status) +
+                                     "), which answered " + answerStart(response->body));
+    } else if (delivered && diagnosing(ZLogLevel::debug)) {
+      diagnose(ZLogLevel::debug,
+               "record delivered (HTTP " + std::to_string(response->status) + ")");
     }
     settle(1, true);
     if (probing_ || backoff_.failuresInARow() > 0) {
@@ -316,6 +349,13 @@ void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
     }
   } else {
     // Transport failure: kept for a later attempt. One read from disk stays where it is.
+    const auto& failure = std::get<network::TransportError>(outcome);
+    const ZLogLevel level = failure.tls ? ZLogLevel::error : ZLogLevel::warning;
+    if (diagnosing(level)) {
+      diagnose(level, std::string(failure.tls ? "TLS failure" : "transport failure") +
+                          " sending a record: " + failure.description +
+                          "; it is kept on disk and sent again later");
+    }
     if (record.ref) {
       store_.unsent(*record.ref);
       std::lock_guard lock(mutex_);
@@ -339,6 +379,13 @@ void HttpsDelivery::backOff(std::optional<std::chrono::seconds> retryAfter) {
   if (backoff_.waiting()) return;
   const auto wait = backoff_.failed(retryAfter);
   probing_ = true;
+  if (diagnosing(ZLogLevel::info)) {
+    diagnose(ZLogLevel::info,
+             std::string(retryAfter ? "the collector asked to wait" : "backing off") +
+                 ": nothing is sent for " +
+                 std::to_string(std::chrono::duration_cast<std::chrono::seconds>(wait).count()) +
+                 " s, then one record goes first");
+  }
   worker_.asyncAfter(wait, [weak = weak_from_this()] {
     if (auto self = weak.lock()) self->resume();
   });
@@ -367,6 +414,7 @@ void HttpsDelivery::retryKept() {
     std::lock_guard lock(mutex_);
     unsettled_ += added + backlog.size();
     outstanding_ += added + backlog.size();
+    counts_.resent += added + backlog.size();
   }
   const RequestSettings settings = RequestSettings::current();
   if (added > 0) waiting_.push_back(Waiting{{}, added, settings, std::nullopt});
@@ -442,9 +490,29 @@ void HttpsDelivery::settle(std::uint64_t count, bool network) {
 }
 
 void HttpsDelivery::syncStoreCounts() {
-  std::lock_guard lock(mutex_);
-  counts_.droppedForSpace = store_.counts().droppedForSpace + backlogDropped_;
-  counts_.quarantined = store_.counts().quarantined;
+  std::uint64_t newlyDropped = 0;
+  std::uint64_t newlyQuarantined = 0;
+  {
+    std::lock_guard lock(mutex_);
+    const std::uint64_t dropped = store_.counts().droppedForSpace + backlogDropped_;
+    newlyDropped = dropped - std::min(dropped, counts_.droppedForSpace);
+    newlyQuarantined = store_.counts().quarantined - counts_.quarantined;
+    counts_.droppedForSpace = dropped;
+    counts_.quarantined = store_.counts().quarantined;
+  }
+  // Said outside the lock: the host's sink may call back into the SDK.
+  if (newlyDropped > 0 && diagnosing(ZLogLevel::error)) {
+    diagnose(ZLogLevel::error, std::to_string(newlyDropped) +
+                                   " oldest record(s) dropped: storage full (the store may hold " +
+                                   std::to_string(limits_.maxBytesOnDisk) + " bytes on disk and " +
+                                   std::to_string(limits_.maxRecordsInMemory) +
+                                   " records in memory, or the disk refused them)");
+  }
+  if (newlyQuarantined > 0 && diagnosing(ZLogLevel::error)) {
+    diagnose(ZLogLevel::error, std::to_string(newlyQuarantined) +
+                                   " stored record(s) unreadable, moved aside to " +
+                                   std::string(PendingStore::kQuarantineFileName));
+  }
 }
 
 void HttpsDelivery::notifyQueue() {
@@ -516,7 +584,10 @@ void HttpsDelivery::shutdown(std::vector<std::string> unsent, std::vector<std::s
 
 HttpsDelivery::Counts HttpsDelivery::counts() const {
   std::lock_guard lock(mutex_);
-  return counts_;
+  Counts counts = counts_;
+  counts.awaitingAnswer = unsettled_;
+  counts.bytesOnDisk = bytesOnDisk_.load();
+  return counts;
 }
 
 bool HttpsDelivery::waitUntilSettled(std::chrono::milliseconds timeout) {

@@ -27,14 +27,7 @@ namespace zelvanor::detail {
 class HttpsDelivery final : public RecordTransport,
                             public std::enable_shared_from_this<HttpsDelivery> {
  public:
-  struct Counts {
-    std::uint64_t delivered = 0;        ///< answered exactly "ok"
-    std::uint64_t rejected = 0;         ///< answered anything else: dropped
-    std::uint64_t keptOnDisk = 0;       ///< written to disk for a later start (real writes only)
-    std::uint64_t unencodable = 0;      ///< dropped before sending
-    std::uint64_t droppedForSpace = 0;  ///< the oldest, dropped to stay within the limits
-    std::uint64_t quarantined = 0;      ///< stored payloads that are no record, moved aside
-  };
+  using Counts = TransportCounts;
 
   /// `dataDirectory` empty: nothing is written to disk.
   HttpsDelivery(std::shared_ptr<network::HttpClient> http, std::filesystem::path dataDirectory,
@@ -61,9 +54,8 @@ class HttpsDelivery final : public RecordTransport,
   /// Records taken for the network and not yet answered; the queue holds the rest.
   static constexpr std::uint64_t kMaxOutstanding = 256;
 
-  Counts counts() const;
-  /// Waits until every record handed over so far has reached an outcome; false on timeout.
-  bool waitUntilSettled(std::chrono::milliseconds timeout);
+  Counts counts() const override;
+  bool waitUntilSettled(std::chrono::milliseconds timeout) override;
   /// Bytes the pending store holds on disk (worker's last view).
   std::uint64_t bytesOnDisk() const;
 

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "network/http_api.hpp"
+#include "support/diagnostics.hpp"
 #include "zelvanor/json.hpp"
 
 namespace zelvanor::detail {
@@ -52,7 +53,19 @@ void IdentitySync::sendRequest() {
     self->requestUnderWay_ = false;
     // A failure is asked again by the SDK's back-off while no triple is known.
     if (const auto* response = std::get_if<network::HttpResponse>(&outcome)) {
-      self->handleAnswer(response->body);
+      if (!self->handleAnswer(response->body)) {
+        // The answer's body is not shown: it would carry identifiers when it is half right.
+        diagnose(ZLogLevel::warning, "identity sync failed: the answer (HTTP " +
+                                         std::to_string(response->status) +
+                                         ") holds no identity triple; events wait and the "
+                                         "sync server is asked again later");
+      }
+    } else {
+      const auto& failure = std::get<network::TransportError>(outcome);
+      diagnose(failure.tls ? ZLogLevel::error : ZLogLevel::warning,
+               std::string("identity sync failed: ") + (failure.tls ? "TLS failure: " : "") +
+                   failure.description +
+                   "; events wait and the sync server is asked again later");
     }
   });
 }
@@ -73,12 +86,13 @@ void IdentitySync::retry() {
   sendRequest();
 }
 
-void IdentitySync::handleAnswer(std::string_view body) {
+bool IdentitySync::handleAnswer(std::string_view body) {
   // Only the body counts: the HTTP status, "status" and "version" are not inspected.
   auto envelope = decodeJson<ZHTTPResult<std::vector<ZXid>>>(body);
-  if (!envelope || !envelope->data || envelope->data->empty()) return;
+  if (!envelope || !envelope->data || envelope->data->empty()) return false;
   published_ = true;
   xidSubject_.send(envelope->data->front());
+  return true;
 }
 
 }  // namespace zelvanor::detail

@@ -25,7 +25,8 @@ class IdentitySync final : public IdentitySource,
   void retry() override;
 
   /// Handles one answer of the sync server: publishes the first triple of "data", if any.
-  void handleAnswer(std::string_view body);
+  /// False when the answer holds no triple.
+  bool handleAnswer(std::string_view body);
   std::uint64_t requestsStarted() const noexcept { return requestsStarted_.load(); }
 
  private:

@@ -191,6 +191,13 @@ std::size_t ZLogRecordQueue::recordCount() const {
   return state_->total - state_->released;
 }
 
+ZLogRecordQueue::Waiting ZLogRecordQueue::waiting() const {
+  std::lock_guard lock(state_->mutex);
+  const State& state = *state_;
+  return Waiting{state.inMemory, state.total - state.inMemory,
+                 state.released > 0 || state.restoring};
+}
+
 std::size_t ZLogRecordQueue::recordsInMemory() const {
   std::lock_guard lock(state_->mutex);
   return state_->inMemory;

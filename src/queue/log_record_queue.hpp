@@ -60,6 +60,14 @@ class ZLogRecordQueue {
 
   /// Records in the table (waiting for the threshold), in memory and on disk.
   std::size_t recordCount() const;
+  struct Waiting {
+    std::uint64_t inMemory = 0;
+    std::uint64_t onDisk = 0;
+    /// Sent off by a threshold or a flush but not yet taken by the transport (it had no room),
+    /// or the store is still being looked at.
+    bool handingOver = false;
+  };
+  Waiting waiting() const;
   std::size_t recordsInMemory() const;
   std::size_t templateCount() const;
   /// Takes every record still in memory (oldest first) without sending it, and closes the table:

@@ -1,6 +1,7 @@
 // The narrow seam between the record queue and delivery (HTTPS and the pending store).
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -13,6 +14,20 @@ namespace zelvanor::detail {
 
 /// Built records travel by shared pointer where a request is built from the record itself.
 using RecordPtr = std::shared_ptr<const ZLogRecord>;
+
+/// What became of the records handed to a transport, since it started.
+struct TransportCounts {
+  std::uint64_t delivered = 0;        ///< answered exactly "ok"
+  std::uint64_t refused = 0;          ///< answered anything else: dropped
+  std::uint64_t keptOnDisk = 0;       ///< written to disk for a later attempt (real writes only)
+  std::uint64_t resent = 0;           ///< kept records taken back to be sent in the same run
+  std::uint64_t noEndpoint = 0;       ///< dropped: no request could be built
+  std::uint64_t droppedForSpace = 0;  ///< the oldest, dropped to stay within the limits
+  std::uint64_t quarantined = 0;      ///< stored payloads that are no record, moved aside
+  std::uint64_t restored = 0;         ///< records found on disk at the start
+  std::uint64_t awaitingAnswer = 0;   ///< handed over, no outcome yet
+  std::uint64_t bytesOnDisk = 0;
+};
 
 /// Records travel as their compact JSON, encoded once when they were built: a waiting record
 /// costs about its encoded size, and the same bytes go to the network or to disk.
@@ -47,6 +62,10 @@ class RecordTransport {
   /// kept for the next start, in that order, and so are `templates`. Returns once nothing more
   /// will be written.
   virtual void shutdown(std::vector<std::string> unsent, std::vector<std::string> templates) = 0;
+  virtual TransportCounts counts() const { return {}; }
+  /// Waits until every record handed over so far has reached an outcome (an answer, or kept on
+  /// disk); false when `timeout` passed first.
+  virtual bool waitUntilSettled(std::chrono::milliseconds /*timeout*/) { return true; }
 };
 
 }  // namespace zelvanor::detail

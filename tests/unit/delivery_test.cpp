@@ -116,7 +116,7 @@ TEST_F(NetworkTest, OnlyTheExactBodyOkIsSuccessAndOtherAnswersAreDropped) {
   ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(20)));
   const auto counts = delivery->counts();
   EXPECT_EQ(counts.delivered, 3u);
-  EXPECT_EQ(counts.rejected, 5u);
+  EXPECT_EQ(counts.refused, 5u);
   EXPECT_EQ(counts.keptOnDisk, 0u);
   EXPECT_FALSE(std::filesystem::exists(pendingFile()));
   EXPECT_EQ(server.received().size(), 8u) << "none of these is asked again";
@@ -161,7 +161,7 @@ TEST_F(NetworkTest, ComeBackLaterAnswersKeepTheRecordAndWaitForRetryAfterThenPro
   std::lock_guard lock(arrivals->mutex);
   EXPECT_GE(arrivals->seen[1].second - arrivals->seen[0].second, 950ms) << "not before Retry-After";
   EXPECT_EQ(delivery->counts().delivered, 3u);
-  EXPECT_EQ(delivery->counts().rejected, 0u);
+  EXPECT_EQ(delivery->counts().refused, 0u);
   EXPECT_FALSE(std::filesystem::exists(pendingFile()));
 }
 

@@ -1,0 +1,90 @@
+#include "support/diagnostics.hpp"
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace zelvanor::detail {
+
+namespace {
+
+struct DiagnosticsState {
+  // Read on every event: an atomic, so a disabled level costs one load.
+  std::atomic<int> level{static_cast<int>(levelFromText(std::getenv("ZELVANOR_LOG")))};
+  std::mutex mutex;
+  std::shared_ptr<const ZDiagnosticsSink> sink;  // null: stderr
+};
+
+DiagnosticsState& state() {
+  // Never destroyed: SDK threads may still report during exit.
+  static auto* instance = new DiagnosticsState();
+  return *instance;
+}
+
+void writeToStderr(std::string_view line) {
+  std::string text;
+  text.reserve(line.size() + 1);
+  text.append(line).push_back('\n');
+  // One call per line: lines from several threads never interleave within one.
+  std::fwrite(text.data(), 1, text.size(), stderr);
+}
+
+}  // namespace
+
+ZLogLevel levelFromText(const char* text) noexcept {
+  if (!text) return ZLogLevel::error;
+  const std::string_view name(text);
+  if (name == "off" || name == "none") return ZLogLevel::off;
+  if (name == "warning" || name == "warn") return ZLogLevel::warning;
+  if (name == "info") return ZLogLevel::info;
+  if (name == "debug") return ZLogLevel::debug;
+  return ZLogLevel::error;
+}
+
+std::string_view levelName(ZLogLevel level) noexcept {
+  switch (level) {
+    case ZLogLevel::error: return "error";
+    case ZLogLevel::warning: return "warning";
+    case ZLogLevel::info: return "info";
+    case ZLogLevel::debug: return "debug";
+    case ZLogLevel::off: break;
+  }
+  return "off";
+}
+
+bool diagnosing(ZLogLevel level) noexcept {
+  return level != ZLogLevel::off &&
+         static_cast<int>(level) <= state().level.load(std::memory_order_relaxed);
+}
+
+void diagnose(ZLogLevel level, std::string_view line) noexcept {
+  if (!diagnosing(level)) return;
+  try {
+    std::string text = "zelvanor ";
+    text.append(levelName(level)).append(": ").append(line);
+    std::shared_ptr<const ZDiagnosticsSink> sink;
+    {
+      std::lock_guard lock(state().mutex);
+      sink = state().sink;
+    }
+    // The host's sink runs outside our lock, so it may call back into the SDK.
+    if (sink) {
+      (*sink)(level, text);
+    } else {
+      writeToStderr(text);
+    }
+  } catch (...) {
+    // A line that could not be written (no memory, a throwing sink) must not cost the event.
+  }
+}
+
+void setDiagnostics(ZLogLevel level, ZDiagnosticsSink sink) {
+  std::lock_guard lock(state().mutex);
+  state().sink = sink ? std::make_shared<const ZDiagnosticsSink>(std::move(sink)) : nullptr;
+  state().level.store(static_cast<int>(level), std::memory_order_relaxed);
+}
+
+}  // namespace zelvanor::detail

@@ -1,0 +1,29 @@
+// The diagnostics sink: one line per event dropped or kept, with its reason. Every layer reports
+// here; the facade only sets where the lines go.
+#pragma once
+
+#include <string_view>
+
+#include "zelvanor/diagnostics.hpp"
+
+namespace zelvanor::detail {
+
+/// Whether a line at `level` would be written: callers check before building an expensive one.
+bool diagnosing(ZLogLevel level) noexcept;
+
+/// Writes "zelvanor <level>: <line>" to the sink when `level` is enabled. Never throws; a sink
+/// that throws is ignored.
+void diagnose(ZLogLevel level, std::string_view line) noexcept;
+
+/// Sets the most detailed level written and where lines go (an empty sink: stderr). Until a
+/// host calls this, the level comes from ZELVANOR_LOG (error, warning, info, debug or off), and
+/// is error when it is unset.
+void setDiagnostics(ZLogLevel level, ZDiagnosticsSink sink);
+
+/// The level ZELVANOR_LOG names, or error when it names none.
+ZLogLevel levelFromText(const char* text) noexcept;
+
+/// The name written in front of a line of this level.
+std::string_view levelName(ZLogLevel level) noexcept;
+
+}  // namespace zelvanor::detail
