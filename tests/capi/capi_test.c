@@ -573,6 +573,66 @@ static void test_store_limits_apply_at_the_next_start(void) {
   zelvanor_set_store_limits(0, 0, 0, 0);
 }
 
+typedef struct diagnostics_record {
+  int lines;
+  int errors;
+  char last[512];
+} diagnostics_record;
+
+static void record_diagnostics_line(int level, const char* line, size_t length, void* user_data) {
+  diagnostics_record* record = user_data;
+  size_t keep = length < sizeof record->last - 1 ? length : sizeof record->last - 1;
+  memcpy(record->last, line, keep);
+  record->last[keep] = '\0';
+  record->lines++;
+  if (level == ZELVANOR_LOG_ERROR) record->errors++;
+}
+
+static void mark_ready(void* user_data) { *(int*)user_data += 1; }
+
+static void test_diagnostics_counters_and_waiting(void) {
+  diagnostics_record record;
+  zelvanor_counters counters;
+  int ready_calls = 0;
+  memset(&record, 0, sizeof record);
+  EXPECT_ERROR(zelvanor_set_diagnostics(7, record_diagnostics_line, &record),
+               ZELVANOR_ERROR_INVALID_ARGUMENT, "zelvanor_set_diagnostics", "7");
+  EXPECT_ERROR(zelvanor_get_counters(NULL), ZELVANOR_ERROR_INVALID_ARGUMENT,
+               "zelvanor_get_counters", "NULL");
+  CHECK_STATUS(zelvanor_set_diagnostics(ZELVANOR_LOG_INFO, record_diagnostics_line, &record),
+               ZELVANOR_OK);
+
+  zelvanor_shutdown();
+  zelvanor_set_batch_size(1); /* a fresh start: no common block yet */
+  zelvanor_set_reachability_flags(0);
+  CHECK(zelvanor_wait_until_ready(5000) == 1); /* the triple comes from the cookie jar */
+  zelvanor_on_ready(mark_ready, &ready_calls);
+  CHECK(ready_calls == 1); /* already ready: at once, on this thread */
+
+  track_page_event("p-early", "before-common", 0);
+  CHECK(record.errors == 1);
+  CHECK(contains(record.last, "no common block"));
+  CHECK(contains(record.last, "before-common"));
+
+  CHECK_STATUS(zelvanor_set("common", "{\"service_name\":\"shop\",\"deployment\":\"dev\"}"),
+               ZELVANOR_OK);
+  track_page_event("p-offline", "offline-1", 0);
+  /* Offline, so the record is kept on disk: an outcome, nothing to wait for. */
+  CHECK(zelvanor_flush_and_wait(5000) == 1);
+  CHECK_STATUS(zelvanor_get_counters(&counters), ZELVANOR_OK);
+  CHECK(counters.dropped_no_common_block == 1);
+  CHECK(counters.kept_on_disk >= 1);
+  CHECK(counters.awaiting_answer == 0);
+  CHECK(counters.tracked >= 2);
+  CHECK(counters.bytes_on_disk > 0);
+  CHECK(contains(record.last, "kept on disk") || contains(record.last, "offline"));
+
+  CHECK_STATUS(zelvanor_set_diagnostics(ZELVANOR_LOG_ERROR, NULL, NULL), ZELVANOR_OK);
+  zelvanor_shutdown();
+  CHECK_STATUS(zelvanor_get_counters(&counters), ZELVANOR_OK);
+  CHECK(counters.tracked == 0); /* not running */
+}
+
 int main(void) {
   if (!mkdtemp(data_dir) || !write_cookie_jar()) {
     fprintf(stderr, "cannot prepare %s: %s\n", data_dir, strerror(errno));
@@ -587,6 +647,7 @@ int main(void) {
   test_rejected_configuration_changes_nothing();
   test_events_carry_their_own_blocks();
   test_store_limits_apply_at_the_next_start();
+  test_diagnostics_counters_and_waiting();
 
   nftw(data_dir, remove_entry, 8, FTW_DEPTH | FTW_PHYS);
   if (failures) {

@@ -1,0 +1,292 @@
+// What a host integrating the SDK can find out, against loopback HTTPS servers: why each event
+// was dropped or kept (without a secret in any line), counters that add up, and waits that end
+// when the answers are in or when their time is up.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "api/shared_instance.hpp"
+#include "queue/pending_frames.hpp"
+#include "support/https_test_server.hpp"
+#include "support/temp_dir.hpp"
+#include "zelvanor/json.hpp"
+#include "zelvanor/tracker.hpp"
+
+namespace zelvanor {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::CannedResponse;
+using testing::HttpsTestServer;
+using testing::ReceivedRequest;
+
+// Values a diagnostics line must never show.
+constexpr const char* kSecretCid = "cid-SECRET-7f3a";
+constexpr const char* kSecretToken = "token-SECRET-91c2";
+constexpr const char* kSecretUser = "user-SECRET-55d0";
+
+std::string syncAnswer() {
+  return std::string(R"({"version":1,"status":{"code":"0000","msg":"ok"},"data":[{"cid":")") +
+         kSecretCid + R"(","did":"did-SECRET-1","sid":"sid-SECRET-2"}]})";
+}
+
+struct Line {
+  ZLogLevel level;
+  std::string text;
+};
+
+class DiagnosticsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    detail::setRetryTimings(support::RetryTimings{.first = 60s, .longest = 60s});
+    ZelvanorTracker::setDiagnostics(ZLogLevel::debug, [this](ZLogLevel level, std::string_view l) {
+      std::lock_guard lock(mutex_);
+      lines_.push_back(Line{level, std::string(l)});
+    });
+    server_.setResponder([this](const ReceivedRequest& request) { return answer(request); });
+  }
+  void TearDown() override {
+    ZelvanorTracker::shutdown();
+    ZelvanorTracker::setDiagnostics(ZLogLevel::error);
+    ZelvanorTracker::setStoreLimits({});
+    detail::setRetryTimings({});
+  }
+
+  CannedResponse answer(const ReceivedRequest& request) {
+    if (request.path.rfind("/sync", 0) == 0) {
+      return CannedResponse{.body = syncAnswer(), .headers = {}, .delayMs = syncDelayMs_.load()};
+    }
+    // The record's action name picks the answer.
+    if (request.body.find("\"refuse-me\"") != std::string::npos) {
+      return CannedResponse{
+          .status = 400, .body = "fail: record has no action kind\nmore", .headers = {}, .delayMs = 0};
+    }
+    return CannedResponse{.body = "ok", .headers = {}, .delayMs = trackDelayMs_.load()};
+  }
+
+  void start(const std::string& syncBase, std::optional<std::string> caFile,
+             std::uint64_t batchSize = 1) {
+    ZelvanorTracker::setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.diag",
+                                                     .appVersion = "1.0",
+                                                     .dataDirectory = appDir().string()});
+    const std::string base = server_.baseUrl();
+    ASSERT_TRUE(ZelvanorTracker::setEndpoints(ZEndpoints{base, base, syncBase, caFile}));
+    ZelvanorTracker::setRequired(ZConfiguration{.timeout = 5, .batchSize = batchSize})
+        .setReachabilityFlags(0x2)
+        .set(ZId{.accessToken = kSecretToken, .appUserId = kSecretUser});
+  }
+  void start() { start(server_.baseUrl(), server_.caFile().string()); }
+
+  static void trackNamed(const std::string& name, bool verbose = false) {
+    ZelvanorTracker::set(ZPage{.id = "p", .name = "page", .title = "Page"})
+        .set(ZAction("event", name, "tap"))
+        .track(verbose, false);
+  }
+
+  std::filesystem::path appDir() const { return dir_.path() / "app"; }
+
+  std::vector<Line> lines() {
+    std::lock_guard lock(mutex_);
+    return lines_;
+  }
+  /// The first line holding `part`, waiting for it a few seconds.
+  std::optional<Line> lineWith(const std::string& part) {
+    for (int i = 0; i < 250; ++i) {
+      for (const Line& line : lines()) {
+        if (line.text.find(part) != std::string::npos) return line;
+      }
+      std::this_thread::sleep_for(20ms);
+    }
+    return std::nullopt;
+  }
+
+  testing::TempDir dir_;
+  HttpsTestServer server_;
+  std::atomic<int> syncDelayMs_{0};
+  std::atomic<int> trackDelayMs_{0};
+  std::mutex mutex_;
+  std::vector<Line> lines_;
+};
+
+TEST_F(DiagnosticsTest, EveryEventDroppedOrKeptSaysWhyWithoutASecret) {
+  ZelvanorTracker::setStoreLimits(ZStoreLimits{.maxBytesOnDisk = 4096});
+  start();
+  ASSERT_TRUE(ZelvanorTracker::waitUntilReady(10s));
+
+  trackNamed("too-early");
+  auto noCommon = lineWith("no common block");
+  ASSERT_TRUE(noCommon);
+  EXPECT_EQ(noCommon->level, ZLogLevel::error);
+  EXPECT_NE(noCommon->text.find("too-early"), std::string::npos) << noCommon->text;
+
+  ZelvanorTracker::set(ZCommon({.serviceName = "diag", .deployment = "production"}));
+  ZelvanorTracker::set(ZPage{.id = "p", .name = "page", .title = "Page"}).track(false, false);
+  auto noAction = lineWith("no action block");
+  ASSERT_TRUE(noAction);
+  EXPECT_EQ(noAction->level, ZLogLevel::error);
+
+  trackNamed("refuse-me");
+  auto refused = lineWith("refused by the collector");
+  ASSERT_TRUE(refused);
+  EXPECT_EQ(refused->level, ZLogLevel::error);
+  EXPECT_NE(refused->text.find("HTTP 400"), std::string::npos) << refused->text;
+  EXPECT_NE(refused->text.find("fail: record has no action kind more"), std::string::npos)
+      << "the first bytes of the answer, on one line: " << refused->text;
+
+  trackNamed("shown", /*verbose=*/true);
+  auto verbose = lineWith("\"shown\"");
+  ASSERT_TRUE(verbose);
+  EXPECT_EQ(verbose->level, ZLogLevel::debug);
+  EXPECT_NE(verbose->text.find("\"title\""), std::string::npos) << "the record's JSON";
+  EXPECT_NE(verbose->text.find("<hidden>"), std::string::npos) << "its ids hidden";
+  ASSERT_TRUE(lineWith("record delivered"));
+
+  // Offline: kept on disk; the small disk limit then drops the oldest.
+  ZelvanorTracker::setReachabilityFlags(0);
+  for (int i = 0; i < 12; ++i) trackNamed("offline-" + std::to_string(i));
+  auto kept = lineWith("kept on disk: the network is offline");
+  ASSERT_TRUE(kept);
+  EXPECT_EQ(kept->level, ZLogLevel::info);
+  auto full = lineWith("storage full");
+  ASSERT_TRUE(full);
+  EXPECT_EQ(full->level, ZLogLevel::error);
+
+  // The collector goes away: a transport failure, with the reason libcurl gives.
+  server_.stop();
+  ZelvanorTracker::setReachabilityFlags(0x2);
+  trackNamed("unreachable");
+  auto failed = lineWith("transport failure");
+  ASSERT_TRUE(failed);
+  EXPECT_EQ(failed->level, ZLogLevel::warning);
+  EXPECT_NE(failed->text.find("onnect"), std::string::npos) << failed->text;
+
+  for (const Line& line : lines()) {
+    for (const char* secret : {kSecretCid, kSecretToken, kSecretUser, "did-SECRET", "sid-SECRET"}) {
+      EXPECT_EQ(line.text.find(secret), std::string::npos) << line.text;
+    }
+  }
+}
+
+TEST_F(DiagnosticsTest, TlsAndIdentitySyncFailuresAreNamed) {
+  // The sync server's certificate is trusted, the collector's is not.
+  HttpsTestServer syncServer;
+  syncServer.setResponder([](const ReceivedRequest&) { return CannedResponse{.body = syncAnswer(), .headers = {}, .delayMs = 0};
+  });
+  start(syncServer.baseUrl(), syncServer.caFile().string());
+  ASSERT_TRUE(ZelvanorTracker::waitUntilReady(10s));
+  ZelvanorTracker::set(ZCommon({.serviceName = "diag", .deployment = "production"}));
+  trackNamed("untrusted");
+  auto tls = lineWith("TLS failure");
+  ASSERT_TRUE(tls);
+  EXPECT_EQ(tls->level, ZLogLevel::error) << "no amount of waiting fixes a certificate";
+  EXPECT_NE(tls->text.find("kept on disk"), std::string::npos) << tls->text;
+  ZelvanorTracker::shutdown();
+
+  // Nothing listens where the sync server should be.
+  HttpsTestServer gone;
+  const std::string goneBase = gone.baseUrl();
+  gone.stop();
+  start(goneBase, server_.caFile().string());
+  auto sync = lineWith("identity sync failed");
+  ASSERT_TRUE(sync);
+  EXPECT_EQ(sync->level, ZLogLevel::warning);
+  EXPECT_FALSE(ZelvanorTracker::waitUntilReady(50ms));
+}
+
+TEST_F(DiagnosticsTest, CountersAddUpOverARunWithEveryOutcome) {
+  // Two records an earlier run left behind.
+  std::filesystem::create_directories(appDir());
+  {
+    std::string frames;
+    for (const char* name : {"earlier-1", "earlier-2"}) {
+      ZLogRecord record{.xid = {"c", "d", "s"},
+                        .sdk = ZSDK{DeploymentType::production, "0.9.0", "1.2.0"},
+                        .action = {"event", name, "restored"}};
+      detail::appendFrame(frames, encodeJson(record).value());
+    }
+    std::ofstream(appDir() / "ZLogs.tmp", std::ios::binary) << frames;
+  }
+  start(server_.baseUrl(), server_.caFile().string(), /*batchSize=*/3);
+  ASSERT_TRUE(ZelvanorTracker::waitUntilReady(10s));
+  trackNamed("no-common");
+  ZelvanorTracker::set(ZCommon({.serviceName = "diag", .deployment = "production"}));
+  ZelvanorTracker::set(ZPage{.id = "p", .name = "page", .title = "Page"}).track(false, false);
+  for (int i = 0; i < 4; ++i) trackNamed("ok-" + std::to_string(i));
+  trackNamed("refuse-me");
+  trackNamed("refuse-me");
+  ASSERT_TRUE(ZelvanorTracker::flushAndWait(10s));
+  ZelvanorTracker::setReachabilityFlags(0);
+  for (int i = 0; i < 3; ++i) trackNamed("kept-" + std::to_string(i));
+  ASSERT_TRUE(ZelvanorTracker::flushAndWait(10s));
+  trackNamed("waiting-1");  // below the batch size: stays in memory
+
+  const ZCounters c = ZelvanorTracker::counters();
+  EXPECT_EQ(c.restored, 2u);
+  EXPECT_EQ(c.refused, 2u);
+  EXPECT_EQ(c.keptOnDisk, 3u);
+  EXPECT_EQ(c.dropped.noCommonBlock, 1u);
+  EXPECT_EQ(c.dropped.noAction, 1u);
+  EXPECT_EQ(c.waitingInMemory, 1u);
+  EXPECT_EQ(c.awaitingAnswer, 0u);
+  EXPECT_GT(c.bytesOnDisk, 0u);
+  // Four of ours, the two restored ones, and the SDK's own install and launch events.
+  EXPECT_GE(c.delivered, 6u + 2u);
+  const std::uint64_t drops = c.dropped.noCommonBlock + c.dropped.noAction +
+                              c.dropped.incompleteContext + c.dropped.unencodable +
+                              c.dropped.noEndpoint + c.dropped.storageFull + c.dropped.unreadable;
+  EXPECT_EQ(c.tracked + c.restored + c.resent,
+            c.delivered + c.refused + c.keptOnDisk + drops + c.waitingInMemory + c.waitingOnDisk +
+                c.awaitingAnswer + c.templatesWaiting);
+}
+
+TEST_F(DiagnosticsTest, FlushAndWaitEndsWithTheAnswersOrWithItsTimeout) {
+  start();
+  ASSERT_TRUE(ZelvanorTracker::waitUntilReady(10s));
+  ZelvanorTracker::set(ZCommon({.serviceName = "diag", .deployment = "production"}));
+  ZelvanorTracker::setBatchSize(100);
+  for (int i = 0; i < 20; ++i) trackNamed("answered-" + std::to_string(i));
+  ASSERT_TRUE(ZelvanorTracker::flushAndWait(10s));
+  EXPECT_EQ(ZelvanorTracker::counters().awaitingAnswer, 0u);
+  std::size_t arrived = 0;
+  for (const auto& request : server_.received()) {
+    arrived += request.body.find("\"answered-") != std::string::npos ? 1 : 0;
+  }
+  EXPECT_EQ(arrived, 20u) << "every record had its answer when the wait ended";
+
+  // The collector hangs: the wait gives up at its timeout, not before and not much after.
+  trackDelayMs_ = 3000;
+  trackNamed("hanging");
+  const auto before = std::chrono::steady_clock::now();
+  EXPECT_FALSE(ZelvanorTracker::flushAndWait(400ms));
+  const auto waited = std::chrono::steady_clock::now() - before;
+  EXPECT_GE(waited, 400ms);
+  EXPECT_LT(waited, 2500ms);
+  EXPECT_EQ(ZelvanorTracker::counters().awaitingAnswer, 1u);
+}
+
+TEST_F(DiagnosticsTest, ReadinessCanBeAwaitedOrCalledBack) {
+  syncDelayMs_ = 1500;
+  start();
+  std::atomic<int> calls{0};
+  ZelvanorTracker::onReady([&] { ++calls; });
+  EXPECT_FALSE(ZelvanorTracker::waitUntilReady(100ms));
+  EXPECT_EQ(calls.load(), 0);
+  EXPECT_TRUE(ZelvanorTracker::waitUntilReady(10s));
+  for (int i = 0; i < 100 && calls.load() == 0; ++i) std::this_thread::sleep_for(10ms);
+  EXPECT_EQ(calls.load(), 1);
+  // Once ready, a new callback runs at once, on the caller's thread.
+  const auto caller = std::this_thread::get_id();
+  std::thread::id ranOn;
+  ZelvanorTracker::onReady([&] { ranOn = std::this_thread::get_id(); });
+  EXPECT_EQ(ranOn, caller);
+  EXPECT_EQ(calls.load(), 1) << "each callback runs once";
+}
+
+}  // namespace
+}  // namespace zelvanor
