@@ -262,6 +262,87 @@ TEST_F(CliBinaryTest, RecordsInFlightAtTheEndWaitInThePendingFileForPendingShow)
   EXPECT_EQ(slurp(pending), before);
 }
 
+TEST_F(CliBinaryTest, TheSummarySaysWhatBecameOfEveryEventAndWaitWaitsForTheAnswers) {
+  server.setResponder([](const ReceivedRequest& r) {
+    if (r.path.rfind("/id/sync", 0) == 0) return CannedResponse{200, testing::kSyncAnswer, {}, 0};
+    if (r.body.find("\"refuse-me\"") != std::string::npos) {
+      return CannedResponse{400, "fail: bad record", {}, 0};
+    }
+    return CannedResponse{200, "ok", {}, 700};  // slower than the shutdown's grace
+  });
+  auto action = [](const std::string& name) {
+    return R"({"op":"set","block":"action","value":{"type":"event","name":")" + name +
+           R"(","kind":"y"}})" + "\n{\"op\":\"track\",\"verbose\":false,\"disabled\":false}\n";
+  };
+  const fs::path script = writeScript(
+      "{\"op\":\"sleep\",\"ms\":800}\n" + action("before-common") +
+      R"({"op":"set","block":"common","value":{"service_name":"cli-svc","deployment":"test"}})"
+      "\n" +
+      action("cli-ok-1") + action("cli-ok-2") + action("refuse-me") +
+      R"({"op":"set","block":"page","value":{"id":"p","name":"n","title":"t"}})"
+      "\n{\"op\":\"track\",\"verbose\":false,\"disabled\":false}\n");
+
+  const ToolRun run = runTool(dir, "send --wait 30 " + endpointOptions() + " " + quoted(script));
+  ASSERT_EQ(run.code, 0) << run.err;
+  EXPECT_NE(run.err.find("refused by the collector 1,"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("dropped 2 (no common block: 1, no action block: 1)"), std::string::npos)
+      << run.err;
+  // Errors reach stderr without asking: the dropped events say why.
+  EXPECT_NE(run.err.find("no common block has been set"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("refused by the collector (HTTP 400), which answered \"fail: bad"),
+            std::string::npos)
+      << run.err;
+  // The wait outlasted the slow answers: nothing was left for the next start.
+  EXPECT_EQ(run.err.find("without an answer"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("0 waiting after it"), std::string::npos) << run.err;
+  EXPECT_TRUE(anyHolds(tracked("/sdk/track"), "\"cli-ok-2\""));
+
+  // A wait that ends first says so, and so does the exit code.
+  const fs::path late = writeScript(
+      R"({"op":"set","block":"common","value":{"service_name":"cli-svc","deployment":"test"}})"
+      "\n" +
+      action("cli-late"));
+  const ToolRun shortWait = runTool(dir, "send --wait 0.3 " + endpointOptions() + " " + quoted(late));
+  EXPECT_EQ(shortWait.code, 4) << shortWait.err;
+  EXPECT_NE(shortWait.err.find("ended before every record had an answer"), std::string::npos)
+      << shortWait.err;
+}
+
+TEST_F(CliBinaryTest, ThePinnedNetworkStateDecidesWhetherRecordsGoOut) {
+  server.setResponder([](const ReceivedRequest& r) {
+    if (r.path.rfind("/id/sync", 0) == 0) return CannedResponse{200, testing::kSyncAnswer, {}, 0};
+    return CannedResponse{200, "ok", {}, 0};
+  });
+  const fs::path script = writeScript(
+      R"({"op":"set","block":"common","value":{"service_name":"cli-svc","deployment":"test"}})"
+      "\n"
+      R"({"op":"set","block":"action","value":{"type":"event","name":"cli-offline","kind":"y"}})"
+      "\n{\"op\":\"track\",\"verbose\":false,\"disabled\":false}\n");
+  std::string options = endpointOptions();
+  options.erase(options.find(" --online"));
+  const ToolRun offline =
+      runTool(dir, "send -v --wait 10 --network offline " + options + " " + quoted(script));
+  ASSERT_EQ(offline.code, 0) << offline.err;
+  EXPECT_TRUE(tracked("/sdk/track").empty()) << "offline sends nothing";
+  EXPECT_NE(offline.err.find("kept on disk: the network is offline"), std::string::npos)
+      << "-v says why: " << offline.err;
+  EXPECT_NE(offline.err.find("delivered 0,"), std::string::npos) << offline.err;
+
+  std::string mobileScript = slurp(script);
+  mobileScript.replace(mobileScript.find("cli-offline"), 11, "cli-mobile");
+  const ToolRun mobile = runTool(dir, "send --wait 10 --network mobile " + options + " " +
+                                          quoted(writeScript(mobileScript)));
+  ASSERT_EQ(mobile.code, 0) << mobile.err;
+  EXPECT_TRUE(anyHolds(tracked("/sdk/track"), "\"cli-offline\""))
+      << "the kept record goes out at the next start";
+  EXPECT_TRUE(anyHolds(tracked("/sdk/track"), "\"cli-mobile\"", "\"network_state\":\"mobile\""))
+      << "a record of a run pinned to mobile says so";
+
+  EXPECT_EQ(runTool(dir, "send --network satellite " + options + " " + quoted(script)).code, 1);
+  EXPECT_EQ(runTool(dir, "send --online --network offline " + options + " " + quoted(script)).code,
+            1);
+}
+
 // The data directory holds the identity cookies and undelivered records: one the tool makes is
 // the owner's alone (its parents as usual); one that exists keeps its mode.
 TEST_F(CliBinaryTest, ADataDirectoryItMakesIsPrivateAndAnExistingOneKeepsItsMode) {

@@ -4,16 +4,20 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <mutex>
 #include <string_view>
 
 #include "pending.hpp"
 #include "queue/pending_store.hpp"
 #include "script.hpp"
 #include "zelvanor/configuration.hpp"
+#include "zelvanor/diagnostics.hpp"
 #include "zelvanor/json.hpp"
 #include "zelvanor/platform.hpp"
 #include "zelvanor/tracker.hpp"
@@ -58,7 +62,14 @@ send
   --data-dir DIR        where the SDK keeps settings, cookies and the pending file
   --bundle-id ID        the application's bundle identifier (default: zelvanor)
   --online              report the network as reachable instead of watching the routes
-  -v, --verbose         name each operation on stderr as it runs
+  --network STATE       pin the network state: wifi (as --online), mobile or offline (records
+                        are then kept in the pending file)
+  --wait SECONDS        before the exit, wait up to SECONDS (at most 3600) for the identity
+                        triple and for every record's answer
+  -v, --verbose         name each operation on stderr as it runs, and say why each event was
+                        dropped or kept (ZELVANOR_LOG=debug says more)
+  At the end a summary on stderr counts what was delivered, refused, kept and dropped (with the
+  reasons), and what was still waiting for an answer or for the identity triple.
 
 pending show
   Reads FILE the way the SDK reads it at its next start and prints every piece: per whole frame
@@ -80,6 +91,7 @@ Exit codes:
   2  invalid input (malformed script line; a pending file with an undecodable frame, skipped
      bytes or a torn end, even though the SDK restores the rest; invalid record)
   3  runtime failure (a file cannot be read or is no regular file, the SDK cannot be set up)
+  4  send --wait: the time ran out before every record had an answer (they are kept)
 )";
 
 struct Arguments {
@@ -205,6 +217,64 @@ int runPending(const std::vector<std::string>& args, std::ostream& out, std::ost
 
 // ----- send -----------------------------------------------------------------------------------
 
+constexpr std::uint32_t kReachable = 0x2;
+constexpr std::uint32_t kCellular = 0x40000;
+
+std::optional<std::uint32_t> reachabilityFor(std::string_view state) {
+  if (state == "wifi") return kReachable;
+  if (state == "mobile") return kReachable | kCellular;
+  if (state == "offline") return 0u;
+  return std::nullopt;
+}
+
+std::optional<std::chrono::milliseconds> parseWait(const std::string& text) {
+  double seconds = -1;
+  std::size_t used = 0;
+  try {
+    seconds = std::stod(text, &used);
+  } catch (...) {
+    return std::nullopt;
+  }
+  if (used != text.size() || !(seconds >= 0 && seconds <= 3600)) return std::nullopt;
+  return std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
+}
+
+/// "delivered 3, refused 1 (...)": what became of the run's events, reasons included.
+void printOutcome(const ZCounters& c, std::ostream& err) {
+  err << "events: " << c.tracked << " tracked";
+  if (c.restored > 0) err << ", " << c.restored << " restored from earlier runs";
+  err << "; delivered " << c.delivered << ", refused by the collector " << c.refused
+      << ", kept on disk " << c.keptOnDisk;
+  const std::pair<const char*, std::uint64_t> drops[] = {
+      {"no common block", c.dropped.noCommonBlock},
+      {"no action block", c.dropped.noAction},
+      {"context incomplete", c.dropped.incompleteContext},
+      {"not encodable", c.dropped.unencodable},
+      {"no collector URL", c.dropped.noEndpoint},
+      {"storage full", c.dropped.storageFull},
+      {"unreadable on disk", c.dropped.unreadable},
+  };
+  std::uint64_t dropped = 0;
+  for (const auto& [reason, count] : drops) dropped += count;
+  err << ", dropped " << dropped;
+  if (dropped > 0) {
+    const char* separator = " (";
+    for (const auto& [reason, count] : drops) {
+      if (count == 0) continue;
+      err << separator << reason << ": " << count;
+      separator = ", ";
+    }
+    err << ")";
+  }
+  err << "\n";
+  const std::uint64_t unanswered = c.awaitingAnswer + c.waitingInMemory + c.waitingOnDisk;
+  if (unanswered > 0 || c.templatesWaiting > 0) {
+    err << "at the end: " << unanswered << " record(s) without an answer yet, "
+        << c.templatesWaiting
+        << " event(s) waiting for the identity triple; both are kept for the next start\n";
+  }
+}
+
 /// Records waiting on disk as the SDK's next start would send them (segments, then ZLogs.tmp).
 std::size_t waitingOnDisk(const std::filesystem::path& directory) {
   std::size_t count = 0;
@@ -233,12 +303,27 @@ int runSend(const std::vector<std::string>& args, std::ostream& out, std::ostrea
   Arguments parsed;
   if (!splitArguments(args, 1,
                       {"--endpoint", "--track-url", "--sandbox-url", "--sync-url", "--ca-file",
-                       "--data-dir", "--bundle-id"},
+                       "--data-dir", "--bundle-id", "--network", "--wait"},
                       {"--online", "-v", "--verbose"}, parsed, err)) {
     return kUsage;
   }
   if (parsed.positional.size() != 1) return usageError(err, "send needs one SCRIPT");
   const std::string& scriptPath = parsed.positional.front();
+  std::optional<std::uint32_t> reachability;
+  if (parsed.has("--online")) reachability = kReachable;
+  if (auto network = parsed.value("--network")) {
+    const auto flags = reachabilityFor(*network);
+    if (!flags) return usageError(err, "--network takes wifi, mobile or offline");
+    if (reachability && *reachability != *flags) {
+      return usageError(err, "--online and --network " + *network + " disagree");
+    }
+    reachability = flags;
+  }
+  std::optional<std::chrono::milliseconds> wait;
+  if (auto seconds = parsed.value("--wait")) {
+    wait = parseWait(*seconds);
+    if (!wait) return usageError(err, "--wait takes a number of seconds from 0 to 3600");
+  }
 
   std::string error;
   const auto text = readInput(scriptPath, error);
@@ -293,26 +378,57 @@ int runSend(const std::vector<std::string>& args, std::ostream& out, std::ostrea
   const std::size_t pendingBefore = storeDirectory.empty() ? 0 : waitingOnDisk(storeDirectory);
 
   const bool verbose = parsed.has("-v") || parsed.has("--verbose");
-  if (parsed.has("--online")) ZelvanorTracker::setReachabilityFlags(0x2);
+  // The SDK's lines come from its own threads too: one at a time into `err`.
+  std::mutex errLock;
+  if (verbose) {
+    ZelvanorTracker::setDiagnostics(ZLogLevel::info,
+                                    [&err, &errLock](ZLogLevel, std::string_view line) {
+                                      std::lock_guard lock(errLock);
+                                      err << line << "\n";
+                                    });
+  }
+  if (reachability) ZelvanorTracker::setReachabilityFlags(*reachability);
   RunCounts counts;
   for (const auto& step : script.steps) {
-    if (verbose) err << "line " << step.line << ": " << step.name << "\n";
+    if (verbose) {
+      std::lock_guard lock(errLock);
+      err << "line " << step.line << ": " << step.name << "\n";
+    }
     runStep(step, out, counts);
     out.flush();
   }
+  bool allAnswered = true;
+  if (wait) {
+    const auto deadline = std::chrono::steady_clock::now() + *wait;
+    auto left = [&] {
+      return std::max(std::chrono::milliseconds(0),
+                      std::chrono::duration_cast<std::chrono::milliseconds>(
+                          deadline - std::chrono::steady_clock::now()));
+    };
+    // Events tracked before the triple become records only once it is known.
+    const bool ready = ZelvanorTracker::waitUntilReady(left());
+    allAnswered = ZelvanorTracker::flushAndWait(left()) && ready;
+  }
+  const ZCounters outcome = ZelvanorTracker::counters();
   // Anything not delivered by now goes to the pending file.
   ZelvanorTracker::shutdown();
+  if (verbose) ZelvanorTracker::setDiagnostics(ZLogLevel::error);
   const std::size_t pendingAfter = storeDirectory.empty() ? 0 : waitingOnDisk(storeDirectory);
 
   err << "ran " << counts.operations << " operation" << (counts.operations == 1 ? "" : "s") << ": "
       << counts.blocks << " set, " << counts.tracks << " track, " << counts.flushes << " flush\n";
+  printOutcome(outcome, err);
+  if (wait && !allAnswered) {
+    err << "the wait of " << wait->count() / 1000.0
+        << " s ended before every record had an answer; the rest are kept\n";
+  }
   if (!storeDirectory.empty()) {
     err << "pending records in " << storeDirectory.string() << ": " << pendingBefore
         << " record(s) before the run, " << pendingAfter << " waiting after it\n";
   } else {
     err << "no data directory: the SDK keeps no pending file\n";
   }
-  return kOk;
+  return allAnswered ? kOk : kUnanswered;
 }
 
 }  // namespace

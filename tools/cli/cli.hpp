@@ -15,6 +15,7 @@ enum ExitCode : int {
   kUsage = 1,    ///< unknown sub-command or option, missing argument, unusable option value
   kInvalid = 2,  ///< the input was read but is not what it should be
   kRuntime = 3,  ///< a file could not be read, or the SDK could not be set up
+  kUnanswered = 4,  ///< send --wait: the time ran out before every record had an answer
 };
 
 /// Runs one command line (without the program name). Results go to `out`; progress,
