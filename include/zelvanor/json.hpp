@@ -31,16 +31,17 @@ template <class T>
 ZELVANOR_API Result<T> decodeJson(std::string_view json);
 
 // The types these two serve.
-#define ZELVANOR_CODABLE_TYPES(X)                                                            \
-  X(ZSDK)                                                                                    \
-  X(ZCommon)                                                                                 \
-  X(ZAgent)                                                                                  \
-  X(ZId)                                                                                     \
-  X(ZAgreement)                                                                              \
-  X(ZApp)                                                                                    \
-  X(ZUtm) X(ZBucket) X(ZPage) X(ZClick) X(ZUsage) X(ZLocation) X(ZPromotion)                 \
-      X(ZViewImpressionContent) X(ZStatus) X(ZSearch) X(ZPurchase) X(ZChat) X(ZVideoMeeting) \
-          X(ZDomain) X(ZAction) X(ZXid) X(ZUcid) X(ZLogRecord) X(ZLogTemplate)
+#define ZELVANOR_CODABLE_TYPES(X)                                                                \
+  X(ZSDK)                                                                                        \
+  X(ZCommon)                                                                                     \
+  X(ZAgent)                                                                                      \
+  X(ZId)                                                                                         \
+  X(ZAgreement)                                                                                  \
+  X(ZApp)                                                                                        \
+  X(ZUtm)                                                                                        \
+  X(ZBucket) X(ZPage) X(ZClick) X(ZUsage) X(ZLocation) X(ZPromotion) X(ZViewImpressionContent)   \
+      X(ZStatus) X(ZSearch) X(ZPurchase) X(ZChat) X(ZVideoMeeting) X(ZDomain) X(ZAction) X(ZXid) \
+          X(ZUcid) X(ZLogRecord) X(ZLogTemplate)
 #define ZELVANOR_ENCODE_ONLY_TYPES(X)
 #define ZELVANOR_DECODE_ONLY_TYPES(X) \
   X(ZHTTPResponseStatus)              \

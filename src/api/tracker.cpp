@@ -3,14 +3,14 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "support/console_log.hpp"
-#include "support/diagnostics.hpp"
-#include "support/settings.hpp"
 #include "api/shared_instance.hpp"
 #include "model/warm_up.hpp"
 #include "network/endpoints.hpp"
 #include "platform/platform.hpp"
 #include "platform/process_hooks.hpp"
+#include "support/console_log.hpp"
+#include "support/diagnostics.hpp"
+#include "support/settings.hpp"
 
 namespace zelvanor {
 

@@ -279,7 +279,8 @@ bool ZInternalLogManager::flushAndWait(std::chrono::milliseconds timeout) {
     const auto now = std::chrono::steady_clock::now();
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now);
     if (!queue_.waiting().handingOver &&
-        sources_.transport->waitUntilSettled(std::clamp(left, std::chrono::milliseconds(0), kSlice)) &&
+        sources_.transport->waitUntilSettled(
+            std::clamp(left, std::chrono::milliseconds(0), kSlice)) &&
         !queue_.waiting().handingOver) {
       return true;
     }

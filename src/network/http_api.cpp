@@ -1,8 +1,8 @@
 #include "network/http_api.hpp"
 
+#include "network/endpoints.hpp"
 #include "support/console_log.hpp"
 #include "support/settings.hpp"
-#include "network/endpoints.hpp"
 #include "zelvanor/json.hpp"
 
 namespace zelvanor::detail {

@@ -1,6 +1,7 @@
 // Turns an intent (send one record, ask for the identity triple) into a ready HTTP request.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <variant>
@@ -27,8 +28,11 @@ class ZHttpApi {
   }
   /// The same request for a record already encoded (the delivery path encodes once, to keep
   /// the same bytes for the pending file if the request fails).
-  static ZHttpApi trackEncoded(std::string json) {
+  static ZHttpApi trackEncoded(std::shared_ptr<const std::string> json) {
     return ZHttpApi(EncodedRecord{std::move(json)});
+  }
+  static ZHttpApi trackEncoded(std::string json) {
+    return trackEncoded(std::make_shared<const std::string>(std::move(json)));
   }
   /// GET "/sync?v=1" on the identity sync server: no body, no extra header.
   static ZHttpApi idSync() { return ZHttpApi(std::monostate{}); }
@@ -48,7 +52,7 @@ class ZHttpApi {
 
  private:
   struct EncodedRecord {
-    std::string json;
+    std::shared_ptr<const std::string> json;  ///< shared with the request: never copied
   };
   using Intent = std::variant<std::monostate, RecordPtr, EncodedRecord>;
   explicit ZHttpApi(Intent intent) : intent_(std::move(intent)) {}

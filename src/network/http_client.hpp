@@ -13,6 +13,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <variant>
@@ -20,11 +21,36 @@
 
 namespace zelvanor::network {
 
+/// A request's body, shared with whoever else holds the same bytes (delivery keeps a record's
+/// bytes for the pending file until it is answered), so handing it over copies nothing.
+class RequestBody {
+ public:
+  RequestBody() = default;
+  RequestBody(std::nullopt_t) {}  // NOLINT(google-explicit-constructor): reads as optional
+  RequestBody(std::string text)   // NOLINT(google-explicit-constructor)
+      : text_(std::make_shared<const std::string>(std::move(text))) {}
+  RequestBody(std::optional<std::string> text) {  // NOLINT(google-explicit-constructor)
+    if (text) text_ = std::make_shared<const std::string>(std::move(*text));
+  }
+  RequestBody(std::shared_ptr<const std::string> text)  // NOLINT(google-explicit-constructor)
+      : text_(std::move(text)) {}
+
+  explicit operator bool() const noexcept { return text_ != nullptr; }
+  const std::string& operator*() const noexcept { return *text_; }
+  const std::string* operator->() const noexcept { return text_.get(); }
+  friend bool operator==(const RequestBody& body, std::string_view text) noexcept {
+    return body.text_ && *body.text_ == text;
+  }
+
+ private:
+  std::shared_ptr<const std::string> text_;
+};
+
 struct HttpRequest {
   std::string method;  ///< "GET" or "POST"
   std::string url;     ///< https only
   std::vector<std::pair<std::string, std::string>> headers;
-  std::optional<std::string> body;
+  RequestBody body;
   double timeoutSeconds = 5.0;  ///< zero, negative or not finite: 60 s
 };
 

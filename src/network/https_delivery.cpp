@@ -9,6 +9,16 @@
 
 namespace zelvanor::detail {
 
+namespace {
+
+/// The record's bytes become the request's body as they are: moved, never copied. Only a
+/// record that is not delivered is copied back out, to wait again.
+std::shared_ptr<const std::string> shareBytes(std::string bytes) {
+  return std::make_shared<const std::string>(std::move(bytes));
+}
+
+}  // namespace
+
 HttpsDelivery::HttpsDelivery(std::shared_ptr<network::HttpClient> http,
                              std::filesystem::path dataDirectory, ZStoreLimits limits,
                              support::RetryTimings retryTimings)
@@ -164,7 +174,7 @@ void HttpsDelivery::handleSend(SendCommand& command) {
         store_.unsent(*queued->ref);
         ++alreadyOnDisk;
       } else {
-        toKeep.push_back(std::move(queued->bytes));
+        toKeep.push_back(*queued->bytes);
       }
     }
     for (auto& record : command.records) toKeep.push_back(std::move(record));
@@ -211,9 +221,9 @@ void HttpsDelivery::handleSpill(SpillCommand& command) {
 }
 
 std::optional<HttpsDelivery::Next> HttpsDelivery::nextQueued() {
-  if (auto read = store_.next()) return Next{std::move(read->bytes), read->ref, {}};
+  if (auto read = store_.next()) return Next{shareBytes(std::move(read->bytes)), read->ref, {}};
   if (spillBacklog_.empty()) return std::nullopt;
-  Next next{std::move(spillBacklog_.front()), std::nullopt, {}};
+  Next next{shareBytes(std::move(spillBacklog_.front())), std::nullopt, {}};
   spillBacklog_.pop_front();
   return next;
 }
@@ -241,7 +251,7 @@ void HttpsDelivery::startWaiting() {
       record.bytes = std::move(queued->bytes);
       record.ref = queued->ref;
     } else {
-      record.bytes = std::move(front.bytes);
+      record.bytes = shareBytes(std::move(front.bytes));
       record.ref = front.ref;
       waiting_.pop_front();
     }
@@ -309,7 +319,7 @@ void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
   if (const auto* response = std::get_if<network::HttpResponse>(&outcome);
       response && !stopped_.load() && meansComeBackLater(*response)) {
     // Kept, first in line, and tried again after the wait the answer asks for.
-    waiting_.push_front(Waiting{std::move(record.bytes), 0, record.settings, record.ref});
+    waiting_.push_front(Waiting{*record.bytes, 0, record.settings, record.ref});
     backOff(response->retryAfter);
   } else if (response) {
     // The collector treats only the exact body ok as success; anything else is a verdict on the
@@ -326,8 +336,8 @@ void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
     }
     if (!delivered && diagnosing(ZLogLevel::error)) {
       diagnose(ZLogLevel::error, "record dropped: refused by the collector (HTTP " +
-                                     std::to_string(response->status) +
-                                     "), which answered " + answerStart(response->body));
+                                     std::to_string(response->status) + "), which answered " +
+                                     answerStart(response->body));
     } else if (delivered && diagnosing(ZLogLevel::debug)) {
       diagnose(ZLogLevel::debug,
                "record delivered (HTTP " + std::to_string(response->status) + ")");
@@ -345,7 +355,7 @@ void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
       store_.unsent(*record.ref);
       settle(1, true);
     } else {
-      cancelled_.push_back(std::move(record.bytes));
+      cancelled_.push_back(*record.bytes);
     }
   } else {
     // Transport failure: kept for a later attempt. One read from disk stays where it is.
@@ -362,7 +372,7 @@ void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
       ++counts_.keptOnDisk;
     } else {
       std::vector<std::string> one;
-      one.push_back(std::move(record.bytes));
+      one.push_back(*record.bytes);
       keep(std::move(one));
     }
     keptToRetry_ = true;

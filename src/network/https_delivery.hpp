@@ -78,7 +78,7 @@ class HttpsDelivery final : public RecordTransport,
     std::optional<StoreRef> ref;  ///< a record read from disk, back in line after "come back later"
   };
   struct Next {
-    std::string bytes;
+    std::shared_ptr<const std::string> bytes;  ///< also the request's body
     std::optional<StoreRef> ref;
     RequestSettings settings;
   };

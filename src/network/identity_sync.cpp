@@ -64,8 +64,7 @@ void IdentitySync::sendRequest() {
       const auto& failure = std::get<network::TransportError>(outcome);
       diagnose(failure.tls ? ZLogLevel::error : ZLogLevel::warning,
                std::string("identity sync failed: ") + (failure.tls ? "TLS failure: " : "") +
-                   failure.description +
-                   "; events wait and the sync server is asked again later");
+                   failure.description + "; events wait and the sync server is asked again later");
     }
   });
 }

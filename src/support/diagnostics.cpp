@@ -46,11 +46,16 @@ ZLogLevel levelFromText(const char* text) noexcept {
 
 std::string_view levelName(ZLogLevel level) noexcept {
   switch (level) {
-    case ZLogLevel::error: return "error";
-    case ZLogLevel::warning: return "warning";
-    case ZLogLevel::info: return "info";
-    case ZLogLevel::debug: return "debug";
-    case ZLogLevel::off: break;
+    case ZLogLevel::error:
+      return "error";
+    case ZLogLevel::warning:
+      return "warning";
+    case ZLogLevel::info:
+      return "info";
+    case ZLogLevel::debug:
+      return "debug";
+    case ZLogLevel::off:
+      break;
   }
   return "off";
 }

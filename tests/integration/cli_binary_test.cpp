@@ -302,7 +302,8 @@ TEST_F(CliBinaryTest, TheSummarySaysWhatBecameOfEveryEventAndWaitWaitsForTheAnsw
       R"({"op":"set","block":"common","value":{"service_name":"cli-svc","deployment":"test"}})"
       "\n" +
       action("cli-late"));
-  const ToolRun shortWait = runTool(dir, "send --wait 0.3 " + endpointOptions() + " " + quoted(late));
+  const ToolRun shortWait =
+      runTool(dir, "send --wait 0.3 " + endpointOptions() + " " + quoted(late));
   EXPECT_EQ(shortWait.code, 4) << shortWait.err;
   EXPECT_NE(shortWait.err.find("ended before every record had an answer"), std::string::npos)
       << shortWait.err;
@@ -330,8 +331,8 @@ TEST_F(CliBinaryTest, ThePinnedNetworkStateDecidesWhetherRecordsGoOut) {
 
   std::string mobileScript = slurp(script);
   mobileScript.replace(mobileScript.find("cli-offline"), 11, "cli-mobile");
-  const ToolRun mobile = runTool(dir, "send --wait 10 --network mobile " + options + " " +
-                                          quoted(writeScript(mobileScript)));
+  const ToolRun mobile = runTool(
+      dir, "send --wait 10 --network mobile " + options + " " + quoted(writeScript(mobileScript)));
   ASSERT_EQ(mobile.code, 0) << mobile.err;
   EXPECT_TRUE(anyHolds(tracked("/sdk/track"), "\"cli-offline\""))
       << "the kept record goes out at the next start";

@@ -64,8 +64,10 @@ class DiagnosticsTest : public ::testing::Test {
     }
     // The record's action name picks the answer.
     if (request.body.find("\"refuse-me\"") != std::string::npos) {
-      return CannedResponse{
-          .status = 400, .body = "fail: record has no action kind\nmore", .headers = {}, .delayMs = 0};
+      return CannedResponse{.status = 400,
+                            .body = "fail: record has no action kind\nmore",
+                            .headers = {},
+                            .delayMs = 0};
     }
     return CannedResponse{.body = "ok", .headers = {}, .delayMs = trackDelayMs_.load()};
   }
@@ -176,7 +178,8 @@ TEST_F(DiagnosticsTest, EveryEventDroppedOrKeptSaysWhyWithoutASecret) {
 TEST_F(DiagnosticsTest, TlsAndIdentitySyncFailuresAreNamed) {
   // The sync server's certificate is trusted, the collector's is not.
   HttpsTestServer syncServer;
-  syncServer.setResponder([](const ReceivedRequest&) { return CannedResponse{.body = syncAnswer(), .headers = {}, .delayMs = 0};
+  syncServer.setResponder([](const ReceivedRequest&) {
+    return CannedResponse{.body = syncAnswer(), .headers = {}, .delayMs = 0};
   });
   start(syncServer.baseUrl(), syncServer.caFile().string());
   ASSERT_TRUE(ZelvanorTracker::waitUntilReady(10s));
@@ -240,9 +243,9 @@ TEST_F(DiagnosticsTest, CountersAddUpOverARunWithEveryOutcome) {
   const std::uint64_t drops = c.dropped.noCommonBlock + c.dropped.noAction +
                               c.dropped.incompleteContext + c.dropped.unencodable +
                               c.dropped.noEndpoint + c.dropped.storageFull + c.dropped.unreadable;
-  EXPECT_EQ(c.tracked + c.restored + c.resent,
-            c.delivered + c.refused + c.keptOnDisk + drops + c.waitingInMemory + c.waitingOnDisk +
-                c.awaitingAnswer + c.templatesWaiting);
+  EXPECT_EQ(c.tracked + c.restored + c.resent, c.delivered + c.refused + c.keptOnDisk + drops +
+                                                   c.waitingInMemory + c.waitingOnDisk +
+                                                   c.awaitingAnswer + c.templatesWaiting);
 }
 
 TEST_F(DiagnosticsTest, FlushAndWaitEndsWithTheAnswersOrWithItsTimeout) {

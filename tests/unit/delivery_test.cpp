@@ -8,7 +8,6 @@
 #include <set>
 #include <thread>
 
-#include "support/settings.hpp"
 #include "network/endpoints.hpp"
 #include "network/http_api.hpp"
 #include "network/https_delivery.hpp"
@@ -18,8 +17,10 @@
 #include "queue/logs_file_manager.hpp"
 #include "support/https_test_server.hpp"
 #include "support/pending_files.hpp"
+#include "support/settings.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/json.hpp"
+#include "zelvanor/tracker.hpp"
 
 namespace zelvanor {
 namespace {
@@ -151,8 +152,15 @@ TEST_F(NetworkTest, ComeBackLaterAnswersKeepTheRecordAndWaitForRetryAfterThenPro
   });
   auto delivery = std::make_shared<HttpsDelivery>(http, dir.path(), ZStoreLimits{},
                                                   support::RetryTimings{.first = 50ms});
+  // The delivery says when it has taken the answer in and begun to wait.
+  std::atomic<bool> waiting{false};
+  ZelvanorTracker::setDiagnostics(ZLogLevel::info, [&](ZLogLevel, std::string_view line) {
+    if (line.find("the collector asked to wait") != std::string_view::npos) waiting = true;
+  });
   sendOne(*delivery, record("first"), true);
-  for (int i = 0; i < 200 && arrivals->names().empty(); ++i) std::this_thread::sleep_for(5ms);
+  for (int i = 0; i < 400 && !waiting; ++i) std::this_thread::sleep_for(5ms);
+  ZelvanorTracker::setDiagnostics(ZLogLevel::error);
+  ASSERT_TRUE(waiting);
   // While the collector asks to wait, later records wait too instead of being sent.
   sendOne(*delivery, record("second"), true);
   sendOne(*delivery, record("third"), true);

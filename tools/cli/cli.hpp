@@ -12,9 +12,9 @@ namespace zelvanor::cli {
 /// Exit codes, as --help documents them.
 enum ExitCode : int {
   kOk = 0,
-  kUsage = 1,    ///< unknown sub-command or option, missing argument, unusable option value
-  kInvalid = 2,  ///< the input was read but is not what it should be
-  kRuntime = 3,  ///< a file could not be read, or the SDK could not be set up
+  kUsage = 1,       ///< unknown sub-command or option, missing argument, unusable option value
+  kInvalid = 2,     ///< the input was read but is not what it should be
+  kRuntime = 3,     ///< a file could not be read, or the SDK could not be set up
   kUnanswered = 4,  ///< send --wait: the time ran out before every record had an answer
 };
 
