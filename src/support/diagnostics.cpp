@@ -12,8 +12,10 @@ namespace zelvanor::detail {
 namespace {
 
 struct DiagnosticsState {
-  // Read on every event: an atomic, so a disabled level costs one load.
-  std::atomic<int> level{static_cast<int>(levelFromText(std::getenv("ZELVANOR_LOG")))};
+  // Read on every event: an atomic, so a disabled level costs one load. The environment is read
+  // once, as the SDK first reports; nothing in the SDK changes it.
+  std::atomic<int> level{static_cast<int>(
+      levelFromText(std::getenv("ZELVANOR_LOG")))};  // NOLINT(concurrency-mt-unsafe)
   std::mutex mutex;
   std::shared_ptr<const ZDiagnosticsSink> sink;  // null: stderr
 };
