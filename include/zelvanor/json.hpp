@@ -30,8 +30,10 @@ ZELVANOR_API Result<std::string> encodeJson(const T& value, JsonStyle style = Js
 template <class T>
 ZELVANOR_API Result<T> decodeJson(std::string_view json);
 
-// The types these two serve.
+// The types these two serve. Blocks and records use the collector's keys; ZConfiguration uses its
+// member names ("timeout", "batchSize", "usingSandboxEnvironment"), all three required.
 #define ZELVANOR_CODABLE_TYPES(X)                                                                \
+  X(ZConfiguration)                                                                              \
   X(ZSDK)                                                                                        \
   X(ZCommon)                                                                                     \
   X(ZAgent)                                                                                      \

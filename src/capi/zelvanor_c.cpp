@@ -95,75 +95,6 @@ Result<std::vector<T>> decodeList(std::string_view json) {
   return list;
 }
 
-// ZConfiguration has no wire form of its own; the host's text uses its member names, all three
-// required (its initializer has no defaults), with the codec's rules for null and types.
-Result<ZConfiguration> decodeConfiguration(std::string_view json) {
-  simdjson::dom::element root;
-  CodecError error;
-  if (!parseDocument(json, root, error)) return error;
-  simdjson::dom::object object;
-  if (root.get(object) != simdjson::SUCCESS) {
-    return CodecError{CodecError::Kind::typeMismatch, "", "expected an object"};
-  }
-  ZConfiguration configuration = ZConfiguration::defaults();
-  bool seenTimeout = false, seenBatchSize = false, seenSandbox = false;
-  using simdjson::dom::element_type;
-  for (auto member : object) {
-    const std::string key(member.key);
-    const auto value = member.value;
-    if (key != "timeout" && key != "batchSize" && key != "usingSandboxEnvironment") continue;
-    if (value.is_null()) {
-      return CodecError{CodecError::Kind::valueNotFound, key, "required value is null"};
-    }
-    if (key == "timeout") {
-      seenTimeout = true;
-      switch (value.type()) {
-        case element_type::INT64:
-          configuration.timeout = static_cast<double>(value.get_int64().value_unsafe());
-          break;
-        case element_type::UINT64:
-          configuration.timeout = static_cast<double>(value.get_uint64().value_unsafe());
-          break;
-        case element_type::DOUBLE:
-          configuration.timeout = value.get_double().value_unsafe();
-          break;
-        default:
-          return CodecError{CodecError::Kind::typeMismatch, key, "expected a number"};
-      }
-    } else if (key == "batchSize") {
-      seenBatchSize = true;
-      switch (value.type()) {
-        case element_type::INT64: {
-          const std::int64_t size = value.get_int64().value_unsafe();
-          if (size < 0) {
-            return CodecError{CodecError::Kind::dataCorrupted, key,
-                              "number does not fit an unsigned 64-bit integer"};
-          }
-          configuration.batchSize = static_cast<std::uint64_t>(size);
-          break;
-        }
-        case element_type::UINT64:
-          configuration.batchSize = value.get_uint64().value_unsafe();
-          break;
-        default:
-          return CodecError{CodecError::Kind::typeMismatch, key, "expected an unsigned integer"};
-      }
-    } else {
-      seenSandbox = true;
-      bool sandbox = false;
-      if (value.get(sandbox) != simdjson::SUCCESS) {
-        return CodecError{CodecError::Kind::typeMismatch, key, "expected a bool"};
-      }
-      configuration.usingSandboxEnvironment = sandbox;
-    }
-  }
-  for (auto [seen, key] : {std::pair{seenTimeout, "timeout"}, std::pair{seenBatchSize, "batchSize"},
-                           std::pair{seenSandbox, "usingSandboxEnvironment"}}) {
-    if (!seen) return CodecError{CodecError::Kind::keyNotFound, key, "required key is missing"};
-  }
-  return configuration;
-}
-
 // A decoded common block gets the two derivations a C++ host gets from ZCommon's constructor.
 ZCommon completeCommon(ZCommon decoded) {
   return ZCommon(ZCommon::Fields{
@@ -308,7 +239,7 @@ zelvanor_status zelvanor_set_required(const char* configuration_json) {
     if (!configuration_json) {
       return fail(ZELVANOR_ERROR_INVALID_ARGUMENT, "zelvanor_set_required: configuration is NULL");
     }
-    auto configuration = decodeConfiguration(configuration_json);
+    auto configuration = decodeJson<ZConfiguration>(configuration_json);
     if (!configuration) return jsonError("zelvanor_set_required", configuration.error());
     ZelvanorTracker::setRequired(*configuration);
     return ZELVANOR_OK;

@@ -134,7 +134,7 @@ bool encodeValue(JsonWriter& writer, const T& value, CodecError& error) {
   } else if constexpr (std::is_same_v<T, bool>) {
     writer.boolean(value);
     return true;
-  } else if constexpr (std::is_same_v<T, std::int64_t>) {
+  } else if constexpr (std::is_same_v<T, std::int64_t> || std::is_same_v<T, std::uint64_t>) {
     writer.integer(value);
     return true;
   } else if constexpr (std::is_floating_point_v<T>) {
@@ -165,6 +165,55 @@ bool encodeValue(JsonWriter& writer, const T& value, CodecError& error) {
     writer.endObject();
     return true;
   }
+}
+
+// ----- what a member expects -----------------------------------------------------------------
+
+/// The JSON a member of type T reads, as error texts name it ("a number", "an object").
+template <class T>
+constexpr std::string_view expectedJson() {
+  if constexpr (IsOptional<T>::value) {
+    return expectedJson<typename T::value_type>();
+  } else if constexpr (std::is_same_v<T, std::string> || std::is_same_v<T, DeploymentType>) {
+    return "a string";
+  } else if constexpr (std::is_same_v<T, bool>) {
+    return "a bool";
+  } else if constexpr (std::is_same_v<T, std::int64_t>) {
+    return "an integer";
+  } else if constexpr (std::is_same_v<T, std::uint64_t>) {
+    return "an unsigned integer";
+  } else if constexpr (std::is_floating_point_v<T>) {
+    return "a number";
+  } else if constexpr (IsVector<T>::value) {
+    return "an array";
+  } else {
+    return "an object";
+  }
+}
+
+template <class T, std::size_t I>
+constexpr std::string_view expectedOfField() {
+  constexpr auto& field = std::get<I>(FieldTable<T>::fields);
+  using F = std::remove_cvref_t<decltype(field)>;
+  if constexpr (IsReservedKey<F>::value) {
+    return {};
+  } else {
+    return expectedJson<std::remove_cvref_t<decltype(std::declval<T&>().*(field.member))>>();
+  }
+}
+
+/// What the member of T read under `key` expects; empty when T reads no such key. Lets a caller
+/// that words its own messages (the command line) name the expected value from the table.
+template <class T>
+std::string_view expectedJsonAt(std::string_view key) {
+  return [&]<std::size_t... I>(std::index_sequence<I...>) {
+    std::string_view found;
+    static_cast<void>(((std::get<I>(FieldTable<T>::fields).key == key &&
+                        (found = expectedOfField<T, I>(), true)) ||
+                       ...));
+    return found;
+  }
+  (std::make_index_sequence<fieldCount<T>()>{});
 }
 
 // ----- decoding -----------------------------------------------------------------------------
@@ -378,6 +427,23 @@ bool readValue(element json, Out& out, CodecError& error) {
         return fail(error, CodecError::Kind::dataCorrupted, "number does not fit a 64-bit integer");
       default:
         return typeMismatch(error, "an integer");
+    }
+  } else if constexpr (std::is_same_v<T, std::uint64_t>) {
+    // The parser types every integer that fits int64 as INT64, so only negatives fail here.
+    switch (json.type()) {
+      case element_type::INT64: {
+        const std::int64_t number = json.get_int64().value_unsafe();
+        if (number < 0) {
+          return fail(error, CodecError::Kind::dataCorrupted, "number must not be negative");
+        }
+        if constexpr (kKeeps<Out>) out = static_cast<std::uint64_t>(number);
+        return true;
+      }
+      case element_type::UINT64:
+        if constexpr (kKeeps<Out>) out = json.get_uint64().value_unsafe();
+        return true;
+      default:
+        return typeMismatch(error, expectedJson<T>());
     }
   } else if constexpr (std::is_floating_point_v<T>) {
     double number = 0;

@@ -21,6 +21,18 @@ struct FieldTable<ZSDK> {
   };
 };
 
+// The host's own configuration text (zelvanor_set_required, the command line's setRequired): keyed
+// by the member names, every key required, as ZConfiguration's initializer has no defaults.
+template <>
+struct FieldTable<ZConfiguration> {
+  using C = ZConfiguration;
+  static constexpr auto fields = std::tuple{
+      field("timeout", &C::timeout),
+      field("batchSize", &C::batchSize),
+      field("usingSandboxEnvironment", &C::usingSandboxEnvironment),
+  };
+};
+
 template <>
 struct FieldTable<ZCommon> {
   using C = ZCommon;

@@ -151,6 +151,13 @@ void JsonWriter::integer(std::int64_t value) {
   valueDone();
 }
 
+void JsonWriter::integer(std::uint64_t value) {
+  constexpr std::size_t kLongest = 20;  // "18446744073709551615"
+  char* at = reserve(kLongest);
+  cur_ = std::to_chars(at, at + kLongest, value).ptr;
+  valueDone();
+}
+
 bool JsonWriter::number(double value) {
   if (!std::isfinite(value)) return false;
   char* at = reserve(kNumberRoom);

@@ -104,6 +104,7 @@ class JsonWriter {
     return (allBytes & kHighBits) == 0 || validUtf8(text);
   }
   void integer(std::int64_t value);
+  void integer(std::uint64_t value);
   /// False for NaN and infinities.
   bool number(double value);
   bool number(float value);

@@ -304,6 +304,36 @@ TEST(CodecNumbers, NumbersOfTheWrongKindOrRangeFail) {
   }
 }
 
+// The host's configuration text: member names as keys, all required, and an unsigned batch size
+// over its whole range, which the blocks' signed integers never need.
+TEST(CodecNumbers, TheConfigurationsBatchSizeIsUnsignedOverItsWholeRange) {
+  EXPECT_TRUE(decoding(R"({"timeout":2,"batchSize":18446744073709551615,)"
+                       R"("usingSandboxEnvironment":true,"op":"x"})",
+                       ZConfiguration{2.0, std::numeric_limits<std::uint64_t>::max(), true})());
+  EXPECT_TRUE(decoding(R"({"usingSandboxEnvironment":false,"batchSize":0,"timeout":0.25})",
+                       ZConfiguration{0.25, 0, false})());
+  const ZConfiguration large{1.5, std::numeric_limits<std::uint64_t>::max(), false};
+  EXPECT_EQ(*decodeJson<ZConfiguration>(*encodeJson(large)), large);
+
+  const std::string rest = R"(,"timeout":1,"usingSandboxEnvironment":false})";
+  for (const auto& [json, kind] :
+       {std::pair{R"({"batchSize":-1)" + rest, Kind::dataCorrupted},
+        std::pair{R"({"batchSize":2.5)" + rest, Kind::typeMismatch},
+        std::pair{R"({"batchSize":"3")" + rest, Kind::typeMismatch},
+        std::pair{R"({"batchSize":null)" + rest, Kind::valueNotFound},
+        std::pair{std::string(R"({"timeout":1,"usingSandboxEnvironment":false})"),
+                  Kind::keyNotFound}}) {
+    SCOPED_TRACE(json);
+    auto error = decodeFailure<ZConfiguration>(json)();
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->kind, kind) << error->describe();
+    EXPECT_EQ(error->path, "batchSize");
+  }
+  EXPECT_EQ(detail::expectedJsonAt<ZConfiguration>("batchSize"), "an unsigned integer");
+  EXPECT_EQ(detail::expectedJsonAt<ZConfiguration>("timeout"), "a number");
+  EXPECT_EQ(detail::expectedJsonAt<ZConfiguration>("nope"), "");
+}
+
 TEST(CodecNumbers, FloatRangeEndsWhereRoundingWouldGiveInfinity) {
   // FLT_MAX's own shortest text is slightly above FLT_MAX when read exactly.
   EXPECT_TRUE(decoding(R"({"price":3.4028235e+38})", ZPurchase{.price = FLT_MAX})());
