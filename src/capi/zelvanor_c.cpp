@@ -3,8 +3,6 @@
 // touches nothing, because decoding finishes before the tracker is called.
 #include "zelvanor/zelvanor.h"
 
-#include <simdjson.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -14,8 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "model/codec.hpp"
-#include "model/field_tables.hpp"
+#include "api/block_registry.hpp"
 #include "zelvanor/json.hpp"
 #include "zelvanor/tracker.hpp"
 
@@ -74,152 +71,45 @@ zelvanor_status jsonError(std::string_view operation, const CodecError& error) {
   return fail(ZELVANOR_ERROR_JSON, std::string(operation) + ": " + error.describe());
 }
 
-// Parses `json` with this thread's parser; the caller reads `root` before the next parse.
-bool parseDocument(std::string_view json, simdjson::dom::element& root, CodecError& error) {
-  thread_local simdjson::dom::parser parser;
-  const auto parsed = parser.parse(json.data(), json.size(), true).get(root);
-  if (parsed == simdjson::SUCCESS) return true;
-  error = CodecError{CodecError::Kind::dataCorrupted, "", simdjson::error_message(parsed)};
-  return false;
-}
-
-// The public decoders cover single blocks; lists use the same generic decoder, so their errors
-// carry the element index ("[2].name").
-template <class T>
-Result<std::vector<T>> decodeList(std::string_view json) {
-  simdjson::dom::element root;
-  CodecError error;
-  if (!parseDocument(json, root, error)) return error;
-  std::vector<T> list;
-  if (!detail::decodeValue(root, list, error)) return error;
-  return list;
-}
-
-// A decoded common block gets the two derivations a C++ host gets from ZCommon's constructor.
-ZCommon completeCommon(ZCommon decoded) {
-  return ZCommon(ZCommon::Fields{
-      .serviceName = std::move(decoded.serviceName),
-      .deployment = std::move(decoded.deployment),
-      .svcDomain = std::move(decoded.svcDomain),
-      .serviceId = std::move(decoded.serviceId),
-      .accessTimeStamp = decoded.accessTimeStamp,
-      .serviceType = std::move(decoded.serviceType),
-      .serviceCode = std::move(decoded.serviceCode),
-      .serviceCodeId = std::move(decoded.serviceCodeId),
-      .serviceCodeGroup = std::move(decoded.serviceCodeGroup),
-      .serviceCodeGroupId = std::move(decoded.serviceCodeGroupId),
-      .serviceOrganizationCode = std::move(decoded.serviceOrganizationCode),
-      .serviceOrganizationCodeId = std::move(decoded.serviceOrganizationCodeId),
-      .displayName = std::move(decoded.displayName),
-      .quindoAppKey = std::move(decoded.quindoAppKey),
-      .url = std::move(decoded.url),
-      .referrer = std::move(decoded.referrer),
-      .clogSeq = std::move(decoded.clogSeq),
-      .tChannel = std::move(decoded.tChannel),
-      .tSrc = std::move(decoded.tSrc),
-      .tCh = std::move(decoded.tCh),
-      .tObj = std::move(decoded.tObj),
-      .tMsgId = std::move(decoded.tMsgId),
-  });
-}
-
-// Decodes the whole text first and only then calls the tracker, so a bad text changes nothing.
-template <class T, class Apply>
-zelvanor_status decodeThen(std::string_view operation, std::string_view json, Apply&& apply) {
-  auto decoded = decodeJson<T>(json);
-  if (!decoded) return jsonError(operation, decoded.error());
-  apply(std::move(decoded).value());
-  return ZELVANOR_OK;
-}
-
 // Where a decoded block goes: the shared builder and context (zelvanor_set) or one host event
-// (zelvanor_event_set). Both share the name table below, so the names and the decoding agree.
+// (zelvanor_event_set). Both take their names and decoding from the block registry.
 struct SharedTarget {
   static constexpr bool takesContext = true;
-  template <class T>
-  void operator()(T&& block) const {
-    ZelvanorTracker::set(std::forward<T>(block));
-  }
+  void operator()(detail::BlockValue block) const { detail::setOnTracker(std::move(block)); }
 };
 
 struct EventTarget {
   static constexpr bool takesContext = false;  // common, agent and id belong to every event
   ZEvent& event;
-  template <class T>
-  void operator()(T&& block) const {
-    event.set(std::forward<T>(block));
+  void operator()(detail::BlockValue block) const {
+    static_cast<void>(detail::setOnEvent(event, std::move(block)));
   }
 };
 
-template <class T, class Target>
-zelvanor_status setBlock(std::string_view operation, std::string_view json, const Target& target) {
-  return decodeThen<T>(operation, json, [&](T block) { target(std::move(block)); });
-}
-
-template <class T, class Target>
-zelvanor_status appendList(std::string_view operation, std::string_view json,
-                           const Target& target) {
-  auto decoded = decodeList<T>(json);
-  if (!decoded) return jsonError(operation, decoded.error());
-  target(std::move(decoded).value());
-  return ZELVANOR_OK;
-}
-
-template <class Target>
-zelvanor_status setFreeText(std::string_view operation, std::string_view json,
-                            const Target& target) {
-  simdjson::dom::element root;
-  CodecError error;
-  if (!parseDocument(json, root, error)) return jsonError(operation, error);
-  std::string_view text;
-  if (root.get(text) != simdjson::SUCCESS) {
-    return jsonError(operation, {CodecError::Kind::typeMismatch, "", "expected a string"});
-  }
-  target(std::string(text));
-  return ZELVANOR_OK;
-}
-
+// Decodes the whole text first and only then hands the block on, so a bad text changes nothing.
 template <class Target>
 zelvanor_status setNamedBlock(std::string_view function, std::string_view name,
                               std::string_view json, const Target& target) {
   const std::string operation = std::string(function) + "(" + std::string(name) + ")";
-  if (name == "common" || name == "agent" || name == "id") {
-    if constexpr (Target::takesContext) {
-      if (name == "common") {
-        return decodeThen<ZCommon>(
-            operation, json, [&](ZCommon block) { target(completeCommon(std::move(block))); });
-      }
-      if (name == "agent") return setBlock<ZAgent>(operation, json, target);
-      return setBlock<ZId>(operation, json, target);
-    } else {
+  const detail::BlockEntry* entry = detail::findBlock(name);
+  if (!entry) return fail(ZELVANOR_ERROR_INVALID_ARGUMENT, operation + ": unknown block name");
+  switch (entry->scope) {
+    case detail::BlockScope::sdkOnly:
       return fail(ZELVANOR_ERROR_REJECTED,
-                  operation + ": shared by every event; set it with zelvanor_set");
-    }
+                  operation + ": cannot be set: " + std::string(detail::kSdkOnlyReason));
+    case detail::BlockScope::context:
+      if (!Target::takesContext) {
+        return fail(ZELVANOR_ERROR_REJECTED,
+                    operation + ": shared by every event; set it with zelvanor_set");
+      }
+      break;
+    case detail::BlockScope::event:
+      break;
   }
-  if (name == "agreement") return setBlock<ZAgreement>(operation, json, target);
-  if (name == "click") return setBlock<ZClick>(operation, json, target);
-  if (name == "location") return setBlock<ZLocation>(operation, json, target);
-  if (name == "page") return setBlock<ZPage>(operation, json, target);
-  if (name == "promotion") return setBlock<ZPromotion>(operation, json, target);
-  if (name == "status") return setBlock<ZStatus>(operation, json, target);
-  if (name == "usage") return setBlock<ZUsage>(operation, json, target);
-  if (name == "action") return setBlock<ZAction>(operation, json, target);
-  if (name == "domain") return setBlock<ZDomain>(operation, json, target);
-  if (name == "utm") return setBlock<ZUtm>(operation, json, target);
-  if (name == "bucket") return setBlock<ZBucket>(operation, json, target);
-  if (name == "buckets") return appendList<ZBucket>(operation, json, target);
-  if (name == "viewImpressionContent") {
-    return setBlock<ZViewImpressionContent>(operation, json, target);
-  }
-  if (name == "viewImpressionContents") {
-    return appendList<ZViewImpressionContent>(operation, json, target);
-  }
-  if (name == "free") return setFreeText(operation, json, target);
-  if (name == "app") {
-    return fail(ZELVANOR_ERROR_REJECTED,
-                operation + ": the app block is filled by the SDK itself and cannot be set");
-  }
-  return fail(ZELVANOR_ERROR_INVALID_ARGUMENT, operation + ": unknown block name");
+  auto decoded = detail::decodeBlock(*entry, json);
+  if (!decoded) return jsonError(operation, decoded.error());
+  target(std::move(decoded).value());
+  return ZELVANOR_OK;
 }
 
 std::optional<std::string> optionalText(const char* text) {

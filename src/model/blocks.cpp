@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "model/host_common.hpp"
 #include "platform/platform.hpp"
 #include "zelvanor/blocks.hpp"
 #include "zelvanor/configuration.hpp"
@@ -103,3 +104,34 @@ ZCommon::ZCommon(Fields f)
       tMsgId(std::move(f.tMsgId)) {}
 
 }  // namespace zelvanor
+
+namespace zelvanor::detail {
+
+ZCommon commonFromHost(ZCommon decoded) {
+  return ZCommon(ZCommon::Fields{
+      .serviceName = std::move(decoded.serviceName),
+      .deployment = std::move(decoded.deployment),
+      .svcDomain = std::move(decoded.svcDomain),
+      .serviceId = std::move(decoded.serviceId),
+      .accessTimeStamp = decoded.accessTimeStamp,
+      .serviceType = std::move(decoded.serviceType),
+      .serviceCode = std::move(decoded.serviceCode),
+      .serviceCodeId = std::move(decoded.serviceCodeId),
+      .serviceCodeGroup = std::move(decoded.serviceCodeGroup),
+      .serviceCodeGroupId = std::move(decoded.serviceCodeGroupId),
+      .serviceOrganizationCode = std::move(decoded.serviceOrganizationCode),
+      .serviceOrganizationCodeId = std::move(decoded.serviceOrganizationCodeId),
+      .displayName = std::move(decoded.displayName),
+      .quindoAppKey = std::move(decoded.quindoAppKey),
+      .url = std::move(decoded.url),
+      .referrer = std::move(decoded.referrer),
+      .clogSeq = std::move(decoded.clogSeq),
+      .tChannel = std::move(decoded.tChannel),
+      .tSrc = std::move(decoded.tSrc),
+      .tCh = std::move(decoded.tCh),
+      .tObj = std::move(decoded.tObj),
+      .tMsgId = std::move(decoded.tMsgId),
+  });
+}
+
+}  // namespace zelvanor::detail
