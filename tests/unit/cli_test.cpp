@@ -8,11 +8,15 @@
 #include <fstream>
 #include <sstream>
 
+#include "api/shared_instance.hpp"
 #include "cli.hpp"
 #include "pending.hpp"
 #include "queue/pending_store.hpp"
 #include "script.hpp"
+#include "support/fake_sources.hpp"
 #include "support/temp_dir.hpp"
+#include "zelvanor/json.hpp"
+#include "zelvanor/zelvanor.h"
 
 namespace zelvanor::cli {
 namespace {
@@ -155,13 +159,103 @@ TEST(CliScript, TheShippedExampleIsValid) {
   EXPECT_EQ(script.steps.size(), 15u);
 }
 
-TEST(CliScript, ACommonBlockKeepsAnAccessTimeItIsGiven) {
-  const Script script = parseScript(
-      R"({"op":"set","block":"common","value":{"service_name":"s","deployment":"d","svcdomain":"example.org","access_timestamp":1,"access_time":"given"}})");
-  ASSERT_TRUE(script.ok());
-  const ZCommon& common = block<ZCommon>(script.steps[0]);
-  EXPECT_EQ(common.accessTime, "given");
-  EXPECT_EQ(common.svcDomain, "example.org");
+// A common block from a script is built as a C++ host builds one, and as the C API builds one
+// from the same text: through the common block's constructor, which derives access_time from
+// access_timestamp in the device's zone and falls back to the bundle identifier for svcdomain. A
+// given access_time or request_timestamp is not the host's to give and does not survive.
+class CliAgreesWithTheCApi : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    detail::shutdownShared();
+    setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.agree",
+                                    .appVersion = "1.0",
+                                    .dataDirectory = dir.path().string()});
+    fakes.settings = std::make_shared<platform::SettingsStore>(dir.path() / "settings.json");
+    fakes.settings->setString("latestAppVersion", "1.0");
+    detail::setSourcesFactory([this] { return fakes.sources(); });
+    ZelvanorTracker::setDevelopment();  // starts the shared instance
+    fakes.identity->deliver(ZXid{"c", "d", "s"});
+    detail::sharedIfRunning()->waitForIdentityWork();
+    ZelvanorTracker::set(ZId{.appUserId = "u"});  // getData gives a record once ids are known
+  }
+  void TearDown() override {
+    detail::shutdownShared();
+    detail::setSourcesFactory({});
+    setPlatformFacts({});
+  }
+
+  // The common block of the next record, read back from getData's text.
+  static ZCommon commonOf(const std::string& data) {
+    auto record = decodeJson<ZLogRecord>(data);
+    if (!record) throw std::runtime_error("getData gave no record: " + data);
+    if (!record->common) throw std::runtime_error("no common block in: " + data);
+    ZCommon common = *record->common;
+    common.requestTimeStamp.reset();  // the manager's own stamp, taken at getData
+    return common;
+  }
+
+  static ZCommon throughTheCApi(const std::string& json) {
+    if (zelvanor_set("common", json.c_str()) != ZELVANOR_OK) {
+      throw std::runtime_error(std::string("zelvanor_set: ") + zelvanor_last_error());
+    }
+    if (zelvanor_set("action", R"({"type":"event","name":"n","kind":"k"})") != ZELVANOR_OK) {
+      throw std::runtime_error(std::string("zelvanor_set: ") + zelvanor_last_error());
+    }
+    char* text = nullptr;
+    if (zelvanor_get_data(&text) != ZELVANOR_OK) throw std::runtime_error("zelvanor_get_data");
+    const std::string data(text);
+    zelvanor_string_free(text);
+    return commonOf(data);
+  }
+
+  static ZCommon throughTheScript(const std::string& json) {
+    const Script script = parseScript(R"({"op":"set","block":"common","value":)" + json + "}\n" +
+                                      R"({"op":"set","block":"action","value":)"
+                                      R"({"type":"event","name":"n","kind":"k"}})"
+                                      "\n"
+                                      R"({"op":"getData"})");
+    for (const auto& e : script.errors) ADD_FAILURE() << describe(e);
+    std::ostringstream out;
+    RunCounts counts;
+    for (const auto& step : script.steps) runStep(step, out, counts);
+    return commonOf(out.str());
+  }
+
+  testing::TempDir dir;
+  testing::FakeSources fakes;
+};
+
+TEST_F(CliAgreesWithTheCApi, OnTheCommonBlocksDerivedMembers) {
+  const auto derived = [](std::optional<std::int64_t> stamp) {
+    return ZCommon(ZCommon::Fields{.accessTimeStamp = stamp}).accessTime;
+  };
+  struct Case {
+    std::string json;
+    std::optional<std::string> svcDomain;
+    std::optional<std::string> accessTime;
+  };
+  const std::vector<Case> cases = {
+      {R"({"service_name":"s","deployment":"d","access_timestamp":1700000000})",
+       "com.example.agree", derived(1700000000)},
+      {R"({"service_name":"s","deployment":"d","svcdomain":"example.org","access_timestamp":0,)"
+       R"("access_time":"given","request_timestamp":5})",
+       "example.org", derived(0)},
+      {R"({"service_name":"s","deployment":"d","access_time":"given"})", "com.example.agree",
+       std::nullopt},
+      {R"({"service_name":"s","deployment":"d","svcdomain":null,"url":"https://example.org/a"})",
+       "com.example.agree", std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.json);
+    const ZCommon fromC = throughTheCApi(c.json);
+    const ZCommon fromScript = throughTheScript(c.json);
+    EXPECT_EQ(fromC, fromScript);
+    EXPECT_EQ(fromScript.svcDomain, c.svcDomain);
+    EXPECT_EQ(fromScript.accessTime, c.accessTime);
+    EXPECT_EQ(fromScript.serviceName, "s");
+  }
+  // The last case's other members come through as given.
+  EXPECT_EQ(throughTheScript(cases.back().json).url, "https://example.org/a");
 }
 
 TEST(CliScript, EveryKindOfFaultIsReportedWithItsLineAndNothingElseIsLost) {

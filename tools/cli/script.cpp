@@ -12,6 +12,9 @@
 #include <thread>
 #include <utility>
 
+#include "api/block_registry.hpp"
+#include "model/codec.hpp"
+#include "model/field_tables.hpp"
 #include "zelvanor/json.hpp"
 
 namespace zelvanor::cli {
@@ -51,7 +54,29 @@ std::string typeName(element_type type) {
 // The fields of one op object, checked against what that op takes.
 class Fields {
  public:
-  Fields(object fields, std::string op) : fields_(fields), op_(std::move(op)) {}
+  Fields(element document, std::string op)
+      : document_(document), fields_(document.get_object().value_unsafe()), op_(std::move(op)) {}
+
+  // The op's own fields read as one T with the SDK's codec ("op" is a key T does not know, so it
+  // is ignored), its errors worded as the other fields' are.
+  template <class T>
+  T decoded() const {
+    T value{};
+    CodecError error;
+    if (detail::decodeValue(document_, value, error)) return value;
+    const std::string& name = error.path;
+    const std::string expected(detail::expectedJsonAt<T>(name));
+    element given;
+    const bool present = fields_.at_key(name).get(given) == simdjson::SUCCESS;
+    if (error.kind == CodecError::Kind::keyNotFound) {
+      throw LineFault{"op \"" + op_ + "\" needs field \"" + name + "\" (" + expected + ")"};
+    }
+    if (present && (error.kind == CodecError::Kind::typeMismatch ||
+                    error.kind == CodecError::Kind::valueNotFound)) {
+      wrongType(name, expected, given);
+    }
+    throw LineFault{"field \"" + name + "\" of op \"" + op_ + "\": " + error.detail};
+  }
 
   // Rejects keys the op does not take: a misspelt "timout" must not silently mean the default.
   void allowOnly(std::initializer_list<std::string_view> names) const {
@@ -114,138 +139,46 @@ class Fields {
   }
 
  private:
+  element document_;
   object fields_;
   std::string op_;
 };
 
-// Decodes one block with the SDK's own decoder, so the script accepts exactly what a record
-// would carry. `where` prefixes the decoder's key path ("value", "value[2]").
-template <class T>
-T decodeBlock(std::string_view block, element value, const std::string& where) {
-  const std::string json = simdjson::minify(value);
-  auto decoded = decodeJson<T>(json);
-  if (!decoded) {
-    const CodecError& error = decoded.error();
-    std::string path = where;
-    if (!error.path.empty()) path += (error.path.front() == '[' ? "" : ".") + error.path;
-    std::string message = "block \"" + std::string(block) +
-                          "\" does not decode: " + toString(error.kind) + " at " + path;
-    if (!error.detail.empty()) message += ": " + error.detail;
-    throw LineFault{std::move(message)};
+// A block that does not decode, worded for the script: the key path starts at the op's "value".
+std::string blockFault(const detail::BlockEntry& entry, element value, const CodecError& error) {
+  const std::string block(entry.name);
+  if (entry.shape != detail::BlockShape::object && error.path.empty() &&
+      error.kind == CodecError::Kind::typeMismatch) {
+    return "block \"" + block + "\" takes " +
+           (entry.shape == detail::BlockShape::list ? "an array" : "a string") + ", not " +
+           typeName(value.type());
   }
-  return std::move(decoded).value();
+  std::string path = "value";
+  if (!error.path.empty()) path += (error.path.front() == '[' ? "" : ".") + error.path;
+  std::string message =
+      "block \"" + block + "\" does not decode: " + toString(error.kind) + " at " + path;
+  if (!error.detail.empty()) message += ": " + error.detail;
+  return message;
 }
 
-template <class T>
-std::vector<T> decodeList(std::string_view block, element value) {
-  if (!value.is_array()) {
-    throw LineFault{"block \"" + std::string(block) + "\" takes an array, not " +
-                    typeName(value.type())};
+// The block is decoded from the line's own parsed value, with the SDK's decoder, so the script
+// accepts exactly what the C API and a record would.
+op::Set setOp(const Fields& f) {
+  f.allowOnly({"block", "value"});
+  const std::string_view name = f.text("block");
+  const detail::BlockEntry* entry = detail::findBlock(name);
+  if (!entry) {
+    throw LineFault{"unknown block \"" + std::string(name) + "\" (known: " + detail::blockNames() +
+                    ")"};
   }
-  std::vector<T> items;
-  std::size_t index = 0;
-  // A named array: iterating the temporary result directly would leave the loop on a dangling one.
-  const simdjson::dom::array array = value.get_array().value_unsafe();
-  for (element item : array) {
-    items.push_back(decodeBlock<T>(block, item, "value[" + std::to_string(index++) + "]"));
+  if (entry->scope == detail::BlockScope::sdkOnly) {
+    throw LineFault{"block \"" + std::string(name) +
+                    "\" cannot be set: " + std::string(detail::kSdkOnlyReason)};
   }
-  return items;
-}
-
-// A common block from a script is what a host would build from ZCommon::Fields: the SDK fills in
-// svcDomain and accessTime when they are not given, and stamps requestTimeStamp itself.
-ZCommon commonFromDecoded(const ZCommon& decoded) {
-  ZCommon common(ZCommon::Fields{
-      .serviceName = decoded.serviceName,
-      .deployment = decoded.deployment,
-      .svcDomain = decoded.svcDomain,
-      .serviceId = decoded.serviceId,
-      .accessTimeStamp = decoded.accessTimeStamp,
-      .serviceType = decoded.serviceType,
-      .serviceCode = decoded.serviceCode,
-      .serviceCodeId = decoded.serviceCodeId,
-      .serviceCodeGroup = decoded.serviceCodeGroup,
-      .serviceCodeGroupId = decoded.serviceCodeGroupId,
-      .serviceOrganizationCode = decoded.serviceOrganizationCode,
-      .serviceOrganizationCodeId = decoded.serviceOrganizationCodeId,
-      .displayName = decoded.displayName,
-      .quindoAppKey = decoded.quindoAppKey,
-      .url = decoded.url,
-      .referrer = decoded.referrer,
-      .clogSeq = decoded.clogSeq,
-      .tChannel = decoded.tChannel,
-      .tSrc = decoded.tSrc,
-      .tCh = decoded.tCh,
-      .tObj = decoded.tObj,
-      .tMsgId = decoded.tMsgId,
-  });
-  if (decoded.accessTime) common.accessTime = decoded.accessTime;
-  return common;
-}
-
-using BlockDecoder = std::function<BlockValue(std::string_view, element)>;
-
-template <class T>
-BlockDecoder single() {
-  return [](std::string_view block, element value) -> BlockValue {
-    return decodeBlock<T>(block, value, "value");
-  };
-}
-
-template <class T>
-BlockDecoder list() {
-  return [](std::string_view block, element value) -> BlockValue {
-    return decodeList<T>(block, value);
-  };
-}
-
-// Block names as the facade's set overloads name their blocks.
-const std::map<std::string, BlockDecoder, std::less<>>& blockDecoders() {
-  static const std::map<std::string, BlockDecoder, std::less<>> decoders = {
-      {"common",
-       [](std::string_view block, element value) -> BlockValue {
-         return commonFromDecoded(decodeBlock<ZCommon>(block, value, "value"));
-       }},
-      {"agent", single<ZAgent>()},
-      {"id", single<ZId>()},
-      {"agreement", single<ZAgreement>()},
-      {"app",
-       [](std::string_view, element) -> BlockValue {
-         throw LineFault{
-             "block \"app\" cannot be set: the SDK fills the app block itself (install, update, "
-             "launch, background) and the tracker takes none from the host"};
-       }},
-      {"click", single<ZClick>()},
-      {"location", single<ZLocation>()},
-      {"page", single<ZPage>()},
-      {"promotion", single<ZPromotion>()},
-      {"status", single<ZStatus>()},
-      {"usage", single<ZUsage>()},
-      {"action", single<ZAction>()},
-      {"domain", single<ZDomain>()},
-      {"utm", single<ZUtm>()},
-      {"bucket", single<ZBucket>()},
-      {"buckets", list<ZBucket>()},
-      {"viewImpressionContent", single<ZViewImpressionContent>()},
-      {"viewImpressionContents", list<ZViewImpressionContent>()},
-      {"free",
-       [](std::string_view, element value) -> BlockValue {
-         if (!value.is_string()) {
-           throw LineFault{"block \"free\" takes a string, not " + typeName(value.type())};
-         }
-         return std::string(value.get_string().value_unsafe());
-       }},
-  };
-  return decoders;
-}
-
-std::string knownBlocks() {
-  std::string names;
-  for (const auto& [name, decoder] : blockDecoders()) {
-    (void)decoder;
-    names += (names.empty() ? "" : ", ") + name;
-  }
-  return names;
+  const element value = f.required("value", "a block");
+  auto decoded = detail::decodeBlock(*entry, value);
+  if (!decoded) throw LineFault{blockFault(*entry, value, decoded.error())};
+  return op::Set{std::string(name), std::move(decoded).value()};
 }
 
 using OpParser = std::function<Operation(const Fields&)>;
@@ -263,20 +196,9 @@ const std::map<std::string, OpParser, std::less<>>& opParsers() {
       {"setRequired",
        [](const Fields& f) -> Operation {
          f.allowOnly({"timeout", "batchSize", "usingSandboxEnvironment"});
-         return op::SetRequired{ZConfiguration{f.number("timeout"), f.count("batchSize"),
-                                               f.boolean("usingSandboxEnvironment")}};
+         return op::SetRequired{f.decoded<ZConfiguration>()};
        }},
-      {"set",
-       [](const Fields& f) -> Operation {
-         f.allowOnly({"block", "value"});
-         const std::string_view block = f.text("block");
-         const auto decoder = blockDecoders().find(block);
-         if (decoder == blockDecoders().end()) {
-           throw LineFault{"unknown block \"" + std::string(block) + "\" (known: " + knownBlocks() +
-                           ")"};
-         }
-         return op::Set{std::string(block), decoder->second(block, f.required("value", "a block"))};
-       }},
+      {"set", [](const Fields& f) -> Operation { return setOp(f); }},
       {"track",
        [](const Fields& f) -> Operation {
          f.allowOnly({"verbose", "disabled"});
@@ -343,9 +265,8 @@ bool parseLine(std::string_view line, ScriptStep& step, std::string& error) {
     error = "expected a JSON object, not " + typeName(document.type());
     return false;
   }
-  const object fields = document.get_object().value_unsafe();
   element name;
-  if (fields.at_key("op").get(name) != simdjson::SUCCESS) {
+  if (document.get_object().value_unsafe().at_key("op").get(name) != simdjson::SUCCESS) {
     error = "missing field \"op\"";
     return false;
   }
@@ -361,7 +282,7 @@ bool parseLine(std::string_view line, ScriptStep& step, std::string& error) {
   }
   try {
     step.name = std::string(opName);
-    step.operation = parser_for->second(Fields(fields, step.name));
+    step.operation = parser_for->second(Fields(document, step.name));
     return true;
   } catch (const LineFault& fault) {
     error = fault.message;
@@ -404,7 +325,7 @@ struct StepRunner {
   void operator()(const op::SetRequired& o) const { ZelvanorTracker::setRequired(o.configuration); }
   void operator()(const op::Set& o) const {
     ++counts.blocks;
-    std::visit([](const auto& block) { ZelvanorTracker::set(block); }, o.value);
+    detail::setOnTracker(o.value);
   }
   void operator()(const op::Track& o) const {
     ++counts.tracks;

@@ -9,6 +9,7 @@
 #include <variant>
 #include <vector>
 
+#include "api/block_registry.hpp"
 #include "zelvanor/blocks.hpp"
 #include "zelvanor/configuration.hpp"
 #include "zelvanor/record.hpp"
@@ -17,10 +18,7 @@
 namespace zelvanor::cli {
 
 /// Every block the facade's set overloads take, plus the free text it accepts and drops.
-using BlockValue =
-    std::variant<ZCommon, ZAgent, ZId, ZAgreement, ZClick, ZLocation, ZPage, ZPromotion, ZStatus,
-                 ZUsage, ZAction, ZDomain, ZUtm, ZBucket, std::vector<ZBucket>,
-                 ZViewImpressionContent, std::vector<ZViewImpressionContent>, std::string>;
+using BlockValue = detail::BlockValue;
 
 namespace op {
 struct SetRequired {
