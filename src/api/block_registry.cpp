@@ -109,7 +109,8 @@ Result<BlockValue> decodeBlock(const BlockEntry& entry, std::string_view json) {
 }
 
 void setOnTracker(BlockValue block) {
-  std::visit([](auto&& value) { ZelvanorTracker::set(std::move(value)); }, std::move(block));
+  std::visit([](auto&& value) { ZelvanorTracker::set(std::forward<decltype(value)>(value)); },
+             std::move(block));
 }
 
 bool setOnEvent(ZEvent& event, BlockValue block) {
@@ -117,7 +118,7 @@ bool setOnEvent(ZEvent& event, BlockValue block) {
       [&event](auto&& value) {
         using T = std::remove_cvref_t<decltype(value)>;
         if constexpr (kEventTakes<T>) {
-          event.set(std::move(value));
+          event.set(std::forward<decltype(value)>(value));
           return true;
         } else {
           return false;
