@@ -49,7 +49,9 @@ send
   status, usage, action, domain, utm, bucket, buckets (array), viewImpressionContent,
   viewImpressionContents (array), free (a string; accepted and dropped, as the SDK does).
   "app" is refused: the SDK fills the app block itself and takes none from the host.
-  Values use the record's JSON keys and are decoded by the SDK itself.
+  Values use the record's JSON keys and are decoded by the SDK itself, as the C API decodes them.
+  "common" is completed as in C++: svcdomain falls back to --bundle-id, access_time is derived
+  from access_timestamp (a given one is not kept), request_timestamp is stamped by track.
   The whole script is checked before anything runs; every faulty line is reported with its
   number, and then nothing is sent. getData prints its text on stdout. At the end the SDK is
   shut down, so records not yet delivered wait in the pending file for the next start.
