@@ -32,18 +32,14 @@ ZELVANOR_API Result<T> decodeJson(std::string_view json);
 
 // The types these two serve. Blocks and records use the collector's keys; ZConfiguration uses its
 // member names ("timeout", "batchSize", "usingSandboxEnvironment"), all three required.
-#define ZELVANOR_CODABLE_TYPES(X)                                                                \
-  X(ZConfiguration)                                                                              \
-  X(ZSDK)                                                                                        \
-  X(ZCommon)                                                                                     \
-  X(ZAgent)                                                                                      \
-  X(ZId)                                                                                         \
-  X(ZAgreement)                                                                                  \
-  X(ZApp)                                                                                        \
-  X(ZUtm)                                                                                        \
-  X(ZBucket) X(ZPage) X(ZClick) X(ZUsage) X(ZLocation) X(ZPromotion) X(ZViewImpressionContent)   \
-      X(ZStatus) X(ZSearch) X(ZPurchase) X(ZChat) X(ZVideoMeeting) X(ZDomain) X(ZAction) X(ZXid) \
-          X(ZUcid) X(ZLogRecord) X(ZLogTemplate)
+// Laid out by hand: clang-format gives this list a new layout on every run.
+// clang-format off
+#define ZELVANOR_CODABLE_TYPES(X)                                                           \
+  X(ZConfiguration) X(ZSDK) X(ZCommon) X(ZAgent) X(ZId) X(ZAgreement) X(ZApp) X(ZUtm)       \
+  X(ZBucket) X(ZPage) X(ZClick) X(ZUsage) X(ZLocation) X(ZPromotion)                        \
+  X(ZViewImpressionContent) X(ZStatus) X(ZSearch) X(ZPurchase) X(ZChat) X(ZVideoMeeting)    \
+  X(ZDomain) X(ZAction) X(ZXid) X(ZUcid) X(ZLogRecord) X(ZLogTemplate)
+// clang-format on
 #define ZELVANOR_ENCODE_ONLY_TYPES(X)
 #define ZELVANOR_DECODE_ONLY_TYPES(X) \
   X(ZHTTPResponseStatus)              \
