@@ -113,14 +113,14 @@ ZXid tripleInJar(const std::filesystem::path& jar) {
 
 TEST_F(CollectorDeliveryTest, AFreshInstallDeliversWithTheIssuedTripleAndTheNextStartReusesIt) {
   startSdk();
-  // Each of the two configuration passes subscribes once more: two launch events, and two sync
-  // requests whose triples both arrive.
+  // Each of the two configuration passes subscribes once more: two launch events, and a sync
+  // request each, unless the first one's cookies were already in the jar when the second pass
+  // looked.
   const auto first = waitForEvents(3);
   ASSERT_EQ(sorted(names(first)), sorted({"앱설치", "앱실행", "앱실행"}));
-  for (int i = 0; i < 250 && collector_->counters().syncRequests < 2; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  EXPECT_EQ(collector_->counters().syncRequests, 2u);
+  const auto syncsAtFirstStart = collector_->counters().syncRequests;
+  EXPECT_GE(syncsAtFirstStart, 1u);
+  EXPECT_LE(syncsAtFirstStart, 2u);
   const auto issued = collector_->issuedTriples();
   auto wasIssued = [&](const ZXid& xid) {
     return std::find(issued.begin(), issued.end(), xid) != issued.end();
@@ -145,7 +145,7 @@ TEST_F(CollectorDeliveryTest, AFreshInstallDeliversWithTheIssuedTripleAndTheNext
   ASSERT_EQ(sorted(names(second)),
             sorted({"앱설치", "앱실행", "앱실행", "앱실행", "앱실행", "second-start"}));
   for (std::size_t i = first.size(); i < second.size(); ++i) EXPECT_EQ(second[i].xid, kept);
-  EXPECT_EQ(collector_->counters().syncRequests, 2u);
+  EXPECT_EQ(collector_->counters().syncRequests, syncsAtFirstStart);
 }
 
 TEST_F(CollectorDeliveryTest, RecordsThatFindTheCollectorDownArriveAtTheNextStart) {
