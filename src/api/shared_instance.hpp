@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 
+#include "manager/default_sources.hpp"
 #include "manager/internal_log_manager.hpp"
 
 namespace zelvanor::detail {
@@ -25,14 +26,5 @@ void shutdownShared();
 
 /// The running instance's network monitor, or null.
 std::shared_ptr<NetworkMonitor> runningNetworkMonitor();
-
-/// Bounds for the stores of instances started from now on.
-void setStoreLimits(const ZStoreLimits& limits);
-ZStoreLimits storeLimits();
-/// How long the instances started from now on wait before trying again (tests shorten it).
-void setRetryTimings(const support::RetryTimings& timings);
-
-/// The real sources: HTTPS delivery, the pending-record file, identity sync and reachability.
-ManagerSources makeDefaultSources();
 
 }  // namespace zelvanor::detail

@@ -17,8 +17,9 @@
 #include <string>
 
 #include "builder/log_record_builder.hpp"
-#include "manager/sources.hpp"
+#include "network/sources.hpp"
 #include "platform/settings_store.hpp"
+#include "platform/thread_priority.hpp"
 #include "queue/log_record_queue.hpp"
 #include "support/retry_schedule.hpp"
 #include "support/serial_queue.hpp"
@@ -141,7 +142,7 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   support::CurrentValueSubject<std::optional<ZCommon>> commonSubject_{std::nullopt};
   support::CurrentValueSubject<bool> readySubject_{false};
   support::CancellableSet cancellables_;
-  support::SerialQueue serial_{"com.zelvanor.sdk.identity"};
+  support::SerialQueue serial_{"com.zelvanor.sdk.identity", &platform::lowerCurrentThreadPriority};
   std::once_flag installFactsOnce_;
   support::RetrySchedule identityBackoff_;  ///< serial context only
   bool identityRetryScheduled_ = false;     ///< serial context only

@@ -17,7 +17,7 @@
 #include <utility>
 #include <vector>
 
-#include "model/json_writer.hpp"
+#include "support/json_writer.hpp"
 #include "zelvanor/configuration.hpp"
 #include "zelvanor/result.hpp"
 

@@ -17,6 +17,7 @@
 
 #include "network/http_api.hpp"
 #include "network/http_client.hpp"
+#include "platform/thread_priority.hpp"
 #include "queue/pending_store.hpp"
 #include "queue/record_transport.hpp"
 #include "support/retry_schedule.hpp"
@@ -109,7 +110,7 @@ class HttpsDelivery final : public RecordTransport,
 
   std::shared_ptr<network::HttpClient> http_;
   const ZStoreLimits limits_;
-  support::SerialQueue worker_{"com.zelvanor.sdk.logQueue"};
+  support::SerialQueue worker_{"com.zelvanor.sdk.logQueue", &platform::lowerCurrentThreadPriority};
   mutable std::mutex mutex_;
   std::condition_variable settled_;
   std::uint64_t unsettled_ = 0;  ///< guarded by mutex_

@@ -8,8 +8,8 @@
 #include <memory>
 #include <string_view>
 
-#include "manager/sources.hpp"
 #include "network/http_client.hpp"
+#include "network/sources.hpp"
 #include "support/subject.hpp"
 
 namespace zelvanor::detail {

@@ -7,8 +7,9 @@
 #include <memory>
 #include <mutex>
 
-#include "manager/sources.hpp"
+#include "network/sources.hpp"
 #include "platform/reachability_flags.hpp"
+#include "platform/thread_priority.hpp"
 #include "support/serial_queue.hpp"
 #include "support/subject.hpp"
 
@@ -49,7 +50,7 @@ class ZReachability final : public NetworkMonitor,
   bool reported_ = false;        // a first report was published (queue_)
   bool hostDriven_ = false;      // once the host reports flags, the platform's are ignored (queue_)
   support::CurrentValueSubject<NetworkState> states_{NetworkState::wifi};
-  support::SerialQueue queue_{"ZReachability.reachability"};
+  support::SerialQueue queue_{"ZReachability.reachability", &platform::lowerCurrentThreadPriority};
 };
 
 }  // namespace zelvanor::detail

@@ -2,8 +2,8 @@
 
 #include <simdjson.h>
 
-#include "model/json_writer.hpp"
 #include "platform/file_ops.hpp"
+#include "support/json_writer.hpp"
 
 namespace zelvanor::platform {
 

@@ -1,13 +1,11 @@
 #include "support/serial_queue.hpp"
 
-#include "platform/thread_priority.hpp"
-
 namespace zelvanor::support {
 
-SerialQueue::SerialQueue(std::string label) : label_(std::move(label)) {
+SerialQueue::SerialQueue(std::string label, ThreadStart onStart) : label_(std::move(label)) {
   std::lock_guard lock(state_->mutex);
-  worker_ = std::thread([state = state_] {
-    platform::lowerCurrentThreadPriority();
+  worker_ = std::thread([state = state_, onStart] {
+    if (onStart != nullptr) onStart();
     run(state);
   });
   state_->workerId = worker_.get_id();

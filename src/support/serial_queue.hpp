@@ -15,7 +15,12 @@ namespace zelvanor::support {
 
 class SerialQueue {
  public:
-  explicit SerialQueue(std::string label);
+  /// What the worker runs first, on its own thread. The SDK's queues pass the platform's
+  /// priority lowering; support/ sits below the platform code and cannot call it itself.
+  using ThreadStart = void (*)() noexcept;
+
+  /// `onStart` may be null.
+  SerialQueue(std::string label, ThreadStart onStart);
   ~SerialQueue();
   SerialQueue(const SerialQueue&) = delete;
   SerialQueue& operator=(const SerialQueue&) = delete;

@@ -13,8 +13,8 @@
 #include <string_view>
 #include <vector>
 
-#include "model/json_writer.hpp"
-#include "model/string_scan.hpp"
+#include "support/json_writer.hpp"
+#include "support/string_scan.hpp"
 
 namespace zelvanor::detail {
 namespace {

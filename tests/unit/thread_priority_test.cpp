@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "platform/thread_priority.hpp"
 #include "support/serial_queue.hpp"
 
 namespace zelvanor {
@@ -17,7 +18,7 @@ int currentThreadNice() {
 TEST(ThreadPriority, SdkQueuesRunBelowTheHostThread) {
   const int host = currentThreadNice();
   int worker = host;
-  support::SerialQueue queue("com.zelvanor.test");
+  support::SerialQueue queue("com.zelvanor.test", &platform::lowerCurrentThreadPriority);
   queue.sync([&] { worker = currentThreadNice(); });
   if (host >= 19) GTEST_SKIP() << "the host already runs at the lowest priority";
   EXPECT_GT(worker, host);

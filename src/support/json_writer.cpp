@@ -1,4 +1,4 @@
-#include "model/json_writer.hpp"
+#include "support/json_writer.hpp"
 
 #include <simdjson.h>
 

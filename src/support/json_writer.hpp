@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "model/string_scan.hpp"
+#include "support/string_scan.hpp"
 
 namespace zelvanor::detail {
 

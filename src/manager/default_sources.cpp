@@ -1,9 +1,10 @@
 // The real sources of a started SDK: one HTTPS client (one cookie store) shared by delivery and
 // identity sync, the pending-record file and the settings file in the app's data directory, and
 // the platform's route watch.
+#include "manager/default_sources.hpp"
+
 #include <mutex>
 
-#include "api/shared_instance.hpp"
 #include "network/endpoints.hpp"
 #include "network/https_delivery.hpp"
 #include "network/identity_sync.hpp"

@@ -1,5 +1,6 @@
 // The manager's two outside sources, behind narrow interfaces so tests can deliver an identity
-// triple or a network state whenever they choose.
+// triple or a network state whenever they choose. They live with the network code that
+// implements them, so the network never reaches up into the manager's folder.
 #pragma once
 
 #include <cstdint>
