@@ -9,17 +9,31 @@ namespace zelvanor::detail {
 
 namespace {
 
+constexpr std::string_view kTrackPath = "/sdk/track";
+constexpr std::string_view kSyncPath = "/sync?v=1";
+
+std::optional<RequestUrls> joinRequestUrls(const ZEndpoints& endpoints);
+
+struct InForce {
+  ZEndpoints endpoints;
+  std::shared_ptr<const RequestUrls> urls;
+};
+
 std::mutex endpointsMutex;
 
-ZEndpoints& endpointsLocked() {
-  // The SDK's own collection and identity sync servers.
-  static ZEndpoints endpoints{
-      .production = "https://collect.zelvanor.io",
-      .sandbox = "https://sandbox-collect.zelvanor.io",
-      .identitySync = "https://sync.zelvanor.io",
-      .caBundleFile = std::nullopt,
-  };
-  return endpoints;
+InForce& inForceLocked() {
+  static InForce inForce = [] {
+    // The SDK's own collection and identity sync servers.
+    ZEndpoints endpoints{
+        .production = "https://collect.zelvanor.io",
+        .sandbox = "https://sandbox-collect.zelvanor.io",
+        .identitySync = "https://sync.zelvanor.io",
+        .caBundleFile = std::nullopt,
+    };
+    auto urls = std::make_shared<const RequestUrls>(joinRequestUrls(endpoints).value());
+    return InForce{std::move(endpoints), std::move(urls)};
+  }();
+  return inForce;
 }
 
 bool isHttpsUrl(const std::string& url) {
@@ -38,22 +52,43 @@ bool isHttpsUrl(const std::string& url) {
   return https && hasHost;
 }
 
+std::optional<RequestUrls> joinRequestUrls(const ZEndpoints& endpoints) {
+  struct Join {
+    const std::string& base;
+    std::string_view path;
+    std::string& url;
+  };
+  RequestUrls urls;
+  for (const Join& join : {Join{endpoints.production, kTrackPath, urls.track},
+                           Join{endpoints.sandbox, kTrackPath, urls.sandboxTrack},
+                           Join{endpoints.identitySync, kSyncPath, urls.identitySync}}) {
+    // Paths are appended to a base; behind a query or a fragment they would not be paths.
+    if (join.base.find_first_of("?#") != std::string::npos) return std::nullopt;
+    auto joined = joinHttpsUrl(join.base, join.path);
+    if (!joined) return std::nullopt;
+    join.url = std::move(*joined);
+  }
+  return urls;
+}
+
 }  // namespace
 
 ZEndpoints currentEndpoints() {
   std::lock_guard lock(endpointsMutex);
-  return endpointsLocked();
+  return inForceLocked().endpoints;
+}
+
+std::shared_ptr<const RequestUrls> currentRequestUrls() {
+  std::lock_guard lock(endpointsMutex);
+  return inForceLocked().urls;
 }
 
 bool replaceEndpoints(const ZEndpoints& endpoints) {
-  for (const std::string* base :
-       {&endpoints.production, &endpoints.sandbox, &endpoints.identitySync}) {
-    // Paths are appended to a base; behind a query or a fragment they would not be paths.
-    if (base->find_first_of("?#") != std::string::npos) return false;
-    if (!joinHttpsUrl(*base, "/")) return false;
-  }
+  auto urls = joinRequestUrls(endpoints);
+  if (!urls) return false;
+  auto shared = std::make_shared<const RequestUrls>(std::move(*urls));
   std::lock_guard lock(endpointsMutex);
-  endpointsLocked() = endpoints;
+  inForceLocked() = InForce{endpoints, std::move(shared)};
   return true;
 }
 

@@ -1,6 +1,8 @@
-// The servers in force, process-wide; read whenever a request is built.
+// The servers in force, process-wide. The request URLs are joined and checked once, when the
+// servers are set, so building a request copies a string instead of parsing a URL.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -9,8 +11,17 @@
 
 namespace zelvanor::detail {
 
+/// The full URLs requests go to, joined from the servers in force.
+struct RequestUrls {
+  std::string track;         ///< the production collector's "/sdk/track"
+  std::string sandboxTrack;  ///< the sandbox collector's "/sdk/track"
+  std::string identitySync;  ///< the sync server's "/sync?v=1"
+};
+
 ZEndpoints currentEndpoints();
-/// False (nothing changed) unless every URL parses as an absolute https URL.
+/// The URLs joined from the servers in force; a later replaceEndpoints leaves this one as it is.
+std::shared_ptr<const RequestUrls> currentRequestUrls();
+/// False (nothing changed) unless every URL joined from them parses as an absolute https URL.
 bool replaceEndpoints(const ZEndpoints& endpoints);
 /// The URL for `path` on `base` ("https://h:1" + "/sdk/track"), or absent if it does not parse
 /// as an https URL.

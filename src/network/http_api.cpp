@@ -11,19 +11,17 @@ RequestSettings RequestSettings::current() noexcept {
   return RequestSettings{settings().usingSandbox.load(), settings().requestTimeout.load()};
 }
 
-std::optional<std::string> ZHttpApi::endpoint(const RequestSettings& taken) const {
-  const ZEndpoints endpoints = currentEndpoints();
+std::string ZHttpApi::endpoint(const RequestSettings& taken) const {
+  const auto urls = currentRequestUrls();
   if (!std::holds_alternative<std::monostate>(intent_)) {
-    return joinHttpsUrl(taken.sandbox ? endpoints.sandbox : endpoints.production, "/sdk/track");
+    return taken.sandbox ? urls->sandboxTrack : urls->track;
   }
-  return joinHttpsUrl(endpoints.identitySync, "/sync?v=1");
+  return urls->identitySync;
 }
 
-std::optional<network::HttpRequest> ZHttpApi::urlRequest(const RequestSettings& taken) const {
-  auto url = endpoint(taken);
-  if (!url) return std::nullopt;
+network::HttpRequest ZHttpApi::urlRequest(const RequestSettings& taken) const {
   network::HttpRequest request;
-  request.url = std::move(*url);
+  request.url = endpoint(taken);
   request.timeoutSeconds = taken.timeoutSeconds;
   if (const auto* log = std::get_if<RecordPtr>(&intent_)) {
     request.method = "POST";

@@ -37,18 +37,17 @@ class ZHttpApi {
   /// GET "/sync?v=1" on the identity sync server: no body, no extra header.
   static ZHttpApi idSync() { return ZHttpApi(std::monostate{}); }
 
-  /// The URL text; reads the sandbox switch now. Absent when it does not parse.
-  std::optional<std::string> endpoint() const { return endpoint(RequestSettings::current()); }
-  std::optional<std::string> endpoint(const RequestSettings& settings) const;
-  /// The request with the configured timeout; absent only when the endpoint does not parse.
-  /// A record that cannot be encoded logs the console line and the request goes without a body.
-  std::optional<network::HttpRequest> urlRequest() const {
-    return urlRequest(RequestSettings::current());
-  }
+  /// The URL text; reads the sandbox switch now. Always usable: the endpoints in force were
+  /// joined and checked when they were set.
+  std::string endpoint() const { return endpoint(RequestSettings::current()); }
+  std::string endpoint(const RequestSettings& settings) const;
+  /// The request with the configured timeout. A record that cannot be encoded logs the console
+  /// line and the request goes without a body.
+  network::HttpRequest urlRequest() const { return urlRequest(RequestSettings::current()); }
   /// The same with settings taken earlier: delivery takes them when the host hands a record
   /// over, so a sandbox switch or a new timeout applies from the next record tracked, however
   /// long earlier ones wait for a connection.
-  std::optional<network::HttpRequest> urlRequest(const RequestSettings& settings) const;
+  network::HttpRequest urlRequest(const RequestSettings& settings) const;
 
  private:
   struct EncodedRecord {

@@ -256,20 +256,9 @@ void HttpsDelivery::startWaiting() {
       waiting_.pop_front();
     }
     auto request = ZHttpApi::trackEncoded(record.bytes).urlRequest(settings);
-    if (!request) {
-      // No parsable endpoint: the record cannot go anywhere.
-      if (record.ref) store_.answered(*record.ref);
-      {
-        std::lock_guard lock(mutex_);
-        ++counts_.noEndpoint;
-      }
-      diagnose(ZLogLevel::error, "record dropped: there is no usable collector URL");
-      settle(1, true);
-      continue;
-    }
     ++inFlight_;
     std::weak_ptr<HttpsDelivery> weak = weak_from_this();
-    http_->send(std::move(*request),
+    http_->send(std::move(request),
                 [weak, record = std::move(record)](network::HttpOutcome outcome) mutable {
                   auto self = weak.lock();
                   if (!self) return;

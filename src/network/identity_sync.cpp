@@ -22,11 +22,7 @@ std::optional<std::string> firstCookie(const std::vector<network::Cookie>& cooki
 }  // namespace
 
 support::Cancellable IdentitySync::fetchXid(std::function<void(const ZXid&)> onTriple) {
-  const ZHttpApi api = ZHttpApi::idSync();
-  const auto url = api.endpoint();
-  if (!url) return {};  // no server to ask; the SDK simply stays not ready
-
-  const auto cookies = http_->cookiesFor(*url);
+  const auto cookies = http_->cookiesFor(ZHttpApi::idSync().endpoint());
   auto cid = firstCookie(cookies, "fa_cid");
   auto did = cid ? firstCookie(cookies, "fa_did") : std::nullopt;
   auto sid = did ? firstCookie(cookies, "fa_sid") : std::nullopt;
@@ -43,11 +39,10 @@ support::Cancellable IdentitySync::fetchXid(std::function<void(const ZXid&)> onT
 
 void IdentitySync::sendRequest() {
   auto request = ZHttpApi::idSync().urlRequest();
-  if (!request) return;
   requestsStarted_.fetch_add(1);
   requestUnderWay_ = true;
   std::weak_ptr<IdentitySync> weak = weak_from_this();
-  http_->send(std::move(*request), [weak](network::HttpOutcome outcome) {
+  http_->send(std::move(request), [weak](network::HttpOutcome outcome) {
     auto self = weak.lock();
     if (!self) return;
     self->requestUnderWay_ = false;
@@ -71,9 +66,7 @@ void IdentitySync::sendRequest() {
 
 void IdentitySync::retry() {
   if (published_ || requestUnderWay_) return;
-  const auto url = ZHttpApi::idSync().endpoint();
-  if (!url) return;
-  const auto cookies = http_->cookiesFor(*url);
+  const auto cookies = http_->cookiesFor(ZHttpApi::idSync().endpoint());
   auto cid = firstCookie(cookies, "fa_cid");
   auto did = cid ? firstCookie(cookies, "fa_did") : std::nullopt;
   auto sid = did ? firstCookie(cookies, "fa_sid") : std::nullopt;

@@ -71,20 +71,19 @@ TEST_F(NetworkTest, RequestsAreBuiltFromTheSettingsInForceWhenBuilt) {
   const auto tracked =
       std::make_shared<const ZLogRecord>(decodeJson<ZLogRecord>(record("r")).value());
   auto request = detail::ZHttpApi::track(tracked).urlRequest();
-  ASSERT_TRUE(request);
-  EXPECT_EQ(request->method, "POST");
-  EXPECT_EQ(request->url, server.baseUrl() + "/sdk/track");
-  EXPECT_EQ(request->timeoutSeconds, 12.5);
-  EXPECT_EQ(request->headers, (decltype(request->headers){{"Content-Type", "application/json"}}));
-  EXPECT_EQ(request->body, encodeJson(*tracked).value()) << "the one record, compact";
+  EXPECT_EQ(request.method, "POST");
+  EXPECT_EQ(request.url, server.baseUrl() + "/sdk/track");
+  EXPECT_EQ(request.timeoutSeconds, 12.5);
+  EXPECT_EQ(request.headers, (decltype(request.headers){{"Content-Type", "application/json"}}));
+  EXPECT_EQ(request.body, encodeJson(*tracked).value()) << "the one record, compact";
   detail::settings().usingSandbox = true;
-  EXPECT_EQ(detail::ZHttpApi::track(tracked).urlRequest()->url,
+  EXPECT_EQ(detail::ZHttpApi::track(tracked).urlRequest().url,
             server.baseUrl() + "/sandbox/sdk/track");
   auto sync = detail::ZHttpApi::idSync().urlRequest();
-  EXPECT_EQ(sync->url, server.baseUrl() + "/id/sync?v=1");
-  EXPECT_EQ(sync->method, "GET");
-  EXPECT_TRUE(sync->headers.empty());
-  EXPECT_FALSE(sync->body);
+  EXPECT_EQ(sync.url, server.baseUrl() + "/id/sync?v=1");
+  EXPECT_EQ(sync.method, "GET");
+  EXPECT_TRUE(sync.headers.empty());
+  EXPECT_FALSE(sync.body);
 
   // Not https, or a base whose query or fragment would swallow the path joined to it.
   for (const std::string& bad :
@@ -94,6 +93,18 @@ TEST_F(NetworkTest, RequestsAreBuiltFromTheSettingsInForceWhenBuilt) {
         << bad;
   }
   EXPECT_EQ(detail::currentEndpoints().identitySync, server.baseUrl() + "/id") << "nothing changed";
+  EXPECT_EQ(detail::ZHttpApi::idSync().urlRequest().url, server.baseUrl() + "/id/sync?v=1")
+      << "the URLs joined for the servers in force stay";
+
+  // The URLs are joined when the servers are set: a base's trailing slashes are dropped once.
+  ASSERT_TRUE(detail::replaceEndpoints(ZEndpoints{.production = server.baseUrl() + "//",
+                                                  .sandbox = server.baseUrl() + "/s/",
+                                                  .identitySync = server.baseUrl() + "/"}));
+  const auto urls = detail::currentRequestUrls();
+  EXPECT_EQ(urls->track, server.baseUrl() + "/sdk/track");
+  EXPECT_EQ(urls->sandboxTrack, server.baseUrl() + "/s/sdk/track");
+  EXPECT_EQ(urls->identitySync, server.baseUrl() + "/sync?v=1");
+  EXPECT_EQ(detail::currentRequestUrls(), urls) << "read, not joined again, for each request";
 }
 
 TEST_F(NetworkTest, OnlyTheExactBodyOkIsSuccessAndOtherAnswersAreDropped) {
