@@ -1,4 +1,4 @@
-// Private files in the SDK's data directory: the pending-record file, the cookie jar and the
+// Private files in the SDK's data directory: the pending store's files, the cookie jar and the
 // settings file. Each platform supplies one implementation file; nothing here throws.
 #pragma once
 

@@ -138,7 +138,7 @@ bool appendPrivate(const std::filesystem::path& file, std::string_view bytes) no
   try {
     std::lock_guard turn(turnsInProcess());
     // A file removed between our open and our lock would take the bytes with it: open the path
-    // afresh, which then creates the next one. (A rename keeps the link count, so is not seen.)
+    // afresh, which then creates the next one.
     for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
       Descriptor fd(openNoFollow(file, O_WRONLY | O_APPEND | O_CREAT, kPrivateMode));
       if (!fd) return false;
