@@ -1,5 +1,5 @@
 // The real sources of a started SDK: one HTTPS client (one cookie store) shared by delivery and
-// identity sync, the pending-record file and the settings file in the app's data directory, and
+// identity sync, the pending store and the settings file in the app's data directory, and
 // the platform's route watch.
 #include "manager/default_sources.hpp"
 

@@ -14,7 +14,7 @@ ZStoreLimits storeLimits();
 /// How long the instances started from now on wait before trying again (tests shorten it).
 void setRetryTimings(const support::RetryTimings& timings);
 
-/// The real sources: HTTPS delivery, the pending-record file, identity sync and reachability.
+/// The real sources: HTTPS delivery with its pending store, identity sync and reachability.
 ManagerSources makeDefaultSources();
 
 }  // namespace zelvanor::detail

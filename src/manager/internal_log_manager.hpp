@@ -101,7 +101,6 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   bool flushAndWait(std::chrono::milliseconds timeout);
   /// What happened since this instance started.
   ZCounters counters() const;
-  std::size_t subscriptionCount() const { return cancellables_.size(); }
   /// Waits until identity results handed to the SDK's serial context so far have been applied.
   void waitForIdentityWork();
   /// Stops the serial context; identity results arriving later are dropped.

@@ -217,41 +217,12 @@ std::string_view expectedJsonAt(std::string_view key) {
 }
 
 // ----- decoding -----------------------------------------------------------------------------
-// One walk serves both reading into a value and only checking that a payload would read: `Out` is
-// either the type itself or Discard, and a Discard walk applies every rule but keeps nothing, so
-// the two can never disagree on what is accepted.
 
 using simdjson::dom::element;
 using simdjson::dom::element_type;
 
-/// Stands in for the value, at every depth, when a payload is only checked.
-struct Discard {};
-
-template <class Out>
-inline constexpr bool kKeeps = !std::is_same_v<Out, Discard>;
-
-template <class T, class Out>
-bool readValue(element json, Out& out, CodecError& error);
-
-/// Where a member of `out` is read into: the member itself, or Discard when only checking.
-template <class Out, class Owner, class Member>
-auto& partOf(Out& out, Member Owner::*member) {
-  if constexpr (kKeeps<Out>) {
-    return out.*member;
-  } else {
-    return out;
-  }
-}
-
-/// Where the next element of the list `out` is read into.
-template <class Out>
-auto& nextItemOf(Out& out) {
-  if constexpr (kKeeps<Out>) {
-    return out.emplace_back();
-  } else {
-    return out;
-  }
-}
+template <class T>
+bool readValue(element json, T& out, CodecError& error);
 
 bool typeMismatch(CodecError& error, std::string_view expected);
 bool notADeploymentType(CodecError& error, std::string_view text);
@@ -290,11 +261,9 @@ std::size_t findField(std::string_view key, std::size_t expected) {
   (std::make_index_sequence<fieldCount<T>()>{});
 }
 
-template <class M, class Out>
-bool readOptional(element json, Out& member, CodecError& error) {
-  if constexpr (!kKeeps<Out>) {
-    return readValue<M>(json, member, error);
-  } else if constexpr (std::is_same_v<M, std::string>) {
+template <class M>
+bool readOptional(element json, std::optional<M>& member, CodecError& error) {
+  if constexpr (std::is_same_v<M, std::string>) {
     // Built straight from the text: cheaper than an empty string assigned to.
     std::string_view text;
     if (json.get(text) != simdjson::SUCCESS) return typeMismatch(error, "a string");
@@ -307,8 +276,8 @@ bool readOptional(element json, Out& member, CodecError& error) {
 }
 
 // Reads `value` into field I of `out`; only called for fields that readsKey found.
-template <class T, std::size_t I, class Out>
-bool readField(element value, Out& out, CodecError& error) {
+template <class T, std::size_t I>
+bool readField(element value, T& out, CodecError& error) {
   constexpr auto& field = std::get<I>(FieldTable<T>::fields);
   using F = std::remove_cvref_t<decltype(field)>;
   // Two branches with one body: a reserved key has no `wire` to ask about.
@@ -318,11 +287,11 @@ bool readField(element value, Out& out, CodecError& error) {
     return true;
   } else {
     using Member = std::remove_cvref_t<decltype(std::declval<T&>().*(field.member))>;
-    auto& member = partOf(out, field.member);
+    auto& member = out.*(field.member);
     bool ok = false;
     if constexpr (IsOptional<Member>::value) {
       if (value.is_null()) {
-        if constexpr (kKeeps<Out>) member.reset();  // null in an optional member means absent
+        member.reset();  // null in an optional member means absent
         return true;
       }
       ok = readOptional<typename Member::value_type>(value, member, error);
@@ -339,8 +308,8 @@ bool readField(element value, Out& out, CodecError& error) {
 }
 
 // Reads `value` into field `index`, as findField gave it.
-template <class T, class Out>
-bool readFieldAt(std::size_t index, element value, Out& out, CodecError& error) {
+template <class T>
+bool readFieldAt(std::size_t index, element value, T& out, CodecError& error) {
   return [&]<std::size_t... I>(std::index_sequence<I...>) {
     bool ok = true;
     static_cast<void>(((I == index && (ok = readField<T, I>(value, out, error), true)) || ...));
@@ -384,8 +353,8 @@ bool checkRequiredSeen(std::uint64_t seen, CodecError& error) {
   }
 }
 
-template <class T, class Out>
-bool readObject(element json, Out& out, CodecError& error) {
+template <class T>
+bool readObject(element json, T& out, CodecError& error) {
   simdjson::dom::object object;
   if (json.get(object) != simdjson::SUCCESS) return typeMismatch(error, "an object");
   constexpr std::size_t count = fieldCount<T>();
@@ -406,22 +375,22 @@ bool readObject(element json, Out& out, CodecError& error) {
   (std::make_index_sequence<count>{});
 }
 
-template <class T, class Out>
-bool readValue(element json, Out& out, CodecError& error) {
+template <class T>
+bool readValue(element json, T& out, CodecError& error) {
   if constexpr (std::is_same_v<T, std::string>) {
     std::string_view text;
     if (json.get(text) != simdjson::SUCCESS) return typeMismatch(error, "a string");
-    if constexpr (kKeeps<Out>) out.assign(text);
+    out.assign(text);
     return true;
   } else if constexpr (std::is_same_v<T, bool>) {
     bool value = false;
     if (json.get(value) != simdjson::SUCCESS) return typeMismatch(error, "a bool");
-    if constexpr (kKeeps<Out>) out = value;
+    out = value;
     return true;
   } else if constexpr (std::is_same_v<T, std::int64_t>) {
     switch (json.type()) {
       case element_type::INT64:
-        if constexpr (kKeeps<Out>) out = json.get_int64().value_unsafe();
+        out = json.get_int64().value_unsafe();
         return true;
       case element_type::UINT64:
         return fail(error, CodecError::Kind::dataCorrupted, "number does not fit a 64-bit integer");
@@ -436,11 +405,11 @@ bool readValue(element json, Out& out, CodecError& error) {
         if (number < 0) {
           return fail(error, CodecError::Kind::dataCorrupted, "number must not be negative");
         }
-        if constexpr (kKeeps<Out>) out = static_cast<std::uint64_t>(number);
+        out = static_cast<std::uint64_t>(number);
         return true;
       }
       case element_type::UINT64:
-        if constexpr (kKeeps<Out>) out = json.get_uint64().value_unsafe();
+        out = json.get_uint64().value_unsafe();
         return true;
       default:
         return typeMismatch(error, expectedJson<T>());
@@ -471,26 +440,24 @@ bool readValue(element json, Out& out, CodecError& error) {
       // Converting a double beyond the float range is undefined, so those clamp first.
       if (magnitude > FLT_MAX) number = std::signbit(number) ? -FLT_MAX : FLT_MAX;
     }
-    if constexpr (kKeeps<Out>) out = static_cast<T>(number);
+    out = static_cast<T>(number);
     return true;
   } else if constexpr (std::is_same_v<T, DeploymentType>) {
     std::string_view text;
     if (json.get(text) != simdjson::SUCCESS) return typeMismatch(error, "a string");
     auto type = deploymentTypeFromRawValue(text);
     if (!type) return notADeploymentType(error, text);
-    if constexpr (kKeeps<Out>) out = *type;
+    out = *type;
     return true;
   } else if constexpr (IsVector<T>::value) {
     using Item = typename T::value_type;
     simdjson::dom::array array;
     if (json.get(array) != simdjson::SUCCESS) return typeMismatch(error, "an array");
-    if constexpr (kKeeps<Out>) {
-      out.clear();
-      out.reserve(array.size());
-    }
+    out.clear();
+    out.reserve(array.size());
     std::size_t index = 0;
     for (element item : array) {
-      auto& slot = nextItemOf(out);
+      auto& slot = out.emplace_back();
       bool ok = false;
       if (item.is_null()) {
         ok = fail(error, CodecError::Kind::valueNotFound, "array element is null");
@@ -514,13 +481,6 @@ bool readValue(element json, Out& out, CodecError& error) {
 template <class T>
 bool decodeValue(element json, T& out, CodecError& error) {
   return readValue<T>(json, out, error);
-}
-
-/// Whether decodeValue would read `json` as a T, without building one.
-template <class T>
-bool checkValue(element json, CodecError& error) {
-  Discard nothing;
-  return readValue<T>(json, nothing, error);
 }
 
 }  // namespace zelvanor::detail

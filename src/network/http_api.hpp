@@ -26,8 +26,8 @@ class ZHttpApi {
   static ZHttpApi track(ZLogRecord log) {
     return track(std::make_shared<const ZLogRecord>(std::move(log)));
   }
-  /// The same request for a record already encoded (the delivery path encodes once, to keep
-  /// the same bytes for the pending file if the request fails).
+  /// The same request for a record already encoded (a record is encoded once, when it is built:
+  /// the same bytes wait in memory or on disk and go out in the request).
   static ZHttpApi trackEncoded(std::shared_ptr<const std::string> json) {
     return ZHttpApi(EncodedRecord{std::move(json)});
   }

@@ -6,15 +6,10 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
-#include <ctime>
 #include <map>
-#include <sstream>
-
-#include "platform/file_ops.hpp"
 
 namespace zelvanor::network {
 
@@ -46,6 +41,11 @@ void initCurlOnce() {
     return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
   }();
   static_cast<void>(initialised);
+}
+
+CURLSH* newShare() {
+  initCurlOnce();
+  return curl_share_init();
 }
 
 // Only the exact body "ok" and the identity envelope are ever read; a runaway answer is cut here
@@ -82,108 +82,17 @@ long timeoutMilliseconds(double seconds) {
 }
 
 size_t watchHeaders(char* data, size_t size, size_t count, void* user) {
-  constexpr std::string_view kSetCookie = "set-cookie:";
-  const std::string_view line(data, size * count);
-  if (line.size() >= kSetCookie.size()) {
-    bool match = true;
-    for (size_t i = 0; i < kSetCookie.size(); ++i) {
-      if (std::tolower(static_cast<unsigned char>(line[i])) != kSetCookie[i]) {
-        match = false;
-        break;
-      }
-    }
-    if (match) static_cast<Transfer*>(user)->setsCookies = true;
+  if (CookieJar::setsCookie(std::string_view(data, size * count))) {
+    static_cast<Transfer*>(user)->setsCookies = true;
   }
   return size * count;
-}
-
-// Splits "https://host:port/path?q" into host and path for cookie matching.
-bool splitUrl(const std::string& url, std::string& host, std::string& path, bool& secure) {
-  std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> handle(curl_url(), &curl_url_cleanup);
-  if (!handle || curl_url_set(handle.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK)
-    return false;
-  char* part = nullptr;
-  if (curl_url_get(handle.get(), CURLUPART_HOST, &part, 0) != CURLUE_OK) return false;
-  host = part;
-  curl_free(part);
-  if (curl_url_get(handle.get(), CURLUPART_PATH, &part, 0) == CURLUE_OK) {
-    path = part;
-    curl_free(part);
-  } else {
-    path.assign(1, '/');  // not `= "/"`: GCC 12 at -O3 misreports that as an overlapping copy
-  }
-  if (curl_url_get(handle.get(), CURLUPART_SCHEME, &part, 0) == CURLUE_OK) {
-    secure = std::string_view(part) == "https";
-    curl_free(part);
-  }
-  // The cookie engine files an IPv6 literal's cookies under the bare address.
-  if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
-    host = host.substr(1, host.size() - 2);
-  }
-  return true;
-}
-
-// Host names compare without regard to case; the engine keeps a domain as the server spelled it.
-bool sameText(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return std::tolower(static_cast<unsigned char>(x)) ==
-                  std::tolower(static_cast<unsigned char>(y));
-         });
-}
-
-bool domainMatches(std::string_view host, std::string_view domain, bool tailMatch) {
-  if (!domain.empty() && domain.front() == '.') domain.remove_prefix(1);
-  if (sameText(host, domain)) return true;
-  if (!tailMatch || host.size() <= domain.size()) return false;
-  return sameText(host.substr(host.size() - domain.size()), domain) &&
-         host[host.size() - domain.size() - 1] == '.';
-}
-
-/// One cookie as the engine lists it: the Netscape jar format's seven tab-separated fields.
-struct JarLine {
-  std::string_view domain;
-  bool tailMatch = false;
-  std::string_view path;
-  bool secure = false;
-  long long expires = 0;  ///< 0: a session cookie
-  std::string_view name;
-  std::string_view value;
-};
-
-std::optional<JarLine> parseJarLine(std::string_view line) {
-  std::array<std::string_view, 7> fields;
-  for (std::size_t i = 0; i < fields.size() - 1; ++i) {
-    const auto tab = line.find('\t');
-    if (tab == std::string_view::npos) return std::nullopt;
-    fields[i] = line.substr(0, tab);
-    line.remove_prefix(tab + 1);
-  }
-  fields.back() = line;
-  JarLine cookie;
-  cookie.domain = fields[0];
-  if (cookie.domain.starts_with("#HttpOnly_")) cookie.domain.remove_prefix(10);
-  cookie.tailMatch = fields[1] == "TRUE";
-  cookie.path = fields[2];
-  cookie.secure = fields[3] == "TRUE";
-  std::from_chars(fields[4].data(), fields[4].data() + fields[4].size(), cookie.expires);
-  cookie.name = fields[5];
-  cookie.value = fields[6];
-  return cookie;
-}
-
-bool pathMatches(std::string_view requestPath, std::string_view cookiePath) {
-  if (cookiePath.empty() || cookiePath == "/") return true;
-  if (requestPath.rfind(cookiePath, 0) != 0) return false;
-  return requestPath.size() == cookiePath.size() || cookiePath.back() == '/' ||
-         requestPath[cookiePath.size()] == '/';
 }
 
 }  // namespace
 
 struct HttpClient::Impl {
-  explicit Impl(Options options) : options(std::move(options)) {
-    initCurlOnce();
-    share = curl_share_init();
+  explicit Impl(Options options)
+      : options(std::move(options)), share(newShare()), cookies(share, this->options.cookieJar) {
     curl_share_setopt(share, CURLSHOPT_LOCKFUNC, &Impl::lockShare);
     curl_share_setopt(share, CURLSHOPT_UNLOCKFUNC, &Impl::unlockShare);
     curl_share_setopt(share, CURLSHOPT_USERDATA, this);
@@ -192,7 +101,7 @@ struct HttpClient::Impl {
     curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
     multi = curl_multi_init();
     curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxConnectionsPerHost);
-    loadCookieJar();
+    cookies.load();
     worker = std::thread([this] {
       platform::lowerCurrentThreadPriority();
       run();
@@ -210,54 +119,6 @@ struct HttpClient::Impl {
   }
   static void unlockShare(CURL*, curl_lock_data data, void* user) {
     static_cast<Impl*>(user)->shareLocks[static_cast<size_t>(data) % kShareLocks].unlock();
-  }
-
-  // A throwaway handle on the shared cookie engine, for reading or adding cookies off-thread.
-  template <class F>
-  void withCookieHandle(F&& use) {
-    CURL* easy = curl_easy_init();
-    if (!easy) return;
-    // The share handle carries the cookie engine; a file list here would only leak.
-    curl_easy_setopt(easy, CURLOPT_SHARE, share);
-    use(easy);
-    curl_easy_cleanup(easy);
-  }
-
-  void loadCookieJar() {
-    if (options.cookieJar.empty()) return;
-    auto content = platform::readWhole(options.cookieJar);
-    if (!content) return;
-    withCookieHandle([&](CURL* easy) {
-      std::istringstream lines(*content);
-      std::string line;
-      while (std::getline(lines, line)) {
-        if (line.empty() || (line[0] == '#' && line.rfind("#HttpOnly_", 0) != 0)) continue;
-        curl_easy_setopt(easy, CURLOPT_COOKIELIST, line.c_str());
-      }
-    });
-  }
-
-  std::vector<std::string> cookieLines() {
-    std::vector<std::string> lines;
-    withCookieHandle([&](CURL* easy) {
-      curl_slist* list = nullptr;
-      if (curl_easy_getinfo(easy, CURLINFO_COOKIELIST, &list) != CURLE_OK) return;
-      for (curl_slist* item = list; item; item = item->next) lines.emplace_back(item->data);
-      curl_slist_free_all(list);
-    });
-    return lines;
-  }
-
-  void saveCookieJar() {
-    if (options.cookieJar.empty()) return;
-    std::string content = "# Netscape HTTP Cookie File\n";
-    for (const auto& line : cookieLines()) {
-      // Session cookies end with the app, as a browser's do: only dated ones are kept.
-      const std::optional<JarLine> cookie = parseJarLine(line);
-      if (cookie && cookie->expires == 0) continue;
-      content += line + "\n";
-    }
-    platform::writeWholePrivateAtomically(options.cookieJar, content);
   }
 
   void configure(Transfer& transfer) {
@@ -357,7 +218,7 @@ struct HttpClient::Impl {
       // A throwing callback must not end the network thread.
     }
     // Cookies the server set (an identity triple among them) must survive a crash.
-    if (saveCookies) saveCookieJar();
+    if (saveCookies) cookies.save();
     std::lock_guard lock(mutex);
     --pending;
   }
@@ -415,7 +276,7 @@ struct HttpClient::Impl {
     for (auto& [sequence, transfer] : unfinished) {
       finish(std::move(transfer), TransportError{"cancelled"});
     }
-    saveCookieJar();
+    cookies.save();
   }
 
   void stop() {
@@ -432,6 +293,7 @@ struct HttpClient::Impl {
   const Options options;
   const std::string emptyBody;
   CURLSH* share = nullptr;
+  CookieJar cookies;  // on the share handle's cookie engine
   CURLM* multi = nullptr;
   std::array<std::mutex, kShareLocks> shareLocks;
   mutable std::mutex mutex;
@@ -461,21 +323,7 @@ std::size_t HttpClient::inFlight() const {
 }
 
 std::vector<Cookie> HttpClient::cookiesFor(const std::string& url) {
-  std::string host, path;
-  bool secure = false;
-  std::vector<Cookie> cookies;
-  if (!splitUrl(url, host, path, secure)) return cookies;
-  const auto now = static_cast<long long>(std::time(nullptr));
-  for (const auto& line : impl_->cookieLines()) {
-    const std::optional<JarLine> cookie = parseJarLine(line);
-    if (!cookie) continue;
-    if (!domainMatches(host, cookie->domain, cookie->tailMatch)) continue;
-    if (!pathMatches(path, cookie->path)) continue;
-    if (cookie->secure && !secure) continue;
-    if (cookie->expires != 0 && cookie->expires < now) continue;
-    cookies.push_back(Cookie{std::string(cookie->name), std::string(cookie->value)});
-  }
-  return cookies;
+  return impl_->cookies.cookiesFor(url);
 }
 
 }  // namespace zelvanor::network

@@ -19,6 +19,8 @@
 #include <variant>
 #include <vector>
 
+#include "network/cookie_jar.hpp"
+
 namespace zelvanor::network {
 
 /// A request's body, shared with whoever else holds the same bytes (delivery keeps a record's
@@ -66,11 +68,6 @@ struct TransportError {
 };
 
 using HttpOutcome = std::variant<HttpResponse, TransportError>;
-
-struct Cookie {
-  std::string name;
-  std::string value;
-};
 
 class HttpClient {
  public:

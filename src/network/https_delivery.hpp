@@ -1,6 +1,7 @@
 // Delivers records one per request and keeps what could not be sent in the pending store. The
-// host's thread only hands records over; requests, answers and every file access happen on the
-// SDK's threads (the delivery worker and the HTTP client's thread).
+// host's thread only hands records over; requests, answers and file access happen on the SDK's
+// threads (the delivery worker and the HTTP client's thread). Only a record tracked after
+// shutdown is appended on the host's thread: nothing else is left to keep it.
 #pragma once
 
 #include <atomic>

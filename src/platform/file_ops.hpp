@@ -1,4 +1,4 @@
-// Private files in the SDK's data directory: the pending-record file, the cookie jar and the
+// Private files in the SDK's data directory: the pending store's files, the cookie jar and the
 // settings file. Each platform supplies one implementation file; nothing here throws.
 #pragma once
 
@@ -16,18 +16,10 @@ namespace zelvanor::platform {
 /// one write, so a crash can tear at most this append and never interleave it with another; if
 /// the write fails part way, the file is cut back to its old length. Fails, touching nothing,
 /// when the path is a symbolic link or anything but a regular file. Appends from several threads
-/// or processes take turns with each other, with consumeWhole and with moveAside; a turn is waited
+/// or processes take turns with each other and with moveAside; a turn is waited
 /// for a short while only (another process stopped mid-append must not stall the SDK), after
 /// which this fails and the caller tries again later.
 bool appendPrivate(const std::filesystem::path& file, std::string_view bytes) noexcept;
-
-/// Reads the whole regular file and hands the content to `use`, which says whether the file is
-/// done with; if so, the file is removed. Appends wait meanwhile and land either before the read
-/// or in a new file after the removal, never in a file that was read and then removed. `use` is
-/// not called when the file is missing, unreadable, a symbolic link or not a regular file.
-/// Returns true when the file was removed.
-bool consumeWhole(const std::filesystem::path& file,
-                  const std::function<bool(std::string&& content)>& use) noexcept;
 
 /// Renames `from` to `to` once no append is under way, so that appends made later land in a new
 /// file at `from`. False, touching nothing, when `from` is missing, not a regular file, or its

@@ -77,14 +77,14 @@ bool writeAll(int fd, std::string_view bytes) noexcept {
   return true;
 }
 
-/// Appends and read-then-remove take turns: threads of this process through this mutex, other
+/// Appends and moves aside take turns: threads of this process through this mutex, other
 /// processes through a record lock on the file.
 std::mutex& turnsInProcess() {
   static std::mutex turns;
   return turns;
 }
 
-/// How long an append, read or move waits for another process's turn. Appends are one write, so
+/// How long an append or a move waits for another process's turn. Appends are one write, so
 /// a longer wait means that process was stopped mid-append; the caller tries again later rather
 /// than stall the SDK's worker behind it.
 constexpr std::chrono::milliseconds kTurnWait{100};
@@ -129,8 +129,7 @@ std::optional<std::string> readAll(int fd, const struct stat& info) {
   return content;
 }
 
-/// How often an open finds the file just removed by a reader before giving up: each time means
-/// another process read the pending file within those microseconds.
+/// How often an open finds the file just removed before giving up.
 constexpr int kOpenAttempts = 8;
 
 }  // namespace
@@ -138,8 +137,8 @@ constexpr int kOpenAttempts = 8;
 bool appendPrivate(const std::filesystem::path& file, std::string_view bytes) noexcept {
   try {
     std::lock_guard turn(turnsInProcess());
-    // A reader that removed the file between our open and our lock leaves us holding a file
-    // nobody will read again: open the path afresh, which then creates the next one.
+    // A file removed between our open and our lock would take the bytes with it: open the path
+    // afresh, which then creates the next one.
     for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
       Descriptor fd(openNoFollow(file, O_WRONLY | O_APPEND | O_CREAT, kPrivateMode));
       if (!fd) return false;
@@ -183,26 +182,13 @@ bool withTurnOnExisting(const std::filesystem::path& file, Use&& use) {
     if (!isRegular(fd.get(), info)) return false;
     if (!lockAgainstOtherProcesses(fd.get())) return false;
     if (!isRegular(fd.get(), info)) return false;
-    if (info.st_nlink == 0) continue;  // another process took it meanwhile; look again
+    if (info.st_nlink == 0) continue;  // removed meanwhile; look again
     return use(fd.get(), info);
   }
   return false;
 }
 
 }  // namespace
-
-bool consumeWhole(const std::filesystem::path& file,
-                  const std::function<bool(std::string&& content)>& use) noexcept {
-  try {
-    return withTurnOnExisting(file, [&](int fd, const struct stat& info) {
-      std::optional<std::string> content = readAll(fd, info);
-      // Still under the lock: nothing can be appended between the read and the removal.
-      return content && use(std::move(*content)) && removeFile(file);
-    });
-  } catch (...) {
-    return false;
-  }
-}
 
 bool moveAside(const std::filesystem::path& from, const std::filesystem::path& to) noexcept {
   try {

@@ -1,5 +1,5 @@
 // Portable file operations on std::filesystem and std::fstream, for platforms without a native
-// file layer. The symlink checks race with other processes, and appends take turns with reads
+// file layer. The symlink checks race with other processes, and appends take turns with moves
 // only within this process; a native layer should replace this wherever the data directory can
 // be reached by another user or another process of the app.
 #include <fstream>
@@ -18,7 +18,7 @@ namespace fs = std::filesystem;
 
 constexpr fs::perms kPrivatePerms = fs::perms::owner_read | fs::perms::owner_write;
 
-/// Appends and read-then-remove take turns within the process.
+/// Appends and moves aside take turns within the process.
 std::mutex& appendLock() {
   static std::mutex lock;
   return lock;
@@ -79,18 +79,6 @@ std::optional<std::string> readWhole(const std::filesystem::path& file) noexcept
     return content;
   } catch (...) {
     return std::nullopt;
-  }
-}
-
-bool consumeWhole(const std::filesystem::path& file,
-                  const std::function<bool(std::string&& content)>& use) noexcept {
-  try {
-    std::lock_guard lock(appendLock());
-    std::optional<std::string> content = readWhole(file);
-    if (!content || !use(std::move(*content))) return false;
-    return removeFile(file);
-  } catch (...) {
-    return false;
   }
 }
 

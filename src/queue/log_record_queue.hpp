@@ -48,7 +48,6 @@ class ZLogRecordQueue {
     batchSize_.store(size, std::memory_order_relaxed);
   }
 
-  bool isAvailableNetworking() const noexcept { return state_->networkAvailable.load(); }
   /// Opens or closes the network gate; the transport hears of every change.
   void setAvailableNetworking(bool available);
 

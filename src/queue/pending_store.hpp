@@ -8,7 +8,9 @@
 // Segments also take the records that overflow the queue's memory, behind the restored ones. One
 // process of an app owns the segments (a lock file); another only appends to "ZLogs.tmp".
 //
-// Worker only: nothing here locks against other threads.
+// The store's state is the delivery worker's alone: nothing here locks against other threads.
+// Writers of the same files in other threads and processes take turns in the file layer
+// (platform/file_ops).
 #pragma once
 
 #include <atomic>

@@ -32,10 +32,7 @@ class RetrySchedule {
   void succeeded() noexcept;
   /// Whether a failure's wait is still running.
   bool waiting() const;
-  /// When the current wait ends (meaningful while waiting()).
-  Clock::time_point resumeAt() const noexcept { return resumeAt_; }
   int failuresInARow() const noexcept { return failures_; }
-  const Timings& timings() const noexcept { return timings_; }
 
  private:
   Timings timings_;

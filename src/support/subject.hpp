@@ -156,12 +156,4 @@ class CurrentValueSubject {
   std::recursive_mutex deliveryMutex_;
 };
 
-/// A callable that runs f(owner, args...) only while `owner` still exists.
-template <class Owner, class F>
-auto weakly(std::weak_ptr<Owner> owner, F f) {
-  return [owner = std::move(owner), f = std::move(f)](auto&&... args) {
-    if (auto strong = owner.lock()) f(*strong, std::forward<decltype(args)>(args)...);
-  };
-}
-
 }  // namespace zelvanor::support

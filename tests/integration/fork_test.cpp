@@ -10,8 +10,8 @@
 #include <cstdlib>
 #include <thread>
 
-#include "queue/logs_file_manager.hpp"
 #include "support/https_test_server.hpp"
+#include "support/pending_files.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/tracker.hpp"
 
@@ -89,7 +89,7 @@ TEST(ForkTest, TheChildLeavesTheParentsSdkAlone) {
   // The parent's SDK is untouched: its waiting records are kept once, at its own shutdown.
   ZelvanorTracker::shutdown();
   std::vector<std::string> kept;
-  for (const auto& record : detail::ZLogsFileManager::readRecords(dir.path() / "ZLogs.tmp")) {
+  for (const auto& record : testing::pendingRecords(dir.path())) {
     kept.push_back(record.action.name);
   }
   EXPECT_EQ(kept, (std::vector<std::string>{"parent-0", "parent-1", "parent-2"}));

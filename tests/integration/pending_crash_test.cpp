@@ -1,4 +1,4 @@
-// A process killed at any moment while it appends pending records must leave a file from which
+// A process killed at any moment while it appends pending records must leave files from which
 // every record written whole comes back, in order, and nothing else.
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -16,7 +16,8 @@
 #include <string>
 #include <thread>
 
-#include "queue/logs_file_manager.hpp"
+#include "queue/pending_store.hpp"
+#include "support/pending_files.hpp"
 #include "zelvanor/json.hpp"
 
 namespace zelvanor::detail {
@@ -46,11 +47,17 @@ ZLogRecord recordFor(std::uint64_t seq) {
   return record;
 }
 
-[[noreturn]] void appendUntilKilled(const fs::path& file) {
+/// Room for every record a round could append: the writer must never drop one for space.
+constexpr ZStoreLimits kRoomy{.maxBytesOnDisk = std::uint64_t{1} << 40};
+
+/// Appends through the store as a process that does not own the segments does: one record a
+/// write, all into "ZLogs.tmp".
+[[noreturn]] void appendUntilKilled(const fs::path& dir) {
+  PendingStore store(dir, kRoomy);
   for (std::uint64_t seq = 0; seq < kMaxRecordsPerRound; ++seq) {
     const Result<std::string> json = encodeJson(recordFor(seq));
     if (!json) ::_exit(2);
-    ZLogsFileManager::appendRecordData(*json, file);
+    if (store.keep({*json}) != 1) ::_exit(3);
   }
   ::_exit(0);
 }
@@ -60,11 +67,17 @@ std::string slurp(const fs::path& file) {
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
+void removeStoreFiles(const fs::path& dir) {
+  for (const auto& entry : fs::directory_iterator(dir)) {
+    if (entry.path().filename().string().rfind("ZLogs", 0) == 0) fs::remove(entry.path());
+  }
+}
+
 TEST(PendingFileCrash, KilledWriterLeavesOnlyWholeRecordsInOrder) {
   std::string pattern = (fs::temp_directory_path() / "zelvanor-crash-XXXXXX").string();
   ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
   const fs::path dir = pattern;
-  const fs::path file = ZLogsFileManager::pendingFilePath(dir);
+  const fs::path file = dir / PendingStore::kPendingFileName;
 
   std::mt19937 random(std::random_device{}());
   std::uniform_int_distribution<int> delayMicros(0, 150000);
@@ -77,7 +90,7 @@ TEST(PendingFileCrash, KilledWriterLeavesOnlyWholeRecordsInOrder) {
     ++rounds;
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
-    if (child == 0) appendUntilKilled(file);
+    if (child == 0) appendUntilKilled(dir);
     std::this_thread::sleep_for(std::chrono::microseconds(delayMicros(random)));
     ::kill(child, SIGKILL);
     int status = 0;
@@ -86,22 +99,36 @@ TEST(PendingFileCrash, KilledWriterLeavesOnlyWholeRecordsInOrder) {
     ASSERT_TRUE((WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) ||
                 (WIFEXITED(status) && WEXITSTATUS(status) == 0));
 
+    // Whole frames, then at most a torn end: never a damaged piece in between.
     const std::string raw = slurp(file);
-    std::vector<std::string_view> payloads;
-    const bool torn =
-        ZLogsFileManager::splitFrames(raw, payloads) == ZLogsFileManager::FrameEnd::torn;
+    std::size_t frames = 0;
+    bool torn = false, damaged = false;
+    scanFrames(raw, 0, true, [&](const FramePiece& piece) {
+      frames += piece.kind == FramePiece::Kind::frame ? 1 : 0;
+      damaged = damaged || piece.kind == FramePiece::Kind::skipped || torn;
+      torn = torn || piece.kind == FramePiece::Kind::torn;
+    });
+    EXPECT_FALSE(damaged);
     tornRounds += torn ? 1 : 0;
 
-    const std::vector<ZLogRecord> restored = ZLogsFileManager::readRecords(file);
-    ASSERT_EQ(restored.size(), payloads.size());
+    // The next start sends every whole record, in order, and then nothing is left.
+    std::vector<ZLogRecord> restored;
+    {
+      PendingStore store(dir, kRoomy);
+      ASSERT_EQ(store.open(), frames);
+      while (auto read = store.next()) {
+        auto record = decodeJson<ZLogRecord>(read->bytes);
+        ASSERT_TRUE(record);
+        restored.push_back(std::move(*record));
+        store.answered(read->ref);
+      }
+    }
+    ASSERT_EQ(restored.size(), frames);
     for (std::size_t i = 0; i < restored.size(); ++i) {
       ASSERT_EQ(restored[i], recordFor(i)) << "record " << i << " of " << restored.size();
     }
-    // Killed between creating the file and writing to it: an empty file is left alone.
-    if (!raw.empty()) {
-      EXPECT_FALSE(fs::exists(fs::symlink_status(file)));
-    }
-    fs::remove(file);
+    EXPECT_TRUE(testing::pendingPayloads(dir).empty());
+    removeStoreFiles(dir);
     restoredTotal += restored.size();
   }
   std::cout << rounds << " kills, " << tornRounds << " left a torn last frame, " << restoredTotal
@@ -113,13 +140,12 @@ TEST(PendingFileCrash, KilledWriterLeavesOnlyWholeRecordsInOrder) {
 }
 
 // The whole SDK as the writer: a host process tracking as fast as it can (gate closed, so every
-// record goes to the pending file) is killed at random; each start reads the file back and
+// record goes to disk) is killed at random; each start takes over what the last one left and
 // carries on. Whatever a start finds decodes, and every record in it is one the host tracked.
 TEST(PendingFileCrash, TrackingHostKilledAtRandomLeavesAFileEveryStartCanRead) {
   std::string pattern = (fs::temp_directory_path() / "zelvanor-crash-XXXXXX").string();
   ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
   const fs::path dir = pattern;
-  const fs::path file = ZLogsFileManager::pendingFilePath(dir);
   {
     // An identity from an earlier sync, so records are built without a server.
     std::ofstream jar(dir / "cookies.txt");
@@ -162,12 +188,10 @@ TEST(PendingFileCrash, TrackingHostKilledAtRandomLeavesAFileEveryStartCanRead) {
     ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "status " << status;
 
     // What the next start would find, read without consuming it (the next child does that).
-    const std::string raw = slurp(file);
-    std::vector<std::string_view> payloads;
-    ZLogsFileManager::splitFrames(raw, payloads);
-    for (const std::string_view payload : payloads) {
+    const std::vector<std::string> payloads = testing::pendingPayloads(dir);
+    for (const std::string& payload : payloads) {
       auto record = decodeJson<ZLogRecord>(payload);
-      ASSERT_TRUE(record) << "an unreadable record would keep the file from ever being restored";
+      ASSERT_TRUE(record) << "a kill left a record that is not whole";
       EXPECT_EQ(record->xid, (ZXid{"crash-fa_cid", "crash-fa_did", "crash-fa_sid"}));
       if (record->action.name.rfind("crash-", 0) == 0) {
         ASSERT_TRUE(record->page) << record->action.name;
@@ -179,13 +203,13 @@ TEST(PendingFileCrash, TrackingHostKilledAtRandomLeavesAFileEveryStartCanRead) {
     lastFileRecords = payloads.size();
     recordsSeen += payloads.size();
   }
-  // A last start: everything the file holds comes back and the file goes.
-  const auto restored = ZLogsFileManager::readRecordTexts(file);
-  EXPECT_EQ(restored.texts.size(), lastFileRecords);
-  // A start killed after taking the file and before parking anything leaves none, so only the
-  // rounds together must have seen records.
-  EXPECT_GT(recordsSeen, 0u);
-  std::cout << rounds << " kills of a tracking host; the files held " << recordsSeen
+  // A last start finds every record the files hold waiting to be sent.
+  PendingStore last(dir, kRoomy);
+  EXPECT_EQ(last.open(), lastFileRecords);
+  last.close();
+  // Nothing is ever answered here, so what the rounds kept is still on disk.
+  EXPECT_GT(lastFileRecords, 0u);
+  std::cout << rounds << " kills of a tracking host; the store held " << recordsSeen
             << " records in all, the last " << lastFileRecords << "\n";
   std::error_code error;
   fs::remove_all(dir, error);

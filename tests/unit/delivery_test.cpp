@@ -14,7 +14,6 @@
 #include "network/identity_sync.hpp"
 #include "network/reachability.hpp"
 #include "queue/log_record_queue.hpp"
-#include "queue/logs_file_manager.hpp"
 #include "support/https_test_server.hpp"
 #include "support/pending_files.hpp"
 #include "support/settings.hpp"
@@ -28,7 +27,6 @@ namespace {
 using namespace std::chrono_literals;
 
 using detail::HttpsDelivery;
-using detail::ZLogsFileManager;
 using testing::CannedResponse;
 using testing::ReceivedRequest;
 

@@ -138,35 +138,5 @@ TEST_F(FileOpsTest, AtomicWriteReplacesWholeAndPrivately) {
   EXPECT_EQ(entries, 3u);
 }
 
-TEST_F(FileOpsTest, AChildForkedDuringAReadDoesNotHoldLaterAppendsUp) {
-  const fs::path file = dir_ / "pending";
-  ASSERT_TRUE(appendPrivate(file, "first"));
-  int release[2];
-  ASSERT_EQ(::pipe(release), 0);
-  pid_t child = -1;
-  // The child is born while the read holds the lock and has the file open, and lives on without
-  // exec, as a pre-forking server's workers do. The file is kept (the reader declines it).
-  EXPECT_FALSE(consumeWhole(file, [&](std::string&& content) {
-    child = ::fork();
-    if (child == 0) {
-      ::close(release[1]);
-      ::alarm(5);  // bounded, should the parent never let it go
-      char byte;
-      (void)!::read(release[0], &byte, 1);
-      ::_exit(0);
-    }
-    EXPECT_EQ(content, "first");
-    return false;
-  }));
-  ASSERT_GT(child, 0);
-  ::close(release[0]);
-  EXPECT_TRUE(appendPrivate(file, "second"));
-  int status = 0;
-  EXPECT_EQ(::waitpid(child, &status, WNOHANG), 0) << "the append waited for the child to end";
-  ::close(release[1]);
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_EQ(slurp(file), "firstsecond");
-}
-
 }  // namespace
 }  // namespace zelvanor::platform

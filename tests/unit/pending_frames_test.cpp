@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -103,6 +104,9 @@ std::string frames(const std::vector<std::string>& payloads) {
 TEST(ScanFrames, WholeFramesAndTornEnds) {
   const std::string a = record("a"), b = record("bb");
   const std::string whole = frames({a, b});
+  // The layout files of earlier runs and other tools share: length in native order, then bytes.
+  EXPECT_EQ(whole, lengthField(static_cast<std::int64_t>(a.size())) + a +
+                       lengthField(static_cast<std::int64_t>(b.size())) + b);
   EXPECT_EQ(scanAll(whole), (std::vector<Piece>{{Kind::frame, 0, 8 + a.size(), a},
                                                 {Kind::frame, 8 + a.size(), 8 + b.size(), b}}));
   EXPECT_TRUE(scanAll("").empty());
@@ -134,6 +138,8 @@ TEST(ScanFrames, ADamagedLengthInTheMiddleIsSkippedAndTheNextFrameFound) {
       {"huge", lengthField(std::int64_t{1} << 40) + "{x}"},
       {"beyond the end", lengthField(100000) + "{\"y\":1}"},
       {"just over the limit", lengthField(static_cast<std::int64_t>(kMaxFramePayload) + 1)},
+      {"the largest", lengthField(std::numeric_limits<std::int64_t>::max()) + "{}"},
+      {"the smallest", lengthField(std::numeric_limits<std::int64_t>::min()) + "{}"},
   };
   for (const auto& c0 : cases) {
     SCOPED_TRACE(c0.name);

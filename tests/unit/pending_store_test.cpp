@@ -6,9 +6,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "queue/pending_store.hpp"
@@ -221,6 +224,62 @@ TEST_F(StoreTest, WhatIsNoRegularFileIsLeftAloneAndNeverWaitedOn) {
   PendingFileReader target;
   ASSERT_TRUE(target.open(dir.path() / "target"));
   EXPECT_TRUE(target.next()) << "a link's target is never touched";
+}
+
+TEST_F(StoreTest, KeptRecordsGoOnlyIntoAPrivateRegularFile) {
+  // One left readable by others (an older build, a careless tool) is tightened by the next append.
+  writeFile(pendingFile(), frames({recordJson("loose")}));
+  ASSERT_EQ(::chmod(pendingFile().c_str(), 0644), 0);
+  PendingStore store(dir.path(), {});
+  ASSERT_EQ(store.keep({recordJson("1")}), 1u);
+  struct stat info {};
+  ASSERT_EQ(::stat(pendingFile().c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0600u);
+  EXPECT_EQ(onDisk(), (std::vector<std::string>{"loose", "1"}));
+
+  // A link planted at the path is never written through, nor a missing target created.
+  const fs::path target = dir.path() / "target";
+  for (const bool dangling : {false, true}) {
+    SCOPED_TRACE(dangling ? "dangling link" : "link");
+    fs::remove(pendingFile());
+    fs::remove(target);
+    if (!dangling) writeFile(target, "untouched");
+    fs::create_symlink(target, pendingFile());
+    EXPECT_EQ(store.keep({recordJson("2")}), 0u);
+    EXPECT_EQ(fs::exists(target), !dangling);
+    if (!dangling) {
+      std::ifstream in(target);
+      EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "untouched");
+    }
+  }
+}
+
+// A start takes "ZLogs.tmp" over while another writer of the app keeps appending to it: across
+// starts, every record is sent exactly once and in the order appended.
+TEST_F(StoreTest, StartsRacingWithAppendsLoseNoneAndDuplicateNone) {
+  constexpr int kRecords = 2000;
+  std::atomic<bool> appending{true};
+  std::thread appender([&] {
+    PendingStore other(dir.path(), {});  // never opened: it owns nothing and only appends
+    for (int i = 0; i < kRecords; ++i) EXPECT_EQ(other.keep({recordJson(std::to_string(i))}), 1u);
+    appending = false;
+  });
+  std::vector<std::string> sent;
+  auto start = [&] {
+    PendingStore store(dir.path(), {});
+    store.open();
+    while (auto read = store.next()) {
+      sent.push_back(nameOf(read->bytes));
+      store.answered(read->ref);
+    }
+  };
+  for (int starts = 0; appending && starts < 100000; ++starts) start();
+  appender.join();
+  start();
+  std::vector<std::string> expected;
+  for (int i = 0; i < kRecords; ++i) expected.push_back(std::to_string(i));
+  EXPECT_EQ(sent, expected);
+  EXPECT_TRUE(onDisk().empty());
 }
 
 TEST_F(StoreTest, OnlyOneProcessOfTheAppSendsWhatIsOnDisk) {

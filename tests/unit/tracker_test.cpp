@@ -6,12 +6,11 @@
 #include <set>
 #include <thread>
 
-#include "support/settings.hpp"
 #include "api/shared_instance.hpp"
 #include "network/https_delivery.hpp"
-#include "queue/logs_file_manager.hpp"
 #include "support/fake_sources.hpp"
 #include "support/pending_files.hpp"
+#include "support/settings.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/json.hpp"
 #include "zelvanor/tracker.hpp"
