@@ -265,7 +265,18 @@ void ZInternalLogManager::onReady(std::function<void()> callback) {
       // A throwing host callback must not take the SDK's thread down.
     }
   };
-  // No lock held: when the triple is known already, the callback runs within subscribe.
+  // ready_ is set before the subject publishes it: a host that saw waitUntilReady return true
+  // is called back at once, not when the subject catches up.
+  bool readyNow = false;
+  {
+    std::lock_guard lock(mutex_);
+    readyNow = ready_;
+  }
+  if (readyNow) {
+    once(true);
+    return;
+  }
+  // No lock held: when the triple arrived meanwhile, the callback runs within subscribe.
   cancellables_.insert(readySubject_.subscribe(std::move(once)));
 }
 
