@@ -28,7 +28,6 @@ struct ZDropCounts {
   std::uint64_t noAction = 0;           ///< tracked without an action block
   std::uint64_t incompleteContext = 0;  ///< a waiting event whose context was still missing
   std::uint64_t unencodable = 0;        ///< a value JSON cannot carry (invalid UTF-8, say)
-  std::uint64_t noEndpoint = 0;         ///< no usable collector URL
   std::uint64_t storageFull = 0;        ///< the oldest, dropped to stay within the store limits
   std::uint64_t unreadable = 0;         ///< stored by an earlier run, no longer a record
 };

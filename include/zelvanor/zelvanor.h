@@ -228,7 +228,6 @@ typedef struct zelvanor_counters {
   uint64_t dropped_no_action;
   uint64_t dropped_incomplete_context;
   uint64_t dropped_unencodable;
-  uint64_t dropped_no_endpoint;
   uint64_t dropped_storage_full;
   uint64_t dropped_unreadable;
   uint64_t waiting_in_memory;

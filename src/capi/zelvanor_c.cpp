@@ -395,7 +395,6 @@ zelvanor_status zelvanor_get_counters(zelvanor_counters* counters) {
         .dropped_no_action = now.dropped.noAction,
         .dropped_incomplete_context = now.dropped.incompleteContext,
         .dropped_unencodable = now.dropped.unencodable,
-        .dropped_no_endpoint = now.dropped.noEndpoint,
         .dropped_storage_full = now.dropped.storageFull,
         .dropped_unreadable = now.dropped.unreadable,
         .waiting_in_memory = now.waitingInMemory,

@@ -315,7 +315,6 @@ ZCounters ZInternalLogManager::counters() const {
       .noAction = tally_.noAction.load(std::memory_order_relaxed),
       .incompleteContext = tally_.incompleteContext.load(std::memory_order_relaxed),
       .unencodable = tally_.unencodable.load(std::memory_order_relaxed),
-      .noEndpoint = sent.noEndpoint,
       .storageFull = sent.droppedForSpace,
       .unreadable = sent.quarantined + tally_.unreadableTemplates.load(std::memory_order_relaxed),
   };

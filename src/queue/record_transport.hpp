@@ -21,7 +21,6 @@ struct TransportCounts {
   std::uint64_t refused = 0;          ///< answered anything else: dropped
   std::uint64_t keptOnDisk = 0;       ///< written to disk for a later attempt (real writes only)
   std::uint64_t resent = 0;           ///< kept records taken back to be sent in the same run
-  std::uint64_t noEndpoint = 0;       ///< dropped: no request could be built
   std::uint64_t droppedForSpace = 0;  ///< the oldest, dropped to stay within the limits
   std::uint64_t quarantined = 0;      ///< stored payloads that are no record, moved aside
   std::uint64_t restored = 0;         ///< records found on disk at the start

@@ -242,7 +242,7 @@ TEST_F(DiagnosticsTest, CountersAddUpOverARunWithEveryOutcome) {
   EXPECT_GE(c.delivered, 6u + 2u);
   const std::uint64_t drops = c.dropped.noCommonBlock + c.dropped.noAction +
                               c.dropped.incompleteContext + c.dropped.unencodable +
-                              c.dropped.noEndpoint + c.dropped.storageFull + c.dropped.unreadable;
+                              c.dropped.storageFull + c.dropped.unreadable;
   EXPECT_EQ(c.tracked + c.restored + c.resent, c.delivered + c.refused + c.keptOnDisk + drops +
                                                    c.waitingInMemory + c.waitingOnDisk +
                                                    c.awaitingAnswer + c.templatesWaiting);

@@ -248,9 +248,11 @@ void printOutcome(const ZCounters& c, std::ostream& err) {
   err << "; delivered " << c.delivered << ", refused by the collector " << c.refused
       << ", kept on disk " << c.keptOnDisk;
   const std::pair<const char*, std::uint64_t> drops[] = {
-      {"no common block", c.dropped.noCommonBlock},        {"no action block", c.dropped.noAction},
-      {"context incomplete", c.dropped.incompleteContext}, {"not encodable", c.dropped.unencodable},
-      {"no collector URL", c.dropped.noEndpoint},          {"storage full", c.dropped.storageFull},
+      {"no common block", c.dropped.noCommonBlock},
+      {"no action block", c.dropped.noAction},
+      {"context incomplete", c.dropped.incompleteContext},
+      {"not encodable", c.dropped.unencodable},
+      {"storage full", c.dropped.storageFull},
       {"unreadable on disk", c.dropped.unreadable},
   };
   std::uint64_t dropped = 0;
