@@ -129,7 +129,16 @@ std::optional<std::string> readAll(int fd, const struct stat& info) {
   return content;
 }
 
-/// How often an open finds the file just removed before giving up.
+/// Whether `file` still names the file `info` describes. A start that moved it aside (renamed,
+/// so it keeps its link) between our open and our lock has already counted its records: bytes
+/// appended there now would be removed with it, unsent.
+bool stillAt(const std::filesystem::path& file, const struct stat& info) noexcept {
+  struct stat atPath {};
+  return ::lstat(file.c_str(), &atPath) == 0 && atPath.st_dev == info.st_dev &&
+         atPath.st_ino == info.st_ino;
+}
+
+/// How often an open finds the file just removed or moved before giving up.
 constexpr int kOpenAttempts = 8;
 
 }  // namespace
@@ -137,8 +146,8 @@ constexpr int kOpenAttempts = 8;
 bool appendPrivate(const std::filesystem::path& file, std::string_view bytes) noexcept {
   try {
     std::lock_guard turn(turnsInProcess());
-    // A file removed between our open and our lock would take the bytes with it: open the path
-    // afresh, which then creates the next one.
+    // A file removed or moved aside between our open and our lock would take the bytes with it:
+    // open the path afresh, which then creates the next one.
     for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
       Descriptor fd(openNoFollow(file, O_WRONLY | O_APPEND | O_CREAT, kPrivateMode));
       if (!fd) return false;
@@ -146,7 +155,7 @@ bool appendPrivate(const std::filesystem::path& file, std::string_view bytes) no
       if (!isRegular(fd.get(), info)) return false;
       if (!lockAgainstOtherProcesses(fd.get())) return false;
       if (!isRegular(fd.get(), info)) return false;
-      if (info.st_nlink == 0) continue;
+      if (info.st_nlink == 0 || !stillAt(file, info)) continue;
       // A file someone else loosened (or created before us with a wider umask) is tightened.
       if ((info.st_mode & 07777) != kPrivateMode) (void)::fchmod(fd.get(), kPrivateMode);
       const off_t oldSize = info.st_size;

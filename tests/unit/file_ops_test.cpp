@@ -1,5 +1,6 @@
 #include "platform/file_ops.hpp"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -7,12 +8,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
 
 namespace zelvanor::platform {
 namespace {
@@ -101,6 +104,56 @@ TEST_F(FileOpsTest, AppendThatDoesNotFitIsTakenBackWhole) {
   ASSERT_TRUE(WIFEXITED(status));
   ASSERT_EQ(WEXITSTATUS(status), 0);
   EXPECT_EQ(slurp(file), std::string(9000, 'c') + std::string(1000, 'd'));
+}
+
+// Another process moves the file aside while an append waits for its turn: the append must land
+// in the file now at the path, not in the one moved away (whose records are already counted).
+TEST_F(FileOpsTest, AnAppendWaitingWhileTheFileIsMovedAsideGoesToTheNewFile) {
+  const fs::path file = dir_ / "pending";
+  const fs::path aside = dir_ / "pending.1";
+  int landed = 0;
+  // The interleaving needs the append to open before the move and lock after it; a round whose
+  // append timed out waiting for the lock says nothing and is tried again.
+  for (int round = 0; round < 10 && landed == 0; ++round) {
+    fs::remove(file);
+    fs::remove(aside);
+    ASSERT_TRUE(appendPrivate(file, "old|"));
+    int go[2];
+    int locked[2];
+    ASSERT_EQ(::pipe(go), 0);
+    ASSERT_EQ(::pipe(locked), 0);
+    const std::string from = file.string();
+    const std::string to = aside.string();
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      const int fd = ::open(from.c_str(), O_RDWR);
+      struct flock whole {};
+      whole.l_type = F_WRLCK;
+      whole.l_whence = SEEK_SET;
+      if (fd < 0 || ::fcntl(fd, F_SETLKW, &whole) != 0) ::_exit(1);
+      char byte = 1;
+      if (::write(locked[1], &byte, 1) != 1 || ::read(go[0], &byte, 1) != 1) ::_exit(1);
+      // Moved while still held, as a start moves the file aside; exiting lets the lock go.
+      ::_exit(::rename(from.c_str(), to.c_str()) == 0 ? 0 : 1);
+    }
+    char byte = 0;
+    ASSERT_EQ(::read(locked[0], &byte, 1), 1);
+    std::atomic<bool> appended{false};
+    std::thread appender([&] { appended = appendPrivate(file, "new|"); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // it has opened and waits
+    ASSERT_EQ(::write(go[1], &byte, 1), 1);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    appender.join();
+    for (int fd : {go[0], go[1], locked[0], locked[1]}) ::close(fd);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    if (!appended) continue;
+    ++landed;
+    EXPECT_EQ(slurp(aside), "old|") << "nothing joins a file once it is moved aside";
+    EXPECT_EQ(slurp(file), "new|");
+  }
+  EXPECT_EQ(landed, 1) << "no round got the interleaving";
 }
 
 TEST_F(FileOpsTest, RemoveTakesTheLinkNotItsTarget) {
