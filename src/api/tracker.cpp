@@ -20,8 +20,8 @@ namespace {
 
 struct SharedState {
   // Held by a shutdown from taking the instance out until everything it had is kept, and by the
-  // start of a new instance: a new start reads the pending file only once the old instance has
-  // finished writing it, and an exit waits for a shutdown another thread began. Taken before
+  // start of a new instance: a new start takes over the pending store only once the old instance
+  // has finished writing it, and an exit waits for a shutdown another thread began. Taken before
   // `mutex`.
   std::mutex lifecycle;
   std::mutex mutex;
@@ -30,9 +30,8 @@ struct SharedState {
   SourcesFactory factory;
   bool exitHookInstalled = false;
   // Set by the exit hook. A host object destroyed after it (a global whose destructor posts
-  // willTerminate, say) must not start a fresh instance: that one would read the pending file
-  // just written into memory, delete it, and never live to send or keep those records. Also set
-  // in the child of a fork.
+  // willTerminate, say) must not start a fresh instance: it would take over the pending store
+  // and start threads while the process is being torn down. Also set in the child of a fork.
   bool exiting = false;
   // A forked child's inherited instance, kept here so that it is never destroyed.
   std::shared_ptr<ZInternalLogManager> abandonedInChild;
