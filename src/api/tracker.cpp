@@ -84,7 +84,11 @@ std::shared_ptr<ZInternalLogManager> ensureShared() {
   auto& state = shared();
   {
     std::lock_guard lock(state.mutex);
-    if (state.manager || state.exiting || shuttingDownHere) return state.manager;
+    // A diagnostics sink may run on an SDK thread that a shutdown is waiting for: a call it
+    // makes back into the SDK must neither wait for that shutdown nor start a new instance.
+    if (state.manager || state.exiting || shuttingDownHere || insideDiagnosticsSink()) {
+      return state.manager;
+    }
   }
   std::lock_guard lifecycle(state.lifecycle);
   std::lock_guard lock(state.mutex);

@@ -92,6 +92,7 @@ void ZInternalLogManager::scheduleIdentityRetry() {
 }
 
 void ZInternalLogManager::restoreKeptTemplates() {
+  const HeldDiagnostics held;  // said once mutex_ is released
   std::vector<ZLogTemplate> templates;
   const std::vector<std::string> kept = sources_.transport->takeKeptTemplates();
   for (const std::string& text : kept) {
@@ -235,6 +236,7 @@ void ZInternalLogManager::fillDefaultAgent() {
 }
 
 void ZInternalLogManager::handleIdentity(const ZXid& xid) {
+  const HeldDiagnostics held;  // said once mutex_ is released
   {
     std::lock_guard lock(mutex_);
     xid_ = xid;
@@ -327,6 +329,7 @@ ZCounters ZInternalLogManager::counters() const {
 }
 
 void ZInternalLogManager::resolveTemplates(bool ready) {
+  const HeldDiagnostics held;  // said once mutex_ is released
   if (!ready) return;
   std::lock_guard lock(mutex_);
   resolveTemplatesLocked();
@@ -462,11 +465,13 @@ RecordContext ZInternalLogManager::contextLocked(std::optional<ZCommon> common) 
 }
 
 void ZInternalLogManager::track(bool verbose, bool disabled) {
+  const HeldDiagnostics held;  // said once mutex_ is released
   std::lock_guard lock(mutex_);
   trackLocked(verbose, disabled);
 }
 
 void ZInternalLogManager::track(ZLogTemplate blocks, bool verbose, bool disabled) {
+  const HeldDiagnostics held;  // said once mutex_ is released
   std::lock_guard lock(mutex_);
   trackBlocksLocked(std::move(blocks), verbose, disabled);
 }
@@ -544,16 +549,19 @@ void ZInternalLogManager::trackAppEventLocked(ZApp app, ZAction action) {
 }
 
 void ZInternalLogManager::trackAppLaunch() {
+  const HeldDiagnostics held;  // said once mutex_ is released
   std::lock_guard lock(mutex_);
   trackAppEventLocked(ZApp{.appLaunch = true}, appAction("앱실행", "launch"));
 }
 
 void ZInternalLogManager::trackAppBackground() {
+  const HeldDiagnostics held;  // said once mutex_ is released
   std::lock_guard lock(mutex_);
   trackAppEventLocked(ZApp{.appExit = true}, appAction("백그라운드", "background"));
 }
 
 void ZInternalLogManager::checkAppVersion() {
+  const HeldDiagnostics held;  // said once mutex_ is released
   // Runs within the common block's delivery, and deliveries never overlap, so two host threads
   // setting the common block at once still see one install. The settings file is written
   // outside the manager's lock: other threads' events never wait for the disk.

@@ -3,7 +3,8 @@
 // into a record, or into a template while the identity triple is unknown.
 //
 // Threads: every host thread may call in. One mutex guards the manager's state and the builder;
-// the queue has its own (lock order: manager, then queue). Subjects publish outside the lock.
+// the queue has its own (lock order: manager, then queue). Subjects publish outside the lock, and
+// diagnostics said under it are held until it is released (a host's sink may call back in).
 #pragma once
 
 #include <atomic>

@@ -6,6 +6,8 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace zelvanor::detail {
 
@@ -25,6 +27,15 @@ DiagnosticsState& state() {
   static auto* instance = new DiagnosticsState();
   return *instance;
 }
+
+struct HeldLine {
+  ZLogLevel level;
+  std::string text;
+};
+// Whether a HeldDiagnostics is alive on this thread, and the lines it holds. A flag and a
+// reused vector: holding costs a track nothing when there is nothing to say.
+thread_local bool holding = false;
+thread_local std::vector<HeldLine> heldLines;
 
 void writeToStderr(std::string_view line) {
   std::string text;
@@ -67,24 +78,70 @@ bool diagnosing(ZLogLevel level) noexcept {
          static_cast<int>(level) <= state().level.load(std::memory_order_relaxed);
 }
 
+namespace {
+
+thread_local bool inSink = false;
+
+void write(ZLogLevel level, const std::string& text) {
+  std::shared_ptr<const ZDiagnosticsSink> sink;
+  {
+    std::lock_guard lock(state().mutex);
+    sink = state().sink;
+  }
+  // The host's sink runs outside our lock, so it may call back into the SDK.
+  if (sink) {
+    struct InSink {
+      InSink() noexcept { inSink = true; }
+      ~InSink() { inSink = false; }
+      InSink(const InSink&) = delete;
+      InSink& operator=(const InSink&) = delete;
+    } marked;
+    (*sink)(level, text);
+  } else {
+    writeToStderr(text);
+  }
+}
+
+}  // namespace
+
+bool insideDiagnosticsSink() noexcept {
+  return inSink;
+}
+
 void diagnose(ZLogLevel level, std::string_view line) noexcept {
   if (!diagnosing(level)) return;
   try {
     std::string text = "zelvanor ";
     text.append(levelName(level)).append(": ").append(line);
-    std::shared_ptr<const ZDiagnosticsSink> sink;
-    {
-      std::lock_guard lock(state().mutex);
-      sink = state().sink;
+    if (holding) {
+      heldLines.push_back(HeldLine{level, std::move(text)});
+      return;
     }
-    // The host's sink runs outside our lock, so it may call back into the SDK.
-    if (sink) {
-      (*sink)(level, text);
-    } else {
-      writeToStderr(text);
-    }
+    write(level, text);
   } catch (...) {
     // A line that could not be written (no memory, a throwing sink) must not cost the event.
+  }
+}
+
+HeldDiagnostics::HeldDiagnostics() noexcept {
+  if (holding) return;  // an outer one on this thread writes them
+  holding = true;
+  outermost_ = true;
+}
+
+HeldDiagnostics::~HeldDiagnostics() {
+  if (!outermost_) return;
+  holding = false;
+  if (heldLines.empty()) return;
+  // Taken out first: a sink that calls back into the SDK holds and writes its own lines.
+  std::vector<HeldLine> lines;
+  lines.swap(heldLines);
+  for (const HeldLine& line : lines) {
+    try {
+      write(line.level, line.text);
+    } catch (...) {
+      // As in diagnose: the line is lost, not the host's thread.
+    }
   }
 }
 

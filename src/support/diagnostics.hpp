@@ -15,6 +15,23 @@ bool diagnosing(ZLogLevel level) noexcept;
 /// that throws is ignored.
 void diagnose(ZLogLevel level, std::string_view line) noexcept;
 
+/// Whether this thread is running the host's diagnostics sink.
+bool insideDiagnosticsSink() noexcept;
+
+/// While one lives on a thread, lines said there are held and written, in order, when it ends.
+/// Code about to take a lock that a host's sink could need (a sink may call back into the SDK)
+/// makes one first, before the lock, so the lines go out after the lock is released.
+class HeldDiagnostics {
+ public:
+  HeldDiagnostics() noexcept;
+  ~HeldDiagnostics();
+  HeldDiagnostics(const HeldDiagnostics&) = delete;
+  HeldDiagnostics& operator=(const HeldDiagnostics&) = delete;
+
+ private:
+  bool outermost_ = false;
+};
+
 /// Sets the most detailed level written and where lines go (an empty sink: stderr). Until a
 /// host calls this, the level comes from ZELVANOR_LOG (error, warning, info, debug or off), and
 /// is error when it is unset.

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <fstream>
+#include <future>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -173,6 +174,24 @@ TEST_F(DiagnosticsTest, EveryEventDroppedOrKeptSaysWhyWithoutASecret) {
       EXPECT_EQ(line.text.find(secret), std::string::npos) << line.text;
     }
   }
+}
+
+// A host's sink may call back into the SDK: it never runs under one of the SDK's locks.
+TEST_F(DiagnosticsTest, ASinkThatCallsBackIntoTheSdkDoesNotDeadlock) {
+  start();
+  ASSERT_TRUE(ZelvanorTracker::waitUntilReady(10s));
+  std::atomic<int> callbacks{0};
+  ZelvanorTracker::setDiagnostics(ZLogLevel::debug, [&](ZLogLevel, std::string_view) {
+    static_cast<void>(ZelvanorTracker::getData());  // takes the lock a track holds
+    ++callbacks;
+  });
+  auto tracking = std::async(std::launch::async, [] {
+    trackNamed("no-common-yet");  // dropped, said under the lock
+    ZelvanorTracker::set(ZCommon({.serviceName = "diag", .deployment = "production"}));
+    trackNamed("shown", /*verbose=*/true);  // its JSON, said under the lock
+  });
+  ASSERT_EQ(tracking.wait_for(10s), std::future_status::ready) << "the sink deadlocked";
+  EXPECT_GE(callbacks.load(), 2);
 }
 
 TEST_F(DiagnosticsTest, TlsAndIdentitySyncFailuresAreNamed) {
