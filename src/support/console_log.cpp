@@ -19,16 +19,16 @@ namespace {
 std::mutex sinkMutex;
 std::shared_ptr<const ConsoleSink> customSink;  // null: stderr
 
+}  // namespace
+
 // One stdio call per line: the stream's lock is held for the whole call, so output from other
 // threads can come between lines but never splits one.
-void writeToStderr(std::string_view line) {
+void writeLineToStderr(std::string_view line) {
   std::string text;
   text.reserve(line.size() + 1);
   text.append(line).push_back('\n');
   std::fwrite(text.data(), 1, text.size(), stderr);
 }
-
-}  // namespace
 
 std::string formatConsoleLine(std::string_view message, std::string_view file,
                               std::string_view function, int line) {
@@ -54,7 +54,7 @@ void logError(std::string_view message, std::string_view file, std::string_view 
     if (sink) {
       (*sink)(text);
     } else {
-      writeToStderr(text);
+      writeLineToStderr(text);
     }
   } catch (...) {
     // A throwing host sink must not take the SDK's thread down with it.

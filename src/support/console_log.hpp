@@ -15,6 +15,10 @@ void logError(std::string_view message, std::string_view file, std::string_view 
 /// Replaces the sink; an empty function restores the default (stderr).
 void setConsoleSink(ConsoleSink sink);
 
+/// Writes one line and a newline to stderr in one call, so lines from several threads never
+/// interleave within one.
+void writeLineToStderr(std::string_view line);
+
 /// The line logError writes, without writing it.
 std::string formatConsoleLine(std::string_view message, std::string_view file,
                               std::string_view function, int line);

@@ -9,6 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/console_log.hpp"
+
 namespace zelvanor::detail {
 
 namespace {
@@ -36,14 +38,6 @@ struct HeldLine {
 // reused vector: holding costs a track nothing when there is nothing to say.
 thread_local bool holding = false;
 thread_local std::vector<HeldLine> heldLines;
-
-void writeToStderr(std::string_view line) {
-  std::string text;
-  text.reserve(line.size() + 1);
-  text.append(line).push_back('\n');
-  // One call per line: lines from several threads never interleave within one.
-  std::fwrite(text.data(), 1, text.size(), stderr);
-}
 
 }  // namespace
 
@@ -98,7 +92,7 @@ void write(ZLogLevel level, const std::string& text) {
     } marked;
     (*sink)(level, text);
   } else {
-    writeToStderr(text);
+    writeLineToStderr(text);
   }
 }
 
