@@ -180,10 +180,11 @@ TEST_F(DiagnosticsTest, EveryEventDroppedOrKeptSaysWhyWithoutASecret) {
 TEST_F(DiagnosticsTest, ASinkThatCallsBackIntoTheSdkDoesNotDeadlock) {
   start();
   ASSERT_TRUE(ZelvanorTracker::waitUntilReady(10s));
-  std::atomic<int> callbacks{0};
-  ZelvanorTracker::setDiagnostics(ZLogLevel::debug, [&](ZLogLevel, std::string_view) {
+  // Shared with the sink: SDK threads may still call it after this body ends.
+  auto callbacks = std::make_shared<std::atomic<int>>(0);
+  ZelvanorTracker::setDiagnostics(ZLogLevel::debug, [callbacks](ZLogLevel, std::string_view) {
     static_cast<void>(ZelvanorTracker::getData());  // takes the lock a track holds
-    ++callbacks;
+    ++*callbacks;
   });
   auto tracking = std::async(std::launch::async, [] {
     trackNamed("no-common-yet");  // dropped, said under the lock
@@ -191,7 +192,7 @@ TEST_F(DiagnosticsTest, ASinkThatCallsBackIntoTheSdkDoesNotDeadlock) {
     trackNamed("shown", /*verbose=*/true);  // its JSON, said under the lock
   });
   ASSERT_EQ(tracking.wait_for(10s), std::future_status::ready) << "the sink deadlocked";
-  EXPECT_GE(callbacks.load(), 2);
+  EXPECT_GE(callbacks->load(), 2);
 }
 
 TEST_F(DiagnosticsTest, TlsAndIdentitySyncFailuresAreNamed) {

@@ -162,14 +162,14 @@ TEST_F(NetworkTest, ComeBackLaterAnswersKeepTheRecordAndWaitForRetryAfterThenPro
   auto delivery = std::make_shared<HttpsDelivery>(http, dir.path(), ZStoreLimits{},
                                                   support::RetryTimings{.first = 50ms});
   // The delivery says when it has taken the answer in and begun to wait.
-  std::atomic<bool> waiting{false};
-  ZelvanorTracker::setDiagnostics(ZLogLevel::info, [&](ZLogLevel, std::string_view line) {
-    if (line.find("the collector asked to wait") != std::string_view::npos) waiting = true;
+  auto waiting = std::make_shared<std::atomic<bool>>(false);  // the sink may outlive this body
+  ZelvanorTracker::setDiagnostics(ZLogLevel::info, [waiting](ZLogLevel, std::string_view line) {
+    if (line.find("the collector asked to wait") != std::string_view::npos) *waiting = true;
   });
   sendOne(*delivery, record("first"), true);
-  for (int i = 0; i < 400 && !waiting; ++i) std::this_thread::sleep_for(5ms);
+  for (int i = 0; i < 400 && !*waiting; ++i) std::this_thread::sleep_for(5ms);
   ZelvanorTracker::setDiagnostics(ZLogLevel::error);
-  ASSERT_TRUE(waiting);
+  ASSERT_TRUE(*waiting);
   // While the collector asks to wait, later records wait too instead of being sent.
   sendOne(*delivery, record("second"), true);
   sendOne(*delivery, record("third"), true);
