@@ -174,7 +174,11 @@ TEST_F(NetworkTest, ComeBackLaterAnswersKeepTheRecordAndWaitForRetryAfterThenPro
   sendOne(*delivery, record("second"), true);
   sendOne(*delivery, record("third"), true);
   ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(10)));
-  ASSERT_EQ(arrivals->names(), (std::vector<std::string>{"first", "first", "second", "third"}));
+  // The probe goes alone; the two behind it share the window, so either may arrive first.
+  auto names = arrivals->names();
+  ASSERT_EQ(names.size(), 4u);
+  std::sort(names.begin() + 2, names.end());
+  ASSERT_EQ(names, (std::vector<std::string>{"first", "first", "second", "third"}));
   std::lock_guard lock(arrivals->mutex);
   EXPECT_GE(arrivals->seen[1].second - arrivals->seen[0].second, 950ms) << "not before Retry-After";
   EXPECT_EQ(delivery->counts().delivered, 3u);
