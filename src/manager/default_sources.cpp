@@ -1,6 +1,7 @@
 // The real sources of a started SDK: one HTTPS client (one cookie store) shared by delivery and
 // identity sync, the pending store and the settings file in the app's data directory, and
-// the platform's route watch.
+// the platform's route watch. Three threads in all: the HTTP client's, the route watch's, and one
+// worker that the delivery, the manager and reachability share.
 #include "manager/default_sources.hpp"
 
 #include <mutex>
@@ -11,6 +12,7 @@
 #include "network/reachability.hpp"
 #include "platform/platform.hpp"
 #include "platform/reachability_flags.hpp"
+#include "platform/thread_priority.hpp"
 
 namespace zelvanor::detail {
 
@@ -54,6 +56,8 @@ ManagerSources makeDefaultSources() {
   auto http = std::make_shared<network::HttpClient>(std::move(options));
 
   ManagerSources sources;
+  sources.worker = std::make_shared<support::SerialQueue>("com.zelvanor.sdk.worker",
+                                                          &platform::lowerCurrentThreadPriority);
   sources.storeLimits = storeLimits();
   {
     std::lock_guard lock(limitsMutex());
@@ -61,9 +65,10 @@ ManagerSources makeDefaultSources() {
   }
   sources.transport =
       std::make_shared<HttpsDelivery>(http, haveDirectory ? dataDirectory : std::filesystem::path{},
-                                      sources.storeLimits, sources.retryTimings);
+                                      sources.storeLimits, sources.retryTimings, sources.worker);
   sources.identity = std::make_shared<IdentitySync>(http);
-  sources.network = std::make_shared<ZReachability>(&platform::makeSystemReachabilityFlagSource);
+  sources.network =
+      std::make_shared<ZReachability>(&platform::makeSystemReachabilityFlagSource, sources.worker);
   if (haveDirectory) {
     sources.settingsStore =
         std::make_shared<platform::SettingsStore>(dataDirectory / "settings.json");

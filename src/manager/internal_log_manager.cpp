@@ -65,26 +65,41 @@ std::shared_ptr<ZInternalLogManager> ZInternalLogManager::create(ManagerSources 
   manager->subscribeToLifecycle();
   manager->queue_.restorePendingRecords();
   // Events an earlier run tracked before it knew the triple go in front of this run's, before any
-  // identity result is applied (both run in the serial context, in this order).
-  manager->serial_.async([weak = std::weak_ptr<ZInternalLogManager>(manager)] {
-    if (auto self = weak.lock()) self->restoreKeptTemplates();
-  });
+  // identity result is applied: both run on the worker, in this order, after the store has opened.
+  manager->postIdentityWork([](ZInternalLogManager& self) { self.restoreKeptTemplates(); });
   return manager;
 }
 
 ZInternalLogManager::ZInternalLogManager(ManagerSources sources)
     : sources_(std::move(sources)),
       queue_(sources_.transport, sources_.storeLimits.maxRecordsInMemory),
+      worker_(sources_.worker
+                  ? sources_.worker
+                  : std::make_shared<support::SerialQueue>("com.zelvanor.sdk.worker",
+                                                           &platform::lowerCurrentThreadPriority)),
       identityBackoff_(sources_.retryTimings) {}
+
+void ZInternalLogManager::postIdentityWork(std::function<void(ZInternalLogManager&)> work) {
+  // Under the lock stop() takes: work handed over before it runs before stop returns.
+  std::lock_guard lock(stopMutex_);
+  if (stopped_) return;
+  worker_->async([weak = weak_from_this(), work = std::move(work)] {
+    if (auto self = weak.lock()) work(*self);
+  });
+}
 
 void ZInternalLogManager::scheduleIdentityRetry() {
   if (identityRetryScheduled_ || isReady()) return;
   identityRetryScheduled_ = true;
   const auto wait = identityBackoff_.failed();
-  serial_.asyncAfter(wait, [weak = weak_from_this()] {
+  worker_->asyncAfter(wait, [weak = weak_from_this()] {
     auto self = weak.lock();
     if (!self) return;
     self->identityRetryScheduled_ = false;
+    {
+      std::lock_guard lock(self->stopMutex_);
+      if (self->stopped_) return;
+    }
     if (self->isReady()) return;
     self->sources_.identity->retry();
     self->scheduleIdentityRetry();
@@ -133,16 +148,20 @@ void ZInternalLogManager::enqueueRecord(const ZLogRecord& record) {
   queue_.enqueue(std::move(encoded).value());
 }
 
-ZInternalLogManager::~ZInternalLogManager() {
-  serial_.stop();
-}
+// Work still on the worker holds only a weak reference: it finds the manager gone.
+ZInternalLogManager::~ZInternalLogManager() = default;
 
 void ZInternalLogManager::stop() {
-  serial_.stop();
+  {
+    std::lock_guard lock(stopMutex_);
+    stopped_ = true;
+  }
+  // Identity results already handed over are applied before shutdown takes the queue's records.
+  worker_->sync([] {});
 }
 
 void ZInternalLogManager::waitForIdentityWork() {
-  serial_.sync([] {});
+  worker_->sync([] {});
 }
 
 void ZInternalLogManager::subscribeToLifecycle() {
@@ -167,19 +186,15 @@ void ZInternalLogManager::configure(const ZConfiguration& configuration) {
   queue_.setBatchSize(configuration.batchSize);
 
   std::weak_ptr<ZInternalLogManager> weak = weak_from_this();
-  // Identity results are applied in the SDK's serial context, whichever thread delivers them.
+  // Identity results are applied on the SDK's worker, whichever thread delivers them.
   cancellables_.insert(sources_.identity->fetchXid([weak](const ZXid& xid) {
     if (auto self = weak.lock()) {
-      self->serial_.async([weak, xid] {
-        if (auto manager = weak.lock()) manager->handleIdentity(xid);
-      });
+      self->postIdentityWork([xid](ZInternalLogManager& manager) { manager.handleIdentity(xid); });
     }
   }));
 
   fillDefaultAgent();
-  serial_.async([weak] {
-    if (auto self = weak.lock()) self->scheduleIdentityRetry();
-  });
+  postIdentityWork([](ZInternalLogManager& self) { self.scheduleIdentityRetry(); });
 
   cancellables_.insert(commonSubject_.subscribe(
       [weak](const std::optional<ZCommon>&) {
@@ -213,11 +228,10 @@ void ZInternalLogManager::fillDefaultAgent() {
     }
     if (returned && !self->isReady()) {
       // The way out is back: the sync server is asked at once, not at the end of the wait.
-      self->serial_.async([weak] {
-        auto manager = weak.lock();
-        if (!manager || manager->isReady()) return;
-        manager->identityBackoff_.succeeded();
-        manager->sources_.identity->retry();
+      self->postIdentityWork([](ZInternalLogManager& manager) {
+        if (manager.isReady()) return;
+        manager.identityBackoff_.succeeded();
+        manager.sources_.identity->retry();
       });
     }
   }));
@@ -251,6 +265,8 @@ void ZInternalLogManager::handleIdentity(const ZXid& xid) {
 
 bool ZInternalLogManager::waitUntilReady(std::chrono::milliseconds timeout) {
   std::unique_lock lock(mutex_);
+  // The triple is applied on the worker: waiting there would only wait out the timeout.
+  if (worker_->isCurrent()) return ready_;
   return readyChanged_.wait_for(lock, timeout, [&] { return ready_; });
 }
 
@@ -285,6 +301,13 @@ void ZInternalLogManager::onReady(std::function<void()> callback) {
 bool ZInternalLogManager::flushAndWait(std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   queue_.flush();
+  if (worker_->isCurrent()) {
+    // Answers are taken on this very thread: none can arrive while it waits here.
+    diagnose(ZLogLevel::warning,
+             "flushAndWait called on the SDK's worker (an onReady callback?): records are sent, "
+             "but their answers cannot be waited for there");
+    return false;
+  }
   // The queue hands records over as the transport makes room, so both sides are checked until
   // neither holds one without an outcome. Short slices: the queue has no signal to wait on.
   constexpr std::chrono::milliseconds kSlice{5};

@@ -5,6 +5,8 @@
 // Threads: every host thread may call in. One mutex guards the manager's state and the builder;
 // the queue has its own (lock order: manager, then queue). Subjects publish outside the lock, and
 // diagnostics said under it are held until it is released (a host's sink may call back in).
+// Identity results, the kept templates and the sync retries run on the SDK's worker, the thread
+// that also delivers: one thread, so their order is the order they were handed over in.
 #pragma once
 
 #include <atomic>
@@ -40,6 +42,9 @@ struct ManagerSources {
       settingsStore;  ///< null when there is nowhere to keep it
   ZStoreLimits storeLimits{};
   support::RetryTimings retryTimings{};  ///< how long to wait before asking the sync server again
+  /// The SDK's one worker, shared with the transport and reachability; null gives the manager a
+  /// worker of its own.
+  std::shared_ptr<support::SerialQueue> worker{};
 };
 
 class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogManager> {
@@ -94,17 +99,18 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   /// Waits until the identity triple is known; false when `timeout` passed first.
   bool waitUntilReady(std::chrono::milliseconds timeout);
   /// Runs `callback` once the triple is known: at once on this thread when it already is,
-  /// otherwise on the SDK's thread that learns it, with no lock held.
+  /// otherwise on the SDK's worker, with no lock held.
   void onReady(std::function<void()> callback);
   /// Sends every record waiting, then waits until each record handed over so far has an
   /// answer or is kept on disk; false when `timeout` passed first. Records other threads track
-  /// meanwhile may be waited for too.
+  /// meanwhile may be waited for too. On the SDK's worker (an onReady callback) nothing can be
+  /// answered while it waits: false at once.
   bool flushAndWait(std::chrono::milliseconds timeout);
   /// What happened since this instance started.
   ZCounters counters() const;
-  /// Waits until identity results handed to the SDK's serial context so far have been applied.
+  /// Waits until identity results handed to the SDK's worker so far have been applied.
   void waitForIdentityWork();
-  /// Stops the serial context; identity results arriving later are dropped.
+  /// Applies the identity results already handed over; those arriving later are dropped.
   void stop();
   /// Takes the templates still waiting for the triple, encoded, to be kept for the next start.
   std::vector<std::string> takeTemplatesToKeep();
@@ -118,6 +124,8 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   void enqueueRecord(const ZLogRecord& record);
   void handleIdentity(const ZXid& xid);
   void resolveTemplates(bool ready);
+  /// Hands identity work to the worker unless stop() has begun.
+  void postIdentityWork(std::function<void(ZInternalLogManager&)> work);
   void resolveTemplatesLocked();
   void fillDefaultAgent();
   void checkAppVersion();
@@ -142,10 +150,12 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   support::CurrentValueSubject<std::optional<ZCommon>> commonSubject_{std::nullopt};
   support::CurrentValueSubject<bool> readySubject_{false};
   support::CancellableSet cancellables_;
-  support::SerialQueue serial_{"com.zelvanor.sdk.identity", &platform::lowerCurrentThreadPriority};
+  const std::shared_ptr<support::SerialQueue> worker_;
+  std::mutex stopMutex_;
+  bool stopped_ = false;  ///< guarded by stopMutex_: no identity work is handed over any more
   std::once_flag installFactsOnce_;
-  support::RetrySchedule identityBackoff_;  ///< serial context only
-  bool identityRetryScheduled_ = false;     ///< serial context only
+  support::RetrySchedule identityBackoff_;  ///< worker only
+  bool identityRetryScheduled_ = false;     ///< worker only
   bool lastOnline_ = true;                  ///< guarded by mutex_
   // Outcomes decided here, before a record reaches the queue. Relaxed: counts, not ordering.
   struct Tally {

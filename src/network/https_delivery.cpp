@@ -21,20 +21,23 @@ std::shared_ptr<const std::string> shareBytes(std::string bytes) {
 
 HttpsDelivery::HttpsDelivery(std::shared_ptr<network::HttpClient> http,
                              std::filesystem::path dataDirectory, ZStoreLimits limits,
-                             support::RetryTimings retryTimings)
+                             support::RetryTimings retryTimings,
+                             std::shared_ptr<support::SerialQueue> worker)
     : http_(std::move(http)),
       limits_(limits),
+      worker_(worker ? std::move(worker)
+                     : std::make_shared<support::SerialQueue>(
+                           "com.zelvanor.sdk.worker", &platform::lowerCurrentThreadPriority)),
       store_(std::move(dataDirectory), limits),
       backoff_(retryTimings) {
   store_.setStopFlag(&stopped_);
 }
 
-HttpsDelivery::~HttpsDelivery() {
-  worker_.stop();
-}
+// Work still queued holds only a weak reference: it finds this delivery gone and does nothing.
+HttpsDelivery::~HttpsDelivery() = default;
 
 void HttpsDelivery::restore(std::function<void(std::uint64_t)> restored) {
-  worker_.async([weak = weak_from_this(), restored = std::move(restored)] {
+  worker_->async([weak = weak_from_this(), restored = std::move(restored)] {
     auto self = weak.lock();
     if (!self) return;
     const std::uint64_t count = self->store_.open();
@@ -64,8 +67,8 @@ void HttpsDelivery::post(Command command) {
     drainQueued_ = true;
     // Hand-overs from the host gather for a moment; those the worker makes itself (the queue
     // refilling the window after answers) are taken at once.
-    const bool gather = !worker_.isCurrent();
-    worker_.async([weak = weak_from_this(), gather] {
+    const bool gather = !worker_->isCurrent();
+    worker_->async([weak = weak_from_this(), gather] {
       if (auto self = weak.lock()) self->drainInbox(gather);
     });
   }
@@ -93,7 +96,7 @@ void HttpsDelivery::send(std::uint64_t fromDisk, std::vector<std::string> record
 }
 
 void HttpsDelivery::networkChanged(bool available) {
-  worker_.async([weak = weak_from_this(), available] {
+  worker_->async([weak = weak_from_this(), available] {
     auto self = weak.lock();
     if (!self || self->stopped_.load()) return;
     const bool returned = available && !self->networkAvailable_;
@@ -138,7 +141,7 @@ void HttpsDelivery::keepLate(std::string record) {
 
 std::vector<std::string> HttpsDelivery::takeKeptTemplates() {
   std::vector<std::string> templates;
-  worker_.sync([&] { templates = store_.takeTemplates(); });
+  worker_->sync([&] { templates = store_.takeTemplates(); });
   return templates;
 }
 
@@ -262,13 +265,13 @@ void HttpsDelivery::startWaiting() {
                 [weak, record = std::move(record)](network::HttpOutcome outcome) mutable {
                   auto self = weak.lock();
                   if (!self) return;
-                  if (self->worker_.isCurrent()) {
+                  if (self->worker_->isCurrent()) {
                     // The client answered at once on this thread (it has shut down).
                     self->finished(std::move(outcome), std::move(record));
                     return;
                   }
                   // File access and the window stay on the worker.
-                  self->worker_.async(
+                  self->worker_->async(
                       [weak, outcome = std::move(outcome), record = std::move(record)]() mutable {
                         if (auto owner = weak.lock()) {
                           owner->finished(std::move(outcome), std::move(record));
@@ -385,7 +388,7 @@ void HttpsDelivery::backOff(std::optional<std::chrono::seconds> retryAfter) {
                  std::to_string(std::chrono::duration_cast<std::chrono::seconds>(wait).count()) +
                  " s, then one record goes first");
   }
-  worker_.asyncAfter(wait, [weak = weak_from_this()] {
+  worker_->asyncAfter(wait, [weak = weak_from_this()] {
     if (auto self = weak.lock()) self->resume();
   });
 }
@@ -449,7 +452,7 @@ void HttpsDelivery::keep(std::vector<std::string> records) {
 void HttpsDelivery::scheduleRetry() {
   if (retryScheduled_ || stopped_.load()) return;
   retryScheduled_ = true;
-  worker_.asyncAfter(retryDelay_, [weak = weak_from_this()] {
+  worker_->asyncAfter(retryDelay_, [weak = weak_from_this()] {
     if (auto self = weak.lock()) self->retryWrites();
   });
 }
@@ -544,7 +547,7 @@ void HttpsDelivery::shutdown(std::vector<std::string> unsent, std::vector<std::s
   // Cancelling in-flight requests reports each as a transport failure, which the worker gathers
   // ahead of the waiting and the unsent records: file order stays send order.
   http_->shutdown();
-  worker_.async([this, unsent = std::move(unsent), templates = std::move(templates)]() mutable {
+  worker_->async([this, unsent = std::move(unsent), templates = std::move(templates)]() mutable {
     // Everything undelivered in memory goes down in one batch, oldest first; records that wait
     // on disk already stay where they are, ahead of these at the next start.
     std::vector<std::string> batch = std::move(keepBacklog_);
@@ -578,7 +581,7 @@ void HttpsDelivery::shutdown(std::vector<std::string> unsent, std::vector<std::s
     lateWritten_ = true;
     lateDone_.notify_all();
   });
-  worker_.stop();
+  worker_->stop();
 }
 
 HttpsDelivery::Counts HttpsDelivery::counts() const {

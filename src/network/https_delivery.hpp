@@ -31,9 +31,11 @@ class HttpsDelivery final : public RecordTransport,
  public:
   using Counts = TransportCounts;
 
-  /// `dataDirectory` empty: nothing is written to disk.
+  /// `dataDirectory` empty: nothing is written to disk. `worker` is the SDK's one worker, shared
+  /// with the manager and reachability; null gives this delivery a worker of its own.
   HttpsDelivery(std::shared_ptr<network::HttpClient> http, std::filesystem::path dataDirectory,
-                ZStoreLimits limits = {}, support::RetryTimings retryTimings = {});
+                ZStoreLimits limits = {}, support::RetryTimings retryTimings = {},
+                std::shared_ptr<support::SerialQueue> worker = nullptr);
   ~HttpsDelivery() override;
 
   void restore(std::function<void(std::uint64_t)> restored) override;
@@ -111,7 +113,7 @@ class HttpsDelivery final : public RecordTransport,
 
   std::shared_ptr<network::HttpClient> http_;
   const ZStoreLimits limits_;
-  support::SerialQueue worker_{"com.zelvanor.sdk.logQueue", &platform::lowerCurrentThreadPriority};
+  const std::shared_ptr<support::SerialQueue> worker_;
   mutable std::mutex mutex_;
   std::condition_variable settled_;
   std::uint64_t unsettled_ = 0;  ///< guarded by mutex_

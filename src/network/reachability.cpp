@@ -13,57 +13,60 @@ ZReachability::~ZReachability() {
 }
 
 void ZReachability::startIfNeeded() {
-  std::lock_guard lock(mutex_);
-  if (started_) return;
-  started_ = true;
-  source_ = makeSource_ ? makeSource_() : nullptr;
-  // Without a way to watch, the state stays wifi and records are never held back.
-  if (!source_) return;
   std::weak_ptr<ZReachability> weak = weak_from_this();
-  const bool watching = source_->start([weak](std::uint32_t flags) {
-    auto self = weak.lock();
-    if (!self) return;
-    self->queue_.async([weak, flags] {
-      if (auto owner = weak.lock()) owner->systemChanged(flags);
+  {
+    std::lock_guard lock(sourceMutex_);
+    if (started_) return;
+    started_ = true;
+    source_ = makeSource_ ? makeSource_() : nullptr;
+    // Without a way to watch, the state stays wifi and records are never held back.
+    if (!source_) return;
+    // Changes are published on the watch's own thread: no queue in between.
+    const bool watching = source_->start([weak](std::uint32_t flags) {
+      if (auto self = weak.lock()) self->changed(flags, /*fromHost=*/false);
     });
-  });
-  if (!watching) {
-    source_.reset();
-    return;
-  }
-  // The first report always publishes, even when the flags equal the initial 0.
-  queue_.async([weak] {
-    auto self = weak.lock();
-    if (!self || self->hostDriven_) return;
-    std::optional<std::uint32_t> flags;
-    {
-      std::lock_guard sourceLock(self->mutex_);
-      // Stopped before this report ran: reporting now would publish a made-up offline.
-      if (!self->source_) return;
-      flags = self->source_->currentFlags();
+    if (!watching) {
+      source_.reset();
+      return;
     }
-    self->lastFlags_ = flags.value_or(0);
-    self->reported_ = true;
-    self->states_.send(stateFor(self->lastFlags_));
-  });
+  }
+  // Reading the flags asks the kernel about routes and links: not on the host's thread.
+  if (worker_) {
+    worker_->async([weak] {
+      if (auto self = weak.lock()) self->firstReport();
+    });
+  } else {
+    firstReport();
+  }
+}
+
+void ZReachability::firstReport() {
+  std::optional<std::uint32_t> flags;
+  {
+    std::lock_guard sourceLock(sourceMutex_);
+    // Stopped before this report ran: reporting now would publish a made-up offline.
+    if (!source_) return;
+    flags = source_->currentFlags();
+  }
+  std::lock_guard lock(reportMutex_);
+  if (hostDriven_) return;
+  // The first report always publishes, even when the flags equal the initial 0.
+  lastFlags_ = flags.value_or(0);
+  reported_ = true;
+  states_.send(stateFor(lastFlags_));
 }
 
 void ZReachability::pushFlags(std::uint32_t flags) {
-  std::weak_ptr<ZReachability> weak = weak_from_this();
-  // Synchronous: once the host's report returns, the next event it tracks sees the new state.
-  queue_.sync([weak, flags] {
-    auto self = weak.lock();
-    if (!self) return;
-    self->hostDriven_ = true;
-    self->changed(flags);
-  });
+  changed(flags, /*fromHost=*/true);
 }
 
-void ZReachability::systemChanged(std::uint32_t flags) {
-  if (!hostDriven_) changed(flags);
-}
-
-void ZReachability::changed(std::uint32_t flags) {
+void ZReachability::changed(std::uint32_t flags, bool fromHost) {
+  std::lock_guard lock(reportMutex_);
+  if (fromHost) {
+    hostDriven_ = true;
+  } else if (hostDriven_) {
+    return;
+  }
   // Dedupe on the flags, not the state: two different flag words meaning wifi both publish. The
   // first report always publishes, also when it is 0 (offline) and no platform watch ran first.
   if (reported_ && flags == lastFlags_) return;
@@ -75,11 +78,11 @@ void ZReachability::changed(std::uint32_t flags) {
 void ZReachability::stop() {
   std::unique_ptr<platform::ReachabilityFlagSource> source;
   {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(sourceMutex_);
     source = std::move(source_);
   }
+  // Joins the watch's thread; a change it is publishing finishes first.
   if (source) source->stop();
-  queue_.stop();
 }
 
 }  // namespace zelvanor::detail

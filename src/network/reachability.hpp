@@ -9,7 +9,6 @@
 
 #include "network/sources.hpp"
 #include "platform/reachability_flags.hpp"
-#include "platform/thread_priority.hpp"
 #include "support/serial_queue.hpp"
 #include "support/subject.hpp"
 
@@ -20,7 +19,10 @@ class ZReachability final : public NetworkMonitor,
  public:
   using SourceFactory = std::function<std::unique_ptr<platform::ReachabilityFlagSource>()>;
 
-  explicit ZReachability(SourceFactory makeSource) : makeSource_(std::move(makeSource)) {}
+  /// `worker` reads the first flags off the host's thread; null reads them on the caller's.
+  explicit ZReachability(SourceFactory makeSource,
+                         std::shared_ptr<support::SerialQueue> worker = nullptr)
+      : makeSource_(std::move(makeSource)), worker_(std::move(worker)) {}
   ~ZReachability() override;
 
   /// bit 0x2 clear: offline; else 0x40000 set: mobile; else wifi.
@@ -30,27 +32,31 @@ class ZReachability final : public NetworkMonitor,
   support::CurrentValueSubject<NetworkState>& states() override { return states_; }
   /// Flags from the host; handled like a change reported by the platform, and from then on the
   /// platform's own reports are ignored (the host knows better, e.g. a VPN or a captive portal).
+  /// Published before this returns: the next event the host tracks sees the new state.
   void pushFlags(std::uint32_t flags) override;
-  /// Stops the platform watch and the reachability queue.
+  /// Stops the platform watch; a first report not yet read is dropped.
   void stop() override;
-  /// Waits until reports handed over so far have been published.
+  /// Waits until the first report, when one is being read on the worker, has been published.
   void waitForReports() {
-    queue_.sync([] {});
+    if (worker_) worker_->sync([] {});
   }
 
  private:
-  void changed(std::uint32_t flags);        // on queue_
-  void systemChanged(std::uint32_t flags);  // on queue_
+  void firstReport();
+  void changed(std::uint32_t flags, bool fromHost);
 
   SourceFactory makeSource_;
-  std::mutex mutex_;
+  const std::shared_ptr<support::SerialQueue> worker_;
+  std::mutex sourceMutex_;  // started_ and source_
   bool started_ = false;
   std::unique_ptr<platform::ReachabilityFlagSource> source_;
-  std::uint32_t lastFlags_ = 0;  // touched on queue_ only
-  bool reported_ = false;        // a first report was published (queue_)
-  bool hostDriven_ = false;      // once the host reports flags, the platform's are ignored (queue_)
+  // Reports come from the route watch's thread, the host's threads and the worker. One mutex,
+  // held while the state is published, keeps the published order the order of decisions.
+  std::mutex reportMutex_;
+  std::uint32_t lastFlags_ = 0;
+  bool reported_ = false;    // a first report was published
+  bool hostDriven_ = false;  // once the host reports flags, the platform's are ignored
   support::CurrentValueSubject<NetworkState> states_{NetworkState::wifi};
-  support::SerialQueue queue_{"ZReachability.reachability", &platform::lowerCurrentThreadPriority};
 };
 
 }  // namespace zelvanor::detail

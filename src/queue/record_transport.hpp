@@ -55,7 +55,7 @@ class RecordTransport {
   /// A record tracked after the queue closed for shutdown: kept for the next start, behind the
   /// unsent ones. Must not block on I/O while a shutdown is still to come or under way.
   virtual void keepLate(std::string record) = 0;
-  /// Templates (their JSON, oldest first) an earlier run kept; taken once.
+  /// Templates (their JSON, oldest first) an earlier run kept; taken once, after restore().
   virtual std::vector<std::string> takeKeptTemplates() = 0;
   /// Stops delivery for good: records in flight, `unsent` ones (oldest first) and late ones are
   /// kept for the next start, in that order, and so are `templates`. Returns once nothing more

@@ -78,13 +78,31 @@ void SerialQueue::stop() {
     worker = std::move(worker_);
   }
   state_->wake.notify_one();
-  if (!worker.joinable()) return;
-  // A task that drops the last owner of this queue ends up here on the worker itself: the worker
-  // finishes its queue and exits on its own (it shares its state), so it is let go, not joined.
   if (fromWorker) {
-    worker.detach();
-  } else {
-    worker.join();
+    // Stopped by one of its own tasks (a shutdown the host starts from a callback on this
+    // thread, or the last owner let go here): what is queued runs now, before stop returns, as
+    // it would for any other caller; the worker then ends on its own and is let go.
+    runQueuedInline(state_);
+    if (worker.joinable()) worker.detach();
+    return;
+  }
+  if (worker.joinable()) worker.join();
+}
+
+void SerialQueue::runQueuedInline(const std::shared_ptr<State>& state) {
+  for (;;) {
+    std::function<void()> task;
+    {
+      std::lock_guard lock(state->mutex);
+      if (state->tasks.empty()) return;
+      task = std::move(state->tasks.front());
+      state->tasks.pop_front();
+    }
+    try {
+      task();
+    } catch (...) {
+      // As on the worker: a failing task must not end the others.
+    }
   }
 }
 

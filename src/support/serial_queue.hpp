@@ -34,7 +34,8 @@ class SerialQueue {
   /// inline on the caller instead of waiting on itself.
   void sync(const std::function<void()>& task);
   bool isCurrent() const noexcept;
-  /// Runs everything already queued, then ends the worker. Idempotent; safe from the worker.
+  /// Runs everything already queued, then ends the worker; from the worker itself, the queued
+  /// tasks run inline before it returns. Idempotent.
   void stop();
   const std::string& label() const noexcept { return label_; }
 
@@ -49,6 +50,7 @@ class SerialQueue {
     std::thread::id workerId;
   };
   static void run(const std::shared_ptr<State>& state);
+  static void runQueuedInline(const std::shared_ptr<State>& state);
 
   const std::string label_;
   std::shared_ptr<State> state_ = std::make_shared<State>();

@@ -21,11 +21,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// What a started SDK runs today: the network thread (libcurl multi), the delivery worker (queue,
-// pending file, timers), the manager's serial context (identity results), the reachability
-// queue and the platform's route watch. The aim is three (worker, network, route watch): lower
-// this when the serial context and the reachability queue fold into the worker.
-constexpr int kSdkThreads = 5;
+// What a started SDK runs: the network thread (libcurl multi), the worker (queue hand-overs,
+// pending file, timers, identity results, the first reachability read) and the platform's route
+// watch.
+constexpr int kSdkThreads = 3;
 constexpr int kTracked = 20;
 
 int threadCount() {
