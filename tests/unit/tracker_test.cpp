@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <future>
 #include <set>
 #include <thread>
 
@@ -195,6 +196,54 @@ TEST_F(TrackerTest, AStartDuringAnotherThreadsShutdownLosesNoRecord) {
   }
   EXPECT_EQ(kept.size(), static_cast<std::size_t>(kRounds * kPerRound));
   EXPECT_EQ(std::set<std::string>(kept.begin(), kept.end()).size(), kept.size()) << "no twice";
+}
+
+TEST_F(TrackerTest, AShutdownFromAnOnReadyCallbackKeepsEverythingBeforeItReturns) {
+  // onReady's callback runs on the SDK's one worker, the thread that also writes the pending
+  // file: a shutdown started there must still have written every record when it returns.
+  auto identity = std::make_shared<testing::ManualIdentity>();
+  detail::setSourcesFactory([&] {
+    auto worker = std::make_shared<support::SerialQueue>("test.worker", nullptr);
+    auto http = std::make_shared<network::HttpClient>(network::HttpClient::Options{});
+    auto network = std::make_shared<testing::ManualNetwork>();
+    network->pushFlags(0);  // offline: every record is kept for the next start
+    return detail::ManagerSources{
+        .transport = std::make_shared<detail::HttpsDelivery>(http, dir.path(), ZStoreLimits{},
+                                                             support::RetryTimings{}, worker),
+        .identity = identity,
+        .network = network,
+        .settingsStore = fakes.settings,
+        .worker = worker};
+  });
+  ZelvanorTracker::setDevelopment();
+  ZelvanorTracker::set(ZCommon({.serviceName = "svc", .deployment = "dev"}));
+  for (int i = 0; i < 3; ++i) {
+    ZelvanorTracker::set(ZAction("event", "before-" + std::to_string(i), "tap"))
+        .track(false, false);
+  }
+  struct Seen {
+    bool flushed = true;
+    std::vector<std::string> kept;
+  };
+  std::promise<Seen> done;
+  ZelvanorTracker::onReady([&] {
+    ZelvanorTracker::set(ZAction("event", "in-callback", "tap")).track(false, false);
+    Seen seen;
+    // Answers are taken on this thread: waiting for them here could only time out.
+    seen.flushed = ZelvanorTracker::flushAndWait(std::chrono::seconds(5));
+    ZelvanorTracker::shutdown();
+    for (const auto& record : testing::pendingRecords(dir.path())) {
+      if (record.action.type == "event") seen.kept.push_back(record.action.name);
+    }
+    done.set_value(std::move(seen));
+  });
+  identity->deliver(ZXid{"c", "d", "s"});
+  auto result = done.get_future();
+  ASSERT_EQ(result.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  const Seen seen = result.get();
+  EXPECT_FALSE(seen.flushed);
+  EXPECT_EQ(seen.kept,
+            (std::vector<std::string>{"before-0", "before-1", "before-2", "in-callback"}));
 }
 
 }  // namespace
