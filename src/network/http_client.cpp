@@ -173,9 +173,12 @@ struct HttpClient::Impl {
         auto transfer = std::make_unique<Transfer>();
         transfer->request = std::move(request);
         transfer->done = std::move(done);
+        // One wake-up per batch: requests handed over before the network thread takes the
+        // batch ride on the wake-up the first of them made.
+        const bool wake = incoming.empty();
         incoming.push_back(std::move(transfer));
         ++pending;
-        curl_multi_wakeup(multi);
+        if (wake) curl_multi_wakeup(multi);
         return;
       }
     }
