@@ -8,6 +8,7 @@
 
 #include <fstream>
 #include <future>
+#include <map>
 #include <sstream>
 #include <thread>
 
@@ -156,6 +157,46 @@ TEST_F(CollectorTest, StoresRecordsThatDecodeAndListsThemNewestFirstWithFilters)
   EXPECT_EQ(counters.trackRequests, 5u);
   EXPECT_EQ(counters.storedRecords, 3u);
   EXPECT_EQ(counters.rejectedRecords, 2u);
+}
+
+// Each exact filter over HTTP, for the list and the counts: a record that alone carries the
+// value is the only one either of them finds, so a parameter ignored or read as another shows.
+TEST_F(CollectorTest, EventsAndStatsFilterByNameKindPageCidAndUser) {
+  EXPECT_EQ(track(recordOfType("event", "plain")), "ok");
+  std::map<std::string, ZLogRecord> only;
+  only["name"] = recordOfType("event", "only-name");
+  only["kind"] = recordOfType("event", "plain");
+  only["kind"].action.kind = "only-kind";
+  only["page"] = recordOfType("event", "plain");
+  only["page"].page->name = "only-page";
+  only["cid"] = recordOfType("event", "plain");
+  only["cid"].xid.cid = "only-cid";
+  only["user"] = recordOfType("event", "plain");
+  only["user"].id = ZId{};
+  only["user"].id->appUserId = "only-user";
+  std::map<std::string, std::int64_t> ids;
+  for (const auto& [parameter, record] : only) {
+    ASSERT_EQ(track(record), "ok") << parameter;
+    ids[parameter] = listed("?limit=1").front().first;
+  }
+  ASSERT_EQ(listed("").size(), only.size() + 1);
+
+  simdjson::dom::parser parser;
+  for (const auto& [parameter, id] : ids) {
+    const std::string filter = "?" + parameter + "=only-" + parameter;
+    EXPECT_EQ(listed(filter), (std::vector<std::pair<std::int64_t, std::string>>{{id, "event"}}))
+        << filter;
+    const std::string stats = body(request("GET", "/api/stats" + filter));
+    auto answer = parser.parse(stats);
+    EXPECT_EQ(int64_t(answer["total"]), 1) << filter << ": " << stats;
+    EXPECT_EQ(answer["types"].get_array().size(), 1u) << filter << ": " << stats;
+    // A value nobody carries finds nothing in either.
+    EXPECT_TRUE(listed("?" + parameter + "=nobody").empty()) << parameter;
+    EXPECT_EQ(
+        int64_t(parser.parse(body(request("GET", "/api/stats?" + parameter + "=nobody")))["total"]),
+        0)
+        << parameter;
+  }
 }
 
 TEST_F(CollectorTest, SwitchesAnswerAnotherBodyDropConnectionsOrDelay) {
