@@ -276,6 +276,29 @@ TEST_F(CollectorTest, CompressedAndOversizedBodiesAreRefusedUnread) {
   EXPECT_NE(body(send({}, std::string(17u << 20, ' ') + json)), "ok");
   EXPECT_EQ(collector_->counters().storedRecords, 0u);
   EXPECT_EQ(track(recordOfType("event", "plain")), "ok");
+
+  // Both are kept among the refused ones, without the body that was never read, so that the
+  // viewer says why those records never showed up.
+  const std::string text = body(request("GET", "/api/events?status=refused"));
+  simdjson::dom::parser parser;
+  auto refused = parser.parse(text)["events"].get_array();
+  ASSERT_EQ(refused.size(), 2u) << text;
+  EXPECT_EQ(std::string_view(refused.at(0)["refused"]["reason"]), "body over 16 MiB");
+  EXPECT_EQ(std::string_view(refused.at(1)["refused"]["reason"]), "compressed body (gzip)");
+  for (auto event : refused) {
+    EXPECT_EQ(std::string_view(event["refused"]["path"]), "$");
+    EXPECT_EQ(std::string_view(event["body"]), "");
+  }
+  EXPECT_EQ(collector_->counters().rejectedRecords, 2u);
+  // Only track requests count: a compressed request elsewhere is refused and not kept.
+  std::promise<HttpOutcome> answered;
+  auto outcome = answered.get_future();
+  client_->send(
+      HttpRequest{
+          "POST", collector_->baseUrl() + "/sync?v=1", {{"Content-Encoding", "gzip"}}, json, 5.0},
+      [&answered](HttpOutcome o) { answered.set_value(std::move(o)); });
+  ASSERT_TRUE(std::holds_alternative<HttpResponse>(outcome.get()));
+  EXPECT_EQ(listed("?status=refused").size(), 2u);
 }
 
 TEST_F(CollectorTest, RefusedBodiesAreKeptWithTheirReasonAndForeignOriginsAreRefused) {
