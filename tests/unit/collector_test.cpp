@@ -1,8 +1,10 @@
 // The local collector as a client sees it: identity sync with cookies, record storage, the events
 // API and the switches that make it misbehave.
+#define CPPHTTPLIB_OPENSSL_SUPPORT
 #include "collector.hpp"
 
 #include <gtest/gtest.h>
+#include <httplib.h>
 #include <simdjson.h>
 #include <sqlite3.h>
 
@@ -197,6 +199,43 @@ TEST_F(CollectorTest, EventsAndStatsFilterByNameKindPageCidAndUser) {
         0)
         << parameter;
   }
+}
+
+// An answer stops growing at 32 MiB; one cut there says so, or a reader that pages by the count
+// it asked for would take the short page for the oldest and never ask for the rest.
+TEST_F(CollectorTest, AnEventsAnswerCutBySizeSaysItWasCut) {
+  // 12 MiB of whitespace in each of three records: the first two fit, the third does not.
+  const std::string padding(12u << 20, ' ');
+  for (const char* name : {"first", "second", "third"}) {
+    ASSERT_EQ(body(request("POST", "/sdk/track", *encodeJson(recordOfType("event", name)) + padding,
+                           20.0)),
+              "ok");
+  }
+  // The SDK's client keeps a megabyte of an answer at most: read these with cpp-httplib.
+  httplib::SSLClient reader("127.0.0.1", collector_->port());
+  reader.set_ca_cert_path(collector_->caFile().c_str());
+  reader.set_read_timeout(20);
+  simdjson::dom::parser parser;
+  const auto page = [&](const std::string& query) {
+    const auto answered = reader.Get("/api/events" + query);
+    const std::string text = answered ? answered->body : "";
+    auto answer = parser.parse(text);
+    std::vector<std::string> names;
+    for (auto event : answer["events"].get_array()) {
+      names.emplace_back(std::string_view(event["record"]["action"]["name"]));
+    }
+    bool cut = false;
+    EXPECT_EQ(answer["truncated"].get(cut), simdjson::SUCCESS) << query;
+    return std::pair{names, cut};
+  };
+  EXPECT_EQ(page("?limit=3"), (std::pair{std::vector<std::string>{"third", "second"}, true}));
+  EXPECT_EQ(page("?limit=2"), (std::pair{std::vector<std::string>{"third", "second"}, false}));
+  EXPECT_EQ(page("?order=asc&limit=5"),
+            (std::pair{std::vector<std::string>{"first", "second"}, true}));
+  const auto newest = collector_->events({.limit = 1});
+  ASSERT_EQ(newest.size(), 1u);
+  EXPECT_EQ(page("?limit=3&before=" + std::to_string(newest[0].id)),
+            (std::pair{std::vector<std::string>{"second", "first"}, false}));
 }
 
 TEST_F(CollectorTest, SwitchesAnswerAnotherBodyDropConnectionsOrDelay) {

@@ -108,14 +108,20 @@ void appendEventJson(std::string& out, const StoredEvent& e) {
   }
 }
 
+// "truncated" says the answer stopped at its size cap before the rows asked for: more match
+// than it holds even when it holds fewer than the limit.
 std::string eventsJson(const std::vector<StoredEvent>& events) {
   std::string out = "{\"events\":[";
+  bool truncated = false;
   for (std::size_t i = 0; i < events.size(); ++i) {
-    if (i > 0 && out.size() + events[i].json.size() > kMaxEventsAnswerBytes) break;
+    if (i > 0 && out.size() + events[i].json.size() > kMaxEventsAnswerBytes) {
+      truncated = true;
+      break;
+    }
     if (i > 0) out.push_back(',');
     appendEventJson(out, events[i]);
   }
-  out.append("]}");
+  out.append("],\"truncated\":").append(truncated ? "true" : "false").append("}");
   return out;
 }
 

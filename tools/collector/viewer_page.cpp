@@ -277,7 +277,7 @@ async function reload() {
   $("events").replaceChildren();
   newestId = 0;
   paused = false;
-  hasOlder = page.events.length === pageSize;
+  hasOlder = page.events.length === pageSize || page.truncated;
   addNewest(page.events.slice().reverse());
   if (!document.body.dataset.loadedAt) document.body.dataset.loadedAt = performance.now();
   document.body.dataset.loaded = query();
@@ -287,7 +287,7 @@ async function showOlder() {
   const mine = generation;
   const page = await getJson("/api/events?" + query({limit: pageSize, before: oldestId}));
   if (mine !== generation) return;
-  hasOlder = page.events.length === pageSize;
+  hasOlder = page.events.length === pageSize || page.truncated;
   addOlder(page.events);
 }
 
