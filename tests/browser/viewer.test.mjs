@@ -274,6 +274,34 @@ test("on 100,000 stored events the viewer loads, filters, charts, exports and sh
   assert.deepEqual(await rowIds(second), match.events.map((e) => e.id).slice(0, 200));
   assert.ok(match.events.every((e) => e.actionType === "ecommerce" && e.actionName === "purchase" && e.page === "checkout" &&
                                       e.xid.cid === "cid-00007" && e.userId === "user-00007"));
+  // The type choices are every type stored, not only the one the shared address names.
+  const everything = await api(second, "/api/stats?status=all");
+  assert.deepEqual(await second.locator("[data-testid=type-filter] option").evaluateAll((os) => os.map((o) => o.value)),
+                   ["", ...everything.types.map((s) => s.type).sort()]);
+
+  // A busy device's cid and did sessions: its newest 1000 events, oldest of them first.
+  await second.goto(`${base}/?cid=cid-00000`);
+  await settled(second);
+  await second.locator("tbody#events tr").first().click();
+  const sessionIds = () => second.locator("#session-events tr").evaluateAll((trs) => trs.map((tr) => Number(tr.dataset.id)));
+  for (const [key, value] of [["cid", "cid-00000"], ["did", "did-00000"]]) {
+    await second.click(`[data-testid=session-${key}]`);
+    await waitFor(`the ${key} session`, async () => (await second.textContent("#session-title")).startsWith(`${key} ${value}:`));
+    const newestThousand = (await api(second, `/api/events?${key}=${value}&limit=1000`)).events;
+    assert.equal(newestThousand.length, 1000, `device 0 has more than 1000 events (${key})`);
+    assert.deepEqual(await sessionIds(), newestThousand.map((e) => e.id).reverse());
+    assert.match(await second.textContent("#session-title"), new RegExp(`^${key} ${value}: 1000 \\(the newest\\) events`));
+    assert.match(second.url(), new RegExp(`session=${key}%3A${value}`));
+  }
+  // Clear empties the form and closes the session, in the page and in its address.
+  await second.click("#clear");
+  await settled(second);
+  assert.ok(await second.isHidden("[data-testid=session]"), "the session panel closed");
+  assert.equal(new URL(second.url()).search, "");
+  assert.equal(await second.inputValue("[data-testid=cid-filter]"), "");
+  const cleared = await api(second, "/api/stats?status=all");
+  assert.equal(await second.textContent("[data-testid=count]"), `${(cleared.total - cleared.refused).toLocaleString("en")} events`);
+
   // Only refused ones, then back to all.
   await page.fill("[data-testid=search]", "");
   await page.selectOption("[data-testid=status-filter]", "refused");
@@ -324,7 +352,7 @@ test("on 100,000 stored events the viewer loads, filters, charts, exports and sh
   const sid = JSON.parse(await page.textContent("[data-testid=detail]")).xid.sid;
   await page.click("[data-testid=session-sid]");
   await page.locator("#session-events tr").first().waitFor();
-  const sessionEvents = (await api(page, `/api/events?sid=${sid}&order=asc&limit=1000`)).events;
+  const sessionEvents = (await api(page, `/api/events?sid=${sid}&limit=1000`)).events.reverse();
   const sessionRows = await page.locator("#session-events tr").evaluateAll((trs) => trs.map((tr) => ({
     id: Number(tr.dataset.id), gap: tr.children[1].textContent })));
   assert.deepEqual(sessionRows.map((r) => r.id), sessionEvents.map((e) => e.id));
