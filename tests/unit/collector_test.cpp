@@ -57,8 +57,8 @@ class CollectorTest : public ::testing::Test {
     client_ = std::make_unique<HttpClient>(HttpClient::Options{{}, collector_->caFile().string()});
   }
 
-  HttpOutcome request(std::string method, std::string path, std::optional<std::string> body = {},
-                      double timeout = 5.0) {
+  HttpOutcome request(std::string method, const std::string& path,
+                      std::optional<std::string> body = {}, double timeout = 5.0) {
     std::promise<HttpOutcome> answered;
     auto outcome = answered.get_future();
     client_->send(
@@ -185,7 +185,8 @@ TEST_F(CollectorTest, EventsAndStatsFilterByNameKindPageCidAndUser) {
 
   simdjson::dom::parser parser;
   for (const auto& [parameter, id] : ids) {
-    const std::string filter = "?" + parameter + "=only-" + parameter;
+    const std::string filter =
+        std::string("?").append(parameter).append("=only-").append(parameter);
     EXPECT_EQ(listed(filter), (std::vector<std::pair<std::int64_t, std::string>>{{id, "event"}}))
         << filter;
     const std::string stats = body(request("GET", "/api/stats" + filter));
@@ -436,7 +437,7 @@ class EventStoreTest : public ::testing::Test {
     ASSERT_TRUE(store_.open(dir_.path() / "events.sqlite", error)) << error;
   }
 
-  std::vector<std::string> names(collector::EventQuery query) {
+  std::vector<std::string> names(const collector::EventQuery& query) {
     std::vector<std::string> out;
     for (const auto& e : store_.list(query))
       out.push_back(e.refused() ? "!" + e.refusal : e.actionName);
@@ -533,6 +534,7 @@ TEST_F(EventStoreTest, ReceiveTimesNeverFallAsIdsRiseUnderConcurrentWriters) {
   const ZLogRecord record = recordOfType("event", "tap");
   const std::string json = *encodeJson(record);
   std::vector<std::thread> writers;
+  writers.reserve(kThreads);
   for (int t = 0; t < kThreads; ++t) {
     writers.emplace_back([&, t] {
       for (int i = 0; i < kPerThread; ++i) {
