@@ -237,6 +237,33 @@ test("on 100,000 stored events the viewer loads, filters, charts, exports and sh
   const inLastHour = (s) => s.minutes.reduce((sum, m) => sum + m.count, 0);
   assert.equal((await bars()).reduce((a, b) => a + b, 0), inLastHour(stats));
   assert.ok((await bars()).filter((n) => n > 0).length >= 55, "the made-up hour fills the chart");
+  // Bars stack by type: the newest full minute with events has one segment per type the store
+  // counts for it, in the order it lists them, each in that type's legend colour. Asked again
+  // if the minute turned between the page's counts and these.
+  const stacked = await waitFor("the chart drawn for the same hour as the counts", async () => {
+    const s = await api(page, "/api/stats?status=all");
+    const start = Date.parse(s.since + ":00Z");
+    const current = new Date(start + 59 * 60000).toISOString().slice(0, 16);
+    const key = s.minutes.map((m) => m.minute).filter((m) => m < current).at(-1);
+    const types = s.minutes.filter((m) => m.minute === key).map((m) => (m.refused ? "refused" : m.type));
+    const index = (Date.parse(key + ":00Z") - start) / 60000;
+    const seen = await page.evaluate(({ key, index, types }) => {
+      const bar = document.querySelectorAll("#chart g.bar")[index];
+      if (bar.dataset.minute !== localTime(key + ":00Z", false).slice(0, 5)) return null;
+      const swatch = (type) => {
+        const li = [...document.querySelectorAll("#legend li")].find((l) => l.dataset.type === type);
+        return li ? getComputedStyle(li.querySelector(".swatch")).backgroundColor : `no legend entry for ${type}`;
+      };
+      // The last rect is the transparent hover target.
+      return { drawn: [...bar.querySelectorAll("rect")].slice(0, -1).map((r) => getComputedStyle(r).fill),
+               legend: types.map(swatch) };
+    }, { key, index, types });
+    return seen && { ...seen, types, index };
+  });
+  assert.ok(stacked.index >= 50, `the newest full minute with events is bar ${stacked.index}`);
+  assert.ok(stacked.types.length >= 5, `that minute has ${stacked.types.length} types`);
+  assert.deepEqual(stacked.drawn, stacked.legend);
+  assert.ok(new Set(stacked.drawn).size >= 5, "the types have colours of their own");
 
   // Live: new records show up on top without the rows already there being drawn again, and the
   // chart and counts follow.
@@ -274,6 +301,53 @@ test("on 100,000 stored events the viewer loads, filters, charts, exports and sh
   assert.deepEqual(await rowIds(second), match.events.map((e) => e.id).slice(0, 200));
   assert.ok(match.events.every((e) => e.actionType === "ecommerce" && e.actionName === "purchase" && e.page === "checkout" &&
                                       e.xid.cid === "cid-00007" && e.userId === "user-00007"));
+  // The type choices are every type stored, not only the one the shared address names.
+  const everything = await api(second, "/api/stats?status=all");
+  assert.deepEqual(await second.locator("[data-testid=type-filter] option").evaluateAll((os) => os.map((o) => o.value)),
+                   ["", ...everything.types.map((s) => s.type).sort()]);
+
+  // Each filter on its own from an address: the form shows it, the count is the collector's for
+  // it and below the whole store's, and every row carries the value.
+  const allAccepted = everything.total - everything.refused;
+  for (const [name, value, columnIndex] of [["name", "purchase", 3], ["kind", "tap", 4], ["page", "checkout", 5],
+                                            ["user", "user-00007", 7]]) {
+    await second.goto(`${base}/?${name}=${value}`);
+    await settled(second);
+    assert.equal(await second.inputValue(`[data-testid=${name}-filter]`), value, name);
+    const counted = await api(second, `/api/stats?status=all&${name}=${value}`);
+    const n = counted.total - counted.refused;
+    assert.ok(n > 0 && n < allAccepted, `${name}=${value} matches ${n} of ${allAccepted}`);
+    assert.equal(await second.textContent("[data-testid=count]"), `${n.toLocaleString("en")} events`, name);
+    const values = await column(second, columnIndex);
+    assert.equal(values.length, Math.min(n, 200), name);
+    assert.ok(values.every((v) => v === value), `every row has ${name} ${value}`);
+    // A tap is not one type's: the kind filter is not the type filter under another name.
+    if (name === "kind") assert.ok(counted.types.length >= 2, "taps of more than one type");
+  }
+
+  // A busy device's cid and did sessions: its newest 1000 events, oldest of them first.
+  await second.goto(`${base}/?cid=cid-00000`);
+  await settled(second);
+  await second.locator("tbody#events tr").first().click();
+  const sessionIds = () => second.locator("#session-events tr").evaluateAll((trs) => trs.map((tr) => Number(tr.dataset.id)));
+  for (const [key, value] of [["cid", "cid-00000"], ["did", "did-00000"]]) {
+    await second.click(`[data-testid=session-${key}]`);
+    await waitFor(`the ${key} session`, async () => (await second.textContent("#session-title")).startsWith(`${key} ${value}:`));
+    const newestThousand = (await api(second, `/api/events?${key}=${value}&limit=1000`)).events;
+    assert.equal(newestThousand.length, 1000, `device 0 has more than 1000 events (${key})`);
+    assert.deepEqual(await sessionIds(), newestThousand.map((e) => e.id).reverse());
+    assert.match(await second.textContent("#session-title"), new RegExp(`^${key} ${value}: 1000 \\(the newest\\) events`));
+    assert.match(second.url(), new RegExp(`session=${key}%3A${value}`));
+  }
+  // Clear empties the form and closes the session, in the page and in its address.
+  await second.click("#clear");
+  await settled(second);
+  assert.ok(await second.isHidden("[data-testid=session]"), "the session panel closed");
+  assert.equal(new URL(second.url()).search, "");
+  assert.equal(await second.inputValue("[data-testid=cid-filter]"), "");
+  const cleared = await api(second, "/api/stats?status=all");
+  assert.equal(await second.textContent("[data-testid=count]"), `${(cleared.total - cleared.refused).toLocaleString("en")} events`);
+
   // Only refused ones, then back to all.
   await page.fill("[data-testid=search]", "");
   await page.selectOption("[data-testid=status-filter]", "refused");
@@ -324,7 +398,7 @@ test("on 100,000 stored events the viewer loads, filters, charts, exports and sh
   const sid = JSON.parse(await page.textContent("[data-testid=detail]")).xid.sid;
   await page.click("[data-testid=session-sid]");
   await page.locator("#session-events tr").first().waitFor();
-  const sessionEvents = (await api(page, `/api/events?sid=${sid}&order=asc&limit=1000`)).events;
+  const sessionEvents = (await api(page, `/api/events?sid=${sid}&limit=1000`)).events.reverse();
   const sessionRows = await page.locator("#session-events tr").evaluateAll((trs) => trs.map((tr) => ({
     id: Number(tr.dataset.id), gap: tr.children[1].textContent })));
   assert.deepEqual(sessionRows.map((r) => r.id), sessionEvents.map((e) => e.id));

@@ -1,14 +1,18 @@
 // The local collector as a client sees it: identity sync with cookies, record storage, the events
 // API and the switches that make it misbehave.
+#define CPPHTTPLIB_OPENSSL_SUPPORT
 #include "collector.hpp"
 
 #include <gtest/gtest.h>
+#include <httplib.h>
 #include <simdjson.h>
 #include <sqlite3.h>
 
 #include <fstream>
 #include <future>
+#include <map>
 #include <sstream>
+#include <thread>
 
 #include "network/http_client.hpp"
 #include "support/temp_dir.hpp"
@@ -53,8 +57,8 @@ class CollectorTest : public ::testing::Test {
     client_ = std::make_unique<HttpClient>(HttpClient::Options{{}, collector_->caFile().string()});
   }
 
-  HttpOutcome request(std::string method, std::string path, std::optional<std::string> body = {},
-                      double timeout = 5.0) {
+  HttpOutcome request(std::string method, const std::string& path,
+                      std::optional<std::string> body = {}, double timeout = 5.0) {
     std::promise<HttpOutcome> answered;
     auto outcome = answered.get_future();
     client_->send(
@@ -157,6 +161,84 @@ TEST_F(CollectorTest, StoresRecordsThatDecodeAndListsThemNewestFirstWithFilters)
   EXPECT_EQ(counters.rejectedRecords, 2u);
 }
 
+// Each exact filter over HTTP, for the list and the counts: a record that alone carries the
+// value is the only one either of them finds, so a parameter ignored or read as another shows.
+TEST_F(CollectorTest, EventsAndStatsFilterByNameKindPageCidAndUser) {
+  EXPECT_EQ(track(recordOfType("event", "plain")), "ok");
+  std::map<std::string, ZLogRecord> only;
+  only["name"] = recordOfType("event", "only-name");
+  only["kind"] = recordOfType("event", "plain");
+  only["kind"].action.kind = "only-kind";
+  only["page"] = recordOfType("event", "plain");
+  only["page"].page->name = "only-page";
+  only["cid"] = recordOfType("event", "plain");
+  only["cid"].xid.cid = "only-cid";
+  only["user"] = recordOfType("event", "plain");
+  only["user"].id = ZId{};
+  only["user"].id->appUserId = "only-user";
+  std::map<std::string, std::int64_t> ids;
+  for (const auto& [parameter, record] : only) {
+    ASSERT_EQ(track(record), "ok") << parameter;
+    ids[parameter] = listed("?limit=1").front().first;
+  }
+  ASSERT_EQ(listed("").size(), only.size() + 1);
+
+  simdjson::dom::parser parser;
+  for (const auto& [parameter, id] : ids) {
+    const std::string filter =
+        std::string("?").append(parameter).append("=only-").append(parameter);
+    EXPECT_EQ(listed(filter), (std::vector<std::pair<std::int64_t, std::string>>{{id, "event"}}))
+        << filter;
+    const std::string stats = body(request("GET", "/api/stats" + filter));
+    auto answer = parser.parse(stats);
+    EXPECT_EQ(int64_t(answer["total"]), 1) << filter << ": " << stats;
+    EXPECT_EQ(answer["types"].get_array().size(), 1u) << filter << ": " << stats;
+    // A value nobody carries finds nothing in either.
+    EXPECT_TRUE(listed("?" + parameter + "=nobody").empty()) << parameter;
+    EXPECT_EQ(
+        int64_t(parser.parse(body(request("GET", "/api/stats?" + parameter + "=nobody")))["total"]),
+        0)
+        << parameter;
+  }
+}
+
+// An answer stops growing at 32 MiB; one cut there says so, or a reader that pages by the count
+// it asked for would take the short page for the oldest and never ask for the rest.
+TEST_F(CollectorTest, AnEventsAnswerCutBySizeSaysItWasCut) {
+  // 12 MiB of whitespace in each of three records: the first two fit, the third does not.
+  const std::string padding(12u << 20, ' ');
+  for (const char* name : {"first", "second", "third"}) {
+    ASSERT_EQ(body(request("POST", "/sdk/track", *encodeJson(recordOfType("event", name)) + padding,
+                           20.0)),
+              "ok");
+  }
+  // The SDK's client keeps a megabyte of an answer at most: read these with cpp-httplib.
+  httplib::SSLClient reader("127.0.0.1", collector_->port());
+  reader.set_ca_cert_path(collector_->caFile().c_str());
+  reader.set_read_timeout(20);
+  simdjson::dom::parser parser;
+  const auto page = [&](const std::string& query) {
+    const auto answered = reader.Get("/api/events" + query);
+    const std::string text = answered ? answered->body : "";
+    auto answer = parser.parse(text);
+    std::vector<std::string> names;
+    for (auto event : answer["events"].get_array()) {
+      names.emplace_back(std::string_view(event["record"]["action"]["name"]));
+    }
+    bool cut = false;
+    EXPECT_EQ(answer["truncated"].get(cut), simdjson::SUCCESS) << query;
+    return std::pair{names, cut};
+  };
+  EXPECT_EQ(page("?limit=3"), (std::pair{std::vector<std::string>{"third", "second"}, true}));
+  EXPECT_EQ(page("?limit=2"), (std::pair{std::vector<std::string>{"third", "second"}, false}));
+  EXPECT_EQ(page("?order=asc&limit=5"),
+            (std::pair{std::vector<std::string>{"first", "second"}, true}));
+  const auto newest = collector_->events({.limit = 1});
+  ASSERT_EQ(newest.size(), 1u);
+  EXPECT_EQ(page("?limit=3&before=" + std::to_string(newest[0].id)),
+            (std::pair{std::vector<std::string>{"second", "first"}, false}));
+}
+
 TEST_F(CollectorTest, SwitchesAnswerAnotherBodyDropConnectionsOrDelay) {
   collector_->setTrackAnswer("maintenance");
   EXPECT_EQ(track(recordOfType("event", "a")), "maintenance");
@@ -234,6 +316,29 @@ TEST_F(CollectorTest, CompressedAndOversizedBodiesAreRefusedUnread) {
   EXPECT_NE(body(send({}, std::string(17u << 20, ' ') + json)), "ok");
   EXPECT_EQ(collector_->counters().storedRecords, 0u);
   EXPECT_EQ(track(recordOfType("event", "plain")), "ok");
+
+  // Both are kept among the refused ones, without the body that was never read, so that the
+  // viewer says why those records never showed up.
+  const std::string text = body(request("GET", "/api/events?status=refused"));
+  simdjson::dom::parser parser;
+  auto refused = parser.parse(text)["events"].get_array();
+  ASSERT_EQ(refused.size(), 2u) << text;
+  EXPECT_EQ(std::string_view(refused.at(0)["refused"]["reason"]), "body over 16 MiB");
+  EXPECT_EQ(std::string_view(refused.at(1)["refused"]["reason"]), "compressed body (gzip)");
+  for (auto event : refused) {
+    EXPECT_EQ(std::string_view(event["refused"]["path"]), "$");
+    EXPECT_EQ(std::string_view(event["body"]), "");
+  }
+  EXPECT_EQ(collector_->counters().rejectedRecords, 2u);
+  // Only track requests count: a compressed request elsewhere is refused and not kept.
+  std::promise<HttpOutcome> answered;
+  auto outcome = answered.get_future();
+  client_->send(
+      HttpRequest{
+          "POST", collector_->baseUrl() + "/sync?v=1", {{"Content-Encoding", "gzip"}}, json, 5.0},
+      [&answered](HttpOutcome o) { answered.set_value(std::move(o)); });
+  ASSERT_TRUE(std::holds_alternative<HttpResponse>(outcome.get()));
+  EXPECT_EQ(listed("?status=refused").size(), 2u);
 }
 
 TEST_F(CollectorTest, RefusedBodiesAreKeptWithTheirReasonAndForeignOriginsAreRefused) {
@@ -332,7 +437,7 @@ class EventStoreTest : public ::testing::Test {
     ASSERT_TRUE(store_.open(dir_.path() / "events.sqlite", error)) << error;
   }
 
-  std::vector<std::string> names(collector::EventQuery query) {
+  std::vector<std::string> names(const collector::EventQuery& query) {
     std::vector<std::string> out;
     for (const auto& e : store_.list(query))
       out.push_back(e.refused() ? "!" + e.refusal : e.actionName);
@@ -419,6 +524,41 @@ TEST_F(EventStoreTest, KeepsTheNewestRefusedBodiesOnlyAndCountsByTypeAndMinute) 
                                       [](const auto& m) { return m.refused; });
   EXPECT_LE(segments, 2);  // the minute may have turned while they were written
   EXPECT_EQ(store_.stats({.actionType = "app"}, since).total, 1);
+}
+
+// Ids give the order records were stored in; the viewer reads time gaps between neighbours, so
+// a later id must never carry an earlier time, however many clients post at once.
+TEST_F(EventStoreTest, ReceiveTimesNeverFallAsIdsRiseUnderConcurrentWriters) {
+  constexpr int kThreads = 8;
+  constexpr int kPerThread = 400;
+  const ZLogRecord record = recordOfType("event", "tap");
+  const std::string json = *encodeJson(record);
+  std::vector<std::thread> writers;
+  writers.reserve(kThreads);
+  for (int t = 0; t < kThreads; ++t) {
+    writers.emplace_back([&, t] {
+      for (int i = 0; i < kPerThread; ++i) {
+        // Refused ones take the same path to a time and an id; a few of them mixed in.
+        if ((i + t) % 10 == 0) {
+          store_.addRefused("{", "data corrupted", "$");
+        } else {
+          store_.add(record, json);
+        }
+      }
+    });
+  }
+  for (auto& writer : writers) writer.join();
+  const auto stored =
+      store_.list({.limit = 5000, .oldestFirst = true, .status = collector::RecordStatus::all});
+  ASSERT_EQ(stored.size(), static_cast<std::size_t>(kThreads * kPerThread));
+  int falls = 0;
+  for (std::size_t i = 1; i < stored.size(); ++i) {
+    if (stored[i].receivedAt < stored[i - 1].receivedAt) {
+      ADD_FAILURE() << "id " << stored[i].id << " at " << stored[i].receivedAt << " after id "
+                    << stored[i - 1].id << " at " << stored[i - 1].receivedAt;
+      if (++falls == 5) break;
+    }
+  }
 }
 
 TEST_F(EventStoreTest, AStoreFromAnEarlierCollectorGainsTheNewColumns) {

@@ -108,14 +108,20 @@ void appendEventJson(std::string& out, const StoredEvent& e) {
   }
 }
 
+// "truncated" says the answer stopped at its size cap before the rows asked for: more match
+// than it holds even when it holds fewer than the limit.
 std::string eventsJson(const std::vector<StoredEvent>& events) {
   std::string out = "{\"events\":[";
+  bool truncated = false;
   for (std::size_t i = 0; i < events.size(); ++i) {
-    if (i > 0 && out.size() + events[i].json.size() > kMaxEventsAnswerBytes) break;
+    if (i > 0 && out.size() + events[i].json.size() > kMaxEventsAnswerBytes) {
+      truncated = true;
+      break;
+    }
     if (i > 0) out.push_back(',');
     appendEventJson(out, events[i]);
   }
-  out.append("]}");
+  out.append("],\"truncated\":").append(truncated ? "true" : "false").append("}");
   return out;
 }
 
@@ -355,6 +361,18 @@ struct Collector::Impl {
     response.set_content(body, "application/json");
   }
 
+  static bool isTrack(const httplib::Request& request) {
+    return request.method == "POST" && request.path == "/sdk/track";
+  }
+
+  // A track request refused before its body was read: kept without one, so that the viewer
+  // still shows that something arrived and why it went no further.
+  void keepRefusedUnread(const std::string& reason) {
+    trackRequests.fetch_add(1);
+    rejectedRecords.fetch_add(1);
+    store.addRefused({}, reason, "$");
+  }
+
   // A web page may post to any address, text/plain without asking first; only the viewer's own
   // pages and clients that send no Origin at all (the SDK) may store records.
   bool ownOrigin(const std::string& origin) const {
@@ -499,25 +517,41 @@ bool Collector::start(std::string* error) {
   // The size limit counts bytes on the wire; a compressed body would be inflated past it before
   // any handler saw it, so such bodies are refused before they are read.
   Impl* impl = impl_.get();
-  server.set_pre_routing_handler(
+  server.set_pre_routing_handler([impl](const httplib::Request& request,
+                                        httplib::Response& response) {
+    // A body refused unread is still on the connection, where it would be read as the next
+    // request: the connection closes after the answer.
+    if (request.has_header("Content-Encoding")) {
+      if (impl->isTrack(request)) {
+        impl->keepRefusedUnread("compressed body (" +
+                                request.get_header_value("Content-Encoding").substr(0, 40) + ")");
+      }
+      response.set_header("Connection", "close");
+      response.status = 415;
+      response.set_content("compressed bodies are not accepted", "text/plain");
+      return httplib::Server::HandlerResponse::Handled;
+    }
+    if (request.method == "POST" && request.has_header("Origin") &&
+        !impl->ownOrigin(request.get_header_value("Origin"))) {
+      response.set_header("Connection", "close");
+      response.status = 403;
+      response.set_content("posts from other origins are not accepted", "text/plain");
+      return httplib::Server::HandlerResponse::Handled;
+    }
+    return httplib::Server::HandlerResponse::Unhandled;
+  });
+  // cpp-httplib answers a body over the limit with 413 itself; the viewer should say so too.
+  server.set_error_handler(httplib::Server::HandlerWithResponse(
       [impl](const httplib::Request& request, httplib::Response& response) {
-        // A body refused unread is still on the connection, where it would be read as the next
-        // request: the connection closes after the answer.
-        if (request.has_header("Content-Encoding")) {
-          response.set_header("Connection", "close");
-          response.status = 415;
-          response.set_content("compressed bodies are not accepted", "text/plain");
-          return httplib::Server::HandlerResponse::Handled;
+        if (response.status != 413 || !impl->isTrack(request)) {
+          return httplib::Server::HandlerResponse::Unhandled;
         }
-        if (request.method == "POST" && request.has_header("Origin") &&
-            !impl->ownOrigin(request.get_header_value("Origin"))) {
-          response.set_header("Connection", "close");
-          response.status = 403;
-          response.set_content("posts from other origins are not accepted", "text/plain");
-          return httplib::Server::HandlerResponse::Handled;
-        }
-        return httplib::Server::HandlerResponse::Unhandled;
-      });
+        impl->keepRefusedUnread("body over " + std::to_string(kMaxRequestBytes >> 20) + " MiB");
+        response.set_content(
+            "bodies over " + std::to_string(kMaxRequestBytes >> 20) + " MiB are not accepted",
+            "text/plain");
+        return httplib::Server::HandlerResponse::Handled;
+      }));
   // Each kept-alive connection holds a worker; leave room for the SDK's parallel connections.
   server.new_task_queue = [] { return new httplib::ThreadPool(32); };
   server.set_keep_alive_max_count(100000);

@@ -237,8 +237,10 @@ bool EventStore::insert(std::string_view receivedAt, const ZLogRecord& record,
 }
 
 std::optional<std::int64_t> EventStore::add(const ZLogRecord& record, std::string_view json) {
-  const std::string receivedAt = nowUtc();
   std::lock_guard lock(mutex_);
+  // Read under the lock that also hands out the id: a time read before it could belong to a
+  // writer that gets its id after a later one, and the viewer would show a negative gap.
+  const std::string receivedAt = nowUtc();
   if (insert_ == nullptr || !insert(receivedAt, record, json)) return std::nullopt;
   return sqlite3_last_insert_rowid(db_);
 }
@@ -257,8 +259,8 @@ bool EventStore::addMany(std::span<const ReceivedRecord> records) {
 
 std::optional<std::int64_t> EventStore::addRefused(std::string_view body, std::string_view reason,
                                                    std::string_view path) {
-  const std::string receivedAt = nowUtc();
   std::lock_guard lock(mutex_);
+  const std::string receivedAt = nowUtc();  // under the lock, as in add()
   if (insertRefused_ == nullptr) return std::nullopt;
   sqlite3_reset(insertRefused_);
   bindText(insertRefused_, 1, receivedAt);

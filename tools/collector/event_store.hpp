@@ -42,7 +42,7 @@ struct EventQuery {
   /// Oldest first, so that pages read forward from afterId miss nothing; newest first otherwise.
   bool oldestFirst = false;
   std::int64_t beforeId = 0;  ///< only events stored before this one; 0 for no bound
-  // Exact matches; each is indexed so that a filter stays quick on a full store.
+  // Exact matches. Only the type has an index (see EventStore::open); the others scan.
   std::optional<std::string> actionName{};
   std::optional<std::string> actionKind{};
   std::optional<std::string> page{};

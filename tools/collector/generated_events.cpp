@@ -30,11 +30,16 @@ constexpr std::array kActions = {
     Action{"view_imp", "search_results", "impression", "search"},
     Action{"view_imp", "recommendations", "impression", "product"},
     Action{"ecommerce", "purchase", "complete", "checkout"},
+    // A tap of another type, so that a kind is not a stand-in for a type.
+    Action{"ecommerce", "add_to_wishlist", "tap", "product"},
     Action{"app", "launch", "foreground", ""},
     Action{"app", "background", "background", ""},
     Action{"video_meeting", "join", "start", "support"},
 };
 constexpr int kDevices = 400;
+// One device in this many events is device 0: a developer's phone left running, with more events
+// than a session view shows.
+constexpr int kBusyDeviceEvery = 40;
 constexpr int kBatch = 5000;
 
 std::string numbered(const char* prefix, int n) {
@@ -57,7 +62,7 @@ bool generateEvents(EventStore& store, int count, std::chrono::minutes span, std
   batch.reserve(kBatch);
   for (int i = 0; i < count; ++i) {
     const Action& action = kActions[pickAction(random)];
-    const int device = pickDevice(random);
+    const int device = i % kBusyDeviceEvery == 0 ? 0 : pickDevice(random);
     ZLogRecord record;
     record.xid = ZXid{numbered("cid", device), numbered("did", device), numbered("sid", device)};
     record.sdk = ZSDK{DeploymentType::production, "0.9.0", "1.2.0"};

@@ -277,7 +277,7 @@ async function reload() {
   $("events").replaceChildren();
   newestId = 0;
   paused = false;
-  hasOlder = page.events.length === pageSize;
+  hasOlder = page.events.length === pageSize || page.truncated;
   addNewest(page.events.slice().reverse());
   if (!document.body.dataset.loadedAt) document.body.dataset.loadedAt = performance.now();
   document.body.dataset.loaded = query();
@@ -287,7 +287,7 @@ async function showOlder() {
   const mine = generation;
   const page = await getJson("/api/events?" + query({limit: pageSize, before: oldestId}));
   if (mine !== generation) return;
-  hasOlder = page.events.length === pageSize;
+  hasOlder = page.events.length === pageSize || page.truncated;
   addOlder(page.events);
 }
 
@@ -337,14 +337,20 @@ function addTypeOption(type) {
 }
 
 async function refreshStats(mine) {
-  const stats = await getJson("/api/stats?" + query());
+  // The type choices come from everything stored: a filtered answer lists only what it matches,
+  // and a shared link with ?type=X would offer nothing but X. One minute keeps the extra count small.
+  const filtered = Object.keys(filter()).length > 0;
+  const [stats, everything] = await Promise.all([
+    getJson("/api/stats?" + query()),
+    filtered ? getJson("/api/stats?status=all&minutes=1") : null,
+  ]);
   if (mine !== generation) return;
   const accepted = stats.total - stats.refused;
   const type = filter().type;
   $("count").textContent = `${accepted.toLocaleString("en")} ${accepted === 1 ? "event" : "events"}` +
       (type ? ` of type ${type}` : "");
   $("refused-count").textContent = stats.refused ? `${stats.refused.toLocaleString("en")} refused` : "";
-  stats.types.forEach((t) => addTypeOption(t.type));
+  (everything || stats).types.forEach((t) => addTypeOption(t.type));
   drawLegend(stats);
   drawChart(stats);
 }
@@ -477,13 +483,16 @@ async function copyDetail() {
   $("copied").textContent = "Copied";
 }
 
+// A device left running for days has more than this; its latest events are the ones that matter,
+// so the newest are read and shown oldest first.
 const sessionLimit = 1000;
 async function openSession(key, value) {
   session = {key, value};
   saveToAddress();
-  const {events} = await getJson("/api/events?" + new URLSearchParams(
-      {[key]: value, order: "asc", limit: sessionLimit}).toString());
+  const newestFirst = (await getJson("/api/events?" + new URLSearchParams(
+      {[key]: value, order: "desc", limit: sessionLimit}).toString())).events;
   if (!session || session.key !== key || session.value !== value) return;
+  const events = newestFirst.reverse();
   let previous = null;
   const rows = events.map((e) => {
     const tr = document.createElement("tr");
@@ -495,7 +504,7 @@ async function openSession(key, value) {
     return tr;
   });
   $("session-events").replaceChildren(...rows);
-  $("session-title").textContent = `${key} ${value}: ${events.length}${events.length === sessionLimit ? " (the first)" : ""} ` +
+  $("session-title").textContent = `${key} ${value}: ${events.length}${events.length === sessionLimit ? " (the newest)" : ""} ` +
       `${events.length === 1 ? "event" : "events"}` +
       (events.length > 1 ? `, ${gapText(Date.parse(events.at(-1).receivedAt) - Date.parse(events[0].receivedAt)).slice(1)} from first to last` : "");
   $("session").hidden = false;
@@ -511,7 +520,12 @@ form.addEventListener("input", (event) => {
   typing = setTimeout(reload, event.target.tagName === "SELECT" ? 0 : 200);
 });
 form.addEventListener("submit", (event) => { event.preventDefault(); clearTimeout(typing); reload(); });
-$("clear").addEventListener("click", () => { form.reset(); reload(); });
+$("clear").addEventListener("click", () => {
+  form.reset();
+  session = null;  // out of the address too
+  $("session").hidden = true;
+  reload();
+});
 $("events").addEventListener("click", (event) => {
   const row = event.target.closest("tr");
   if (row) select(Number(row.dataset.id));
