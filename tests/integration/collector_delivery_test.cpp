@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <fstream>
 #include <map>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -233,6 +235,42 @@ TEST_F(CollectorDeliveryTest, AClosedNetworkGateParksRecordsUntilTheNetworkRetur
   auto parked = names(events);
   std::erase_if(parked, [](const std::string& n) { return n.rfind("gate-", 0) != 0; });
   EXPECT_EQ(sorted(parked), sorted({"gate-closed-1", "gate-closed-2", "gate-open"}));
+}
+
+TEST_F(CollectorDeliveryTest, BeyondTheMemoryLimitRecordsWaitOnDiskAndAFlushSendsThemOldestFirst) {
+  struct DefaultLimitsAfter {
+    ~DefaultLimitsAfter() { ZelvanorTracker::setStoreLimits(ZStoreLimits{}); }
+  } restore;
+  ZelvanorTracker::setStoreLimits(ZStoreLimits{.maxRecordsInMemory = 10});
+  prepareStart();
+  // A threshold far above what is tracked: nothing goes out before the flush.
+  ZelvanorTracker::setRequired(ZConfiguration{.timeout = 10, .batchSize = 1000})
+      .setReachabilityFlags(kReachable)
+      .set(ZId{.appUserId = "user-7"})
+      .set(ZCommon({.serviceName = "shop", .deployment = "production"}));
+  ASSERT_TRUE(ZelvanorTracker::waitUntilReady(std::chrono::seconds(10)));
+  constexpr int kTracked = 300;
+  for (int i = 0; i < kTracked; ++i) {
+    char name[16];
+    std::snprintf(name, sizeof name, "capped-%03d", i);
+    track(name);
+  }
+  const ZCounters waiting = ZelvanorTracker::counters();
+  EXPECT_LE(waiting.waitingInMemory, 10u);
+  EXPECT_GE(waiting.waitingOnDisk, static_cast<std::uint64_t>(kTracked - 10));
+  ASSERT_TRUE(ZelvanorTracker::flush().flushAndWait(std::chrono::seconds(60)));
+
+  std::vector<std::string> arrived =
+      names(collector_->events({.limit = 2 * kTracked, .oldestFirst = true}));
+  std::erase_if(arrived, [](const std::string& n) { return n.rfind("capped-", 0) != 0; });
+  ASSERT_EQ(arrived.size(), static_cast<std::size_t>(kTracked)) << "every one, none twice";
+  EXPECT_EQ(std::set<std::string>(arrived.begin(), arrived.end()).size(), arrived.size());
+  // Oldest first: parallel connections may swap neighbours, never more than a window apart.
+  constexpr int kConnections = 8;
+  for (int position = 0; position < kTracked; ++position) {
+    const int index = std::stoi(arrived[static_cast<std::size_t>(position)].substr(7));
+    EXPECT_LT(std::abs(index - position), 2 * kConnections) << arrived[position];
+  }
 }
 
 TEST_F(CollectorDeliveryTest, EventsTrackedBeforeTheTripleArrivesAreDeliveredWithIt) {
