@@ -84,9 +84,10 @@ std::shared_ptr<ZInternalLogManager> ensureShared() {
   auto& state = shared();
   {
     std::lock_guard lock(state.mutex);
-    // A diagnostics sink may run on an SDK thread that a shutdown is waiting for: a call it
-    // makes back into the SDK must neither wait for that shutdown nor start a new instance.
-    if (state.manager || state.exiting || shuttingDownHere || insideDiagnosticsSink()) {
+    // A host's callback (a diagnostics sink, onReady) may run on an SDK thread that a shutdown
+    // is waiting for: a call it makes back into the SDK must neither wait for that shutdown nor
+    // start a new instance.
+    if (state.manager || state.exiting || shuttingDownHere || insideHostCallback()) {
       return state.manager;
     }
   }

@@ -278,6 +278,7 @@ void ZInternalLogManager::onReady(std::function<void()> callback) {
   auto once = [pending, callback = std::move(callback)](const bool& ready) {
     if (!ready || !pending->exchange(false)) return;
     try {
+      const HostCallbackScope hostCode;
       callback();
     } catch (...) {
       // A throwing host callback must not take the SDK's thread down.

@@ -74,7 +74,7 @@ bool diagnosing(ZLogLevel level) noexcept {
 
 namespace {
 
-thread_local bool inSink = false;
+thread_local int hostCallbacks = 0;
 
 void write(ZLogLevel level, const std::string& text) {
   std::shared_ptr<const ZDiagnosticsSink> sink;
@@ -84,12 +84,7 @@ void write(ZLogLevel level, const std::string& text) {
   }
   // The host's sink runs outside our lock, so it may call back into the SDK.
   if (sink) {
-    struct InSink {
-      InSink() noexcept { inSink = true; }
-      ~InSink() { inSink = false; }
-      InSink(const InSink&) = delete;
-      InSink& operator=(const InSink&) = delete;
-    } marked;
+    const HostCallbackScope marked;
     (*sink)(level, text);
   } else {
     writeLineToStderr(text);
@@ -98,8 +93,16 @@ void write(ZLogLevel level, const std::string& text) {
 
 }  // namespace
 
-bool insideDiagnosticsSink() noexcept {
-  return inSink;
+bool insideHostCallback() noexcept {
+  return hostCallbacks > 0;
+}
+
+HostCallbackScope::HostCallbackScope() noexcept {
+  ++hostCallbacks;
+}
+
+HostCallbackScope::~HostCallbackScope() {
+  --hostCallbacks;
 }
 
 void diagnose(ZLogLevel level, std::string_view line) noexcept {

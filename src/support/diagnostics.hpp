@@ -15,8 +15,19 @@ bool diagnosing(ZLogLevel level) noexcept;
 /// that throws is ignored.
 void diagnose(ZLogLevel level, std::string_view line) noexcept;
 
-/// Whether this thread is running the host's diagnostics sink.
-bool insideDiagnosticsSink() noexcept;
+/// Whether this thread is running a host's callback: the diagnostics sink or an onReady callback.
+/// A call such a callback makes back into the SDK must neither start an instance nor wait for a
+/// shutdown, which may itself be waiting for this thread.
+bool insideHostCallback() noexcept;
+
+/// Marks this thread as running a host's callback while it lives.
+class HostCallbackScope {
+ public:
+  HostCallbackScope() noexcept;
+  ~HostCallbackScope();
+  HostCallbackScope(const HostCallbackScope&) = delete;
+  HostCallbackScope& operator=(const HostCallbackScope&) = delete;
+};
 
 /// While one lives on a thread, lines said there are held and written, in order, when it ends.
 /// Code about to take a lock that a host's sink could need (a sink may call back into the SDK)
