@@ -119,7 +119,9 @@ class ZELVANOR_API ZelvanorTracker {
   /// (events tracked meanwhile wait for it). True once it is known. Blocks the calling thread.
   static bool waitUntilReady(std::chrono::milliseconds timeout);
   /// Runs `callback` once the identity triple is known: at once on this thread when it already
-  /// is, otherwise on an SDK thread. Applies to the running SDK (a shutdown forgets it).
+  /// is, otherwise on the SDK's worker, which delivers too: keep it short, and do not wait there
+  /// for delivery (flushAndWait returns false at once on that thread). Applies to the running SDK
+  /// (a shutdown forgets it).
   static ZelvanorTracker onReady(std::function<void()> callback);
   /// How much the diagnostics sink hears (see ZLogLevel) and where it goes; an empty sink writes
   /// to stderr. Until this is called, ZELVANOR_LOG=error|warning|info|debug|off picks the level
