@@ -194,7 +194,8 @@ ZELVANOR_C_API int zelvanor_flush_and_wait(uint32_t timeout_ms);
 /** Waits at most `timeout_ms` for the identity triple: 1 once it is known, 0 on timeout. */
 ZELVANOR_C_API int zelvanor_wait_until_ready(uint32_t timeout_ms);
 /** Called once when the identity triple is known (at once, on this thread, when it already is;
- *  otherwise on an SDK thread). Must not unwind. */
+ *  otherwise on the SDK's worker, which also delivers: keep it short; zelvanor_flush_and_wait
+ *  returns 0 at once there). Must not unwind. */
 typedef void (*zelvanor_ready_callback)(void* user_data);
 ZELVANOR_C_API void zelvanor_on_ready(zelvanor_ready_callback callback, void* user_data);
 
