@@ -26,7 +26,10 @@ std::chrono::milliseconds RetrySchedule::failed(std::optional<std::chrono::secon
         static_cast<double>(timings_.first.count()) * static_cast<double>(1LL << doublings),
         static_cast<double>(timings_.longest.count()));
     // Spread the clients of one collector that failed together, so they do not return together.
-    const double factor = 1.0 + timings_.jitter * (2.0 * unitRandom_() - 1.0);
+    // The first wait is only ever lengthened: a run shorter than the first step sends nothing
+    // again, as if it had never failed.
+    const double spread = failures_ == 1 ? unitRandom_() : 2.0 * unitRandom_() - 1.0;
+    const double factor = 1.0 + timings_.jitter * spread;
     wait = milliseconds(static_cast<long long>(
         std::min(step * factor, static_cast<double>(timings_.longest.count()))));
   }

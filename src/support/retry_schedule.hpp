@@ -14,7 +14,8 @@ struct RetryTimings {
   std::chrono::milliseconds first{30'000};
   std::chrono::milliseconds longest{15 * 60'000};
   std::chrono::milliseconds longestServerWait{60 * 60'000};
-  double jitter = 0.2;  ///< each wait is the step times a factor within 1 ± jitter
+  /// Each wait is the step times a factor within 1 ± jitter; the first within 1 to 1 + jitter.
+  double jitter = 0.2;
 };
 
 class RetrySchedule {
