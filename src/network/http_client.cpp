@@ -10,6 +10,8 @@
 #include <cmath>
 #include <cstdint>
 #include <map>
+#include <optional>
+#include <string>
 
 namespace zelvanor::network {
 
@@ -86,6 +88,30 @@ size_t watchHeaders(char* data, size_t size, size_t count, void* user) {
     static_cast<Transfer*>(user)->setsCookies = true;
   }
   return size * count;
+}
+
+/// The answer's Retry-After in seconds. One that is there but says zero, or names a date gone
+/// by, means now; one that reads as neither seconds nor a date is as if there were none.
+std::optional<std::chrono::seconds> retryAfterOf(CURL* easy) {
+  // libcurl reads both forms (seconds, or an HTTP date) as seconds from now, and 0 for garbage.
+  curl_off_t seconds = 0;
+  if (curl_easy_getinfo(easy, CURLINFO_RETRY_AFTER, &seconds) != CURLE_OK) return std::nullopt;
+  curl_header* header = nullptr;
+  const CURLHcode found = curl_easy_header(easy, "Retry-After", 0, CURLH_HEADER, -1, &header);
+  if (found == CURLHE_NOT_BUILT_IN) {
+    // No way to tell a header saying 0 from none: only a wait that is there counts.
+    if (seconds > 0) return std::chrono::seconds(seconds);
+    return std::nullopt;
+  }
+  if (found != CURLHE_OK || header == nullptr || header->value == nullptr) return std::nullopt;
+  std::string value = header->value;
+  const auto first = value.find_first_not_of(" \t");
+  const auto last = value.find_last_not_of(" \t");
+  value = first == std::string::npos ? std::string() : value.substr(first, last - first + 1);
+  const bool allDigits = !value.empty() && std::all_of(value.begin(), value.end(),
+                                                       [](char c) { return c >= '0' && c <= '9'; });
+  if (!allDigits && curl_getdate(value.c_str(), nullptr) == -1) return std::nullopt;
+  return std::chrono::seconds(std::max<curl_off_t>(seconds, 0));
 }
 
 }  // namespace
@@ -243,12 +269,7 @@ struct HttpClient::Impl {
       if (result == CURLE_OK) {
         HttpResponse response;
         curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &response.status);
-        // libcurl reads Retry-After in both its forms (seconds, or an HTTP date) as seconds.
-        curl_off_t retryAfter = 0;
-        if (curl_easy_getinfo(easy, CURLINFO_RETRY_AFTER, &retryAfter) == CURLE_OK &&
-            retryAfter > 0) {
-          response.retryAfter = std::chrono::seconds(retryAfter);
-        }
+        response.retryAfter = retryAfterOf(easy);
         response.body = std::move(transfer->responseBody);
         finish(std::move(transfer), std::move(response));
       } else {

@@ -205,6 +205,37 @@ TEST_F(NetworkTest, TooManyRequestsWithoutRetryAfterBacksOffAndDoubles) {
   EXPECT_EQ(delivery->counts().delivered, 1u);
 }
 
+TEST_F(NetworkTest, OtherComeBackLaterStatusesAndAZeroOrPastRetryAfterAreTriedAgainAtOnce) {
+  // The default back-off (30 s) would outlast the test: only a wait of zero brings these back.
+  std::mutex mutex;
+  std::map<std::string, int> attempts;
+  server.setResponder([&](const ReceivedRequest& r) {
+    const std::string name = decodeJson<ZLogRecord>(r.body).value().action.name;
+    int attempt = 0;
+    {
+      std::lock_guard lock(mutex);
+      attempt = attempts[name]++;
+    }
+    if (name == "server-error") return CannedResponse{500, "busy", {}, 0};
+    if (attempt > 0) return CannedResponse{200, "ok", {}, 0};
+    if (name == "bad-gateway") return CannedResponse{502, "bad gateway", {{"Retry-After", "0"}}, 0};
+    return CannedResponse{504, "", {{"Retry-After", "Thu, 01 Jan 2015 00:00:00 GMT"}}, 0};
+  });
+  auto delivery = std::make_shared<HttpsDelivery>(http, dir.path());
+  // First on its own: an answer that judges a record ends any wait, which would hide one here.
+  sendOne(*delivery, record("server-error"), true);
+  ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(10)));
+  for (const char* name : {"bad-gateway", "gateway-timeout"})
+    sendOne(*delivery, record(name), true);
+  ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(10)));
+  const auto counts = delivery->counts();
+  EXPECT_EQ(counts.delivered, 2u);
+  EXPECT_EQ(counts.refused, 1u) << "500 is a verdict: busy is not ok";
+  std::lock_guard lock(mutex);
+  EXPECT_EQ(attempts, (std::map<std::string, int>{
+                          {"bad-gateway", 2}, {"gateway-timeout", 2}, {"server-error", 1}}));
+}
+
 TEST_F(NetworkTest, ClosedGateAndTransportFailuresKeepRecordsForTheNextStart) {
   auto delivery = std::make_shared<HttpsDelivery>(http, dir.path());
   sendOne(*delivery, record("offline-1"), false);

@@ -4,8 +4,11 @@
 #include <sys/stat.h>
 
 #include <condition_variable>
+#include <ctime>
 #include <fstream>
 #include <future>
+#include <map>
+#include <optional>
 
 #include "network/http_client.hpp"
 #include "support/https_test_server.hpp"
@@ -113,6 +116,47 @@ TEST_F(HttpClientTest, ManyRequestsInFlightAllComplete) {
       allDone.wait_for(lock, std::chrono::seconds(20), [&] { return bodies.size() == kRequests; }));
   std::sort(bodies.begin(), bodies.end());
   EXPECT_EQ(std::count(bodies.begin(), bodies.end(), "error"), 0);
+}
+
+/// An HTTP date `offset` from now, as a server writes it in Retry-After.
+std::string httpDate(std::chrono::seconds offset) {
+  const std::time_t at = std::time(nullptr) + static_cast<std::time_t>(offset.count());
+  std::tm parts{};
+  gmtime_r(&at, &parts);
+  char text[64];
+  std::strftime(text, sizeof text, "%a, %d %b %Y %H:%M:%S GMT", &parts);
+  return text;
+}
+
+TEST_F(HttpClientTest, RetryAfterIsReadAsSecondsOrADateAndNowWhenZeroOrPast) {
+  // The path says which Retry-After the answer carries.
+  const std::map<std::string, std::string> retryAfter = {
+      {"/zero", "0"},
+      {"/seconds", "7"},
+      {"/past", httpDate(-std::chrono::hours(2))},
+      {"/ahead", httpDate(std::chrono::seconds(120))},
+      {"/garbage", "soon"}};
+  server.setResponder([&](const ReceivedRequest& r) {
+    const auto found = retryAfter.find(r.path);
+    if (found == retryAfter.end()) return CannedResponse{503, "busy", {}, 0};
+    return CannedResponse{503, "busy", {{"Retry-After", found->second}}, 0};
+  });
+  HttpClient client(options());
+  auto waitFor = [&](const std::string& path) -> std::optional<std::chrono::seconds> {
+    auto answer = sendAndWait(client, HttpRequest{"GET", server.baseUrl() + path, {}, {}, 5});
+    EXPECT_TRUE(std::holds_alternative<HttpResponse>(answer)) << path;
+    if (!std::holds_alternative<HttpResponse>(answer)) return std::chrono::seconds(-1);
+    return std::get<HttpResponse>(answer).retryAfter;
+  };
+  EXPECT_EQ(waitFor("/zero"), std::chrono::seconds(0)) << "present: come back now";
+  EXPECT_EQ(waitFor("/seconds"), std::chrono::seconds(7));
+  EXPECT_EQ(waitFor("/past"), std::chrono::seconds(0)) << "a date gone by means now";
+  const auto ahead = waitFor("/ahead");
+  ASSERT_TRUE(ahead);
+  EXPECT_GE(*ahead, std::chrono::seconds(110));
+  EXPECT_LE(*ahead, std::chrono::seconds(120));
+  EXPECT_EQ(waitFor("/garbage"), std::nullopt) << "unreadable: as if there were none";
+  EXPECT_EQ(waitFor("/none"), std::nullopt);
 }
 
 TEST_F(HttpClientTest, TimeoutsRefusalsAndUntrustedCertificatesAreTransportErrors) {
