@@ -41,7 +41,10 @@ void ZLogRecordQueue::restorePendingRecords() {
 }
 
 void ZLogRecordQueue::setAvailableNetworking(bool available) {
-  if (state_->networkAvailable.exchange(available) != available) {
+  // The first report goes through too: the transport assumes a network until told otherwise, and
+  // must know it started offline to send what it keeps once the network comes.
+  const bool first = !state_->networkReported.exchange(true);
+  if (state_->networkAvailable.exchange(available) != available || first) {
     state_->transport->networkChanged(available);
   }
 }

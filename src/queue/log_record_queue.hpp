@@ -48,7 +48,7 @@ class ZLogRecordQueue {
     batchSize_.store(size, std::memory_order_relaxed);
   }
 
-  /// Opens or closes the network gate; the transport hears of every change.
+  /// Opens or closes the network gate; the transport hears of the first state and every change.
   void setAvailableNetworking(bool available);
 
   void appendTemplate(ZLogTemplate logTemplate);
@@ -97,6 +97,7 @@ class ZLogRecordQueue {
     std::optional<std::uint64_t> drainWhileRestoring;  ///< the lowest threshold drained with
     std::vector<ZLogTemplate> templates;
     std::atomic<bool> networkAvailable{false};
+    std::atomic<bool> networkReported{false};  ///< the transport has heard of the network once
 
     void drainLocked(std::uint64_t threshold);
     /// Hands released records to the transport while it has room (all of them when the gate

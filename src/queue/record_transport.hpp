@@ -47,8 +47,8 @@ class RecordTransport {
   /// With the network gate closed they are kept for a later start instead. Never blocks on I/O.
   virtual void send(std::uint64_t fromDisk, std::vector<std::string> records,
                     bool networkAvailable) = 0;
-  /// The network gate opened or closed. Records kept on disk while it was closed, or after
-  /// transport failures, go out again at once when it opens.
+  /// The network gate's first state, then each time it opens or closes. Records kept on disk
+  /// while it was closed, or after transport failures, go out again at once when it opens.
   virtual void networkChanged(bool available) = 0;
   /// Moves records (oldest first) behind those waiting on disk: the queue's memory is full.
   virtual void spill(std::vector<std::string> records) = 0;

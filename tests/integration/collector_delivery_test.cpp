@@ -273,6 +273,29 @@ TEST_F(CollectorDeliveryTest, BeyondTheMemoryLimitRecordsWaitOnDiskAndAFlushSend
   }
 }
 
+TEST_F(CollectorDeliveryTest, AnAppThatStartsOfflineSendsWhatItKeptWhenTheNetworkComes) {
+  prepareStart();
+  // Offline is the first thing known about the network, before the triple and any record.
+  ZelvanorTracker::setReachabilityFlags(0);
+  ZelvanorTracker::setRequired(ZConfiguration{.timeout = 10, .batchSize = 1})
+      .set(ZId{.appUserId = "user-7"})
+      .set(ZCommon({.serviceName = "shop", .deployment = "production"}));
+  track("offline-1");
+  track("offline-2");
+  for (int i = 0; i < 250 && !std::filesystem::exists(appDir() / "ZLogs.tmp"); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  EXPECT_TRUE(std::filesystem::exists(appDir() / "ZLogs.tmp"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_EQ(collector_->counters().trackRequests, 0u) << "nothing goes out while offline";
+
+  // The network comes: what was kept goes out in this run, without a threshold or a restart.
+  ZelvanorTracker::setReachabilityFlags(kReachable);
+  const auto events = waitForEvents(5);
+  EXPECT_EQ(sorted(names(events)),
+            sorted({"앱설치", "앱실행", "앱실행", "offline-1", "offline-2"}));
+}
+
 TEST_F(CollectorDeliveryTest, EventsTrackedBeforeTheTripleArrivesAreDeliveredWithIt) {
   // The sync answer takes a while, so everything below is tracked before the triple is known.
   collector_->setDelay(std::chrono::milliseconds(700));

@@ -236,6 +236,26 @@ TEST_F(NetworkTest, OtherComeBackLaterStatusesAndAZeroOrPastRetryAfterAreTriedAg
                           {"bad-gateway", 2}, {"gateway-timeout", 2}, {"server-error", 1}}));
 }
 
+TEST_F(NetworkTest, AQueueThatStartsOfflineSendsWhatItKeptWhenTheNetworkComes) {
+  auto delivery = std::make_shared<HttpsDelivery>(http, dir.path());
+  detail::ZLogRecordQueue queue(delivery);
+  queue.restorePendingRecords();
+  queue.setBatchSize(1);
+  queue.setAvailableNetworking(false);  // the first report: offline
+  queue.enqueue(record("offline-1"));
+  queue.enqueue(record("offline-2"));
+  ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(10)));
+  EXPECT_EQ(pendingNames(), (std::vector<std::string>{"offline-1", "offline-2"}));
+  EXPECT_TRUE(server.received().empty());
+  queue.setAvailableNetworking(true);
+  for (int i = 0; i < 1000 && server.received().size() < 2; ++i) std::this_thread::sleep_for(10ms);
+  std::vector<std::string> names;
+  for (const auto& request : server.received())
+    names.push_back(decodeJson<ZLogRecord>(request.body).value().action.name);
+  std::sort(names.begin(), names.end());  // sent together, on two connections
+  EXPECT_EQ(names, (std::vector<std::string>{"offline-1", "offline-2"}));
+}
+
 TEST_F(NetworkTest, ClosedGateAndTransportFailuresKeepRecordsForTheNextStart) {
   auto delivery = std::make_shared<HttpsDelivery>(http, dir.path());
   sendOne(*delivery, record("offline-1"), false);

@@ -299,6 +299,17 @@ TEST_F(ManagerTest, NetworkStateFeedsTheAgentAndTheGate) {
   EXPECT_EQ(sent[2].record.agent->networkState, "mobile");
 }
 
+TEST_F(ManagerTest, TheFirstNetworkStateReachesTheTransportEvenWhenItIsOffline) {
+  // An app that starts offline: the transport must know, or it would not resend what it keeps
+  // once the network comes.
+  fakes.network->states().send(NetworkState::offline);
+  start();
+  EXPECT_EQ(fakes.transport->networkChanges(), (std::vector<bool>{false}));
+  fakes.network->states().send(NetworkState::wifi);
+  fakes.network->states().send(NetworkState::mobile);  // still online: no change to tell
+  EXPECT_EQ(fakes.transport->networkChanges(), (std::vector<bool>{false, true}));
+}
+
 TEST_F(ManagerTest, IdMergeAndUcidOrder) {
   start();
   deliverTriple();
