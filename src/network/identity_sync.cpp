@@ -45,7 +45,6 @@ void IdentitySync::sendRequest() {
   http_->send(std::move(request), [weak](network::HttpOutcome outcome) {
     auto self = weak.lock();
     if (!self) return;
-    self->requestUnderWay_ = false;
     // A failure is asked again by the SDK's back-off while no triple is known.
     if (const auto* response = std::get_if<network::HttpResponse>(&outcome)) {
       if (!self->handleAnswer(response->body)) {
@@ -61,6 +60,9 @@ void IdentitySync::sendRequest() {
                std::string("identity sync failed: ") + (failure.tls ? "TLS failure: " : "") +
                    failure.description + "; events wait and the sync server is asked again later");
     }
+    // Only now, once a triple in the answer is published: a retry in between would otherwise ask
+    // the server again, or publish the triple a second time.
+    self->requestUnderWay_ = false;
   });
 }
 

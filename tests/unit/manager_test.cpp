@@ -310,6 +310,27 @@ TEST_F(ManagerTest, TheFirstNetworkStateReachesTheTransportEvenWhenItIsOffline) 
   EXPECT_EQ(fakes.transport->networkChanges(), (std::vector<bool>{false, true}));
 }
 
+TEST_F(ManagerTest, WithNoTripleTheSyncIsAskedAgainAtOnceWhenTheNetworkReturns) {
+  start();  // the fake never answers: no triple, and the back-off's first step is 30 s
+  manager->waitForIdentityWork();
+  EXPECT_EQ(fakes.identity->retries(), 0);
+  fakes.network->states().send(NetworkState::offline);
+  manager->waitForIdentityWork();
+  EXPECT_EQ(fakes.identity->retries(), 0) << "nothing to gain while offline";
+  fakes.network->states().send(NetworkState::wifi);
+  manager->waitForIdentityWork();
+  EXPECT_EQ(fakes.identity->retries(), 1);
+  fakes.network->states().send(NetworkState::mobile);
+  manager->waitForIdentityWork();
+  EXPECT_EQ(fakes.identity->retries(), 1) << "online to online is no return";
+
+  deliverTriple();
+  fakes.network->states().send(NetworkState::offline);
+  fakes.network->states().send(NetworkState::wifi);
+  manager->waitForIdentityWork();
+  EXPECT_EQ(fakes.identity->retries(), 1) << "a known triple is not asked for again";
+}
+
 TEST_F(ManagerTest, IdMergeAndUcidOrder) {
   start();
   deliverTriple();
