@@ -1,5 +1,6 @@
 #include "network/https_delivery.hpp"
 
+#include <algorithm>
 #include <thread>
 
 #include "network/http_api.hpp"
@@ -196,10 +197,10 @@ void HttpsDelivery::handleSend(SendCommand& command) {
     return;
   }
   if (command.fromDisk > 0) {
-    waiting_.push_back(Waiting{{}, command.fromDisk, command.settings, std::nullopt});
+    waiting_.push_back(Waiting{{}, command.fromDisk, command.settings, std::nullopt, std::nullopt});
   }
   for (auto& record : command.records) {
-    waiting_.push_back(Waiting{std::move(record), 0, command.settings, std::nullopt});
+    waiting_.push_back(Waiting{std::move(record), 0, command.settings, std::nullopt, std::nullopt});
   }
   startWaiting();
 }
@@ -259,6 +260,7 @@ void HttpsDelivery::startWaiting() {
       waiting_.pop_front();
     }
     auto request = ZHttpApi::trackEncoded(record.bytes).urlRequest(settings);
+    record.sentAs = sentCount_++;
     ++inFlight_;
     std::weak_ptr<HttpsDelivery> weak = weak_from_this();
     http_->send(std::move(request),
@@ -311,7 +313,7 @@ void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
   if (const auto* response = std::get_if<network::HttpResponse>(&outcome);
       response && !stopped_.load() && meansComeBackLater(*response)) {
     // Kept, first in line, and tried again after the wait the answer asks for.
-    waiting_.push_front(Waiting{*record.bytes, 0, record.settings, record.ref});
+    hold(std::move(record));
     backOff(response->retryAfter);
   } else if (response) {
     // The collector treats only the exact body ok as success; anything else is a verdict on the
@@ -376,6 +378,15 @@ void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
   notifyQueue();
 }
 
+void HttpsDelivery::hold(Next record) {
+  // Answers come back in any order: among the held ones, the record that went out first stays
+  // first, so a batch held together goes out again in the order it was sent.
+  const auto at = std::find_if(waiting_.begin(), waiting_.end(), [&](const Waiting& item) {
+    return !item.heldSince || *item.heldSince > record.sentAs;
+  });
+  waiting_.insert(at, Waiting{*record.bytes, 0, record.settings, record.ref, record.sentAs});
+}
+
 void HttpsDelivery::backOff(std::optional<std::chrono::seconds> retryAfter) {
   // Requests in flight together fail together: one wait for all of them, not one step each.
   if (backoff_.waiting()) return;
@@ -419,8 +430,8 @@ void HttpsDelivery::retryKept() {
     counts_.resent += added + backlog.size();
   }
   const RequestSettings settings = RequestSettings::current();
-  if (added > 0) waiting_.push_back(Waiting{{}, added, settings, std::nullopt});
-  for (auto& record : backlog) waiting_.push_back(Waiting{std::move(record), 0, settings, {}});
+  if (added > 0) waiting_.push_back(Waiting{{}, added, settings, std::nullopt, std::nullopt});
+  for (auto& record : backlog) waiting_.push_back(Waiting{std::move(record), 0, settings, {}, {}});
   bytesOnDisk_.store(store_.bytesOnDisk());
 }
 

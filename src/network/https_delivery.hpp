@@ -80,11 +80,14 @@ class HttpsDelivery final : public RecordTransport,
     std::uint64_t fromDisk = 0;
     RequestSettings settings;
     std::optional<StoreRef> ref;  ///< a record read from disk, back in line after "come back later"
+    /// Held by a "come back later": when it went out, so that the held ones keep their order.
+    std::optional<std::uint64_t> heldSince;
   };
   struct Next {
     std::shared_ptr<const std::string> bytes;  ///< also the request's body
     std::optional<StoreRef> ref;
     RequestSettings settings;
+    std::uint64_t sentAs = 0;  ///< how many records went out before it
   };
 
   void post(Command command);
@@ -96,6 +99,8 @@ class HttpsDelivery final : public RecordTransport,
   std::optional<Next> nextQueued();
   void startWaiting();
   void finished(network::HttpOutcome outcome, Next record);
+  /// Puts a record the collector asked to send later back in line, ahead of those not yet sent.
+  void hold(Next record);
   /// A failure of the collector or of the way to it: nothing more goes out until the wait ends,
   /// and then one record first, as a probe.
   void backOff(std::optional<std::chrono::seconds> retryAfter);
@@ -137,6 +142,7 @@ class HttpsDelivery final : public RecordTransport,
   std::vector<Command> draining_;  ///< the inbox taken last, kept for its capacity
   std::deque<Waiting> waiting_;    ///< records not yet handed to the client, in order
   std::size_t inFlight_ = 0;
+  std::uint64_t sentCount_ = 0;           ///< records handed to the client so far
   std::deque<std::string> spillBacklog_;  ///< spilled records the disk would not take, in order
   std::vector<std::string> keepBacklog_;  ///< kept records the disk would not take yet
   std::vector<std::string> cancelled_;    ///< in flight when shutdown cancelled them

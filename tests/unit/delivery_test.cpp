@@ -236,6 +236,32 @@ TEST_F(NetworkTest, OtherComeBackLaterStatusesAndAZeroOrPastRetryAfterAreTriedAg
                           {"bad-gateway", 2}, {"gateway-timeout", 2}, {"server-error", 1}}));
 }
 
+TEST_F(NetworkTest, RecordsHeldByComeBackLaterGoOutAgainInTheirOrder) {
+  // Three records in flight together, answered "come back later" oldest first: the probe after
+  // the wait is the oldest of them.
+  auto arrivals = std::make_shared<Arrivals>();
+  std::mutex mutex;
+  std::set<std::string> seen;
+  server.setResponder([&, arrivals](const ReceivedRequest& r) {
+    arrivals->add(r);
+    const std::string name = decodeJson<ZLogRecord>(r.body).value().action.name;
+    std::lock_guard lock(mutex);
+    if (!seen.insert(name).second) return CannedResponse{200, "ok", {}, 0};
+    const int delay = name == "a" ? 0 : name == "b" ? 100 : 200;
+    return CannedResponse{503, "busy", {}, delay};
+  });
+  auto delivery = std::make_shared<HttpsDelivery>(
+      http, dir.path(), ZStoreLimits{}, support::RetryTimings{.first = 600ms, .jitter = 0});
+  delivery->send(0, {record("a"), record("b"), record("c")}, true);
+  ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(10)));
+  auto names = arrivals->names();
+  ASSERT_EQ(names.size(), 6u);
+  std::sort(names.begin(), names.begin() + 3);  // in flight together: any order
+  std::sort(names.begin() + 4, names.end());    // after the probe they share the window
+  EXPECT_EQ(names, (std::vector<std::string>{"a", "b", "c", "a", "b", "c"}));
+  EXPECT_EQ(delivery->counts().delivered, 3u);
+}
+
 TEST_F(NetworkTest, AQueueThatStartsOfflineSendsWhatItKeptWhenTheNetworkComes) {
   auto delivery = std::make_shared<HttpsDelivery>(http, dir.path());
   detail::ZLogRecordQueue queue(delivery);
