@@ -310,12 +310,13 @@ std::string answerStart(std::string_view body) {
 
 void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
   if (inFlight_ > 0) --inFlight_;
-  if (const auto* response = std::get_if<network::HttpResponse>(&outcome);
-      response && !stopped_.load() && meansComeBackLater(*response)) {
+  const auto* response = std::get_if<network::HttpResponse>(&outcome);
+  const bool comeBackLater = response && meansComeBackLater(*response);
+  if (comeBackLater && !stopped_.load()) {
     // Kept, first in line, and tried again after the wait the answer asks for.
     hold(std::move(record));
     backOff(response->retryAfter);
-  } else if (response) {
+  } else if (response && !comeBackLater) {
     // The collector treats only the exact body ok as success; anything else is a verdict on the
     // record, so it is not kept (the HTTP status is not looked at). Either way it leaves the disk.
     if (record.ref) store_.answered(*record.ref);
@@ -344,7 +345,8 @@ void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
     }
     if (keptToRetry_ && backoff_.failuresInARow() == 0 && networkAvailable_) retryKept();
   } else if (stopped_.load()) {
-    // Cancelled by shutdown: kept with the rest in its one write.
+    // Cancelled by shutdown, or asked to come back later while shutdown waited for answers:
+    // kept with the rest in its one write.
     if (record.ref) {
       store_.unsent(*record.ref);
       settle(1, true);

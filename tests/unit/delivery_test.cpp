@@ -262,6 +262,18 @@ TEST_F(NetworkTest, RecordsHeldByComeBackLaterGoOutAgainInTheirOrder) {
   EXPECT_EQ(delivery->counts().delivered, 3u);
 }
 
+TEST_F(NetworkTest, ComeBackLaterDuringShutdownsGraceKeepsTheRecord) {
+  // Answered while shutdown waits for in-flight answers: kept, as a cancelled one would be.
+  server.setResponder([](const ReceivedRequest&) { return CannedResponse{503, "busy", {}, 50}; });
+  auto delivery = std::make_shared<HttpsDelivery>(http, dir.path());
+  sendOne(*delivery, record("held"), true);
+  for (int i = 0; i < 1000 && server.received().empty(); ++i) std::this_thread::sleep_for(2ms);
+  ASSERT_EQ(server.received().size(), 1u);
+  delivery->shutdown({}, {});
+  EXPECT_EQ(pendingNames(), (std::vector<std::string>{"held"}));
+  EXPECT_EQ(delivery->counts().refused, 0u);
+}
+
 TEST_F(NetworkTest, AQueueThatStartsOfflineSendsWhatItKeptWhenTheNetworkComes) {
   auto delivery = std::make_shared<HttpsDelivery>(http, dir.path());
   detail::ZLogRecordQueue queue(delivery);
