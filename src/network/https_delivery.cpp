@@ -1,6 +1,7 @@
 #include "network/https_delivery.hpp"
 
 #include <algorithm>
+#include <iterator>
 #include <thread>
 
 #include "network/http_api.hpp"
@@ -408,8 +409,9 @@ void HttpsDelivery::backOff(std::optional<std::chrono::seconds> retryAfter) {
 
 void HttpsDelivery::resume() {
   if (stopped_.load() || backoff_.waiting()) return;
-  // Nothing of this run waits: a record kept on disk is the probe.
-  if (waiting_.empty() && inFlight_ == 0 && keptToRetry_) retryKept();
+  // Records kept on disk in this run are older than those that waited meanwhile: they go first,
+  // and the oldest of them is the probe. Chosen before the probe is, or a newer one would be.
+  if (keptToRetry_) retryKept();
   startWaiting();
 }
 
@@ -431,9 +433,16 @@ void HttpsDelivery::retryKept() {
     outstanding_ += added + backlog.size();
     counts_.resent += added + backlog.size();
   }
+  // They went out (or were handed over) before anything still waiting: they go ahead of it,
+  // behind only records held by a "come back later", which are the next to go.
   const RequestSettings settings = RequestSettings::current();
-  if (added > 0) waiting_.push_back(Waiting{{}, added, settings, std::nullopt, std::nullopt});
-  for (auto& record : backlog) waiting_.push_back(Waiting{std::move(record), 0, settings, {}, {}});
+  auto at = std::find_if(waiting_.begin(), waiting_.end(),
+                         [](const Waiting& item) { return !item.heldSince; });
+  if (added > 0)
+    at = std::next(waiting_.insert(at, Waiting{{}, added, settings, std::nullopt, std::nullopt}));
+  for (auto& record : backlog) {
+    at = std::next(waiting_.insert(at, Waiting{std::move(record), 0, settings, {}, {}}));
+  }
   bytesOnDisk_.store(store_.bytesOnDisk());
 }
 

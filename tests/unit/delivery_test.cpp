@@ -274,6 +274,44 @@ TEST_F(NetworkTest, ComeBackLaterDuringShutdownsGraceKeepsTheRecord) {
   EXPECT_EQ(delivery->counts().refused, 0u);
 }
 
+TEST_F(NetworkTest, RecordsKeptAfterAFailureGoOutAheadOfNewerOnesWhenTheWaitEnds) {
+  // The first two time out (a transport failure) and are kept on disk; two newer ones are handed
+  // over during the wait. The probe is one of the kept ones.
+  detail::settings().requestTimeout = 0.3;
+  auto arrivals = std::make_shared<Arrivals>();
+  std::mutex mutex;
+  std::set<std::string> seen;
+  server.setResponder([&, arrivals](const ReceivedRequest& r) {
+    arrivals->add(r);
+    const std::string name = decodeJson<ZLogRecord>(r.body).value().action.name;
+    std::lock_guard lock(mutex);
+    const bool first = seen.insert(name).second;
+    return CannedResponse{200, "ok", {}, first && name.rfind("old", 0) == 0 ? 1500 : 0};
+  });
+  auto delivery = std::make_shared<HttpsDelivery>(
+      http, dir.path(), ZStoreLimits{}, support::RetryTimings{.first = 800ms, .jitter = 0});
+  std::promise<void> restored;
+  delivery->restore([&](std::uint64_t) { restored.set_value(); });
+  restored.get_future().wait();
+  delivery->send(0, {record("old-1"), record("old-2")}, true);
+  for (int i = 0; i < 1000 && delivery->counts().keptOnDisk < 2; ++i)
+    std::this_thread::sleep_for(2ms);
+  ASSERT_EQ(delivery->counts().keptOnDisk, 2u);
+  delivery->send(0, {record("new-1"), record("new-2")}, true);
+  ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(10)));
+  auto names = arrivals->names();
+  ASSERT_EQ(names.size(), 6u);
+  // The two old ones failed together, so either may have been kept first and be the probe.
+  EXPECT_EQ(names[2].rfind("old-", 0), 0u) << "the probe is " << names[2];
+  std::sort(names.begin(), names.begin() + 2);
+  std::sort(names.begin() + 3, names.end());  // after the probe they share the window
+  const std::string other = names[2] == "old-1" ? "old-2" : "old-1";
+  std::vector<std::string> expected{"old-1", "old-2", names[2], "new-1", "new-2", other};
+  std::sort(expected.begin() + 3, expected.end());
+  EXPECT_EQ(names, expected);
+  EXPECT_EQ(delivery->counts().delivered, 4u);
+}
+
 TEST_F(NetworkTest, AQueueThatStartsOfflineSendsWhatItKeptWhenTheNetworkComes) {
   auto delivery = std::make_shared<HttpsDelivery>(http, dir.path());
   detail::ZLogRecordQueue queue(delivery);
