@@ -121,8 +121,12 @@ void ZInternalLogManager::restoreKeptTemplates() {
     }
   }
   tally_.restoredTemplates.fetch_add(kept.size(), std::memory_order_relaxed);
-  if (templates.empty()) return;
+  if (kept.empty()) return;
   std::lock_guard lock(mutex_);
+  // The earlier run's file stays until their records are on disk: a kill before then finds the
+  // templates again at the next start.
+  keptTemplatesTaken_ = true;
+  keptTemplatesInFront_ = templates.size();
   queue_.prependTemplates(std::move(templates));
   if (ready_) resolveTemplatesLocked();
 }
@@ -135,7 +139,7 @@ std::vector<std::string> ZInternalLogManager::takeTemplatesToKeep() {
   return texts;
 }
 
-void ZInternalLogManager::enqueueRecord(const ZLogRecord& record) {
+std::optional<std::string> ZInternalLogManager::encodeRecord(const ZLogRecord& record) {
   // Encoded once, here: from now on the record is its bytes, in memory, on disk and on the wire.
   // One that cannot be encoded (invalid UTF-8, a number JSON cannot hold) is dropped.
   auto encoded = encodeJson(record);
@@ -143,9 +147,13 @@ void ZInternalLogManager::enqueueRecord(const ZLogRecord& record) {
     tally_.unencodable.fetch_add(1, std::memory_order_relaxed);
     diagnose(ZLogLevel::error, "event dropped " + describeAction(record.action) +
                                    ": it cannot be encoded as JSON: " + encoded.error().describe());
-    return;
+    return std::nullopt;
   }
-  queue_.enqueue(std::move(encoded).value());
+  return std::move(encoded).value();
+}
+
+void ZInternalLogManager::enqueueRecord(const ZLogRecord& record) {
+  if (auto encoded = encodeRecord(record)) queue_.enqueue(std::move(*encoded));
 }
 
 // Work still on the worker holds only a weak reference: it finds the manager gone.
@@ -361,9 +369,19 @@ void ZInternalLogManager::resolveTemplates(bool ready) {
 
 void ZInternalLogManager::resolveTemplatesLocked() {
   std::vector<ZLogTemplate> templates = queue_.takeTemplates();
-  if (templates.empty()) return;
+  if (templates.empty() && !keptTemplatesTaken_) return;
   const std::optional<ZCommon> common = commonSubject_.value();
-  for (const ZLogTemplate& logTemplate : templates) {
+  // Records built from an earlier run's templates reach the store before its file forgets them;
+  // this run's templates become records as any track does, behind those.
+  const std::size_t kept = std::min(std::exchange(keptTemplatesInFront_, 0), templates.size());
+  std::vector<std::string> fromKept;
+  auto handOverKept = [&] {
+    if (!std::exchange(keptTemplatesTaken_, false)) return;
+    queue_.enqueueFromKeptTemplates(std::move(fromKept));
+  };
+  for (std::size_t i = 0; i < templates.size(); ++i) {
+    const ZLogTemplate& logTemplate = templates[i];
+    if (i == kept) handOverKept();
     // A template whose context is still incomplete is dropped, as a track would drop it.
     if (!common || !agent_ || !xid_) {
       tally_.incompleteContext.fetch_add(1, std::memory_order_relaxed);
@@ -374,13 +392,16 @@ void ZInternalLogManager::resolveTemplatesLocked() {
       continue;
     }
     auto record = ZLogRecordBuilder::buildRecordFromTemplate(contextLocked(common), logTemplate);
-    if (record) {
-      enqueueRecord(*record);
-    } else {
+    if (!record) {
       tally_.noAction.fetch_add(1, std::memory_order_relaxed);
       diagnose(ZLogLevel::error, "waiting event dropped: no action block was set");
+    } else if (i < kept) {
+      if (auto encoded = encodeRecord(*record)) fromKept.push_back(std::move(*encoded));
+    } else {
+      enqueueRecord(*record);
     }
   }
+  handOverKept();
 }
 
 void ZInternalLogManager::setDeploymentType(DeploymentType type) {

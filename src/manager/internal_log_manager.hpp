@@ -122,6 +122,8 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   /// While no triple is known, the sync server is asked again on a back-off.
   void scheduleIdentityRetry();
   void enqueueRecord(const ZLogRecord& record);
+  /// The record's bytes; nothing (counted and said) when it cannot be encoded.
+  std::optional<std::string> encodeRecord(const ZLogRecord& record);
   void handleIdentity(const ZXid& xid);
   void resolveTemplates(bool ready);
   /// Hands identity work to the worker unless stop() has begun.
@@ -157,6 +159,10 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   support::RetrySchedule identityBackoff_;  ///< worker only
   bool identityRetryScheduled_ = false;     ///< worker only
   bool lastOnline_ = true;                  ///< guarded by mutex_
+  /// Guarded by mutex_: how many of the templates in front were kept by an earlier run. Their
+  /// records go to the store as a whole, which then forgets the templates.
+  std::size_t keptTemplatesInFront_ = 0;
+  bool keptTemplatesTaken_ = false;  ///< guarded by mutex_: an earlier run's templates were read
   // Outcomes decided here, before a record reaches the queue. Relaxed: counts, not ordering.
   struct Tally {
     std::atomic<std::uint64_t> tracked{0};

@@ -50,6 +50,31 @@ void HttpsDelivery::restore(std::function<void(std::uint64_t)> restored) {
     self->bytesOnDisk_.store(self->store_.bytesOnDisk());
     self->syncStoreCounts();
     restored(count);
+    if (self->store_.openUnfinished()) self->retryOpenLater(std::move(restored), kFirstOpenRetry);
+  });
+}
+
+void HttpsDelivery::retryOpenLater(std::function<void(std::uint64_t)> restored,
+                                   std::chrono::milliseconds wait) {
+  // Another process still holds the store (most often the last run, still shutting down): what
+  // it leaves behind is taken over as soon as it lets go, not at the next start.
+  worker_->asyncAfter(wait, [weak = weak_from_this(), restored = std::move(restored), wait] {
+    auto self = weak.lock();
+    if (!self || self->stopped_.load()) return;
+    const std::uint64_t found = self->store_.retryOpen();
+    if (found > 0) {
+      {
+        std::lock_guard lock(self->mutex_);
+        self->counts_.restored += found;
+      }
+      self->droppedToReport_ += self->store_.takeDroppedQueued();
+      self->bytesOnDisk_.store(self->store_.bytesOnDisk());
+      self->syncStoreCounts();
+      restored(found);
+    }
+    if (self->store_.openUnfinished()) {
+      self->retryOpenLater(std::move(restored), std::min(wait * 2, kLastOpenRetry));
+    }
   });
 }
 
@@ -123,6 +148,18 @@ void HttpsDelivery::spill(std::vector<std::string> records) {
   for (auto& record : records) keepLate(std::move(record));
 }
 
+void HttpsDelivery::spillFromKeptTemplates(std::vector<std::string> records) {
+  {
+    std::lock_guard lock(mutex_);
+    if (!stopped_.load()) {
+      post(SpillCommand{std::move(records), /*fromKeptTemplates=*/true});
+      return;
+    }
+  }
+  // Shutdown rewrites the templates file; these are kept behind the unsent ones.
+  for (auto& record : records) keepLate(std::move(record));
+}
+
 void HttpsDelivery::keepLate(std::string record) {
   {
     std::unique_lock lock(mutex_);
@@ -174,6 +211,8 @@ void HttpsDelivery::handleSend(SendCommand& command) {
     std::uint64_t alreadyOnDisk = 0;
     for (std::uint64_t i = 0; i < command.fromDisk; ++i) {
       auto queued = nextQueued();
+      // Past a long run of unreadable pieces the reading goes on, unless shutdown began.
+      while (!queued && store_.readPaused() && !stopped_.load()) queued = nextQueued();
       if (!queued) break;
       if (queued->ref) {
         store_.unsent(*queued->ref);
@@ -210,6 +249,8 @@ void HttpsDelivery::handleSpill(SpillCommand& command) {
   std::size_t written = 0;
   // Behind records the disk would not take, nothing may go to disk first: order is the point.
   if (spillBacklog_.empty()) written = store_.spill(command.records);
+  // Only once they are all on disk: in memory they would be lost to a kill with their templates.
+  if (command.fromKeptTemplates && written == command.records.size()) store_.forgetTakenTemplates();
   for (std::size_t i = written; i < command.records.size(); ++i) {
     spillBacklog_.push_back(std::move(command.records[i]));
   }
@@ -227,7 +268,8 @@ void HttpsDelivery::handleSpill(SpillCommand& command) {
 
 std::optional<HttpsDelivery::Next> HttpsDelivery::nextQueued() {
   if (auto read = store_.next()) return Next{shareBytes(std::move(read->bytes)), read->ref, {}};
-  if (spillBacklog_.empty()) return std::nullopt;
+  // Records may still follow on disk: the backlog in memory is behind them.
+  if (store_.readPaused() || spillBacklog_.empty()) return std::nullopt;
   Next next{shareBytes(std::move(spillBacklog_.front())), std::nullopt, {}};
   spillBacklog_.pop_front();
   return next;
@@ -247,6 +289,12 @@ void HttpsDelivery::startWaiting() {
       // not let many later ones go out: a kill would send all of those again.
       if (store_.unansweredSpread() >= kMaxInFlight) break;
       auto queued = nextQueued();
+      if (!queued && store_.readPaused()) {
+        // A long run of unreadable pieces: read on in a later turn, so that answers, hand-overs
+        // and shutdown get the worker meanwhile.
+        continueReadingLater();
+        break;
+      }
       if (--front.fromDisk == 0) waiting_.pop_front();
       if (!queued) {
         // Dropped for space or moved aside as unreadable since the queue counted it.
@@ -282,6 +330,18 @@ void HttpsDelivery::startWaiting() {
                       });
                 });
   }
+}
+
+void HttpsDelivery::continueReadingLater() {
+  if (readingLater_ || stopped_.load()) return;
+  readingLater_ = true;
+  worker_->async([weak = weak_from_this()] {
+    auto self = weak.lock();
+    if (!self) return;
+    self->readingLater_ = false;
+    self->startWaiting();
+    self->notifyQueue();
+  });
 }
 
 namespace {
@@ -449,9 +509,9 @@ void HttpsDelivery::retryKept() {
 void HttpsDelivery::keep(std::vector<std::string> records) {
   if (records.empty()) return;
   // What the disk would not take waits in memory behind earlier such records, oldest first.
-  std::size_t written = 0;
-  if (keepBacklog_.empty()) written = store_.keep(records);
-  for (std::size_t i = written; i < records.size(); ++i) {
+  PendingStore::Kept kept;
+  if (keepBacklog_.empty()) kept = store_.keep(records);
+  for (std::size_t i = kept.handled(); i < records.size(); ++i) {
     keepBacklog_.push_back(std::move(records[i]));
   }
   std::uint64_t dropped = 0;
@@ -464,7 +524,7 @@ void HttpsDelivery::keep(std::vector<std::string> records) {
   backlogDropped_ += dropped;
   {
     std::lock_guard lock(mutex_);
-    counts_.keptOnDisk += written;
+    counts_.keptOnDisk += kept.written;
   }
   syncStoreCounts();
   if (!keepBacklog_.empty()) scheduleRetry();
@@ -482,11 +542,11 @@ void HttpsDelivery::scheduleRetry() {
 void HttpsDelivery::retryWrites() {
   retryScheduled_ = false;
   if (!keepBacklog_.empty()) {
-    const std::size_t written = store_.keep(keepBacklog_);
+    const PendingStore::Kept kept = store_.keep(keepBacklog_);
     keepBacklog_.erase(keepBacklog_.begin(),
-                       keepBacklog_.begin() + static_cast<std::ptrdiff_t>(written));
+                       keepBacklog_.begin() + static_cast<std::ptrdiff_t>(kept.handled()));
     std::lock_guard lock(mutex_);
-    counts_.keptOnDisk += written;
+    counts_.keptOnDisk += kept.written;
   }
   if (!spillBacklog_.empty()) {
     const std::vector<std::string> batch(spillBacklog_.begin(), spillBacklog_.end());
@@ -589,14 +649,14 @@ void HttpsDelivery::shutdown(std::vector<std::string> unsent, std::vector<std::s
       late_.clear();
       lateDoorClosed_ = true;
     }
-    const std::size_t written = store_.keep(batch);
+    const PendingStore::Kept kept = store_.keep(batch);
     (void)store_.writeTemplates(templates);
     store_.close();
     bytesOnDisk_.store(store_.bytesOnDisk());
-    backlogDropped_ += batch.size() - written;  // the disk would take no more
+    backlogDropped_ += batch.size() - kept.handled();  // the disk would take no more
     syncStoreCounts();
     std::lock_guard lock(mutex_);
-    counts_.keptOnDisk += written;
+    counts_.keptOnDisk += kept.written;
     unsettled_ = 0;
     outstanding_ = 0;
     settled_.notify_all();

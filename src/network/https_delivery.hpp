@@ -45,6 +45,7 @@ class HttpsDelivery final : public RecordTransport,
             bool networkAvailable) override;
   void networkChanged(bool available) override;
   void spill(std::vector<std::string> records) override;
+  void spillFromKeptTemplates(std::vector<std::string> records) override;
   void keepLate(std::string record) override;
   std::vector<std::string> takeKeptTemplates() override;
   void shutdown(std::vector<std::string> unsent, std::vector<std::string> templates) override;
@@ -72,6 +73,7 @@ class HttpsDelivery final : public RecordTransport,
   };
   struct SpillCommand {
     std::vector<std::string> records;
+    bool fromKeptTemplates = false;  ///< once written, the store forgets those templates
   };
   using Command = std::variant<SendCommand, SpillCommand>;
   /// A record waiting for a connection: its bytes, or `fromDisk` records still to be read.
@@ -90,6 +92,11 @@ class HttpsDelivery final : public RecordTransport,
     std::uint64_t sentAs = 0;  ///< how many records went out before it
   };
 
+  /// Tries again, after `wait`, to take over what open() could not; reports newly found records
+  /// through `restored`. The wait doubles up to kLastOpenRetry.
+  void retryOpenLater(std::function<void(std::uint64_t)> restored, std::chrono::milliseconds wait);
+  static constexpr std::chrono::milliseconds kFirstOpenRetry{100};
+  static constexpr std::chrono::milliseconds kLastOpenRetry{30000};
   void post(Command command);
   /// Takes everything the host handed over since the last time, in order. Worker only.
   void drainInbox(bool gather);
@@ -98,6 +105,8 @@ class HttpsDelivery final : public RecordTransport,
   /// The oldest record waiting on disk (or, when the disk would not take them, in memory).
   std::optional<Next> nextQueued();
   void startWaiting();
+  /// Goes on with startWaiting() in a later turn of the worker.
+  void continueReadingLater();
   void finished(network::HttpOutcome outcome, Next record);
   /// Puts a record the collector asked to send later back in line, ahead of those not yet sent.
   void hold(Next record);
@@ -153,6 +162,7 @@ class HttpsDelivery final : public RecordTransport,
   bool probing_ = false;        ///< after a wait: one request alone until it is answered
   bool keptToRetry_ = false;    ///< records were kept on disk in this run
   bool retryWhenIdle_ = false;  ///< a retry of kept records waits for disk reads in flight
+  bool readingLater_ = false;   ///< a continueReadingLater() turn is queued
   bool networkAvailable_ = true;
   std::uint64_t backlogDropped_ = 0;  ///< kept or spilled records the disk never took
 };

@@ -64,6 +64,28 @@ void ZLogRecordQueue::enqueue(std::string record) {
   if (state.total - state.released >= threshold) state.drainLocked(threshold);
 }
 
+void ZLogRecordQueue::enqueueFromKeptTemplates(std::vector<std::string> records) {
+  State& state = *state_;
+  std::lock_guard lock(state.mutex);
+  if (state.closed) {
+    for (auto& record : records) state.transport->keepLate(std::move(record));
+    return;
+  }
+  const std::uint64_t count = records.size();
+  if (count > 0) {
+    // Like a spill: a run on disk at the back of the table, in the order the store holds them.
+    if (!state.entries.empty() && state.entries.back().onDisk > 0) {
+      state.entries.back().onDisk += count;
+    } else {
+      state.entries.push_back(Entry{count, {}});
+    }
+    state.total += count;
+  }
+  state.transport->spillFromKeptTemplates(std::move(records));
+  const std::uint64_t threshold = batchSize();
+  if (count > 0 && state.total - state.released >= threshold) state.drainLocked(threshold);
+}
+
 void ZLogRecordQueue::drain(std::uint64_t threshold) {
   std::lock_guard lock(state_->mutex);
   state_->drainLocked(threshold);

@@ -38,6 +38,10 @@ class ZLogRecordQueue {
   /// oldest until fewer remain. So a batch size of 5 keeps four records waiting and sends one per
   /// further enqueue.
   void enqueue(std::string record);
+  /// Appends records built from templates an earlier run kept, through the pending store: they
+  /// wait on disk, behind everything enqueued so far, and the transport then forgets those
+  /// templates. Called with none when all of them were dropped.
+  void enqueueFromKeptTemplates(std::vector<std::string> records);
   /// Sends oldest first while the count is at least `threshold` (kNoThreshold counts as 0).
   void drain(std::uint64_t threshold);
   void flush() { drain(kNoThreshold); }

@@ -92,6 +92,27 @@ std::uint64_t PendingStore::open() {
   if (directory_.empty()) return 0;
   tailBytes_ = platform::regularFileSize(file(kPendingFileName)).value_or(0);
   quarantineBytes_ = platform::regularFileSize(file(kQuarantineFileName)).value_or(0);
+  return takeOver();
+}
+
+std::uint64_t PendingStore::retryOpen() {
+  if (!openUnfinished()) return 0;
+  if (!owner_) return takeOver();
+  // Owner already: only "ZLogs.tmp" is left to move aside, behind what is queued by now.
+  tailBytes_ = platform::regularFileSize(file(kPendingFileName)).value_or(0);
+  if (tailBytes_ == 0 || !rotateTail(/*queued=*/true)) {
+    tailLeft_ = tailBytes_ > 0 && platform::regularFileSize(file(kPendingFileName)).has_value();
+    return 0;
+  }
+  tailLeft_ = false;
+  const std::uint64_t number = segments_.back().number;
+  (void)countRecords(segments_.back());
+  (void)makeRoom(0);
+  const Segment* moved = findSegment(number);
+  return moved ? moved->records : 0;
+}
+
+std::uint64_t PendingStore::takeOver() {
   owner_ = ownerLock_.tryLock(file(kLockFileName));
   if (!owner_) return 0;  // another process of the app sends what is on disk
 
@@ -105,7 +126,9 @@ std::uint64_t PendingStore::open() {
     if (number == cursorSegment_ && cursorOffset_ <= segment.bytes) segment.start = cursorOffset_;
     segments_.push_back(segment);
   }
-  if (tailBytes_ > 0) (void)retried([&] { return rotateTail(/*queued=*/true); });
+  tailBytes_ = platform::regularFileSize(file(kPendingFileName)).value_or(0);
+  tailLeft_ = tailBytes_ > 0 && !retried([&] { return rotateTail(/*queued=*/true); }) &&
+              platform::regularFileSize(file(kPendingFileName)).has_value();
   for (auto& segment : segments_) (void)countRecords(segment);
   // A backlog larger than the disk may hold (an older build, a long time offline) loses its
   // oldest records now rather than holding the disk past its limit.
@@ -218,44 +241,48 @@ bool PendingStore::makeRoom(std::uint64_t bytes) {
   return bytesOnDisk() + bytes <= limits_.maxBytesOnDisk;
 }
 
-std::size_t PendingStore::keep(const std::vector<std::string>& records) {
-  if (directory_.empty()) return 0;
-  std::size_t written = 0;
+PendingStore::Kept PendingStore::keep(const std::vector<std::string>& records) {
+  Kept kept;
+  if (directory_.empty()) return kept;
   std::string frames;
-  while (written < records.size()) {
+  while (kept.handled() < records.size()) {
+    const std::size_t first = kept.handled();
     // One write per batch of records, each batch within a segment's size.
     frames.clear();
     std::size_t batch = 0;
-    while (written + batch < records.size() &&
-           (batch == 0 || frames.size() + records[written + batch].size() < segmentTarget())) {
-      appendFrame(frames, records[written + batch]);
+    while (first + batch < records.size() &&
+           (batch == 0 || frames.size() + records[first + batch].size() < segmentTarget())) {
+      appendFrame(frames, records[first + batch]);
       ++batch;
     }
     if (frames.size() > limits_.maxBytesOnDisk) {
       counts_.droppedForSpace += batch;  // one record larger than the whole disk allowance
-      written += batch;
+      kept.dropped += batch;
       continue;
     }
+    // The owner moves the shared file aside and other processes append to it: its size now is
+    // what counts, not what this process has appended to it over its life.
+    const std::uint64_t tailNow = platform::regularFileSize(file(kPendingFileName)).value_or(0);
+    tailBytes_ = tailNow;
     if (owner_ && tailBytes_ > 0 && tailBytes_ + frames.size() > segmentTarget()) {
       (void)rotateTail(/*queued=*/false);
     }
-    if (!makeRoom(frames.size())) {
-      if (owner_) return written;
-      // Another process owns the segments: the oldest kept here cannot be dropped.
-      counts_.droppedForSpace += batch;
-      written += batch;
-      continue;
-    }
-    if (!platform::appendPrivate(file(kPendingFileName), frames)) return written;
+    // Another process owns the segments and only it may drop the oldest: the caller keeps these
+    // in memory until the owner has sent some.
+    if (!makeRoom(frames.size())) return kept;
+    if (!platform::appendPrivate(file(kPendingFileName), frames)) return kept;
     tailBytes_ += frames.size();
     tailRecords_ += batch;
-    written += batch;
+    kept.written += batch;
   }
-  return written;
+  return kept;
 }
 
 std::size_t PendingStore::spill(const std::vector<std::string>& records) {
-  if (directory_.empty() || !owner_ || records.empty()) return 0;
+  if (directory_.empty() || records.empty()) return 0;
+  // Another process owns the segments: the shared file takes them, for whichever process next
+  // takes the store over (this one too, once the owner lets go).
+  if (!owner_) return keep(records).handled();
   std::string frames;
   for (const auto& record : records) appendFrame(frames, record);
   if (frames.size() > limits_.maxBytesOnDisk / 2) return 0;
@@ -312,6 +339,21 @@ bool PendingStore::adoptKept(std::uint64_t& added) {
 }
 
 std::optional<PendingStore::Read> PendingStore::next() {
+  readPaused_ = false;
+  // Pieces read past are moved aside and answered in one go when this call ends: a long run of
+  // them costs one quarantine append and one cursor write per call, not one each.
+  std::size_t passed = 0;
+  auto settlePassed = [&] {
+    if (passed == 0) return;
+    flushQuarantine();
+    advanceCursor();
+  };
+  auto passOne = [&] {
+    ++passed;
+    if (passed < kPiecesPerRead && !(stop_ && stop_->load())) return false;
+    readPaused_ = true;
+    return true;
+  };
   for (;;) {
     Segment* segment = readerSegment_ ? findSegment(readerSegment_) : nullptr;
     if (!segment) {
@@ -322,7 +364,10 @@ std::optional<PendingStore::Read> PendingStore::next() {
           break;
         }
       }
-      if (!segment) return std::nullopt;
+      if (!segment) {
+        settlePassed();
+        return std::nullopt;
+      }
       if (!reader_.open(segmentPath(segment->number), segment->start)) {
         // Gone or replaced by something that is no file of ours: nothing to read there.
         segment->records = 0;
@@ -344,7 +389,7 @@ std::optional<PendingStore::Read> PendingStore::next() {
     if (piece->kind != FramePiece::Kind::frame) {
       ++counts_.skippedPieces;
       outstanding_.push_back({ref, Outstanding::State::done});
-      advanceCursor();
+      if (passOne()) break;
       continue;
     }
     --segment->records;
@@ -358,23 +403,34 @@ std::optional<PendingStore::Read> PendingStore::next() {
       // it never holds up the records around it.
       quarantine(piece->payload);
       outstanding_.push_back({ref, Outstanding::State::done});
-      advanceCursor();
+      if (passOne()) break;
       continue;
     }
     ++segment->outstanding;
     outstanding_.push_back({ref, Outstanding::State::inFlight});
+    settlePassed();
     return Read{std::move(*encoded), ref};
   }
+  settlePassed();
+  return std::nullopt;
 }
 
 void PendingStore::quarantine(std::string_view payload) {
   ++counts_.quarantined;
-  std::string frame;
-  appendFrame(frame, payload);
-  if (quarantineBytes_ + frame.size() > limits_.maxQuarantineBytes) return;
-  if (platform::appendPrivate(file(kQuarantineFileName), frame)) {
-    quarantineBytes_ += frame.size();
+  const std::size_t before = quarantineBuffer_.size();
+  appendFrame(quarantineBuffer_, payload);
+  if (quarantineBytes_ + quarantineBuffer_.size() > limits_.maxQuarantineBytes) {
+    quarantineBuffer_.resize(before);  // past the limit: counted, not kept
   }
+}
+
+void PendingStore::flushQuarantine() {
+  if (quarantineBuffer_.empty()) return;
+  // Written before the cursor moves past these frames: a kill in between moves them aside again.
+  if (platform::appendPrivate(file(kQuarantineFileName), quarantineBuffer_)) {
+    quarantineBytes_ += quarantineBuffer_.size();
+  }
+  quarantineBuffer_.clear();
 }
 
 void PendingStore::answered(StoreRef ref) {
@@ -439,26 +495,57 @@ void PendingStore::removeIfDone(std::uint64_t number) {
   }
 }
 
-std::vector<std::string> PendingStore::takeTemplates() {
+namespace {
+
+std::vector<std::string> templateFrames(const std::filesystem::path& file) {
   std::vector<std::string> templates;
-  if (directory_.empty()) return templates;
   PendingFileReader reader;
-  if (!reader.open(file(kTemplatesFileName))) return templates;
+  if (!reader.open(file)) return templates;
   while (auto piece = reader.next()) {
     if (piece->kind == FramePiece::Kind::frame) templates.emplace_back(piece->payload);
   }
-  (void)platform::removeFile(file(kTemplatesFileName));
   return templates;
+}
+
+}  // namespace
+
+std::vector<std::string> PendingStore::takeTemplates() {
+  if (directory_.empty() || !owner_ || !takenTemplates_.empty()) return {};
+  takenTemplates_ = templateFrames(file(kTemplatesFileName));
+  return takenTemplates_;
+}
+
+std::vector<std::string> PendingStore::templatesNotTaken() const {
+  std::vector<std::string> inFile = templateFrames(file(kTemplatesFileName));
+  // Another process that shut down meanwhile kept the file's frames in front of its own.
+  if (!takenTemplates_.empty() && inFile.size() >= takenTemplates_.size() &&
+      std::equal(takenTemplates_.begin(), takenTemplates_.end(), inFile.begin())) {
+    inFile.erase(inFile.begin(),
+                 inFile.begin() + static_cast<std::ptrdiff_t>(takenTemplates_.size()));
+  }
+  return inFile;
+}
+
+void PendingStore::forgetTakenTemplates() {
+  if (directory_.empty() || takenTemplates_.empty()) return;
+  const std::vector<std::string> rest = templatesNotTaken();
+  takenTemplates_.clear();
+  (void)replaceTemplates(rest);
 }
 
 bool PendingStore::writeTemplates(const std::vector<std::string>& templates) {
   if (directory_.empty()) return false;
-  if (templates.empty()) return platform::removeFile(file(kTemplatesFileName));
-  const std::size_t keep = std::min<std::size_t>(templates.size(), limits_.maxTemplatesKept);
+  std::vector<std::string> all = templatesNotTaken();
+  all.insert(all.end(), templates.begin(), templates.end());
+  takenTemplates_.clear();  // those still waiting are among `templates`
+  return replaceTemplates(all);
+}
+
+bool PendingStore::replaceTemplates(const std::vector<std::string>& all) {
+  if (all.empty()) return platform::removeFile(file(kTemplatesFileName));
+  const std::size_t keep = std::min<std::size_t>(all.size(), limits_.maxTemplatesKept);
   std::string frames;
-  for (std::size_t i = templates.size() - keep; i < templates.size(); ++i) {
-    appendFrame(frames, templates[i]);
-  }
+  for (std::size_t i = all.size() - keep; i < all.size(); ++i) appendFrame(frames, all[i]);
   return platform::writeWholePrivateAtomically(file(kTemplatesFileName), frames);
 }
 

@@ -60,26 +60,44 @@ class PendingStore {
   /// Takes over what earlier runs left: the segments, then "ZLogs.tmp" moved aside behind them.
   /// Returns how many records now wait on disk to be sent.
   std::uint64_t open();
+  /// open() could not take everything over: another process held the store (a quick relaunch
+  /// while the last run still shuts down), or "ZLogs.tmp" stayed busy. retryOpen() tries again.
+  bool openUnfinished() const noexcept { return !directory_.empty() && (!owner_ || tailLeft_); }
+  /// Tries again what open() could not do; returns how many more records now wait to be sent.
+  std::uint64_t retryOpen();
 
   /// Lets go of the files and of the ownership, so that a later start (in this process or
   /// another) takes over cleanly.
   void close();
-  /// Checked while a large backlog is counted: a shutdown does not wait for the count.
+  /// Checked while a large backlog is counted or read past: a shutdown does not wait for either.
   void setStopFlag(const std::atomic<bool>* stop) { stop_ = stop; }
 
-  /// Appends records kept for a later start; returns how many leading ones were written (a full
-  /// or read-only disk writes fewer: the caller keeps the rest and tries again later).
-  std::size_t keep(const std::vector<std::string>& records);
+  struct Kept {
+    std::size_t written = 0;  ///< now on disk
+    std::size_t dropped = 0;  ///< each larger than the whole disk allowance: never written
+    /// The leading records dealt with; a full or read-only disk leaves the rest to the caller,
+    /// who keeps them and tries again later.
+    std::size_t handled() const noexcept { return written + dropped; }
+  };
+  /// Appends records kept for a later start.
+  Kept keep(const std::vector<std::string>& records);
   /// Appends records behind the ones waiting on disk to be sent; how many leading ones were
-  /// written. Only the owning process writes segments; another one writes none.
+  /// written (or dropped, each larger than the disk allowance). Only the owning process writes
+  /// segments; another one appends to "ZLogs.tmp", whose records a later owner sends.
   std::size_t spill(const std::vector<std::string>& records);
 
   struct Read {
     std::string bytes;  ///< decoded and encoded again: only this SDK's own encoding goes out
     StoreRef ref;
   };
-  /// The oldest record waiting on disk to be sent, or nothing when none is left.
+  /// The oldest record waiting on disk to be sent, or nothing when none is left. A long run of
+  /// pieces that are no record is read past a bounded stretch per call: nothing with
+  /// readPaused() set means records may follow, to be asked for in a later turn of the worker.
   std::optional<Read> next();
+  /// The last next() stopped part way (the stretch's bound, or the stop flag), not at the end.
+  bool readPaused() const noexcept { return readPaused_; }
+  /// Pieces that are no record read past in one call of next(), at most.
+  static constexpr std::size_t kPiecesPerRead = 1024;
   /// The collector answered for it: it may leave the disk.
   void answered(StoreRef ref);
   /// It was not sent: it stays where it is for the next start.
@@ -101,9 +119,14 @@ class PendingStore {
   /// "ZLogs.tmp": where records kept for a later start are appended (any thread may append).
   std::filesystem::path pendingFile() const { return directory_ / kPendingFileName; }
 
-  /// The templates kept by an earlier run, oldest first; the file is removed.
+  /// The templates kept by an earlier run, oldest first, for the owning process only (another one
+  /// would share them with the owner). The file stays until forgetTakenTemplates(): a kill before
+  /// then finds them again.
   std::vector<std::string> takeTemplates();
-  /// Keeps templates (their JSON, oldest first) for the next start, the newest within the limit.
+  /// The taken templates' records are on disk: the file no longer keeps those templates.
+  void forgetTakenTemplates();
+  /// Keeps templates (their JSON, oldest first) for the next start, behind those in the file that
+  /// this process did not take, the newest within the limit; the file is replaced as a whole.
   bool writeTemplates(const std::vector<std::string>& templates);
 
  private:
@@ -121,6 +144,8 @@ class PendingStore {
     enum class State { inFlight, done, unsent } state = State::inFlight;
   };
 
+  /// Takes the ownership and what earlier runs left; what open() and retryOpen() share.
+  std::uint64_t takeOver();
   std::filesystem::path segmentPath(std::uint64_t number) const;
   std::filesystem::path file(std::string_view name) const { return directory_ / name; }
   Segment* findSegment(std::uint64_t number);
@@ -134,18 +159,27 @@ class PendingStore {
   /// Moves "ZLogs.tmp" aside as the newest segment.
   bool rotateTail(bool queued);
   std::uint64_t countRecords(Segment& segment);
+  /// Buffers the payload; flushQuarantine() writes what was buffered in one append.
   void quarantine(std::string_view payload);
+  void flushQuarantine();
   std::uint64_t segmentTarget() const;
+  /// The templates file's frames, oldest first, less those this process took and still holds.
+  std::vector<std::string> templatesNotTaken() const;
+  /// The templates file holds `all` (the newest within the limit), or is removed when none.
+  bool replaceTemplates(const std::vector<std::string>& all);
 
   const std::filesystem::path directory_;
   const ZStoreLimits limits_;
   platform::ProcessLock ownerLock_;
   bool owner_ = false;
+  bool tailLeft_ = false;         ///< "ZLogs.tmp" was busy when taken over: not yet moved aside
   std::deque<Segment> segments_;  ///< oldest first
   std::uint64_t nextNumber_ = 1;
   std::uint64_t tailBytes_ = 0;
   std::uint64_t tailRecords_ = 0;
   std::uint64_t quarantineBytes_ = 0;
+  std::string quarantineBuffer_;  ///< frames moved aside in this call of next(), not yet written
+  bool readPaused_ = false;
   PendingFileReader reader_;
   std::uint64_t readerSegment_ = 0;  ///< 0: no segment open for reading
   std::deque<Outstanding> outstanding_;
@@ -155,6 +189,7 @@ class PendingStore {
   std::uint64_t droppedQueued_ = 0;
   Counts counts_;
   const std::atomic<bool>* stop_ = nullptr;
+  std::vector<std::string> takenTemplates_;  ///< taken and not yet forgotten
 };
 
 }  // namespace zelvanor::detail

@@ -34,8 +34,9 @@ class RecordTransport {
  public:
   virtual ~RecordTransport() = default;
   /// Takes over what earlier runs kept, on the SDK's own thread (the host never waits for the
-  /// disk); `restored` then runs once, on that thread, with how many records wait on disk to be
-  /// sent first.
+  /// disk); `restored` then runs on that thread with how many records wait on disk to be sent
+  /// first, and again with how many more whenever it takes over more later (another process held
+  /// the store at the start and has let go of it).
   virtual void restore(std::function<void(std::uint64_t count)> restored) = 0;
   /// How many more records the transport takes now for the network; the queue holds the rest,
   /// in order, until the listener says there is room.
@@ -52,6 +53,11 @@ class RecordTransport {
   virtual void networkChanged(bool available) = 0;
   /// Moves records (oldest first) behind those waiting on disk: the queue's memory is full.
   virtual void spill(std::vector<std::string> records) = 0;
+  /// Like spill(), for records built from the templates takeKeptTemplates() gave: once they are
+  /// on disk, those templates are no longer kept (a kill before then finds the templates again).
+  virtual void spillFromKeptTemplates(std::vector<std::string> records) {
+    spill(std::move(records));
+  }
   /// A record tracked after the queue closed for shutdown: kept for the next start, behind the
   /// unsent ones. Must not block on I/O while a shutdown is still to come or under way.
   virtual void keepLate(std::string record) = 0;

@@ -57,7 +57,7 @@ constexpr ZStoreLimits kRoomy{.maxBytesOnDisk = std::uint64_t{1} << 40};
   for (std::uint64_t seq = 0; seq < kMaxRecordsPerRound; ++seq) {
     const Result<std::string> json = encodeJson(recordFor(seq));
     if (!json) ::_exit(2);
-    if (store.keep({*json}) != 1) ::_exit(3);
+    if (store.keep({*json}).written != 1) ::_exit(3);
   }
   ::_exit(0);
 }

@@ -14,7 +14,9 @@
 #include <thread>
 #include <vector>
 
+#include "platform/file_ops.hpp"
 #include "queue/pending_store.hpp"
+#include "support/lock_holder.hpp"
 #include "support/pending_files.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/json.hpp"
@@ -181,7 +183,7 @@ TEST_F(StoreTest, TheDiskStaysWithinItsLimitByDroppingTheOldest) {
   for (int i = 0; i < kRecords; i += 50) {
     std::vector<std::string> batch;
     for (int j = i; j < i + 50; ++j) batch.push_back(recordJson(std::to_string(j)));
-    ASSERT_EQ(store.keep(batch), batch.size());
+    ASSERT_EQ(store.keep(batch).written, batch.size());
     EXPECT_LE(store.bytesOnDisk(), limits.maxBytesOnDisk);
   }
   const auto kept = onDisk();
@@ -198,7 +200,7 @@ TEST_F(StoreTest, SpilledRecordsFollowTheRestoredOnesAndKeptOnesWaitForALaterSta
   writeFile(pendingFile(), frames({recordJson("r1"), recordJson("r2")}));
   PendingStore store(dir.path(), {});
   ASSERT_EQ(store.open(), 2u);
-  ASSERT_EQ(store.keep({recordJson("kept")}), 1u);
+  ASSERT_EQ(store.keep({recordJson("kept")}).written, 1u);
   ASSERT_EQ(store.spill({recordJson("s1"), recordJson("s2")}), 2u);
   std::vector<std::string> sent;
   for (auto& read : readAll(store)) {
@@ -216,7 +218,7 @@ TEST_F(StoreTest, WhatIsNoRegularFileIsLeftAloneAndNeverWaitedOn) {
   fs::create_symlink(dir.path() / "target", dir.path() / "ZLogs.tmp.3");
   PendingStore store(dir.path(), {});
   EXPECT_EQ(store.open(), 0u);  // returns at once: a FIFO is never opened for reading
-  EXPECT_EQ(store.keep({recordJson("x")}), 0u) << "nothing is written into a FIFO";
+  EXPECT_EQ(store.keep({recordJson("x")}).written, 0u) << "nothing is written into a FIFO";
   EXPECT_FALSE(store.next());
   EXPECT_TRUE(fs::is_fifo(fs::symlink_status(pendingFile())));
   EXPECT_TRUE(fs::is_directory(dir.path() / "ZLogs.tmp.7"));
@@ -231,7 +233,7 @@ TEST_F(StoreTest, KeptRecordsGoOnlyIntoAPrivateRegularFile) {
   writeFile(pendingFile(), frames({recordJson("loose")}));
   ASSERT_EQ(::chmod(pendingFile().c_str(), 0644), 0);
   PendingStore store(dir.path(), {});
-  ASSERT_EQ(store.keep({recordJson("1")}), 1u);
+  ASSERT_EQ(store.keep({recordJson("1")}).written, 1u);
   struct stat info {};
   ASSERT_EQ(::stat(pendingFile().c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 07777, 0600u);
@@ -245,7 +247,7 @@ TEST_F(StoreTest, KeptRecordsGoOnlyIntoAPrivateRegularFile) {
     fs::remove(target);
     if (!dangling) writeFile(target, "untouched");
     fs::create_symlink(target, pendingFile());
-    EXPECT_EQ(store.keep({recordJson("2")}), 0u);
+    EXPECT_EQ(store.keep({recordJson("2")}).written, 0u);
     EXPECT_EQ(fs::exists(target), !dangling);
     if (!dangling) {
       std::ifstream in(target);
@@ -261,7 +263,8 @@ TEST_F(StoreTest, StartsRacingWithAppendsLoseNoneAndDuplicateNone) {
   std::atomic<bool> appending{true};
   std::thread appender([&] {
     PendingStore other(dir.path(), {});  // never opened: it owns nothing and only appends
-    for (int i = 0; i < kRecords; ++i) EXPECT_EQ(other.keep({recordJson(std::to_string(i))}), 1u);
+    for (int i = 0; i < kRecords; ++i)
+      EXPECT_EQ(other.keep({recordJson(std::to_string(i))}).written, 1u);
     appending = false;
   });
   std::vector<std::string> sent;
@@ -292,7 +295,7 @@ TEST_F(StoreTest, OnlyOneProcessOfTheAppSendsWhatIsOnDisk) {
     PendingStore other(dir.path(), {});
     const std::uint64_t restored = other.open();
     // The other process still keeps what it must: appended behind, for a later start.
-    const std::size_t kept = other.keep({recordJson("from-the-other")});
+    const std::size_t kept = other.keep({recordJson("from-the-other")}).written;
     ::_exit(restored == 0 && kept == 1 ? 0 : 1);
   }
   int status = 0;
@@ -303,10 +306,206 @@ TEST_F(StoreTest, OnlyOneProcessOfTheAppSendsWhatIsOnDisk) {
 
 TEST_F(StoreTest, TemplatesAreKeptNewestWithinTheLimitAndTakenOnce) {
   PendingStore store(dir.path(), ZStoreLimits{.maxTemplatesKept = 3});
+  store.open();
   ASSERT_TRUE(store.writeTemplates({"{\"a\":1}", "{\"a\":2}", "{\"a\":3}", "{\"a\":4}"}));
   EXPECT_EQ(store.takeTemplates(),
             (std::vector<std::string>{"{\"a\":2}", "{\"a\":3}", "{\"a\":4}"}));
   EXPECT_TRUE(store.takeTemplates().empty());
+}
+
+// Templates taken at a start stay in their file until their records are on disk: a kill before
+// then finds them again, and one after finds them only as records.
+TEST_F(StoreTest, TakenTemplatesStayOnDiskUntilForgottenAndOnlyTheOwnerTakesThem) {
+  const fs::path file = dir.path() / "ZTemplates.tmp";
+  {
+    PendingStore earlier(dir.path(), {});
+    earlier.open();
+    ASSERT_TRUE(earlier.writeTemplates({"{\"a\":1}", "{\"a\":2}"}));
+  }
+  PendingStore store(dir.path(), {});
+  store.open();
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    // Another process of the app: the owner holds those templates; this one keeps its own behind.
+    PendingStore other(dir.path(), {});
+    other.open();
+    const bool none = other.takeTemplates().empty();
+    ::_exit(none && other.writeTemplates({"{\"b\":1}"}) ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(store.takeTemplates(),
+            (std::vector<std::string>{"{\"a\":1}", "{\"a\":2}", "{\"b\":1}"}));
+  EXPECT_TRUE(fs::exists(file)) << "taking them leaves the file";
+  {
+    PendingStore afterAKill(dir.path(), {});
+    store.close();
+    afterAKill.open();
+    EXPECT_EQ(afterAKill.takeTemplates().size(), 3u);
+  }
+  store.open();
+  store.forgetTakenTemplates();
+  EXPECT_FALSE(fs::exists(file));
+  // A shutdown keeps what is still waiting, including taken ones not yet resolved.
+  ASSERT_TRUE(store.writeTemplates({"{\"c\":1}"}));
+  store.close();
+  PendingStore later(dir.path(), {});
+  later.open();
+  EXPECT_EQ(later.takeTemplates(), (std::vector<std::string>{"{\"c\":1}"}));
+}
+
+// A long run of payloads that are no record (a later build's, a damaged disk's) is read past in
+// bounded stretches, and a shutdown stops the reading where it is.
+TEST_F(StoreTest, ALongRunOfUnreadableFramesIsReadInStretchesAndShutdownLeavesTheRestOnDisk) {
+  constexpr std::size_t kBad = 5000;
+  std::vector<std::string> payloads(kBad, "{\"a\":1}");
+  payloads.push_back(recordJson("behind"));
+  writeFile(pendingFile(), frames(payloads));
+  std::atomic<bool> stop{false};
+  {
+    PendingStore store(dir.path(), {});
+    store.setStopFlag(&stop);
+    ASSERT_EQ(store.open(), kBad + 1);
+    stop = true;
+    EXPECT_FALSE(store.next()) << "a shutdown does not wait for the whole run to be read past";
+    EXPECT_TRUE(store.readPaused());
+    store.close();
+  }
+  const auto left = testing::pendingPayloads(dir.path());
+  EXPECT_GE(left.size(), kBad) << "what was not read past stays on disk";
+  ASSERT_FALSE(left.empty());
+  EXPECT_EQ(nameOf(left.back()), "behind");
+
+  stop = false;
+  PendingStore store(dir.path(), {});
+  store.setStopFlag(&stop);
+  store.open();
+  std::optional<PendingStore::Read> read;
+  std::size_t stretches = 0;
+  while (stretches < 100 && !(read = store.next())) {
+    ASSERT_TRUE(store.readPaused()) << "nothing left only at the end";
+    ++stretches;
+  }
+  ASSERT_TRUE(read);
+  EXPECT_EQ(nameOf(read->bytes), "behind");
+  EXPECT_GE(stretches, kBad / PendingStore::kPiecesPerRead);
+  store.answered(read->ref);
+  EXPECT_FALSE(store.next());
+  EXPECT_FALSE(store.readPaused());
+  EXPECT_TRUE(onDisk().empty());
+}
+
+TEST_F(StoreTest, TheQuarantineStaysWithinItsLimitAndCountsEveryPayloadMovedAside) {
+  std::vector<std::string> payloads;
+  std::vector<std::string> good;
+  for (int i = 0; i < 100; ++i) {
+    payloads.push_back("{\"a\":" + std::to_string(i) + "}");
+    if (i % 10 == 0) {
+      good.push_back(std::to_string(i));
+      payloads.push_back(recordJson(good.back()));
+    }
+  }
+  writeFile(pendingFile(), frames(payloads));
+  PendingStore store(dir.path(), ZStoreLimits{.maxQuarantineBytes = 1024});
+  store.open();
+  std::vector<std::string> sent;
+  for (int i = 0; i < 100; ++i) {
+    auto read = store.next();
+    if (!read && !store.readPaused()) break;
+    if (!read) continue;
+    sent.push_back(nameOf(read->bytes));
+    store.answered(read->ref);
+  }
+  EXPECT_EQ(sent, good);
+  EXPECT_EQ(store.counts().quarantined, 100u);
+  const auto size = platform::regularFileSize(dir.path() / "ZLogs.quarantine");
+  ASSERT_TRUE(size);
+  EXPECT_GT(*size, 0u);
+  EXPECT_LE(*size, 1024u);
+  EXPECT_TRUE(onDisk().empty());
+}
+
+TEST_F(StoreTest, ARecordLargerThanTheWholeAllowanceIsDroppedAndNotCountedAsWritten) {
+  PendingStore store(dir.path(), ZStoreLimits{.maxBytesOnDisk = 4096});
+  store.open();
+  const auto kept = store.keep(
+      {recordJson("small-1"), recordJson(std::string(5000, 'x')), recordJson("small-2")});
+  EXPECT_EQ(kept.written, 2u);
+  EXPECT_EQ(kept.dropped, 1u);
+  EXPECT_EQ(store.counts().droppedForSpace, 1u);
+  EXPECT_EQ(onDisk(), (std::vector<std::string>{"small-1", "small-2"}));
+}
+
+// Another process appends to the shared file, which the owner moves aside at each of its starts:
+// what counts against the allowance is the file's size, not all this process ever appended. When
+// the file really is full, the newest are not dropped: the caller keeps them in memory.
+TEST_F(StoreTest, AnotherProcessKeepsWithinTheSharedFilesSizeAndDropsNothingWhenItIsFull) {
+  testing::LockHeldByChild owner(dir.path() / "ZLogs.lock");
+  ASSERT_TRUE(owner.held());
+  const ZStoreLimits limits{.maxBytesOnDisk = 16u << 10};
+  PendingStore store(dir.path(), limits);
+  EXPECT_EQ(store.open(), 0u);
+  for (int round = 0; round < 8; ++round) {
+    std::vector<std::string> batch;
+    for (int i = 0; i < 40; ++i) batch.push_back(recordJson(std::to_string(round * 40 + i)));
+    EXPECT_EQ(store.keep(batch).written, batch.size()) << "round " << round;
+    // What the owner does at its start.
+    fs::rename(pendingFile(), dir.path() / ("ZLogs.tmp." + std::to_string(round + 1)));
+  }
+  for (int round = 1; round <= 8; ++round)
+    fs::remove(dir.path() / ("ZLogs.tmp." + std::to_string(round)));
+  std::size_t written = 0;
+  bool full = false;
+  for (int i = 0; i < 1000 && !full; ++i) {
+    const auto kept = store.keep({recordJson("fill-" + std::to_string(i))});
+    written += kept.written;
+    full = kept.handled() == 0;
+  }
+  EXPECT_TRUE(full);
+  EXPECT_EQ(store.counts().droppedForSpace, 0u);
+  EXPECT_EQ(onDisk().size(), written);
+  EXPECT_LE(store.bytesOnDisk(), limits.maxBytesOnDisk);
+}
+
+// A start while another process still holds the store (the last run shutting down) takes it
+// over once that process lets go; spilled records meanwhile wait in the shared file.
+TEST_F(StoreTest, AStartThatFindsTheStoreHeldTakesItOverOnceItIsLetGo) {
+  writeFile(pendingFile(), frames({recordJson("r1"), recordJson("r2")}));
+  testing::LockHeldByChild other(dir.path() / "ZLogs.lock");
+  ASSERT_TRUE(other.held());
+  PendingStore store(dir.path(), {});
+  EXPECT_EQ(store.open(), 0u);
+  EXPECT_TRUE(store.openUnfinished());
+  EXPECT_EQ(store.spill({recordJson("s1")}), 1u) << "not dropped: the disk has room";
+  EXPECT_EQ(store.retryOpen(), 0u);
+  other.release();
+  EXPECT_EQ(store.retryOpen(), 3u);
+  EXPECT_FALSE(store.openUnfinished());
+  std::vector<std::string> sent;
+  for (auto& read : readAll(store)) {
+    sent.push_back(nameOf(read.bytes));
+    store.answered(read.ref);
+  }
+  EXPECT_EQ(sent, (std::vector<std::string>{"r1", "r2", "s1"}));
+  EXPECT_TRUE(onDisk().empty());
+}
+
+TEST_F(StoreTest, AStartThatFindsThePendingFileBusyMovesItAsideLater) {
+  writeFile(pendingFile(), frames({recordJson("t1"), recordJson("t2")}));
+  PendingStore store(dir.path(), {});
+  {
+    testing::LockHeldByChild appending(pendingFile());
+    ASSERT_TRUE(appending.held());
+    EXPECT_EQ(store.open(), 0u);
+    EXPECT_TRUE(store.openUnfinished());
+  }
+  EXPECT_EQ(store.retryOpen(), 2u);
+  EXPECT_FALSE(store.openUnfinished());
+  std::vector<std::string> sent;
+  for (auto& read : readAll(store)) sent.push_back(nameOf(read.bytes));
+  EXPECT_EQ(sent, (std::vector<std::string>{"t1", "t2"}));
 }
 
 }  // namespace
