@@ -17,9 +17,11 @@
 
 #include "collector.hpp"
 #include "queue/pending_frames.hpp"
+#include "support/lock_holder.hpp"
 #include "support/pending_files.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/json.hpp"
+#include "zelvanor/tracker.hpp"
 
 namespace zelvanor {
 namespace {
@@ -72,7 +74,7 @@ pid_t spawnChild(const fs::path& appDir, const Collector& server, const char* mo
   return pid;
 }
 
-std::multiset<std::string> deliveredSeeds(const Collector& server) {
+std::multiset<std::string> deliveredNamed(const Collector& server, const std::string& prefix) {
   std::multiset<std::string> names;
   std::int64_t after = 0;
   for (int page = 0; page < 1000; ++page) {
@@ -80,11 +82,41 @@ std::multiset<std::string> deliveredSeeds(const Collector& server) {
         server.events(collector::EventQuery{.afterId = after, .limit = 1000, .oldestFirst = true});
     if (events.empty()) break;
     for (const auto& event : events) {
-      if (event.actionName.rfind("seed-", 0) == 0) names.insert(event.actionName);
+      if (event.actionName.rfind(prefix, 0) == 0) names.insert(event.actionName);
       after = event.id;
     }
   }
   return names;
+}
+
+std::multiset<std::string> deliveredSeeds(const Collector& server) {
+  return deliveredNamed(server, "seed-");
+}
+
+/// Starts the SDK in this process over `appDir`, as the child does.
+void startHere(const fs::path& appDir, const Collector& server, const std::string& syncServer) {
+  ZelvanorTracker::setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.store",
+                                                   .appVersion = "1.0",
+                                                   .dataDirectory = appDir.string()});
+  ASSERT_TRUE(ZelvanorTracker::setEndpoints(
+      ZEndpoints{server.baseUrl(), server.baseUrl(), syncServer, server.caFile().string()}));
+  ZelvanorTracker::setRequired(ZConfiguration{.timeout = 2, .batchSize = 1})
+      .setReachabilityFlags(0x2)
+      .set(ZCommon({.serviceName = "store", .deployment = "production"}));
+}
+
+/// Flushes now and then (restored records wait for the next flush) until `count` records named
+/// `prefix`... have arrived, for 20 s at most.
+std::multiset<std::string> awaitDelivered(const Collector& server, const std::string& prefix,
+                                          std::size_t count) {
+  std::multiset<std::string> delivered;
+  for (int i = 0; i < 200; ++i) {
+    delivered = deliveredNamed(server, prefix);
+    if (std::set<std::string>(delivered.begin(), delivered.end()).size() >= count) break;
+    ZelvanorTracker::flush();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  return delivered;
 }
 
 TEST(StoreCrash, KillsDuringRestoreSendingAndShutdownLoseNothingThatWasOnDisk) {
@@ -143,6 +175,81 @@ TEST(StoreCrash, KillsDuringRestoreSendingAndShutdownLoseNothingThatWasOnDisk) {
   }
   std::cout << "delivered " << distinct.size() << " of " << kSeeds << ", twice "
             << delivered.size() - distinct.size() << ", still on disk " << onDisk.size() << "\n";
+}
+
+// Events tracked before the triple was known are kept at exit as templates. A later start killed
+// while it holds them (still templates, or already records waiting on disk) loses none of them,
+// and the start after that delivers each exactly once.
+TEST(StoreCrash, TemplatesKeptByAnEarlierRunSurviveAKillBeforeAndAfterBecomingRecords) {
+  for (const std::string mode : {"unknown-triple", "offline"}) {
+    SCOPED_TRACE(mode);
+    testing::TempDir dir;
+    Collector server(Collector::Options{.dataDirectory = dir.path() / "collector"});
+    std::string error;
+    ASSERT_TRUE(server.start(&error)) << error;
+    const fs::path appDir = dir.path() / "app";
+    fs::create_directories(appDir);
+
+    startHere(appDir, server, "https://127.0.0.1:9");  // nothing answers there
+    std::vector<std::string> tracked;
+    for (int i = 0; i < 20; ++i) {
+      tracked.push_back("kept-" + std::to_string(i));
+      ZelvanorTracker::set(ZAction("event", tracked.back(), "tap")).track(false, false);
+    }
+    ZelvanorTracker::shutdown();
+    ASSERT_TRUE(fs::exists(appDir / "ZTemplates.tmp"));
+
+    const pid_t child = spawnChild(appDir, server, mode.c_str());
+    ASSERT_GT(child, 0) << "the host did not start";
+    if (mode == "offline") {
+      // Killed once the records built from the templates wait on disk.
+      for (int i = 0; i < 200; ++i) {
+        std::size_t onDisk = 0;
+        for (const auto& record : testing::pendingRecords(appDir)) {
+          onDisk += record.action.name.rfind("kept-", 0) == 0 ? 1 : 0;
+        }
+        if (onDisk >= tracked.size()) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      }
+    } else {
+      // Killed while it holds them as templates (it takes them right after its start).
+      std::this_thread::sleep_for(std::chrono::seconds(1));
+    }
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+
+    startHere(appDir, server, server.baseUrl());
+    const auto delivered = awaitDelivered(server, "kept-", tracked.size());
+    ZelvanorTracker::shutdown();
+    for (const auto& name : tracked) EXPECT_EQ(delivered.count(name), 1u) << name;
+  }
+}
+
+// A quick relaunch while the last run still shuts down: the store is held by that process at the
+// start, and its backlog goes out in this run once the lock is let go.
+TEST(StoreCrash, ARelaunchWhileTheLastRunHoldsTheStoreSendsTheBacklogOnceItLetsGo) {
+  testing::TempDir dir;
+  Collector server(Collector::Options{.dataDirectory = dir.path() / "collector"});
+  std::string error;
+  ASSERT_TRUE(server.start(&error)) << error;
+  const fs::path appDir = dir.path() / "app";
+  fs::create_directories(appDir);
+  constexpr int kBacklog = 50;
+  {
+    std::string frames;
+    for (int i = 0; i < kBacklog; ++i) detail::appendFrame(frames, seedRecord(i));
+    std::ofstream(appDir / "ZLogs.tmp", std::ios::binary) << frames;
+  }
+  testing::LockHeldByChild lastRun(appDir / "ZLogs.lock");
+  ASSERT_TRUE(lastRun.held());
+  startHere(appDir, server, server.baseUrl());
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  lastRun.release();
+  const auto delivered = awaitDelivered(server, "seed-", kBacklog);
+  ZelvanorTracker::shutdown();
+  EXPECT_EQ(std::set<std::string>(delivered.begin(), delivered.end()).size(),
+            static_cast<std::size_t>(kBacklog));
+  EXPECT_TRUE(testing::pendingRecords(appDir).empty());
 }
 
 }  // namespace

@@ -1,11 +1,14 @@
-// A full disk (a small tmpfs, so only when the tests run as root): records the disk would not
-// take stay in memory, only what was really written counts as kept, and the writes are tried
-// again until the disk has room; none is lost and the order holds.
+// A full disk (a small tmpfs, so only when the tests run as root) or a read-only one: records the
+// disk would not take stay in memory, only what was really written counts as kept, and the writes
+// are tried again until the disk has room; none is lost and the order holds.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <functional>
+#include <optional>
 #include <thread>
 
 #include "network/https_delivery.hpp"
@@ -26,16 +29,26 @@ class SmallDisk {
   }
   bool mounted() const { return mounted_; }
   bool grow() { return ::mount(nullptr, at_.c_str(), nullptr, MS_REMOUNT, "size=4m") == 0; }
+  bool setReadOnly(bool readOnly) {
+    return ::mount(nullptr, at_.c_str(), nullptr, MS_REMOUNT | (readOnly ? MS_RDONLY : 0),
+                   "size=4m") == 0;
+  }
 
  private:
   std::filesystem::path at_;
   bool mounted_ = false;
 };
 
-std::string record(int i) {
+std::string record(int i, std::size_t titleLength = 900) {
   ZLogRecord value{.xid = {"c", "d", "s"}, .action = {"event", std::to_string(i), "tap"}};
-  value.page = ZPage{.id = std::to_string(i), .title = std::string(900, 't')};
+  value.page = ZPage{.id = std::to_string(i), .title = std::string(titleLength, 't')};
   return encodeJson(value).value();
+}
+
+std::vector<std::string> keptNames(const std::filesystem::path& dir) {
+  std::vector<std::string> names;
+  for (const auto& kept : testing::pendingRecords(dir)) names.push_back(kept.action.name);
+  return names;
 }
 
 TEST(FullDisk, RecordsTheDiskRefusesWaitInMemoryAndAreWrittenWhenThereIsRoom) {
@@ -66,6 +79,63 @@ TEST(FullDisk, RecordsTheDiskRefusesWaitInMemoryAndAreWrittenWhenThereIsRoom) {
   ASSERT_EQ(kept.size(), static_cast<std::size_t>(kRecords));
   for (int i = 0; i < kRecords; ++i) EXPECT_EQ(kept[i].action.name, std::to_string(i));
   EXPECT_EQ(delivery->counts().keptOnDisk, static_cast<std::uint64_t>(kRecords));
+  delivery->shutdown({}, {});
+  http->shutdown();
+}
+
+TEST(FullDisk, AReadOnlyDirectoryKeepsRecordsInMemoryAndWritesThemOnceWritable) {
+  testing::TempDir dir;
+  std::optional<SmallDisk> disk;
+  std::function<bool(bool)> setReadOnly;
+  if (::geteuid() == 0) {
+    // Root writes through any mode bits: only a read-only mount refuses it.
+    disk.emplace(dir.path());
+    if (!disk->mounted()) GTEST_SKIP() << "tmpfs could not be mounted here";
+    setReadOnly = [&](bool readOnly) { return disk->setReadOnly(readOnly); };
+  } else {
+    setReadOnly = [&](bool readOnly) {
+      return ::chmod(dir.path().c_str(), readOnly ? 0500 : 0700) == 0;
+    };
+  }
+  ASSERT_TRUE(setReadOnly(true));
+
+  auto http = std::make_shared<network::HttpClient>(network::HttpClient::Options{});
+  auto delivery = std::make_shared<detail::HttpsDelivery>(http, dir.path());
+  std::vector<std::string> sent;
+  for (int i = 0; i < 20; ++i) {
+    sent.push_back(std::to_string(i));
+    std::vector<std::string> one{record(i, 10)};
+    delivery->send(0, std::move(one), /*networkAvailable=*/false);
+  }
+  ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(20)));
+  EXPECT_EQ(delivery->counts().keptOnDisk, 0u) << "nothing was written";
+  EXPECT_EQ(delivery->counts().droppedForSpace, 0u) << "they wait in memory";
+  EXPECT_TRUE(keptNames(dir.path()).empty());
+
+  ASSERT_TRUE(setReadOnly(false));
+  for (int i = 0; i < 100 && keptNames(dir.path()).size() < sent.size(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  EXPECT_EQ(keptNames(dir.path()), sent);
+  EXPECT_EQ(delivery->counts().keptOnDisk, sent.size());
+  delivery->shutdown({}, {});
+  http->shutdown();
+}
+
+// A record larger than the whole disk allowance can never be kept: it is dropped, and counted as
+// dropped only, not also as kept.
+TEST(FullDisk, ARecordLargerThanTheWholeAllowanceIsCountedAsDroppedNotAsKept) {
+  testing::TempDir dir;
+  auto http = std::make_shared<network::HttpClient>(network::HttpClient::Options{});
+  auto delivery = std::make_shared<detail::HttpsDelivery>(http, dir.path(),
+                                                          ZStoreLimits{.maxBytesOnDisk = 4096});
+  std::vector<std::string> records{record(1, 10), record(2, 5000), record(3, 10)};
+  delivery->send(0, std::move(records), /*networkAvailable=*/false);
+  ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(20)));
+  const auto counts = delivery->counts();
+  EXPECT_EQ(counts.keptOnDisk, 2u);
+  EXPECT_EQ(counts.droppedForSpace, 1u);
+  EXPECT_EQ(keptNames(dir.path()), (std::vector<std::string>{"1", "3"}));
   delivery->shutdown({}, {});
   http->shutdown();
 }
