@@ -161,4 +161,40 @@ BENCHMARK(BM_FirstOperationWithLargePendingFile)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
+// Shutdown while the worker reads past a long run of stored payloads that are no record (a later
+// build's, say): shutdown does not wait for the rest of the run to be read past.
+void BM_ShutdownWithUndecodableFramesWaiting(benchmark::State& state) {
+  const int frames = static_cast<int>(state.range(0));
+  const bench::TempDir dir;
+  const bench::TempDir source;
+  const fs::path prepared = source.path / "ZLogs.tmp";
+  {
+    std::string one;
+    detail::appendFrame(one, R"({"a":1})");
+    std::string all;
+    all.reserve(one.size() * static_cast<std::size_t>(frames));
+    for (int i = 0; i < frames; ++i) all += one;
+    std::ofstream(prepared, std::ios::binary) << all;
+  }
+  useRealStoreIn(dir.path);
+  for (auto _ : state) {
+    state.PauseTiming();
+    for (const auto& entry : fs::directory_iterator(dir.path)) fs::remove_all(entry.path());
+    fs::copy_file(prepared, dir.path / "ZLogs.tmp");
+    ZelvanorTracker::setBatchSize(1);
+    ZelvanorTracker::flush();  // what waits on disk goes out as soon as the store is open
+    // The store is open and the worker is reading past the run when shutdown begins.
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    state.ResumeTiming();
+    ZelvanorTracker::shutdown();
+  }
+  detail::setSourcesFactory({});
+}
+// One shutdown per repetition: run with --benchmark_repetitions=5 for a median.
+BENCHMARK(BM_ShutdownWithUndecodableFramesWaiting)
+    ->Arg(500'000)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
 }  // namespace
