@@ -377,7 +377,7 @@ void ZInternalLogManager::resolveTemplatesLocked() {
   std::vector<std::string> fromKept;
   auto handOverKept = [&] {
     if (!std::exchange(keptTemplatesTaken_, false)) return;
-    queue_.enqueueFromKeptTemplates(std::move(fromKept));
+    queue_.enqueueFromKeptTemplates(std::exchange(fromKept, {}));
   };
   for (std::size_t i = 0; i < templates.size(); ++i) {
     const ZLogTemplate& logTemplate = templates[i];

@@ -39,7 +39,7 @@ HttpsDelivery::HttpsDelivery(std::shared_ptr<network::HttpClient> http,
 HttpsDelivery::~HttpsDelivery() = default;
 
 void HttpsDelivery::restore(std::function<void(std::uint64_t)> restored) {
-  worker_->async([weak = weak_from_this(), restored = std::move(restored)] {
+  worker_->async([weak = weak_from_this(), restored = std::move(restored)]() mutable {
     auto self = weak.lock();
     if (!self) return;
     const std::uint64_t count = self->store_.open();
@@ -58,24 +58,25 @@ void HttpsDelivery::retryOpenLater(std::function<void(std::uint64_t)> restored,
                                    std::chrono::milliseconds wait) {
   // Another process still holds the store (most often the last run, still shutting down): what
   // it leaves behind is taken over as soon as it lets go, not at the next start.
-  worker_->asyncAfter(wait, [weak = weak_from_this(), restored = std::move(restored), wait] {
-    auto self = weak.lock();
-    if (!self || self->stopped_.load()) return;
-    const std::uint64_t found = self->store_.retryOpen();
-    if (found > 0) {
-      {
-        std::lock_guard lock(self->mutex_);
-        self->counts_.restored += found;
-      }
-      self->droppedToReport_ += self->store_.takeDroppedQueued();
-      self->bytesOnDisk_.store(self->store_.bytesOnDisk());
-      self->syncStoreCounts();
-      restored(found);
-    }
-    if (self->store_.openUnfinished()) {
-      self->retryOpenLater(std::move(restored), std::min(wait * 2, kLastOpenRetry));
-    }
-  });
+  worker_->asyncAfter(
+      wait, [weak = weak_from_this(), restored = std::move(restored), wait]() mutable {
+        auto self = weak.lock();
+        if (!self || self->stopped_.load()) return;
+        const std::uint64_t found = self->store_.retryOpen();
+        if (found > 0) {
+          {
+            std::lock_guard lock(self->mutex_);
+            self->counts_.restored += found;
+          }
+          self->droppedToReport_ += self->store_.takeDroppedQueued();
+          self->bytesOnDisk_.store(self->store_.bytesOnDisk());
+          self->syncStoreCounts();
+          restored(found);
+        }
+        if (self->store_.openUnfinished()) {
+          self->retryOpenLater(std::move(restored), std::min(wait * 2, kLastOpenRetry));
+        }
+      });
 }
 
 std::uint64_t HttpsDelivery::room() const {
