@@ -30,6 +30,24 @@ bool moveAside(const std::filesystem::path& from, const std::filesystem::path& t
 /// for small fixed-size records that are rewritten often.
 bool writeAtStart(const std::filesystem::path& file, std::string_view bytes) noexcept;
 
+/// writeAtStart for a file rewritten after every answer (the store's cursor): opened once and
+/// kept open, so each rewrite is one write rather than an open, a check, a write and a close.
+class RewrittenFile {
+ public:
+  RewrittenFile();
+  ~RewrittenFile();
+  RewrittenFile(const RewrittenFile&) = delete;
+  RewrittenFile& operator=(const RewrittenFile&) = delete;
+  /// Writes `bytes` at the start of `file`, opening it first when it is not open yet (or a
+  /// write failed). The path must stay the one it was opened with until close().
+  bool writeAtStart(const std::filesystem::path& file, std::string_view bytes) noexcept;
+  void close() noexcept;
+
+ private:
+  struct Handle;
+  std::unique_ptr<Handle> handle_;
+};
+
 /// The size of a regular file, or nothing when it is missing or not a regular file.
 std::optional<std::uint64_t> regularFileSize(const std::filesystem::path& file) noexcept;
 

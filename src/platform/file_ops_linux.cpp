@@ -225,6 +225,42 @@ bool writeAtStart(const std::filesystem::path& file, std::string_view bytes) noe
   return fd.close();
 }
 
+struct RewrittenFile::Handle {
+  int fd = -1;
+};
+
+RewrittenFile::RewrittenFile() : handle_(std::make_unique<Handle>()) {}
+RewrittenFile::~RewrittenFile() {
+  close();
+}
+
+void RewrittenFile::close() noexcept {
+  if (handle_->fd >= 0) ::close(handle_->fd);
+  handle_->fd = -1;
+}
+
+bool RewrittenFile::writeAtStart(const std::filesystem::path& file,
+                                 std::string_view bytes) noexcept {
+  if (handle_->fd < 0) {
+    Descriptor fd(openNoFollow(file, O_WRONLY | O_CREAT, kPrivateMode));
+    struct stat info {};
+    if (!fd || !isRegular(fd.get(), info)) return false;
+    handle_->fd = fd.release();
+  }
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t n =
+        ::pwrite(handle_->fd, bytes.data() + done, bytes.size() - done, static_cast<off_t>(done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      close();  // opened afresh next time
+      return false;
+    }
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
 std::optional<std::uint64_t> regularFileSize(const std::filesystem::path& file) noexcept {
   struct stat info {};
   if (::lstat(file.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;

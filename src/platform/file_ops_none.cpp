@@ -110,6 +110,18 @@ bool writeAtStart(const std::filesystem::path& file, std::string_view bytes) noe
   }
 }
 
+struct RewrittenFile::Handle {};
+
+RewrittenFile::RewrittenFile() : handle_(std::make_unique<Handle>()) {}
+RewrittenFile::~RewrittenFile() = default;
+void RewrittenFile::close() noexcept {}
+
+// Without descriptors to keep, each rewrite opens the file again.
+bool RewrittenFile::writeAtStart(const std::filesystem::path& file,
+                                 std::string_view bytes) noexcept {
+  return platform::writeAtStart(file, bytes);
+}
+
 std::optional<std::uint64_t> regularFileSize(const std::filesystem::path& file) noexcept {
   bool exists = false;
   if (!missingOrRegular(file, exists) || !exists) return std::nullopt;

@@ -141,6 +141,7 @@ std::uint64_t PendingStore::takeOver() {
 
 void PendingStore::close() {
   reader_.close();
+  cursorFile_.close();
   readerSegment_ = 0;
   ownerLock_.unlock();
   owner_ = false;
@@ -303,6 +304,7 @@ std::size_t PendingStore::spill(const std::vector<std::string>& records) {
     segment.number = number;
     segment.bytes = frames.size();
     segment.records = records.size();
+    segment.ownEncoding = true;
     segments_.push_back(segment);
   }
   return records.size();
@@ -393,9 +395,10 @@ std::optional<PendingStore::Read> PendingStore::next() {
       continue;
     }
     --segment->records;
-    auto decoded = decodeJson<ZLogRecord>(piece->payload);
     std::optional<std::string> encoded;
-    if (decoded) {
+    if (segment->ownEncoding) {
+      encoded = std::string(piece->payload);
+    } else if (auto decoded = decodeJson<ZLogRecord>(piece->payload)) {
       if (auto again = encodeJson(*decoded)) encoded = std::move(again).value();
     }
     if (!encoded) {
@@ -480,7 +483,8 @@ void PendingStore::advanceCursor() {
   std::string bytes(2 * sizeof(std::uint64_t), '\0');
   std::memcpy(bytes.data(), &cursorSegment_, sizeof(std::uint64_t));
   std::memcpy(bytes.data() + sizeof(std::uint64_t), &cursorOffset_, sizeof(std::uint64_t));
-  (void)platform::writeAtStart(file(kCursorFileName), bytes);
+  // After every answer: a descriptor kept open makes it one write.
+  (void)cursorFile_.writeAtStart(file(kCursorFileName), bytes);
 }
 
 void PendingStore::removeIfDone(std::uint64_t number) {

@@ -24,6 +24,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/file_ops.hpp"
 #include "queue/pending_frames.hpp"
 #include "zelvanor/storage.hpp"
 
@@ -138,6 +139,9 @@ class PendingStore {
     std::uint64_t outstanding = 0;  ///< read and not yet answered
     bool queued = true;             ///< its records wait to be sent in this run
     bool blocked = false;           ///< holds a record that was not sent: stays for the next start
+    /// Only records this run encoded itself (its memory overflowing): read back, they are already
+    /// in this build's encoding and go out as they are.
+    bool ownEncoding = false;
   };
   struct Outstanding {
     StoreRef ref;
@@ -181,7 +185,8 @@ class PendingStore {
   std::string quarantineBuffer_;  ///< frames moved aside in this call of next(), not yet written
   bool readPaused_ = false;
   PendingFileReader reader_;
-  std::uint64_t readerSegment_ = 0;  ///< 0: no segment open for reading
+  platform::RewrittenFile cursorFile_;  ///< kept open while this process owns the store
+  std::uint64_t readerSegment_ = 0;     ///< 0: no segment open for reading
   std::deque<Outstanding> outstanding_;
   std::uint64_t cursorSegment_ = 0;
   std::uint64_t cursorOffset_ = 0;
