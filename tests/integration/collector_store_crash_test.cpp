@@ -119,18 +119,22 @@ std::multiset<std::string> awaitDelivered(const Collector& server, const std::st
   return delivered;
 }
 
+// An app's data directory whose pending file holds `count` seed records, as an earlier run left it.
+fs::path seededAppDirectory(const testing::TempDir& dir, int count) {
+  const fs::path appDir = dir.path() / "app";
+  fs::create_directories(appDir);
+  std::string frames;
+  for (int i = 0; i < count; ++i) detail::appendFrame(frames, seedRecord(i));
+  std::ofstream(appDir / "ZLogs.tmp", std::ios::binary) << frames;
+  return appDir;
+}
+
 TEST(StoreCrash, KillsDuringRestoreSendingAndShutdownLoseNothingThatWasOnDisk) {
   testing::TempDir dir;
   Collector server(Collector::Options{.dataDirectory = dir.path() / "collector"});
   std::string error;
   ASSERT_TRUE(server.start(&error)) << error;
-  const fs::path appDir = dir.path() / "app";
-  fs::create_directories(appDir);
-  {
-    std::string frames;
-    for (int i = 0; i < kSeeds; ++i) detail::appendFrame(frames, seedRecord(i));
-    std::ofstream(appDir / "ZLogs.tmp", std::ios::binary) << frames;
-  }
+  const fs::path appDir = seededAppDirectory(dir, kSeeds);
   // Slow answers keep a backlog in flight for the kills to land on.
   server.setDelay(std::chrono::milliseconds(10));
 
@@ -232,14 +236,8 @@ TEST(StoreCrash, ARelaunchWhileTheLastRunHoldsTheStoreSendsTheBacklogOnceItLetsG
   Collector server(Collector::Options{.dataDirectory = dir.path() / "collector"});
   std::string error;
   ASSERT_TRUE(server.start(&error)) << error;
-  const fs::path appDir = dir.path() / "app";
-  fs::create_directories(appDir);
   constexpr int kBacklog = 50;
-  {
-    std::string frames;
-    for (int i = 0; i < kBacklog; ++i) detail::appendFrame(frames, seedRecord(i));
-    std::ofstream(appDir / "ZLogs.tmp", std::ios::binary) << frames;
-  }
+  const fs::path appDir = seededAppDirectory(dir, kBacklog);
   testing::LockHeldByChild lastRun(appDir / "ZLogs.lock");
   ASSERT_TRUE(lastRun.held());
   startHere(appDir, server, server.baseUrl());
