@@ -233,10 +233,7 @@ bool PendingStore::makeRoom(std::uint64_t bytes) {
     if (!cursorFrozen_ && outstanding_.empty()) {
       cursorSegment_ = oldest->number;
       cursorOffset_ = newStart;
-      std::string bytesOut(2 * sizeof(std::uint64_t), '\0');
-      std::memcpy(bytesOut.data(), &cursorSegment_, sizeof(std::uint64_t));
-      std::memcpy(bytesOut.data() + sizeof(std::uint64_t), &cursorOffset_, sizeof(std::uint64_t));
-      (void)platform::writeAtStart(file(kCursorFileName), bytesOut);
+      writeCursor();
     }
   }
   return bytesOnDisk() + bytes <= limits_.maxBytesOnDisk;
@@ -479,7 +476,10 @@ void PendingStore::advanceCursor() {
     cursorOffset_ = front.ref.end;
     moved = true;
   }
-  if (!moved) return;
+  if (moved) writeCursor();
+}
+
+void PendingStore::writeCursor() {
   std::string bytes(2 * sizeof(std::uint64_t), '\0');
   std::memcpy(bytes.data(), &cursorSegment_, sizeof(std::uint64_t));
   std::memcpy(bytes.data() + sizeof(std::uint64_t), &cursorOffset_, sizeof(std::uint64_t));

@@ -156,6 +156,8 @@ class PendingStore {
   void readCursor();
   static std::vector<std::uint64_t> segmentNumbers(const std::filesystem::path& directory);
   void advanceCursor();
+  /// Writes where the answers have reached (segment, offset) to the cursor file.
+  void writeCursor();
   void removeIfDone(std::uint64_t number);
   /// Drops the oldest segments until `bytes` more fit within the disk cap.
   bool makeRoom(std::uint64_t bytes);
