@@ -208,7 +208,8 @@ PendingStore::Kept PendingStore::keep(const std::vector<std::string>& records) {
     frames.clear();
     std::size_t batch = 0;
     while (first + batch < records.size() &&
-           (batch == 0 || frames.size() + records[first + batch].size() < segmentTarget())) {
+           (batch == 0 ||
+            frames.size() + kFrameLengthSize + records[first + batch].size() <= segmentTarget())) {
       appendFrame(frames, records[first + batch]);
       ++batch;
     }
