@@ -492,7 +492,13 @@ void HttpsDelivery::retryKept() {
     std::lock_guard lock(mutex_);
     unsettled_ += added + backlog.size();
     outstanding_ += added + backlog.size();
-    counts_.resent += added + backlog.size();
+    // Only records this run kept count as sent again; what other processes of the app appended
+    // meanwhile was left on disk for this one, like what an earlier run left.
+    const std::uint64_t back = added + backlog.size();
+    const std::uint64_t ours =
+        std::min(back, counts_.keptOnDisk - std::min(counts_.keptOnDisk, counts_.resent));
+    counts_.resent += ours;
+    counts_.restored += back - ours;
   }
   // They went out (or were handed over) before anything still waiting: they go ahead of it,
   // behind only records held by a "come back later", which are the next to go.
@@ -574,7 +580,7 @@ void HttpsDelivery::settle(std::uint64_t count, bool network) {
   if (unsettled_ == 0) settled_.notify_all();
 }
 
-void HttpsDelivery::syncStoreCounts() {
+void HttpsDelivery::syncStoreCounts(bool last) {
   std::uint64_t newlyDropped = 0;
   std::uint64_t newlyQuarantined = 0;
   {
@@ -586,6 +592,18 @@ void HttpsDelivery::syncStoreCounts() {
     counts_.quarantined = store_.counts().quarantined;
   }
   // Said outside the lock: the host's sink may call back into the SDK.
+  for (const auto& finding : store_.takeFindings()) {
+    if (diagnosing(ZLogLevel::error))
+      diagnose(ZLogLevel::error, "in the data directory, " + finding);
+  }
+  dropsUnsaid_ += newlyDropped;
+  const auto now = std::chrono::steady_clock::now();
+  if (dropsUnsaid_ > 0 && (last || !dropsSaidAt_ || now - *dropsSaidAt_ >= kDropLinesEvery)) {
+    newlyDropped = std::exchange(dropsUnsaid_, 0);
+    dropsSaidAt_ = now;
+  } else {
+    newlyDropped = 0;
+  }
   if (newlyDropped > 0 && diagnosing(ZLogLevel::error)) {
     diagnose(ZLogLevel::error, std::to_string(newlyDropped) +
                                    " oldest record(s) dropped: storage full (the store may hold " +
@@ -655,7 +673,7 @@ void HttpsDelivery::shutdown(std::vector<std::string> unsent, std::vector<std::s
     store_.close();
     bytesOnDisk_.store(store_.bytesOnDisk());
     backlogDropped_ += batch.size() - kept.handled();  // the disk would take no more
-    syncStoreCounts();
+    syncStoreCounts(/*last=*/true);
     std::lock_guard lock(mutex_);
     counts_.keptOnDisk += kept.written;
     unsettled_ = 0;

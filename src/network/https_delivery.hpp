@@ -123,7 +123,8 @@ class HttpsDelivery final : public RecordTransport,
   /// Settles `count` records and tells the queue about room and drops. Worker only.
   void settle(std::uint64_t count, bool network);
   void notifyQueue();
-  void syncStoreCounts();
+  /// Takes the store's counts over and says what is new; `last`: at shutdown, say everything.
+  void syncStoreCounts(bool last = false);
 
   std::shared_ptr<network::HttpClient> http_;
   const ZStoreLimits limits_;
@@ -165,6 +166,11 @@ class HttpsDelivery final : public RecordTransport,
   bool readingLater_ = false;   ///< a continueReadingLater() turn is queued
   bool networkAvailable_ = true;
   std::uint64_t backlogDropped_ = 0;  ///< kept or spilled records the disk never took
+  // A long offline spell drops the oldest again and again: said once, then with a count at most
+  // every kDropLinesEvery and at shutdown, not one line per record.
+  static constexpr std::chrono::minutes kDropLinesEvery{10};
+  std::uint64_t dropsUnsaid_ = 0;
+  std::optional<std::chrono::steady_clock::time_point> dropsSaidAt_;
 };
 
 }  // namespace zelvanor::detail

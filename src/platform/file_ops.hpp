@@ -51,6 +51,14 @@ class RewrittenFile {
 /// The size of a regular file, or nothing when it is missing or not a regular file.
 std::optional<std::uint64_t> regularFileSize(const std::filesystem::path& file) noexcept;
 
+/// What stands at the path when it is neither missing nor a regular file ("a FIFO", "a
+/// directory", "a symbolic link", ...), for a diagnostic line; nothing otherwise.
+std::optional<std::string> somethingElseAt(const std::filesystem::path& file) noexcept;
+
+/// Cuts a regular file (never through a link) to `size` bytes; false when it is no regular file,
+/// is shorter already, or cannot be cut.
+bool cutRegularFile(const std::filesystem::path& file, std::uint64_t size) noexcept;
+
 /// A regular file opened for reading at any offset. Never opens through a symbolic link, never
 /// anything but a regular file, and never blocks on a FIFO or device planted at the path.
 class ReadableFile {

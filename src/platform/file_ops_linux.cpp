@@ -267,6 +267,30 @@ std::optional<std::uint64_t> regularFileSize(const std::filesystem::path& file) 
   return static_cast<std::uint64_t>(info.st_size);
 }
 
+std::optional<std::string> somethingElseAt(const std::filesystem::path& file) noexcept {
+  struct stat info {};
+  if (::lstat(file.c_str(), &info) != 0 || S_ISREG(info.st_mode)) return std::nullopt;
+  try {
+    if (S_ISDIR(info.st_mode)) return "a directory";
+    if (S_ISLNK(info.st_mode)) return "a symbolic link";
+    if (S_ISFIFO(info.st_mode)) return "a FIFO";
+    if (S_ISSOCK(info.st_mode)) return "a socket";
+    if (S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode)) return "a device";
+    return "no regular file";
+  } catch (...) {
+    return std::nullopt;
+  }
+}
+
+bool cutRegularFile(const std::filesystem::path& file, std::uint64_t size) noexcept {
+  Descriptor fd(openNoFollow(file, O_WRONLY));
+  struct stat info {};
+  if (!fd || !isRegular(fd.get(), info) || static_cast<std::uint64_t>(info.st_size) < size) {
+    return false;
+  }
+  return ::ftruncate(fd.get(), static_cast<off_t>(size)) == 0;
+}
+
 struct ReadableFile::Handle {
   int fd = -1;
   std::uint64_t size = 0;

@@ -131,6 +131,30 @@ std::optional<std::uint64_t> regularFileSize(const std::filesystem::path& file) 
   return static_cast<std::uint64_t>(size);
 }
 
+std::optional<std::string> somethingElseAt(const std::filesystem::path& file) noexcept {
+  try {
+    std::error_code error;
+    const fs::file_status status = fs::symlink_status(file, error);
+    if (error || !fs::exists(status) || fs::is_regular_file(status)) return std::nullopt;
+    if (fs::is_directory(status)) return "a directory";
+    if (fs::is_symlink(status)) return "a symbolic link";
+    if (fs::is_fifo(status)) return "a FIFO";
+    if (fs::is_socket(status)) return "a socket";
+    if (fs::is_block_file(status) || fs::is_character_file(status)) return "a device";
+    return "no regular file";
+  } catch (...) {
+    return std::nullopt;
+  }
+}
+
+bool cutRegularFile(const std::filesystem::path& file, std::uint64_t size) noexcept {
+  const auto now = regularFileSize(file);
+  if (!now || *now < size) return false;
+  std::error_code error;
+  fs::resize_file(file, size, error);
+  return !error;
+}
+
 struct ReadableFile::Handle {
   std::ifstream in;
   std::uint64_t size = 0;

@@ -29,13 +29,18 @@ void ZLogRecordQueue::restorePendingRecords() {
     auto state = weak.lock();
     if (!state) return;
     std::lock_guard lock(state->mutex);
+    // Later calls: the store was held by another process at the start and is taken over now.
+    const bool tookOverLater = !state->restoring;
     state->restoring = false;
     if (count == 0 || state->closed) return;
     state->addRestoredLocked(count);
     // A flush or threshold the host reached while the store was looked at would have sent
-    // these first: it is applied to them now.
+    // these first: it is applied to them now. One taken over later gets the host's last drain
+    // again, as if its records had been in front then: it does not wait for the next event.
     if (const auto threshold = std::exchange(state->drainWhileRestoring, std::nullopt)) {
       state->drainLocked(*threshold);
+    } else if (tookOverLater && state->lastDrain) {
+      state->drainLocked(*state->lastDrain);
     }
   });
 }
@@ -93,6 +98,7 @@ void ZLogRecordQueue::drain(std::uint64_t threshold) {
 
 void ZLogRecordQueue::State::drainLocked(std::uint64_t threshold) {
   if (threshold == kNoThreshold) threshold = 0;
+  lastDrain = threshold;
   if (restoring) drainWhileRestoring = std::min(drainWhileRestoring.value_or(threshold), threshold);
   // Sending the oldest one at a time until fewer than the threshold remain, in one step.
   const std::uint64_t waiting = total - released;

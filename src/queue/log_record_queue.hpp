@@ -99,6 +99,7 @@ class ZLogRecordQueue {
     /// as if the restored records had been in front all along.
     bool restoring = false;
     std::optional<std::uint64_t> drainWhileRestoring;  ///< the lowest threshold drained with
+    std::optional<std::uint64_t> lastDrain;            ///< the threshold the host drained with last
     std::vector<ZLogTemplate> templates;
     std::atomic<bool> networkAvailable{false};
     std::atomic<bool> networkReported{false};  ///< the transport has heard of the network once

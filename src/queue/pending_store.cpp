@@ -1,7 +1,6 @@
 #include "queue/pending_store.hpp"
 
 #include <algorithm>
-#include <charconv>
 #include <cstring>
 #include <system_error>
 
@@ -10,17 +9,6 @@
 
 namespace zelvanor::detail {
 namespace {
-
-/// "ZLogs.tmp.<digits>" names a segment; anything else beside it is not ours to read.
-std::optional<std::uint64_t> segmentNumber(std::string_view name) {
-  constexpr std::string_view prefix = "ZLogs.tmp.";
-  if (name.size() <= prefix.size() || name.substr(0, prefix.size()) != prefix) return {};
-  const std::string_view digits = name.substr(prefix.size());
-  std::uint64_t number = 0;
-  const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-  if (error != std::errc{} || end != digits.data() + digits.size() || number == 0) return {};
-  return number;
-}
 
 /// Tries a few times: the lock wait inside is short, and a start must not give up on the file
 /// because another process happened to be appending.
@@ -55,37 +43,8 @@ PendingStore::Segment* PendingStore::findSegment(std::uint64_t number) {
 
 std::uint64_t PendingStore::bytesOnDisk() const noexcept {
   std::uint64_t total = tailBytes_;
-  for (const auto& segment : segments_) total += segment.bytes - segment.start;
+  for (const auto& segment : segments_) total += charged(segment);
   return total;
-}
-
-std::vector<std::uint64_t> PendingStore::segmentNumbers(const std::filesystem::path& directory) {
-  std::error_code error;
-  std::vector<std::uint64_t> numbers;
-  for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
-    const auto number = segmentNumber(entry.path().filename().string());
-    // Anything but a regular file (a FIFO, a directory, a link) is left alone, never opened.
-    if (number && platform::regularFileSize(entry.path())) numbers.push_back(*number);
-  }
-  std::sort(numbers.begin(), numbers.end());
-  return numbers;
-}
-
-void PendingStore::forEachWaiting(const std::filesystem::path& directory,
-                                  const std::function<void(std::string_view)>& visit) {
-  PendingStore store(directory, {});
-  store.readCursor();
-  auto readFrom = [&](const std::filesystem::path& file, std::uint64_t offset) {
-    PendingFileReader reader;
-    if (!reader.open(file, offset)) return;
-    while (auto piece = reader.next()) {
-      if (piece->kind == FramePiece::Kind::frame) visit(piece->payload);
-    }
-  };
-  for (const std::uint64_t number : segmentNumbers(directory)) {
-    readFrom(store.segmentPath(number), number == store.cursorSegment_ ? store.cursorOffset_ : 0);
-  }
-  readFrom(store.file(kPendingFileName), 0);
 }
 
 std::uint64_t PendingStore::open() {
@@ -113,12 +72,20 @@ std::uint64_t PendingStore::retryOpen() {
 }
 
 std::uint64_t PendingStore::takeOver() {
-  owner_ = ownerLock_.tryLock(file(kLockFileName));
+  owner_ = lockStore();
   if (!owner_) return 0;  // another process of the app sends what is on disk
 
-  const std::vector<std::uint64_t> numbers = segmentNumbers(directory_);
+  std::uint64_t highest = 0;
+  std::vector<std::uint64_t> foreign;
+  const std::vector<std::uint64_t> numbers = segmentNumbers(directory_, &highest, &foreign);
+  for (const std::uint64_t number : foreign) {
+    found(segmentPath(number), "left alone; new segments are numbered past it");
+  }
   readCursor();
-  nextNumber_ = std::max(numbers.empty() ? 0 : numbers.back(), cursorSegment_) + 1;
+  // Written now, while the disk most likely has room: rewriting a file in place later takes no
+  // more space, so a disk that fills up meanwhile still lets the answers be recorded.
+  writeCursor();
+  nextNumber_ = std::max(highest, cursorSegment_) + 1;
   for (const std::uint64_t number : numbers) {
     Segment segment;
     segment.number = number;
@@ -130,6 +97,12 @@ std::uint64_t PendingStore::takeOver() {
   tailLeft_ = tailBytes_ > 0 && !retried([&] { return rotateTail(/*queued=*/true); }) &&
               platform::regularFileSize(file(kPendingFileName)).has_value();
   for (auto& segment : segments_) (void)countRecords(segment);
+  // Nothing left to send in it (all answered before a kill, or nothing but junk): it goes now.
+  if (!(stop_ && stop_->load())) {
+    std::erase_if(segments_, [&](const Segment& segment) {
+      return segment.records == 0 && platform::removeFile(segmentPath(segment.number));
+    });
+  }
   // A backlog larger than the disk may hold (an older build, a long time offline) loses its
   // oldest records now rather than holding the disk past its limit.
   (void)makeRoom(0);
@@ -145,25 +118,6 @@ void PendingStore::close() {
   readerSegment_ = 0;
   ownerLock_.unlock();
   owner_ = false;
-}
-
-std::uint64_t PendingStore::countRecords(Segment& segment) {
-  PendingFileReader reader;
-  segment.records = 0;
-  if (!reader.open(segmentPath(segment.number), segment.start)) return 0;
-  while (auto piece = reader.next()) {
-    if (piece->kind == FramePiece::Kind::frame) ++segment.records;
-    // A shutdown does not wait for a large backlog to be counted: nothing was changed yet.
-    if (stop_ && (segment.records & 1023) == 0 && stop_->load()) break;
-  }
-  return segment.records;
-}
-
-void PendingStore::readCursor() {
-  const auto content = platform::readWhole(file(kCursorFileName));
-  if (!content || content->size() < 2 * sizeof(std::uint64_t)) return;
-  std::memcpy(&cursorSegment_, content->data(), sizeof(std::uint64_t));
-  std::memcpy(&cursorOffset_, content->data() + sizeof(std::uint64_t), sizeof(std::uint64_t));
 }
 
 bool PendingStore::rotateTail(bool queued) {
@@ -204,8 +158,12 @@ bool PendingStore::makeRoom(std::uint64_t bytes) {
   while (bytesOnDisk() + bytes > limits_.maxBytesOnDisk && !segments_.empty()) {
     auto oldest = segments_.begin();
     const std::uint64_t excess = bytesOnDisk() + bytes - limits_.maxBytesOnDisk;
-    const std::uint64_t live = oldest->bytes - oldest->start;
-    if (live <= excess || oldest->outstanding > 0 || readerSegment_ == oldest->number) {
+    const std::uint64_t live = charged(*oldest);
+    // Dropping only part of a segment leaves its file as large as it was; one within the usual
+    // size goes whole, so the files themselves stay within the limit. Only a larger one (an
+    // older build's, another process's long offline spell) loses just its oldest part.
+    if (live <= excess || oldest->bytes <= segmentTarget() || oldest->outstanding > 0 ||
+        readerSegment_ == oldest->number) {
       dropSegment(oldest);
       continue;
     }
@@ -226,6 +184,7 @@ bool PendingStore::makeRoom(std::uint64_t bytes) {
       continue;
     }
     oldest->start = newStart;
+    oldest->junk = std::min(oldest->junk, oldest->bytes - newStart);
     dropped = std::min(dropped, oldest->records);
     oldest->records -= dropped;
     if (oldest->queued) droppedQueued_ += dropped;
@@ -249,7 +208,8 @@ PendingStore::Kept PendingStore::keep(const std::vector<std::string>& records) {
     frames.clear();
     std::size_t batch = 0;
     while (first + batch < records.size() &&
-           (batch == 0 || frames.size() + records[first + batch].size() < segmentTarget())) {
+           (batch == 0 ||
+            frames.size() + kFrameLengthSize + records[first + batch].size() <= segmentTarget())) {
       appendFrame(frames, records[first + batch]);
       ++batch;
     }
@@ -258,19 +218,30 @@ PendingStore::Kept PendingStore::keep(const std::vector<std::string>& records) {
       kept.dropped += batch;
       continue;
     }
+    // Something that is no regular file at "ZLogs.tmp" (a link, a FIFO) is never written
+    // through: the owner keeps the records in a segment of their own instead.
+    const bool tailUsable = !platform::somethingElseAt(file(kPendingFileName));
+    if (!tailUsable) {
+      found(file(kPendingFileName),
+            owner_ ? "left alone; records kept for later go into segments beside it"
+                   : "left alone; records this process keeps for later wait in memory");
+    }
     // The owner moves the shared file aside and other processes append to it: its size now is
     // what counts, not what this process has appended to it over its life.
-    const std::uint64_t tailNow = platform::regularFileSize(file(kPendingFileName)).value_or(0);
-    tailBytes_ = tailNow;
+    tailBytes_ = platform::regularFileSize(file(kPendingFileName)).value_or(0);
     if (owner_ && tailBytes_ > 0 && tailBytes_ + frames.size() > segmentTarget()) {
       (void)rotateTail(/*queued=*/false);
     }
     // Another process owns the segments and only it may drop the oldest: the caller keeps these
     // in memory until the owner has sent some.
     if (!makeRoom(frames.size())) return kept;
-    if (!platform::appendPrivate(file(kPendingFileName), frames)) return kept;
-    tailBytes_ += frames.size();
-    tailRecords_ += batch;
+    if (!tailUsable) {
+      if (!keepInSegment(frames, batch)) return kept;
+    } else {
+      if (!platform::appendPrivate(file(kPendingFileName), frames)) return kept;
+      tailBytes_ += frames.size();
+      tailRecords_ += batch;
+    }
     kept.written += batch;
   }
   return kept;
@@ -479,78 +450,21 @@ void PendingStore::advanceCursor() {
   if (moved) writeCursor();
 }
 
-void PendingStore::writeCursor() {
-  std::string bytes(2 * sizeof(std::uint64_t), '\0');
-  std::memcpy(bytes.data(), &cursorSegment_, sizeof(std::uint64_t));
-  std::memcpy(bytes.data() + sizeof(std::uint64_t), &cursorOffset_, sizeof(std::uint64_t));
-  // After every answer: a descriptor kept open makes it one write.
-  (void)cursorFile_.writeAtStart(file(kCursorFileName), bytes);
-}
-
 void PendingStore::removeIfDone(std::uint64_t number) {
   for (auto it = segments_.begin(); it != segments_.end(); ++it) {
     if (it->number != number) continue;
-    if (it->queued && it->records == 0 && it->outstanding == 0 && !it->blocked &&
-        readerSegment_ != number) {
+    // Once its last record is answered it goes at once, even with the reader still on it (no
+    // further read would come to find its end): bytesOnDisk falls as answers come in.
+    if (it->queued && it->records == 0 && it->outstanding == 0 && !it->blocked) {
+      if (readerSegment_ == number) {
+        reader_.close();
+        readerSegment_ = 0;
+      }
       (void)platform::removeFile(segmentPath(number));
       segments_.erase(it);
     }
     return;
   }
-}
-
-namespace {
-
-std::vector<std::string> templateFrames(const std::filesystem::path& file) {
-  std::vector<std::string> templates;
-  PendingFileReader reader;
-  if (!reader.open(file)) return templates;
-  while (auto piece = reader.next()) {
-    if (piece->kind == FramePiece::Kind::frame) templates.emplace_back(piece->payload);
-  }
-  return templates;
-}
-
-}  // namespace
-
-std::vector<std::string> PendingStore::takeTemplates() {
-  if (directory_.empty() || !owner_ || !takenTemplates_.empty()) return {};
-  takenTemplates_ = templateFrames(file(kTemplatesFileName));
-  return takenTemplates_;
-}
-
-std::vector<std::string> PendingStore::templatesNotTaken() const {
-  std::vector<std::string> inFile = templateFrames(file(kTemplatesFileName));
-  // Another process that shut down meanwhile kept the file's frames in front of its own.
-  if (!takenTemplates_.empty() && inFile.size() >= takenTemplates_.size() &&
-      std::equal(takenTemplates_.begin(), takenTemplates_.end(), inFile.begin())) {
-    inFile.erase(inFile.begin(),
-                 inFile.begin() + static_cast<std::ptrdiff_t>(takenTemplates_.size()));
-  }
-  return inFile;
-}
-
-void PendingStore::forgetTakenTemplates() {
-  if (directory_.empty() || takenTemplates_.empty()) return;
-  const std::vector<std::string> rest = templatesNotTaken();
-  takenTemplates_.clear();
-  (void)replaceTemplates(rest);
-}
-
-bool PendingStore::writeTemplates(const std::vector<std::string>& templates) {
-  if (directory_.empty()) return false;
-  std::vector<std::string> all = templatesNotTaken();
-  all.insert(all.end(), templates.begin(), templates.end());
-  takenTemplates_.clear();  // those still waiting are among `templates`
-  return replaceTemplates(all);
-}
-
-bool PendingStore::replaceTemplates(const std::vector<std::string>& all) {
-  if (all.empty()) return platform::removeFile(file(kTemplatesFileName));
-  const std::size_t keep = std::min<std::size_t>(all.size(), limits_.maxTemplatesKept);
-  std::string frames;
-  for (std::size_t i = all.size() - keep; i < all.size(); ++i) appendFrame(frames, all[i]);
-  return platform::writeWholePrivateAtomically(file(kTemplatesFileName), frames);
 }
 
 }  // namespace zelvanor::detail

@@ -13,6 +13,7 @@
 // (platform/file_ops).
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <deque>
@@ -47,7 +48,7 @@ class PendingStore {
   struct Counts {
     std::uint64_t droppedForSpace = 0;  ///< oldest records dropped to stay within the disk cap
     std::uint64_t quarantined = 0;      ///< payloads that are no record, moved aside (or dropped)
-    std::uint64_t skippedPieces = 0;    ///< damaged lengths and torn ends read past
+    std::uint64_t skippedPieces = 0;    ///< damaged lengths and torn ends read past or cut off
   };
 
   /// Every record waiting on disk in `directory`, in the order a start would send them (the
@@ -115,6 +116,9 @@ class PendingStore {
   /// Records waiting to be sent that were dropped for space since the last call.
   std::uint64_t takeDroppedQueued() { return std::exchange(droppedQueued_, 0); }
   const Counts& counts() const noexcept { return counts_; }
+  /// What was found in the store's place and worked around since the last call (something that
+  /// is no regular file where one of ours belongs), one line each, for the error diagnostics.
+  std::vector<std::string> takeFindings() { return std::exchange(findings_, {}); }
   std::uint64_t bytesOnDisk() const noexcept;
   bool hasDirectory() const noexcept { return !directory_.empty(); }
   /// "ZLogs.tmp": where records kept for a later start are appended (any thread may append).
@@ -137,6 +141,7 @@ class PendingStore {
     std::uint64_t start = 0;        ///< where reading begins (the cursor, for a taken-over one)
     std::uint64_t records = 0;      ///< records in it not yet read (or, kept ones, in it at all)
     std::uint64_t outstanding = 0;  ///< read and not yet answered
+    std::uint64_t junk = 0;         ///< bytes in it that are no frame: not charged to the limit
     bool queued = true;             ///< its records wait to be sent in this run
     bool blocked = false;           ///< holds a record that was not sent: stays for the next start
     /// Only records this run encoded itself (its memory overflowing): read back, they are already
@@ -151,10 +156,26 @@ class PendingStore {
   /// Takes the ownership and what earlier runs left; what open() and retryOpen() share.
   std::uint64_t takeOver();
   std::filesystem::path segmentPath(std::uint64_t number) const;
+  /// What a segment counts against the disk limit: from where reading begins, junk aside.
+  static std::uint64_t charged(const Segment& segment) noexcept {
+    const std::uint64_t live = segment.bytes - std::min(segment.bytes, segment.start);
+    return live - std::min(live, segment.junk);
+  }
   std::filesystem::path file(std::string_view name) const { return directory_ / name; }
   Segment* findSegment(std::uint64_t number);
   void readCursor();
-  static std::vector<std::uint64_t> segmentNumbers(const std::filesystem::path& directory);
+  /// The regular segment files, lowest first. `highest` takes the highest number any entry of a
+  /// segment's name has (a directory there included), `foreign` those that are no regular file.
+  static std::vector<std::uint64_t> segmentNumbers(const std::filesystem::path& directory,
+                                                   std::uint64_t* highest = nullptr,
+                                                   std::vector<std::uint64_t>* foreign = nullptr);
+  /// Takes the lock that makes this process the owner; see the .cpp for a lock file in the way.
+  bool lockStore();
+  /// Notes for takeFindings(), once, that something other than a regular file stands at `where`
+  /// and what the store does about it (`then`).
+  void found(const std::filesystem::path& where, std::string_view then);
+  /// Appends kept records as a segment of their own, when "ZLogs.tmp" is no regular file.
+  bool keepInSegment(const std::string& frames, std::size_t records);
   void advanceCursor();
   /// Writes where the answers have reached (segment, offset) to the cursor file.
   void writeCursor();
@@ -197,6 +218,8 @@ class PendingStore {
   Counts counts_;
   const std::atomic<bool>* stop_ = nullptr;
   std::vector<std::string> takenTemplates_;  ///< taken and not yet forgotten
+  std::vector<std::string> findings_;
+  std::vector<std::string> foundBefore_;  ///< said already: each finding is said once
 };
 
 }  // namespace zelvanor::detail

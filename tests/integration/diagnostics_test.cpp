@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <future>
@@ -159,6 +160,16 @@ TEST_F(DiagnosticsTest, EveryEventDroppedOrKeptSaysWhyWithoutASecret) {
   auto full = lineWith("storage full");
   ASSERT_TRUE(full);
   EXPECT_EQ(full->level, ZLogLevel::error);
+  // A long offline spell drops the oldest again and again: said once, with a count.
+  for (int i = 12; i < 60; ++i) trackNamed("offline-" + std::to_string(i));
+  for (int i = 0; i < 250 && ZelvanorTracker::counters().dropped.storageFull < 40; ++i)
+    std::this_thread::sleep_for(20ms);
+  const auto allLines = lines();
+  EXPECT_EQ(std::count_if(allLines.begin(), allLines.end(),
+                          [](const Line& line) {
+                            return line.text.find("storage full") != std::string::npos;
+                          }),
+            1);
 
   // The collector goes away: a transport failure, with the reason libcurl gives.
   server_.stop();

@@ -7,11 +7,14 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <fstream>
 #include <functional>
 #include <optional>
 #include <thread>
 
 #include "network/https_delivery.hpp"
+#include "platform/file_ops.hpp"
+#include "queue/pending_frames.hpp"
 #include "support/pending_files.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/json.hpp"
@@ -120,6 +123,36 @@ TEST(FullDisk, AReadOnlyDirectoryKeepsRecordsInMemoryAndWritesThemOnceWritable) 
   EXPECT_EQ(delivery->counts().keptOnDisk, sent.size());
   delivery->shutdown({}, {});
   http->shutdown();
+}
+
+// A disk that fills up while the store sends: the answers are still recorded, so a later start
+// sends again none of the records that were answered, after a kill or after all were.
+TEST(FullDisk, AnsweredRecordsAreNotSentAgainAtALaterStart) {
+  if (::geteuid() != 0) GTEST_SKIP() << "mounting a small tmpfs needs root";
+  testing::TempDir dir;
+  SmallDisk disk(dir.path());
+  if (!disk.mounted()) GTEST_SKIP() << "tmpfs could not be mounted here";
+  std::string frames;
+  for (int i = 0; i < 40; ++i) detail::appendFrame(frames, record(i, 10));
+  ASSERT_TRUE(platform::appendPrivate(dir.path() / "ZLogs.tmp", frames));
+  auto sendAndAnswer = [&](std::uint64_t waiting, int answer) {
+    detail::PendingStore store(dir.path(), {});
+    EXPECT_EQ(store.open(), waiting);
+    if (waiting == 40) {
+      // Full from here on.
+      std::ofstream filler(dir.path() / "filler", std::ios::binary);
+      const std::string block(4096, 'f');
+      for (int i = 0; i < 64 && filler; ++i) filler.write(block.data(), block.size()).flush();
+    }
+    for (int i = 0; i < answer; ++i) {
+      auto read = store.next();
+      ASSERT_TRUE(read);
+      store.answered(read->ref);
+    }
+  };  // killed: let go without any goodbye
+  sendAndAnswer(40, 15);
+  sendAndAnswer(25, 25);
+  sendAndAnswer(0, 0);
 }
 
 // A record larger than the whole disk allowance can never be kept: it is dropped, and counted as
