@@ -402,9 +402,10 @@ TEST_F(NetworkTest, BurstsAndPausesKeepHandOverOrderAndLoseNothing) {
   // are on their way to disk, in order, not piling up in memory.
   constexpr std::uint64_t kLimit = 20;
   constexpr int kBurst = 50000;
-  // Beyond the limit: what the host tracks during one turn of the worker, which takes them all
-  // and writes them at once (about a thousand here; one record per write let 40,000 pile up).
-  constexpr std::uint64_t kBurstAllowance = kLimit + 5000;
+  // Beyond the limit: what the host tracks while the worker waits for its next turn, which
+  // takes them all and writes them at once. About 1,000 on a quiet machine, up to 15,000 seen
+  // on a loaded one; one record per write, the worker never caught up (40,000 and more).
+  constexpr std::uint64_t kBurstAllowance = kBurst / 2;
   testing::TempDir burstDir;
   const ZStoreLimits limits{.maxRecordsInMemory = kLimit};
   // A worker at the host's priority: the SDK's own is lower, and how often a busy machine lets
