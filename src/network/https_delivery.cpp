@@ -408,14 +408,18 @@ bool isRedirect(const network::HttpResponse& response) {
 
 /// The start of an answer, as one printable line: enough to tell a proxy's error page from the
 /// collector's verdict.
-std::string answerStart(std::string_view body) {
+/// Identifying values (the SDK's own, and `more`) are hidden before the cut, so that none shows
+/// in part; only the start of a long answer is searched, room for a long token included.
+std::string answerStart(std::string_view body, const std::vector<std::string>& more = {}) {
   constexpr std::size_t kShown = 120;
+  constexpr std::size_t kSearched = kShown + 8192;
+  const std::string hidden = withoutHiddenValues(body.substr(0, kSearched), more);
   std::string text;
-  for (const char c : body.substr(0, kShown)) {
+  for (const char c : std::string_view(hidden).substr(0, kShown)) {
     const auto byte = static_cast<unsigned char>(c);
     text.push_back(byte < 0x20 || byte == 0x7f ? ' ' : c);
   }
-  if (body.size() > kShown) text += "...";
+  if (hidden.size() > kShown || body.size() > kSearched) text += "...";
   return text.empty() ? "(empty)" : "\"" + text + "\"";
 }
 
@@ -432,9 +436,8 @@ void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
     if (!std::exchange(redirectReported_, true) && diagnosing(ZLogLevel::error)) {
       diagnose(ZLogLevel::error,
                "the collector answered with a redirect (HTTP " + std::to_string(response->status) +
-                   (response->redirectTo.empty()
-                        ? std::string()
-                        : " to " + answerStart(withoutHiddenValues(response->redirectTo))) +
+                   (response->redirectTo.empty() ? std::string()
+                                                 : " to " + answerStart(response->redirectTo)) +
                    "), which is not followed: check the collector's URL; records are kept on disk "
                    "and sent again later");
     }
@@ -460,11 +463,11 @@ void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
       // A collector may echo the record: its own ids are hidden too, even those of a record an
       // earlier run kept, before the answer is cut short.
       const auto sent = decodeJson<ZLogRecord>(*record.bytes);
-      diagnose(ZLogLevel::error, "record dropped: refused by the collector (HTTP " +
-                                     std::to_string(response->status) + "), which answered " +
-                                     answerStart(withoutHiddenValues(
-                                         response->body, sent ? identifyingValues(*sent)
-                                                              : std::vector<std::string>{})));
+      diagnose(ZLogLevel::error,
+               "record dropped: refused by the collector (HTTP " +
+                   std::to_string(response->status) + "), which answered " +
+                   answerStart(response->body,
+                               sent ? identifyingValues(*sent) : std::vector<std::string>{}));
     } else if (delivered && diagnosing(ZLogLevel::debug)) {
       diagnose(ZLogLevel::debug,
                "record delivered (HTTP " + std::to_string(response->status) + ")");
