@@ -172,7 +172,7 @@ class HttpsDelivery final : public RecordTransport,
   bool retryWhenIdle_ = false;  ///< a retry of kept records waits for disk reads in flight
   bool readingLater_ = false;   ///< a continueReadingLater() turn is queued
   bool networkAvailable_ = true;
-  bool roomFreed_ = false;  ///< answers freed room since the queue was last told
+  bool roomFreed_ = false;            ///< answers freed room since the queue was last told
   bool redirectReported_ = false;     ///< said once until the collector answers otherwise
   std::uint64_t backlogDropped_ = 0;  ///< kept or spilled records the disk never took
 };
