@@ -6,6 +6,7 @@
 #include <chrono>
 #include <thread>
 
+#include "model/identifying.hpp"
 #include "platform/platform.hpp"
 #include "support/diagnostics.hpp"
 #include "support/settings.hpp"
@@ -259,6 +260,8 @@ void ZInternalLogManager::fillDefaultAgent() {
 
 void ZInternalLogManager::handleIdentity(const ZXid& xid) {
   const HeldDiagnostics held;  // said once mutex_ is released
+  // Before any record carries it: a collector's answer may echo it.
+  hideInDiagnostics({xid.cid, xid.did, xid.sid});
   {
     std::lock_guard lock(mutex_);
     xid_ = xid;
@@ -439,6 +442,7 @@ void ZInternalLogManager::setAgentLocked(const ZAgent& given) {
 }
 
 void ZInternalLogManager::setId(const ZId& given) {
+  hideInDiagnostics(identifyingValues(given));
   std::lock_guard lock(mutex_);
   if (!id_) {
     id_ = given;

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "model/host_common.hpp"
+#include "model/identifying.hpp"
 #include "platform/platform.hpp"
 #include "zelvanor/blocks.hpp"
 #include "zelvanor/configuration.hpp"
@@ -132,6 +133,33 @@ ZCommon commonFromHost(ZCommon decoded) {
       .tObj = std::move(decoded.tObj),
       .tMsgId = std::move(decoded.tMsgId),
   });
+}
+
+}  // namespace zelvanor::detail
+
+namespace zelvanor::detail {
+
+std::vector<std::string> identifyingValues(const ZId& id) {
+  std::vector<std::string> values;
+  for (const auto* member : {&id.accountId, &id.accessToken, &id.appUserId, &id.plovaUserId,
+                             &id.hestroUserId, &id.tunqaId, &id.appId, &id.slid, &id.clid, &id.uuid,
+                             &id.webId, &id.adid, &id.customId, &id.customGroupId}) {
+    if (*member && !(*member)->empty()) values.push_back(**member);
+  }
+  return values;
+}
+
+std::vector<std::string> identifyingValues(const ZLogRecord& record) {
+  std::vector<std::string> values =
+      record.id ? identifyingValues(*record.id) : std::vector<std::string>{};
+  for (const std::string* value : {&record.xid.cid, &record.xid.did, &record.xid.sid}) {
+    if (!value->empty()) values.push_back(*value);
+  }
+  if (record.ucid && record.ucid->id && !record.ucid->id->empty())
+    values.push_back(*record.ucid->id);
+  if (record.agent && record.agent->ip && !record.agent->ip->empty())
+    values.push_back(*record.agent->ip);
+  return values;
 }
 
 }  // namespace zelvanor::detail

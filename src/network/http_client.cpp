@@ -152,6 +152,7 @@ struct HttpClient::Impl {
     const HttpRequest& request = transfer.request;
     curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "https");
+    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy, CURLOPT_SHARE, share);  // the shared cookie engine, DNS and TLS sessions
     curl_easy_setopt(easy, CURLOPT_COOKIEFILE,
@@ -270,6 +271,12 @@ struct HttpClient::Impl {
         HttpResponse response;
         curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &response.status);
         response.retryAfter = retryAfterOf(easy);
+        // Redirects are never followed (a record goes only where the host configured it); where
+        // one points is reported, to help find a misconfigured endpoint.
+        char* location = nullptr;
+        if (curl_easy_getinfo(easy, CURLINFO_REDIRECT_URL, &location) == CURLE_OK && location) {
+          response.redirectTo = location;
+        }
         response.body = std::move(transfer->responseBody);
         finish(std::move(transfer), std::move(response));
       } else {

@@ -60,6 +60,7 @@ struct HttpResponse {
   long status = 0;
   std::string body;
   std::optional<std::chrono::seconds> retryAfter;  ///< the answer's Retry-After, when it has one
+  std::string redirectTo;  ///< where a redirect points (never followed); empty for other answers
 };
 
 struct TransportError {

@@ -4,14 +4,21 @@
 #include <iterator>
 #include <thread>
 
+#include "model/identifying.hpp"
 #include "network/http_api.hpp"
 #include "platform/file_ops.hpp"
 #include "queue/pending_frames.hpp"
 #include "support/diagnostics.hpp"
+#include "zelvanor/json.hpp"
 
 namespace zelvanor::detail {
 
 namespace {
+
+void joinRecords(std::vector<std::string>& into, std::vector<std::string>& from) {
+  into.insert(into.end(), std::make_move_iterator(from.begin()),
+              std::make_move_iterator(from.end()));
+}
 
 /// The record's bytes become the request's body as they are: moved, never copied. Only a
 /// record that is not delivered is copied back out, to wait again.
@@ -30,6 +37,7 @@ HttpsDelivery::HttpsDelivery(std::shared_ptr<network::HttpClient> http,
       worker_(worker ? std::move(worker)
                      : std::make_shared<support::SerialQueue>(
                            "com.zelvanor.sdk.worker", &platform::lowerCurrentThreadPriority)),
+      window_(std::clamp<std::uint64_t>(limits.maxRecordsInMemory, kMaxInFlight, kMaxOutstanding)),
       store_(std::move(dataDirectory), limits),
       backoff_(retryTimings) {
   store_.setStopFlag(&stopped_);
@@ -81,7 +89,14 @@ void HttpsDelivery::retryOpenLater(std::function<void(std::uint64_t)> restored,
 
 std::uint64_t HttpsDelivery::room() const {
   const std::uint64_t taken = outstanding_.load();
-  return taken >= kMaxOutstanding ? 0 : kMaxOutstanding - taken;
+  return taken >= window_ ? 0 : window_ - taken;
+}
+
+std::uint64_t HttpsDelivery::recordsHeld() const {
+  // Records taken for the network include those it reads from disk: counted as if in memory,
+  // which only makes the queue move its own to disk a little sooner.
+  return outstanding_.load(std::memory_order_relaxed) +
+         toDiskInInbox_.load(std::memory_order_relaxed);
 }
 
 void HttpsDelivery::setListener(std::function<void(std::uint64_t)> listener) {
@@ -112,7 +127,11 @@ void HttpsDelivery::send(std::uint64_t fromDisk, std::vector<std::string> record
     if (!stopped_.load()) {
       const std::uint64_t count = fromDisk + records.size();
       unsettled_ += count;
-      if (networkAvailable) outstanding_ += count;
+      if (networkAvailable) {
+        outstanding_ += count;
+      } else {
+        toDiskInInbox_ += records.size();
+      }
       // Queued under the lock that shutdown takes to stop: the drain runs before shutdown's own
       // work on the worker, so every record is either sent or kept.
       post(SendCommand{fromDisk, std::move(records), networkAvailable, settings});
@@ -142,6 +161,7 @@ void HttpsDelivery::spill(std::vector<std::string> records) {
   {
     std::lock_guard lock(mutex_);
     if (!stopped_.load()) {
+      toDiskInInbox_ += records.size();
       post(SpillCommand{std::move(records)});
       return;
     }
@@ -153,6 +173,7 @@ void HttpsDelivery::spillFromKeptTemplates(std::vector<std::string> records) {
   {
     std::lock_guard lock(mutex_);
     if (!stopped_.load()) {
+      toDiskInInbox_ += records.size();
       post(SpillCommand{std::move(records), /*fromKeptTemplates=*/true});
       return;
     }
@@ -187,20 +208,44 @@ std::vector<std::string> HttpsDelivery::takeKeptTemplates() {
 
 void HttpsDelivery::drainInbox(bool gather) {
   // Let a burst gather: hand-overs made meanwhile join this drain without waking the worker.
-  // Shutdown does not wait for the window; it has already stopped new hand-overs.
-  if (gather && !stopped_.load()) std::this_thread::sleep_for(kGatherWindow);
+  // Shutdown does not wait for the window; it has already stopped new hand-overs. Nor does a
+  // burst already past the memory limit: those records belong on disk now.
+  if (gather && !stopped_.load() && toDiskInInbox_.load() < limits_.maxRecordsInMemory) {
+    std::this_thread::sleep_for(kGatherWindow);
+  }
   {
     std::lock_guard lock(mutex_);
     draining_.swap(inbox_);
     drainQueued_ = false;
   }
-  for (auto& command : draining_) {
-    if (auto* sendCommand = std::get_if<SendCommand>(&command)) {
+  // A burst arrives as many hand-overs of a record or a few: consecutive ones bound for disk the
+  // same way are written together, one write for the lot, so that the worker keeps up with a
+  // host tracking as fast as it can and what goes beyond the memory limit is on disk promptly.
+  std::uint64_t toDisk = 0;
+  for (std::size_t i = 0; i < draining_.size(); ++i) {
+    if (auto* sendCommand = std::get_if<SendCommand>(&draining_[i])) {
+      while (!sendCommand->networkAvailable && i + 1 < draining_.size()) {
+        auto* next = std::get_if<SendCommand>(&draining_[i + 1]);
+        // Records a later hand-over reads from disk would come between: not joined.
+        if (!next || next->networkAvailable || next->fromDisk > 0) break;
+        joinRecords(sendCommand->records, next->records);
+        ++i;
+      }
+      if (!sendCommand->networkAvailable) toDisk += sendCommand->records.size();
       handleSend(*sendCommand);
     } else {
-      handleSpill(std::get<SpillCommand>(command));
+      auto& spillCommand = std::get<SpillCommand>(draining_[i]);
+      while (!spillCommand.fromKeptTemplates && i + 1 < draining_.size()) {
+        auto* next = std::get_if<SpillCommand>(&draining_[i + 1]);
+        if (!next || next->fromKeptTemplates) break;
+        joinRecords(spillCommand.records, next->records);
+        ++i;
+      }
+      toDisk += spillCommand.records.size();
+      handleSpill(spillCommand);
     }
   }
+  toDiskInInbox_ -= std::min(toDiskInInbox_.load(), toDisk);
   draining_.clear();  // every record was moved out: the capacity is what is kept
   notifyQueue();
 }
@@ -355,16 +400,26 @@ bool meansComeBackLater(const network::HttpResponse& response) {
          response.body != "ok";
 }
 
+/// A redirect is no verdict on the record (an endpoint moved, or a proxy in the way): it is kept
+/// as after a transport failure, and never followed, since records go only where the host said.
+bool isRedirect(const network::HttpResponse& response) {
+  return response.status >= 300 && response.status < 400 && response.body != "ok";
+}
+
 /// The start of an answer, as one printable line: enough to tell a proxy's error page from the
 /// collector's verdict.
-std::string answerStart(std::string_view body) {
+/// Identifying values (the SDK's own, and `more`) are hidden before the cut, so that none shows
+/// in part; only the start of a long answer is searched, room for a long token included.
+std::string answerStart(std::string_view body, const std::vector<std::string>& more = {}) {
   constexpr std::size_t kShown = 120;
+  constexpr std::size_t kSearched = kShown + 8192;
+  const std::string hidden = withoutHiddenValues(body.substr(0, kSearched), more);
   std::string text;
-  for (const char c : body.substr(0, kShown)) {
+  for (const char c : std::string_view(hidden).substr(0, kShown)) {
     const auto byte = static_cast<unsigned char>(c);
     text.push_back(byte < 0x20 || byte == 0x7f ? ' ' : c);
   }
-  if (body.size() > kShown) text += "...";
+  if (hidden.size() > kShown || body.size() > kSearched) text += "...";
   return text.empty() ? "(empty)" : "\"" + text + "\"";
 }
 
@@ -374,11 +429,24 @@ void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
   if (inFlight_ > 0) --inFlight_;
   const auto* response = std::get_if<network::HttpResponse>(&outcome);
   const bool comeBackLater = response && meansComeBackLater(*response);
-  if (comeBackLater && !stopped_.load()) {
+  const bool redirected = response && isRedirect(*response);
+  if (response && !redirected) redirectReported_ = false;
+  if (redirected && !stopped_.load()) {
+    // Said once, not for every record: every request gets the same answer until it is fixed.
+    if (!std::exchange(redirectReported_, true) && diagnosing(ZLogLevel::error)) {
+      diagnose(ZLogLevel::error,
+               "the collector answered with a redirect (HTTP " + std::to_string(response->status) +
+                   (response->redirectTo.empty() ? std::string()
+                                                 : " to " + answerStart(response->redirectTo)) +
+                   "), which is not followed: check the collector's URL; records are kept on disk "
+                   "and sent again later");
+    }
+    keepAfterFailure(record);
+  } else if (comeBackLater && !stopped_.load()) {
     // Kept, first in line, and tried again after the wait the answer asks for.
     hold(std::move(record));
     backOff(response->retryAfter);
-  } else if (response && !comeBackLater) {
+  } else if (response && !comeBackLater && !redirected) {
     // The collector treats only the exact body ok as success; anything else is a verdict on the
     // record, so it is not kept (the HTTP status is not looked at). Either way it leaves the disk.
     if (record.ref) store_.answered(*record.ref);
@@ -392,9 +460,14 @@ void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
       }
     }
     if (!delivered && diagnosing(ZLogLevel::error)) {
-      diagnose(ZLogLevel::error, "record dropped: refused by the collector (HTTP " +
-                                     std::to_string(response->status) + "), which answered " +
-                                     answerStart(response->body));
+      // A collector may echo the record: its own ids are hidden too, even those of a record an
+      // earlier run kept, before the answer is cut short.
+      const auto sent = decodeJson<ZLogRecord>(*record.bytes);
+      diagnose(ZLogLevel::error,
+               "record dropped: refused by the collector (HTTP " +
+                   std::to_string(response->status) + "), which answered " +
+                   answerStart(response->body,
+                               sent ? identifyingValues(*sent) : std::vector<std::string>{}));
     } else if (delivered && diagnosing(ZLogLevel::debug)) {
       diagnose(ZLogLevel::debug,
                "record delivered (HTTP " + std::to_string(response->status) + ")");
@@ -416,7 +489,7 @@ void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
       cancelled_.push_back(*record.bytes);
     }
   } else {
-    // Transport failure: kept for a later attempt. One read from disk stays where it is.
+    // Transport failure: kept for a later attempt.
     const auto& failure = std::get<network::TransportError>(outcome);
     const ZLogLevel level = failure.tls ? ZLogLevel::error : ZLogLevel::warning;
     if (diagnosing(level)) {
@@ -424,22 +497,27 @@ void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
                           " sending a record: " + failure.description +
                           "; it is kept on disk and sent again later");
     }
-    if (record.ref) {
-      store_.unsent(*record.ref);
-      std::lock_guard lock(mutex_);
-      ++counts_.keptOnDisk;
-    } else {
-      std::vector<std::string> one;
-      one.push_back(*record.bytes);
-      keep(std::move(one));
-    }
-    keptToRetry_ = true;
-    settle(1, true);
-    backOff(std::nullopt);
+    keepAfterFailure(record);
   }
   if (retryWhenIdle_) retryKept();
   startWaiting();
   notifyQueue();
+}
+
+void HttpsDelivery::keepAfterFailure(const Next& record) {
+  // One read from disk stays where it is.
+  if (record.ref) {
+    store_.unsent(*record.ref);
+    std::lock_guard lock(mutex_);
+    ++counts_.keptOnDisk;
+  } else {
+    std::vector<std::string> one;
+    one.push_back(*record.bytes);
+    keep(std::move(one));
+  }
+  keptToRetry_ = true;
+  settle(1, true);
+  backOff(std::nullopt);
 }
 
 void HttpsDelivery::hold(Next record) {
@@ -576,7 +654,10 @@ void HttpsDelivery::retryWrites() {
 void HttpsDelivery::settle(std::uint64_t count, bool network) {
   std::lock_guard lock(mutex_);
   unsettled_ -= std::min(unsettled_, count);
-  if (network) outstanding_ -= std::min(outstanding_.load(), count);
+  if (network && count > 0) {
+    outstanding_ -= std::min(outstanding_.load(), count);
+    roomFreed_ = true;
+  }
   if (unsettled_ == 0) settled_.notify_all();
 }
 
@@ -628,8 +709,13 @@ void HttpsDelivery::notifyQueue() {
     listener = listener_;
   }
   const std::uint64_t dropped = std::exchange(droppedToReport_, 0);
-  // Room is offered in large steps: one refill per half window, not one per answer.
-  if (listener && (dropped > 0 || room() >= kMaxOutstanding / 2)) listener(dropped);
+  // Room is offered in large steps: one refill per half window, not one per answer. Only room
+  // that answers freed is offered: a turn that only wrote to disk leaves the queue's lock to the
+  // host, which a burst keeps busy.
+  if (listener && (dropped > 0 || (roomFreed_ && room() >= window_ / 2))) {
+    roomFreed_ = false;
+    listener(dropped);
+  }
 }
 
 std::uint64_t HttpsDelivery::bytesOnDisk() const {

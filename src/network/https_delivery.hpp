@@ -40,6 +40,7 @@ class HttpsDelivery final : public RecordTransport,
 
   void restore(std::function<void(std::uint64_t)> restored) override;
   std::uint64_t room() const override;
+  std::uint64_t recordsHeld() const override;
   void setListener(std::function<void(std::uint64_t)> listener) override;
   void send(std::uint64_t fromDisk, std::vector<std::string> records,
             bool networkAvailable) override;
@@ -56,7 +57,8 @@ class HttpsDelivery final : public RecordTransport,
   /// Later records wait, in order, so a request's timeout starts when it can really be sent
   /// rather than while it queues for a connection.
   static constexpr std::size_t kMaxInFlight = network::HttpClient::kMaxConnectionsPerHost;
-  /// Records taken for the network and not yet answered; the queue holds the rest.
+  /// Records taken for the network and not yet answered; the queue holds the rest. A smaller
+  /// memory limit makes the window smaller: what waits for a connection is in memory too.
   static constexpr std::uint64_t kMaxOutstanding = 256;
 
   Counts counts() const override;
@@ -108,6 +110,8 @@ class HttpsDelivery final : public RecordTransport,
   /// Goes on with startWaiting() in a later turn of the worker.
   void continueReadingLater();
   void finished(network::HttpOutcome outcome, Next record);
+  /// Keeps a record no answer judged (a transport failure, a redirect) and backs off.
+  void keepAfterFailure(const Next& record);
   /// Puts a record the collector asked to send later back in line, ahead of those not yet sent.
   void hold(Next record);
   /// A failure of the collector or of the way to it: nothing more goes out until the wait ends,
@@ -134,6 +138,10 @@ class HttpsDelivery final : public RecordTransport,
   std::uint64_t unsettled_ = 0;  ///< guarded by mutex_
   Counts counts_;                ///< guarded by mutex_
   std::atomic<std::uint64_t> outstanding_{0};
+  /// Records taken for the network at once, at most: kMaxOutstanding, or the memory limit.
+  const std::uint64_t window_;
+  /// Records in the inbox on their way to disk (spilled, or handed over with the gate closed).
+  std::atomic<std::uint64_t> toDiskInInbox_{0};
   std::function<void(std::uint64_t)> listener_;  ///< guarded by mutex_
   std::atomic<bool> stopped_{false};  ///< set under mutex_, so a hand-over is before or after it
   std::vector<std::string> late_;     ///< guarded by mutex_: tracked after the queue closed
@@ -165,6 +173,8 @@ class HttpsDelivery final : public RecordTransport,
   bool retryWhenIdle_ = false;  ///< a retry of kept records waits for disk reads in flight
   bool readingLater_ = false;   ///< a continueReadingLater() turn is queued
   bool networkAvailable_ = true;
+  bool roomFreed_ = false;            ///< answers freed room since the queue was last told
+  bool redirectReported_ = false;     ///< said once until the collector answers otherwise
   std::uint64_t backlogDropped_ = 0;  ///< kept or spilled records the disk never took
   // A long offline spell drops the oldest again and again: said once, then with a count at most
   // every kDropLinesEvery and at shutdown, not one line per record.

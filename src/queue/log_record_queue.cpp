@@ -61,12 +61,16 @@ void ZLogRecordQueue::enqueue(std::string record) {
     state.transport->keepLate(std::move(record));
     return;
   }
-  if (state.inMemory >= state.maxInMemory) state.spillLocked();
+  // Records the transport holds in memory (taken for the network, or not yet written to disk)
+  // count too: beyond the limit, records go to disk, not to another place in memory.
+  if (state.inMemory + state.transport->recordsHeld() >= state.maxInMemory) state.spillLocked();
   state.entries.push_back(Entry{0, std::move(record)});
   ++state.total;
   ++state.inMemory;
   const std::uint64_t threshold = batchSize();
   if (state.total - state.released >= threshold) state.drainLocked(threshold);
+  state.peakInMemory =
+      std::max(state.peakInMemory, state.inMemory + state.transport->recordsHeld());
 }
 
 void ZLogRecordQueue::enqueueFromKeptTemplates(std::vector<std::string> records) {
@@ -232,6 +236,11 @@ ZLogRecordQueue::Waiting ZLogRecordQueue::waiting() const {
 std::size_t ZLogRecordQueue::recordsInMemory() const {
   std::lock_guard lock(state_->mutex);
   return state_->inMemory;
+}
+
+std::uint64_t ZLogRecordQueue::peakRecordsInMemory() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->peakInMemory;
 }
 
 std::size_t ZLogRecordQueue::templateCount() const {

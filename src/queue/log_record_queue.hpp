@@ -72,6 +72,9 @@ class ZLogRecordQueue {
   };
   Waiting waiting() const;
   std::size_t recordsInMemory() const;
+  /// The most records that were in memory at once, in the queue and held by the transport, as
+  /// seen at each enqueue: what the memory limit bounds.
+  std::uint64_t peakRecordsInMemory() const;
   std::size_t templateCount() const;
   /// Takes every record still in memory (oldest first) without sending it, and closes the table:
   /// records enqueued afterwards (a host thread racing with shutdown) go to the transport to be
@@ -94,6 +97,7 @@ class ZLogRecordQueue {
     std::uint64_t total = 0;     ///< records in entries
     std::uint64_t released = 0;  ///< leading records sent off but not yet taken by the transport
     std::uint64_t inMemory = 0;
+    std::uint64_t peakInMemory = 0;
     bool closed = false;
     /// The store is still being looked at: drains meanwhile are replayed once it has answered,
     /// as if the restored records had been in front all along.

@@ -41,6 +41,9 @@ class RecordTransport {
   /// How many more records the transport takes now for the network; the queue holds the rest,
   /// in order, until the listener says there is room.
   virtual std::uint64_t room() const = 0;
+  /// Records handed over that are in memory: taken for the network and not yet answered, or on
+  /// their way to disk and not yet written. The queue counts them against its memory limit.
+  virtual std::uint64_t recordsHeld() const { return 0; }
   /// Runs on an SDK thread, with no lock held, when room frees up, and with the number of
   /// records waiting on disk (the oldest) that were dropped for space.
   virtual void setListener(std::function<void(std::uint64_t droppedFromDisk)> listener) = 0;

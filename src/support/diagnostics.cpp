@@ -1,5 +1,6 @@
 #include "support/diagnostics.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "support/console_log.hpp"
+#include "support/json_writer.hpp"
 
 namespace zelvanor::detail {
 
@@ -22,7 +24,53 @@ struct DiagnosticsState {
       levelFromText(std::getenv("ZELVANOR_LOG")))};  // NOLINT(concurrency-mt-unsafe)
   std::mutex mutex;
   std::shared_ptr<const ZDiagnosticsSink> sink;  // null: stderr
+  /// What hideInDiagnostics was given, newest last; replaced as a whole, read without copying.
+  std::shared_ptr<const std::vector<std::string>> hidden;
 };
+
+/// Identifying values kept for hiding: a few triples and id blocks' worth.
+constexpr std::size_t kMaxHiddenValues = 64;
+/// Shorter values are hidden only as whole words.
+constexpr std::size_t kHiddenAnywhere = 4;
+constexpr std::string_view kHidden = "<hidden>";
+
+/// The value as this SDK's records carry it inside a JSON string, as a collector echoing a
+/// record shows it.
+std::string jsonEscaped(std::string_view value) {
+  std::string out;
+  {
+    JsonWriter writer(out, /*pretty=*/false);
+    (void)writer.string(value);  // text that is no UTF-8 is escaped all the same
+  }
+  return out.size() >= 2 ? out.substr(1, out.size() - 2) : std::string(value);
+}
+
+bool wordByte(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || byte >= 0x80;
+}
+
+void hideEach(std::string& text, std::string_view value) {
+  if (value.empty()) return;
+  const bool anywhere = value.size() >= kHiddenAnywhere;
+  for (std::size_t at = text.find(value); at != std::string::npos; at = text.find(value, at)) {
+    const std::size_t end = at + value.size();
+    if (!anywhere &&
+        ((at > 0 && wordByte(text[at - 1])) || (end < text.size() && wordByte(text[end])))) {
+      at += 1;
+      continue;
+    }
+    text.replace(at, value.size(), kHidden);
+    at += kHidden.size();
+  }
+}
+
+/// Longest first, so that a value holding another is hidden whole.
+void hideAll(std::string& text, std::vector<std::string_view> values) {
+  std::sort(values.begin(), values.end(),
+            [](std::string_view a, std::string_view b) { return a.size() > b.size(); });
+  for (const std::string_view value : values) hideEach(text, value);
+}
 
 DiagnosticsState& state() {
   // Never destroyed: SDK threads may still report during exit.
@@ -105,11 +153,67 @@ HostCallbackScope::~HostCallbackScope() {
   --hostCallbacks;
 }
 
+void hideInDiagnostics(const std::vector<std::string>& values) {
+  std::lock_guard lock(state().mutex);
+  auto next = state().hidden ? std::make_shared<std::vector<std::string>>(*state().hidden)
+                             : std::make_shared<std::vector<std::string>>();
+  bool changed = false;
+  for (const std::string& value : values) {
+    for (std::string form : {value, jsonEscaped(value)}) {
+      if (form.empty()) continue;
+      const auto known = std::find(next->begin(), next->end(), form);
+      if (known != next->end()) {
+        // Seen again: it becomes the newest, so that it is the last to go.
+        if (known + 1 == next->end()) continue;
+        next->erase(known);
+      }
+      next->push_back(std::move(form));
+      changed = true;
+    }
+  }
+  if (!changed) return;
+  if (next->size() > kMaxHiddenValues) {
+    next->erase(next->begin(),
+                next->begin() + static_cast<std::ptrdiff_t>(next->size() - kMaxHiddenValues));
+  }
+  state().hidden = std::move(next);
+}
+
+namespace {
+
+std::shared_ptr<const std::vector<std::string>> hiddenValues() {
+  std::lock_guard lock(state().mutex);
+  return state().hidden;
+}
+
+}  // namespace
+
+std::string withoutHiddenValues(std::string_view text, const std::vector<std::string>& more) {
+  std::string out(text);
+  const auto hidden = hiddenValues();
+  std::vector<std::string> escaped;
+  escaped.reserve(more.size());
+  for (const std::string& value : more) escaped.push_back(jsonEscaped(value));
+  std::vector<std::string_view> values(more.begin(), more.end());
+  values.insert(values.end(), escaped.begin(), escaped.end());
+  if (hidden) values.insert(values.end(), hidden->begin(), hidden->end());
+  hideAll(out, std::move(values));
+  return out;
+}
+
 void diagnose(ZLogLevel level, std::string_view line) noexcept {
   if (!diagnosing(level)) return;
   try {
     std::string text = "zelvanor ";
-    text.append(levelName(level)).append(": ").append(line);
+    text.append(levelName(level)).append(": ");
+    // The prefix is the SDK's own: only the line is searched for identifying values.
+    if (const auto hidden = hiddenValues()) {
+      std::string shown(line);
+      hideAll(shown, std::vector<std::string_view>(hidden->begin(), hidden->end()));
+      text.append(shown);
+    } else {
+      text.append(line);
+    }
     if (holding) {
       heldLines.push_back(HeldLine{level, std::move(text)});
       return;

@@ -2,7 +2,9 @@
 // here; the facade only sets where the lines go.
 #pragma once
 
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "zelvanor/diagnostics.hpp"
 
@@ -14,6 +16,18 @@ bool diagnosing(ZLogLevel level) noexcept;
 /// Writes "zelvanor <level>: <line>" to the sink when `level` is enabled. Never throws; a sink
 /// that throws is ignored.
 void diagnose(ZLogLevel level, std::string_view line) noexcept;
+
+/// Identifying values (the identity triple, the id block's values) no line may show: from now on
+/// every line is written with them, and with their JSON-escaped forms, replaced by <hidden>. A
+/// value of four bytes or more is hidden wherever it appears; a shorter one only as a whole word,
+/// so that a user id "42" does not blank out "HTTP 420". The newest values are kept, a bounded
+/// number of them.
+void hideInDiagnostics(const std::vector<std::string>& values);
+
+/// `text` with the values given to hideInDiagnostics, and `more`, replaced by <hidden>. Text from
+/// outside the SDK (a collector's answer) goes through this before it is cut short, so that a cut
+/// never leaves part of a value.
+std::string withoutHiddenValues(std::string_view text, const std::vector<std::string>& more = {});
 
 /// Whether this thread is running a host's callback: the diagnostics sink or an onReady callback.
 /// A call such a callback makes back into the SDK must neither start an instance nor wait for a

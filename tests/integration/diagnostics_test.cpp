@@ -71,6 +71,15 @@ class DiagnosticsTest : public ::testing::Test {
                             .headers = {},
                             .delayMs = 0};
     }
+    // A collector that echoes what it refused: the id block first, then the whole record.
+    if (request.body.find("\"echo-me\"") != std::string::npos) {
+      const auto idBlock = request.body.find("\"id\":");
+      return CannedResponse{
+          .status = 422,
+          .body = "refused " + request.body.substr(idBlock) + " in " + request.body,
+          .headers = {},
+          .delayMs = 0};
+    }
     return CannedResponse{.body = "ok", .headers = {}, .delayMs = trackDelayMs_.load()};
   }
 
@@ -142,6 +151,11 @@ TEST_F(DiagnosticsTest, EveryEventDroppedOrKeptSaysWhyWithoutASecret) {
   EXPECT_NE(refused->text.find("HTTP 400"), std::string::npos) << refused->text;
   EXPECT_NE(refused->text.find("fail: record has no action kind more"), std::string::npos)
       << "the first bytes of the answer, on one line: " << refused->text;
+
+  trackNamed("echo-me");
+  auto echoed = lineWith("HTTP 422");
+  ASSERT_TRUE(echoed);
+  EXPECT_NE(echoed->text.find("<hidden>"), std::string::npos) << echoed->text;
 
   trackNamed("shown", /*verbose=*/true);
   auto verbose = lineWith("\"shown\"");

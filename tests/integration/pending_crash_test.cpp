@@ -12,7 +12,9 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <optional>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -139,53 +141,91 @@ TEST(PendingFileCrash, KilledWriterLeavesOnlyWholeRecordsInOrder) {
   fs::remove_all(dir, error);
 }
 
+/// The whole SDK in a child host tracking with the network gate closed (zelvanor_crash_child).
+class TrackingHost {
+ public:
+  TrackingHost(const fs::path& dir, long long first, std::optional<long long> burst = {},
+               bool online = false) {
+    int out[2];
+    if (::pipe(out) != 0) return;
+    // Built before the fork: the child of a threaded process allocates nothing until exec.
+    const std::string firstText = std::to_string(first);
+    const std::string burstText = burst ? std::to_string(*burst) : std::string();
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::dup2(out[1], STDOUT_FILENO);
+      ::close(out[0]);
+      ::close(out[1]);
+      ::execl(ZELVANOR_CRASH_CHILD, ZELVANOR_CRASH_CHILD, dir.c_str(), firstText.c_str(),
+              burst ? burstText.c_str() : nullptr, online ? "online" : nullptr, nullptr);
+      ::_exit(127);
+    }
+    ::close(out[1]);
+    out_ = out[0];
+  }
+  ~TrackingHost() {
+    if (pid_ > 0) kill();
+  }
+  /// Waits up to 30 s for the host to print `word`.
+  bool said(const std::string& word) {
+    while (heard_.find(word) == std::string::npos) {
+      pollfd readiness{.fd = out_, .events = POLLIN, .revents = 0};
+      char buffer[64];
+      if (::poll(&readiness, 1, 30000) != 1) return false;
+      const ssize_t got = ::read(out_, buffer, sizeof buffer);
+      if (got <= 0) return false;
+      heard_.append(buffer, static_cast<std::size_t>(got));
+    }
+    return true;
+  }
+  /// kill -9; true when that is what ended it.
+  bool kill() {
+    ::kill(pid_, SIGKILL);
+    int status = 0;
+    const bool reaped = ::waitpid(pid_, &status, 0) == pid_;
+    pid_ = -1;
+    // Open until now, so that nothing the host prints can end it with SIGPIPE instead.
+    ::close(out_);
+    return reaped && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  int out_ = -1;
+  std::string heard_;
+};
+
+/// A directory for the SDK's files, with an identity from an earlier sync in its cookie jar, so
+/// that records are built without a server.
+fs::path crashDirectory() {
+  std::string pattern = (fs::temp_directory_path() / "zelvanor-crash-XXXXXX").string();
+  if (::mkdtemp(pattern.data()) == nullptr) return {};
+  const fs::path dir = pattern;
+  std::ofstream jar(dir / "cookies.txt");
+  for (const char* name : {"fa_cid", "fa_did", "fa_sid"}) {
+    jar << "127.0.0.1\tFALSE\t/\tTRUE\t4102444800\t" << name << "\tcrash-" << name << "\n";
+  }
+  return dir;
+}
+
 // The whole SDK as the writer: a host process tracking as fast as it can (gate closed, so every
 // record goes to disk) is killed at random; each start takes over what the last one left and
 // carries on. Whatever a start finds decodes, and every record in it is one the host tracked.
 TEST(PendingFileCrash, TrackingHostKilledAtRandomLeavesAFileEveryStartCanRead) {
-  std::string pattern = (fs::temp_directory_path() / "zelvanor-crash-XXXXXX").string();
-  ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-  const fs::path dir = pattern;
-  {
-    // An identity from an earlier sync, so records are built without a server.
-    std::ofstream jar(dir / "cookies.txt");
-    for (const char* name : {"fa_cid", "fa_did", "fa_sid"}) {
-      jar << "127.0.0.1\tFALSE\t/\tTRUE\t4102444800\t" << name << "\tcrash-" << name << "\n";
-    }
-  }
+  const fs::path dir = crashDirectory();
+  ASSERT_FALSE(dir.empty());
 
   std::mt19937 random(std::random_device{}());
   std::uniform_int_distribution<int> delayMicros(0, 250000);
   std::size_t lastFileRecords = 0, recordsSeen = 0, rounds = 0;
   for (long long first = 0; rounds < 12; first += 10'000'000, ++rounds) {
     SCOPED_TRACE("round " + std::to_string(rounds));
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    // Built before the fork: the child of a threaded process allocates nothing until exec.
-    const std::string firstText = std::to_string(first);
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      ::dup2(ready[1], STDOUT_FILENO);
-      ::close(ready[0]);
-      ::close(ready[1]);
-      ::execl(ZELVANOR_CRASH_CHILD, ZELVANOR_CRASH_CHILD, dir.c_str(), firstText.c_str(), nullptr);
-      ::_exit(127);
-    }
-    ::close(ready[1]);
+    TrackingHost host(dir, first);
     // The kill lands while the host tracks, not while a sanitizer runtime or a slow machine is
     // still starting it: the child says "tracking" once the SDK is set up.
-    pollfd readiness{.fd = ready[0], .events = POLLIN, .revents = 0};
-    char line[16] = {};
-    const bool started = ::poll(&readiness, 1, 30000) == 1 && ::read(ready[0], line, 8) > 0;
-    EXPECT_TRUE(started) << "the host did not start tracking within 30 s";
+    EXPECT_TRUE(host.said("tracking")) << "the host did not start tracking within 30 s";
     std::this_thread::sleep_for(std::chrono::microseconds(delayMicros(random)));
-    ::kill(child, SIGKILL);
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    // Open until now, so that nothing the host prints can end it with SIGPIPE instead.
-    ::close(ready[0]);
-    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "status " << status;
+    ASSERT_TRUE(host.kill());
 
     // What the next start would find, read without consuming it (the next child does that).
     const std::vector<std::string> payloads = testing::pendingPayloads(dir);
@@ -213,6 +253,43 @@ TEST(PendingFileCrash, TrackingHostKilledAtRandomLeavesAFileEveryStartCanRead) {
             << " records in all, the last " << lastFileRecords << "\n";
   std::error_code error;
   fs::remove_all(dir, error);
+}
+
+// A burst far beyond the memory limit, then kill -9 shortly after: what went beyond the limit
+// was on its way to disk, in order, and is there.
+TEST(PendingFileCrash, AKillShortlyAfterABurstLosesAtMostTheMemoryLimit) {
+  constexpr long long kBurst = 20000;
+  // Offline every record goes to disk; online (a collector refusing connections) the queue and
+  // the requests' window share the memory limit, and what goes beyond it goes to disk.
+  for (const bool online : {false, true}) {
+    SCOPED_TRACE(online ? "online" : "offline");
+    const fs::path dir = crashDirectory();
+    ASSERT_FALSE(dir.empty());
+    TrackingHost host(dir, 0, kBurst, online);
+    ASSERT_TRUE(host.said("tracked")) << "the host did not finish its burst within 30 s";
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_TRUE(host.kill());
+    std::set<long long> kept;
+    long long last = -1;
+    for (const std::string& payload : testing::pendingPayloads(dir)) {
+      auto record = decodeJson<ZLogRecord>(payload);
+      ASSERT_TRUE(record);
+      if (record->action.name.rfind("crash-", 0) != 0) continue;
+      const long long seq = std::stoll(record->action.name.substr(6));
+      // Offline they reach the disk in tracking order (online, kept ones follow spilled ones).
+      if (!online) {
+        EXPECT_GT(seq, last) << "in order";
+      }
+      last = seq;
+      kept.insert(seq);
+    }
+    const auto lost = kBurst - static_cast<long long>(kept.size());
+    std::cout << lost << " of a burst of " << kBurst << " lost to a kill 50 ms after it\n";
+    EXPECT_LE(lost, static_cast<long long>(ZStoreLimits{}.maxRecordsInMemory) + 8)
+        << "the memory limit and the requests in flight";
+    std::error_code error;
+    fs::remove_all(dir, error);
+  }
 }
 
 }  // namespace
