@@ -331,6 +331,31 @@ ZelvanorTracker ZelvanorTracker::setStoreLimits(const ZStoreLimits& limits) {
   return {};
 }
 
+ZelvanorTracker ZelvanorTracker::setCollectionEnabled(bool enabled) {
+  // Before the SDK starts, so that a first start with collection off sends nothing at all.
+  detail::settings().collectionEnabled.store(enabled);
+  detail::settings().collectionSetByHost.store(true);
+  return withShared([&](ZInternalLogManager& m) { m.setCollectionEnabled(enabled); });
+}
+
+bool ZelvanorTracker::collectionEnabled() {
+  // A start reads the settings file: the answer is the one in force once the SDK runs.
+  startIfNeeded();
+  return detail::settings().collectionEnabled.load();
+}
+
+ZelvanorTracker ZelvanorTracker::deleteLocalData() {
+  return withShared([](ZInternalLogManager& m) { m.deleteLocalData(); });
+}
+
+ZelvanorTracker ZelvanorTracker::setBeforeSend(std::function<bool(ZLogRecord&)> hook) {
+  try {
+    detail::setBeforeSendHook(std::move(hook));
+  } catch (...) {
+  }
+  return {};
+}
+
 ZelvanorTracker ZelvanorTracker::setReachabilityFlags(std::uint32_t flags) {
   return withShared([&](ZInternalLogManager&) {
     if (auto monitor = detail::runningNetworkMonitor()) monitor->pushFlags(flags);

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <thread>
 
+#include "manager/local_data.hpp"
 #include "platform/platform.hpp"
 #include "support/diagnostics.hpp"
 #include "support/settings.hpp"
@@ -58,7 +59,67 @@ std::string describeAction(const ZAction& action) {
   return "(action " + action.type + " \"" + action.name + "\")";
 }
 
+constexpr std::string_view kCollectionKey = "collectionEnabled";
+
+struct BeforeSendSlot {
+  std::mutex mutex;
+  std::shared_ptr<const BeforeSendHook> hook;  ///< guarded by mutex
+  std::atomic<bool> set{false};                ///< read on every track: no lock when unset
+};
+
+BeforeSendSlot& beforeSendSlot() {
+  static auto* slot = new BeforeSendSlot();  // never destroyed: exit-time tracks may read it
+  return *slot;
+}
+
+bool beforeSendSet() noexcept {
+  return beforeSendSlot().set.load(std::memory_order_relaxed);
+}
+
+std::shared_ptr<const BeforeSendHook> currentBeforeSend() {
+  BeforeSendSlot& slot = beforeSendSlot();
+  std::lock_guard lock(slot.mutex);
+  return slot.hook;
+}
+
+/// The held records of the innermost HeldRecords on this thread, if any.
+thread_local std::vector<ZInternalLogManager::HookedRecord>* heldHere = nullptr;
+
 }  // namespace
+
+void setBeforeSendHook(BeforeSendHook hook) {
+  BeforeSendSlot& slot = beforeSendSlot();
+  std::lock_guard lock(slot.mutex);
+  slot.hook = hook ? std::make_shared<const BeforeSendHook>(std::move(hook)) : nullptr;
+  slot.set.store(slot.hook != nullptr);
+}
+
+// Declared before the manager's lock in every path that may build a record: records built
+// under the lock wait here and meet the host's hook once it is released (destructors run in
+// reverse order), so a hook that calls back into the SDK cannot deadlock.
+class ZInternalLogManager::HeldRecords {
+ public:
+  explicit HeldRecords(ZInternalLogManager& manager) noexcept
+      : manager_(manager), previous_(heldHere) {
+    heldHere = &records_;
+  }
+  ~HeldRecords() {
+    heldHere = previous_;
+    if (records_.empty()) return;
+    try {
+      manager_.sendHeld(std::move(records_));
+    } catch (...) {
+      // Out of memory while queueing: the records are lost, the host's thread goes on.
+    }
+  }
+  HeldRecords(const HeldRecords&) = delete;
+  HeldRecords& operator=(const HeldRecords&) = delete;
+
+ private:
+  ZInternalLogManager& manager_;
+  std::vector<HookedRecord>* previous_;
+  std::vector<HookedRecord> records_;
+};
 
 std::shared_ptr<ZInternalLogManager> ZInternalLogManager::create(ManagerSources sources) {
   std::shared_ptr<ZInternalLogManager> manager(new ZInternalLogManager(std::move(sources)));
@@ -77,7 +138,14 @@ ZInternalLogManager::ZInternalLogManager(ManagerSources sources)
                   ? sources_.worker
                   : std::make_shared<support::SerialQueue>("com.zelvanor.sdk.worker",
                                                            &platform::lowerCurrentThreadPriority)),
-      identityBackoff_(sources_.retryTimings) {}
+      identityBackoff_(sources_.retryTimings) {
+  // The host's last word on collection holds across starts; read before any request can start.
+  if (sources_.settingsStore && !settings().collectionSetByHost.load()) {
+    if (auto stored = sources_.settingsStore->integer(kCollectionKey)) {
+      settings().collectionEnabled.store(*stored != 0);
+    }
+  }
+}
 
 void ZInternalLogManager::postIdentityWork(std::function<void(ZInternalLogManager&)> work) {
   // Under the lock stop() takes: work handed over before it runs before stop returns.
@@ -122,13 +190,13 @@ void ZInternalLogManager::restoreKeptTemplates() {
   }
   tally_.restoredTemplates.fetch_add(kept.size(), std::memory_order_relaxed);
   if (kept.empty()) return;
-  std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
   // The earlier run's file stays until their records are on disk: a kill before then finds the
   // templates again at the next start.
   keptTemplatesTaken_ = true;
   keptTemplatesInFront_ = templates.size();
   queue_.prependTemplates(std::move(templates));
-  if (ready_) resolveTemplatesLocked();
+  if (ready_) resolveTemplatesLocked(lock);
 }
 
 std::vector<std::string> ZInternalLogManager::takeTemplatesToKeep() {
@@ -194,12 +262,7 @@ void ZInternalLogManager::configure(const ZConfiguration& configuration) {
   queue_.setBatchSize(configuration.batchSize);
 
   std::weak_ptr<ZInternalLogManager> weak = weak_from_this();
-  // Identity results are applied on the SDK's worker, whichever thread delivers them.
-  cancellables_.insert(sources_.identity->fetchXid([weak](const ZXid& xid) {
-    if (auto self = weak.lock()) {
-      self->postIdentityWork([xid](ZInternalLogManager& manager) { manager.handleIdentity(xid); });
-    }
-  }));
+  subscribeToIdentity();
 
   fillDefaultAgent();
   postIdentityWork([](ZInternalLogManager& self) { self.scheduleIdentityRetry(); });
@@ -214,6 +277,16 @@ void ZInternalLogManager::configure(const ZConfiguration& configuration) {
         if (auto self = weak.lock()) self->resolveTemplates(ready);
       },
       /*skipCurrent=*/true));
+}
+
+void ZInternalLogManager::subscribeToIdentity() {
+  std::weak_ptr<ZInternalLogManager> weak = weak_from_this();
+  // Identity results are applied on the SDK's worker, whichever thread delivers them.
+  cancellables_.insert(sources_.identity->fetchXid([weak](const ZXid& xid) {
+    if (auto self = weak.lock()) {
+      self->postIdentityWork([xid](ZInternalLogManager& manager) { manager.handleIdentity(xid); });
+    }
+  }));
 }
 
 void ZInternalLogManager::fillDefaultAgent() {
@@ -260,12 +333,13 @@ void ZInternalLogManager::fillDefaultAgent() {
 void ZInternalLogManager::handleIdentity(const ZXid& xid) {
   const HeldDiagnostics held;  // said once mutex_ is released
   {
-    std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
     xid_ = xid;
     ready_ = true;
-    // Templates turn into records before the lock is released, so no event tracked after the
-    // triple arrived can overtake one tracked before.
-    resolveTemplatesLocked();
+    // Templates turn into records before the lock is released (or, while a hook runs, events
+    // tracked meanwhile wait behind them), so none tracked after the triple arrived can
+    // overtake one tracked before.
+    resolveTemplatesLocked(lock);
   }
   readyChanged_.notify_all();
   readySubject_.send(true);
@@ -351,6 +425,8 @@ ZCounters ZInternalLogManager::counters() const {
       .unencodable = tally_.unencodable.load(std::memory_order_relaxed),
       .storageFull = sent.droppedForSpace,
       .unreadable = sent.quarantined + tally_.unreadableTemplates.load(std::memory_order_relaxed),
+      .collectionOff = tally_.collectionOff.load(std::memory_order_relaxed),
+      .beforeSend = tally_.beforeSend.load(std::memory_order_relaxed),
   };
   counters.waitingInMemory = waiting.inMemory;
   counters.waitingOnDisk = waiting.onDisk;
@@ -363,25 +439,33 @@ ZCounters ZInternalLogManager::counters() const {
 void ZInternalLogManager::resolveTemplates(bool ready) {
   const HeldDiagnostics held;  // said once mutex_ is released
   if (!ready) return;
-  std::lock_guard lock(mutex_);
-  resolveTemplatesLocked();
+  std::unique_lock lock(mutex_);
+  resolveTemplatesLocked(lock);
 }
 
-void ZInternalLogManager::resolveTemplatesLocked() {
+void ZInternalLogManager::resolveTemplatesLocked(std::unique_lock<std::mutex>& lock) {
+  const bool hooked = beforeSendSet();
+  resolving_ = hooked;
+  while (resolveTemplatesOnce(lock, hooked) && hooked && queue_.templateCount() > 0) {
+  }
+  resolving_ = false;
+}
+
+bool ZInternalLogManager::resolveTemplatesOnce(std::unique_lock<std::mutex>& lock, bool hooked) {
   std::vector<ZLogTemplate> templates = queue_.takeTemplates();
-  if (templates.empty() && !keptTemplatesTaken_) return;
+  if (templates.empty() && !keptTemplatesTaken_) return false;
   const std::optional<ZCommon> common = commonSubject_.value();
   // Records built from an earlier run's templates reach the store before its file forgets them;
   // this run's templates become records as any track does, behind those.
   const std::size_t kept = std::min(std::exchange(keptTemplatesInFront_, 0), templates.size());
-  std::vector<std::string> fromKept;
-  auto handOverKept = [&] {
-    if (!std::exchange(keptTemplatesTaken_, false)) return;
-    queue_.enqueueFromKeptTemplates(std::exchange(fromKept, {}));
+  const bool keptTaken = std::exchange(keptTemplatesTaken_, false);
+  struct Built {
+    ZLogRecord record;
+    bool fromKept = false;
   };
+  std::vector<Built> built;
+  built.reserve(templates.size());
   for (std::size_t i = 0; i < templates.size(); ++i) {
-    const ZLogTemplate& logTemplate = templates[i];
-    if (i == kept) handOverKept();
     // A template whose context is still incomplete is dropped, as a track would drop it.
     if (!common || !agent_ || !xid_) {
       tally_.incompleteContext.fetch_add(1, std::memory_order_relaxed);
@@ -391,17 +475,143 @@ void ZInternalLogManager::resolveTemplatesLocked() {
                                      " when the identity triple arrived");
       continue;
     }
-    auto record = ZLogRecordBuilder::buildRecordFromTemplate(contextLocked(common), logTemplate);
+    auto record = ZLogRecordBuilder::buildRecordFromTemplate(contextLocked(common), templates[i]);
     if (!record) {
       tally_.noAction.fetch_add(1, std::memory_order_relaxed);
       diagnose(ZLogLevel::error, "waiting event dropped: no action block was set");
-    } else if (i < kept) {
-      if (auto encoded = encodeRecord(*record)) fromKept.push_back(std::move(*encoded));
-    } else {
-      enqueueRecord(*record);
+      continue;
+    }
+    built.push_back(Built{std::move(*record), i < kept});
+  }
+  if (hooked) {
+    // The host's hook never runs under the SDK's lock.
+    const std::uint64_t generation = generation_;
+    lock.unlock();
+    std::erase_if(built, [&](Built& item) { return !passesBeforeSend(item.record); });
+    lock.lock();
+    if (generation != generation_) return false;  // the app's data was deleted meanwhile
+  }
+  std::vector<std::string> fromKept;
+  bool keptHandedOver = !keptTaken;
+  for (const Built& item : built) {
+    if (!item.fromKept && !keptHandedOver) {
+      keptHandedOver = true;
+      queue_.enqueueFromKeptTemplates(std::exchange(fromKept, {}));
+    }
+    if (!item.fromKept) {
+      enqueueRecord(item.record);
+    } else if (auto encoded = encodeRecord(item.record)) {
+      fromKept.push_back(std::move(*encoded));
     }
   }
-  handOverKept();
+  if (!keptHandedOver) queue_.enqueueFromKeptTemplates(std::move(fromKept));
+  return true;
+}
+
+bool ZInternalLogManager::passesBeforeSend(ZLogRecord& record) {
+  const auto hook = currentBeforeSend();
+  if (!hook) return true;
+  bool keep = false;
+  try {
+    const HostCallbackScope hostCode;
+    keep = (*hook)(record);
+  } catch (...) {
+    // A hook that throws cannot have scrubbed the record: it does not leave.
+    keep = false;
+  }
+  if (!keep) {
+    tally_.beforeSend.fetch_add(1, std::memory_order_relaxed);
+    if (diagnosing(ZLogLevel::info)) {
+      diagnose(ZLogLevel::info, "event dropped " + describeAction(record.action) +
+                                    ": the before-send hook refused it");
+    }
+  }
+  return keep;
+}
+
+void ZInternalLogManager::sendHeld(std::vector<HookedRecord> records) {
+  const HeldDiagnostics held;
+  std::vector<std::pair<std::string, std::uint64_t>> encoded;
+  encoded.reserve(records.size());
+  for (HookedRecord& item : records) {
+    if (!passesBeforeSend(item.record)) continue;
+    if (auto bytes = encodeRecord(item.record))
+      encoded.emplace_back(std::move(*bytes), item.generation);
+  }
+  std::lock_guard lock(mutex_);
+  for (auto& [bytes, generation] : encoded) {
+    // Built before the app's data was deleted: it belongs to the identity that was forgotten.
+    if (generation == generation_) queue_.enqueue(std::move(bytes));
+  }
+}
+
+void ZInternalLogManager::dropForCollectionOff() {
+  tally_.collectionOff.fetch_add(1, std::memory_order_relaxed);
+  if (!offSaid_.exchange(true) && diagnosing(ZLogLevel::warning)) {
+    diagnose(ZLogLevel::warning,
+             "collection is off: events are dropped, nothing is sent or written, and records "
+             "waiting stay where they are until it is on again (said once)");
+  }
+}
+
+void ZInternalLogManager::setCollectionEnabled(bool enabled) {
+  const HeldDiagnostics held;
+  const bool was = settings().collectionEnabled.exchange(enabled);
+  if (const auto& store = sources_.settingsStore;
+      store && store->integer(kCollectionKey) != std::optional<std::int64_t>(enabled ? 1 : 0)) {
+    store->setInteger(kCollectionKey, enabled ? 1 : 0);
+  }
+  if (!enabled || was) return;
+  offSaid_.store(false);
+  sources_.transport->resumeSending();
+  postIdentityWork([](ZInternalLogManager& self) {
+    if (self.isReady()) return;
+    self.identityBackoff_.succeeded();
+    self.sources_.identity->retry();
+  });
+  // The common block came while collection was off: its install, update or launch is recorded
+  // now that the host allows it.
+  if (versionCheckSkipped_.exchange(false) && commonSubject_.value()) checkAppVersion();
+}
+
+void ZInternalLogManager::deleteLocalData() {
+  const HeldDiagnostics held;
+  const std::filesystem::path& directory = sources_.dataDirectory;
+  const bool marked = !directory.empty() && local_data::markErasing(directory);
+  // On the worker: identity results already handed over are applied before, and none of them
+  // after; delivery and the store are the worker's own.
+  worker_->sync([&] {
+    {
+      std::lock_guard lock(mutex_);
+      ++generation_;
+      xid_.reset();
+      ready_ = false;
+      queue_.discardAll();
+      keptTemplatesInFront_ = 0;
+      keptTemplatesTaken_ = false;
+    }
+    sources_.transport->deleteLocalData();
+    sources_.identity->forget();
+    if (sources_.settingsStore) local_data::forgetInstall(*sources_.settingsStore);
+    {
+      std::lock_guard lock(installMutex_);
+      installFactsKnown_ = false;
+    }
+    identityBackoff_.succeeded();
+  });
+  if (marked) local_data::unmarkErasing(directory);
+  diagnose(ZLogLevel::info,
+           "local data deleted: records, cookies, the identity triple and the "
+           "install settings are gone");
+  readySubject_.send(false);
+  // A new identity from the sync server (once collection is on), and a fresh install.
+  subscribeToIdentity();
+  postIdentityWork([](ZInternalLogManager& self) { self.scheduleIdentityRetry(); });
+  if (!settings().collectionEnabled.load()) {
+    versionCheckSkipped_.store(true);
+  } else if (commonSubject_.value()) {
+    checkAppVersion();
+  }
 }
 
 void ZInternalLogManager::setDeploymentType(DeploymentType type) {
@@ -511,12 +721,14 @@ RecordContext ZInternalLogManager::contextLocked(std::optional<ZCommon> common) 
 
 void ZInternalLogManager::track(bool verbose, bool disabled) {
   const HeldDiagnostics held;  // said once mutex_ is released
+  const HeldRecords records(*this);
   std::lock_guard lock(mutex_);
   trackLocked(verbose, disabled);
 }
 
 void ZInternalLogManager::track(ZLogTemplate blocks, bool verbose, bool disabled) {
   const HeldDiagnostics held;  // said once mutex_ is released
+  const HeldRecords records(*this);
   std::lock_guard lock(mutex_);
   trackBlocksLocked(std::move(blocks), verbose, disabled);
 }
@@ -529,7 +741,11 @@ void ZInternalLogManager::trackLocked(bool verbose, bool disabled) {
 
 void ZInternalLogManager::trackBlocksLocked(ZLogTemplate blocks, bool verbose, bool disabled) {
   if (!disabled) tally_.tracked.fetch_add(1, std::memory_order_relaxed);
-  if (!ready_) {
+  if (!settings().collectionEnabled.load(std::memory_order_relaxed)) {
+    if (!disabled) dropForCollectionOff();
+    return;
+  }
+  if (!ready_ || resolving_) {
     if (verbose && diagnosing(ZLogLevel::debug)) {
       // A template holds only the event's own blocks: nothing secret.
       if (auto json = encodeJson(blocks, JsonStyle::pretty)) {
@@ -571,7 +787,14 @@ void ZInternalLogManager::trackBlocksLocked(ZLogTemplate blocks, bool verbose, b
       diagnose(ZLogLevel::debug, "record " + describeAction(record->action) + ":\n" + *json);
     }
   }
-  if (!disabled) enqueueRecord(*record);
+  if (disabled) return;
+  if (!beforeSendSet()) {
+    enqueueRecord(*record);
+  } else if (heldHere) {
+    heldHere->push_back(HookedRecord{std::move(*record), generation_});
+  } else if (passesBeforeSend(*record)) {
+    enqueueRecord(*record);  // no path builds records without HeldRecords; kept safe anyway
+  }
 }
 
 std::string ZInternalLogManager::getData() {
@@ -595,12 +818,14 @@ void ZInternalLogManager::trackAppEventLocked(ZApp app, ZAction action) {
 
 void ZInternalLogManager::trackAppLaunch() {
   const HeldDiagnostics held;  // said once mutex_ is released
+  const HeldRecords records(*this);
   std::lock_guard lock(mutex_);
   trackAppEventLocked(ZApp{.appLaunch = true}, appAction("앱실행", "launch"));
 }
 
 void ZInternalLogManager::trackAppBackground() {
   const HeldDiagnostics held;  // said once mutex_ is released
+  const HeldRecords records(*this);
   std::lock_guard lock(mutex_);
   trackAppEventLocked(ZApp{.appExit = true}, appAction("백그라운드", "background"));
 }
@@ -610,6 +835,11 @@ void ZInternalLogManager::checkAppVersion() {
   // Runs within the common block's delivery, and deliveries never overlap, so two host threads
   // setting the common block at once still see one install. The settings file is written
   // outside the manager's lock: other threads' events never wait for the disk.
+  if (!settings().collectionEnabled.load()) {
+    // Nothing is recorded or written while collection is off; done when it is back on.
+    versionCheckSkipped_.store(true);
+    return;
+  }
   const auto& store = sources_.settingsStore;
   const std::optional<std::string> previous =
       store ? store->string("latestAppVersion") : std::nullopt;
@@ -620,19 +850,26 @@ void ZInternalLogManager::checkAppVersion() {
     return;
   }
   if (previous) {
+    const HeldRecords records(*this);
     std::lock_guard lock(mutex_);
     trackAppEventLocked(ZApp{.appUpdate = true}, appAction("앱업데이트", "update"));
   } else {
-    std::call_once(installFactsOnce_, [&] {
-      // The first install's date and timestamp are kept, so every later install event of this
-      // app (a lost settings file aside) reports the same moment.
-      auto storedDate = store ? store->string("appInstalledDate") : std::nullopt;
-      auto storedTimestamp = store ? store->integer("appInstalledTimestamp") : std::nullopt;
-      installDate_ = storedDate ? *storedDate : platform::todayInstallDate();
-      installTimestamp_ = storedTimestamp ? *storedTimestamp : nowInWholeSeconds();
-      if (store && !storedDate) store->setString("appInstalledDate", installDate_);
-      if (store && !storedTimestamp) store->setInteger("appInstalledTimestamp", installTimestamp_);
-    });
+    {
+      std::lock_guard installLock(installMutex_);
+      if (!installFactsKnown_) {
+        // The first install's date and timestamp are kept, so every later install event of this
+        // app (a lost settings file aside) reports the same moment.
+        auto storedDate = store ? store->string("appInstalledDate") : std::nullopt;
+        auto storedTimestamp = store ? store->integer("appInstalledTimestamp") : std::nullopt;
+        installDate_ = storedDate ? *storedDate : platform::todayInstallDate();
+        installTimestamp_ = storedTimestamp ? *storedTimestamp : nowInWholeSeconds();
+        if (store && !storedDate) store->setString("appInstalledDate", installDate_);
+        if (store && !storedTimestamp)
+          store->setInteger("appInstalledTimestamp", installTimestamp_);
+        installFactsKnown_ = true;
+      }
+    }
+    const HeldRecords records(*this);
     std::lock_guard lock(mutex_);
     trackAppEventLocked(ZApp{.appInstall = true,
                              .appLaunch = true,

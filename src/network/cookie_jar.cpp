@@ -140,6 +140,7 @@ std::vector<std::string> CookieJar::lines() {
 
 void CookieJar::save() {
   if (file_.empty()) return;
+  const std::lock_guard lock(fileMutex_);
   std::string content = "# Netscape HTTP Cookie File\n";
   for (const auto& line : lines()) {
     const std::optional<JarLine> cookie = parseJarLine(line);
@@ -147,6 +148,12 @@ void CookieJar::save() {
     content += line + "\n";
   }
   platform::writeWholePrivateAtomically(file_, content);
+}
+
+void CookieJar::clear() {
+  const std::lock_guard lock(fileMutex_);
+  withCookieHandle(share_, [](CURL* easy) { curl_easy_setopt(easy, CURLOPT_COOKIELIST, "ALL"); });
+  if (!file_.empty()) (void)platform::removeFile(file_);
 }
 
 std::vector<Cookie> CookieJar::cookiesFor(const std::string& url) {

@@ -49,6 +49,8 @@ class HttpsDelivery final : public RecordTransport,
   void keepLate(std::string record) override;
   std::vector<std::string> takeKeptTemplates() override;
   void shutdown(std::vector<std::string> unsent, std::vector<std::string> templates) override;
+  void deleteLocalData() override;
+  void resumeSending() override;
 
   /// How long shutdown waits for in-flight answers before cancelling them.
   static constexpr std::chrono::milliseconds kInFlightGrace{200};
@@ -89,7 +91,8 @@ class HttpsDelivery final : public RecordTransport,
     std::shared_ptr<const std::string> bytes;  ///< also the request's body
     std::optional<StoreRef> ref;
     RequestSettings settings;
-    std::uint64_t sentAs = 0;  ///< how many records went out before it
+    std::uint64_t sentAs = 0;      ///< how many records went out before it
+    std::uint64_t generation = 0;  ///< deleteLocalData() calls before it went out
   };
 
   /// Tries again, after `wait`, to take over what open() could not; reports newly found records
@@ -164,6 +167,7 @@ class HttpsDelivery final : public RecordTransport,
   bool retryWhenIdle_ = false;  ///< a retry of kept records waits for disk reads in flight
   bool readingLater_ = false;   ///< a continueReadingLater() turn is queued
   bool networkAvailable_ = true;
+  std::uint64_t generation_ = 0;      ///< one more per deleteLocalData()
   std::uint64_t backlogDropped_ = 0;  ///< kept or spilled records the disk never took
 };
 

@@ -147,6 +147,37 @@ void PendingStore::close() {
   owner_ = false;
 }
 
+void PendingStore::eraseAll() {
+  reader_.close();
+  readerSegment_ = 0;
+  cursorFile_.close();
+  segments_.clear();
+  outstanding_.clear();
+  tailBytes_ = 0;
+  tailRecords_ = 0;
+  tailLeft_ = false;
+  quarantineBytes_ = 0;
+  quarantineBuffer_.clear();
+  readPaused_ = false;
+  cursorSegment_ = 0;
+  cursorOffset_ = 0;
+  cursorFrozen_ = false;
+  droppedQueued_ = 0;
+  takenTemplates_.clear();
+  if (!directory_.empty()) removeFiles(directory_);
+}
+
+void PendingStore::removeFiles(const std::filesystem::path& directory) {
+  for (const std::uint64_t number : segmentNumbers(directory)) {
+    (void)platform::removeFile(directory /
+                               (std::string(kPendingFileName) + "." + std::to_string(number)));
+  }
+  for (const std::string_view name :
+       {kPendingFileName, kTemplatesFileName, kQuarantineFileName, kCursorFileName}) {
+    (void)platform::removeFile(directory / name);
+  }
+}
+
 std::uint64_t PendingStore::countRecords(Segment& segment) {
   PendingFileReader reader;
   segment.records = 0;
