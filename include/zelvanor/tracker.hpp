@@ -135,10 +135,12 @@ class ZELVANOR_API ZelvanorTracker {
   /// Off: track builds and keeps nothing (counted as dropped "collectionOff", said once in the
   /// diagnostics), lifecycle events are not recorded, no request leaves the process and nothing
   /// new is written; records already waiting stay in memory and on disk, untouched, until it is
-  /// on again (or deleteLocalData removes them). Call it first to keep even the first start
-  /// from asking the sync server.
+  /// on again (or deleteLocalData removes them). Does not start the SDK: called before the
+  /// first operation, even the first start asks the sync server nothing, and that start writes
+  /// the switch to the settings file.
   static ZelvanorTracker setCollectionEnabled(bool enabled);
-  /// Whether collection is on.
+  /// Whether collection is on: the host's switch, else (once the SDK has started) the settings
+  /// file's.
   static bool collectionEnabled();
   /// Removes everything the SDK keeps for this app: records in memory and on disk (segments,
   /// cursor, quarantine), kept templates, the cookie jar and the identity triple, and the

@@ -332,15 +332,21 @@ ZelvanorTracker ZelvanorTracker::setStoreLimits(const ZStoreLimits& limits) {
 }
 
 ZelvanorTracker ZelvanorTracker::setCollectionEnabled(bool enabled) {
-  // Before the SDK starts, so that a first start with collection off sends nothing at all.
-  detail::settings().collectionEnabled.store(enabled);
-  detail::settings().collectionSetByHost.store(true);
-  return withShared([&](ZInternalLogManager& m) { m.setCollectionEnabled(enabled); });
+  try {
+    // Not a start of its own: a host switching collection off before its first operation has
+    // not set its facts (the data directory) yet. The next start writes it to the settings file.
+    detail::settings().collectionSetByHost.store(true);
+    if (auto manager = detail::sharedIfRunning()) {
+      manager->setCollectionEnabled(enabled);
+    } else {
+      detail::settings().collectionEnabled.store(enabled);
+    }
+  } catch (...) {
+  }
+  return {};
 }
 
 bool ZelvanorTracker::collectionEnabled() {
-  // A start reads the settings file: the answer is the one in force once the SDK runs.
-  startIfNeeded();
   return detail::settings().collectionEnabled.load();
 }
 

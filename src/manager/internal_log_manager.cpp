@@ -140,8 +140,12 @@ ZInternalLogManager::ZInternalLogManager(ManagerSources sources)
                                                            &platform::lowerCurrentThreadPriority)),
       identityBackoff_(sources_.retryTimings) {
   // The host's last word on collection holds across starts; read before any request can start.
-  if (sources_.settingsStore && !settings().collectionSetByHost.load()) {
-    if (auto stored = sources_.settingsStore->integer(kCollectionKey)) {
+  // A switch the host made before this start is its last word, and is written down now.
+  if (const auto& store = sources_.settingsStore) {
+    if (settings().collectionSetByHost.load()) {
+      const std::int64_t enabled = settings().collectionEnabled.load() ? 1 : 0;
+      if (store->integer(kCollectionKey) != enabled) store->setInteger(kCollectionKey, enabled);
+    } else if (auto stored = store->integer(kCollectionKey)) {
       settings().collectionEnabled.store(*stored != 0);
     }
   }
