@@ -858,6 +858,8 @@ void ZInternalLogManager::checkAppVersion() {
     std::lock_guard lock(mutex_);
     trackAppEventLocked(ZApp{.appUpdate = true}, appAction("앱업데이트", "update"));
   } else {
+    std::string installDate;
+    std::int64_t installTimestamp = 0;
     {
       std::lock_guard installLock(installMutex_);
       if (!installFactsKnown_) {
@@ -872,13 +874,16 @@ void ZInternalLogManager::checkAppVersion() {
           store->setInteger("appInstalledTimestamp", installTimestamp_);
         installFactsKnown_ = true;
       }
+      // Copied under the lock: a deletion of the app's data may reset them meanwhile.
+      installDate = installDate_;
+      installTimestamp = installTimestamp_;
     }
     const HeldRecords records(*this);
     std::lock_guard lock(mutex_);
     trackAppEventLocked(ZApp{.appInstall = true,
                              .appLaunch = true,
-                             .appInstallDate = installDate_,
-                             .appInstallTimestamp = installTimestamp_},
+                             .appInstallDate = installDate,
+                             .appInstallTimestamp = installTimestamp},
                         appAction("앱설치", "install"));
   }
   if (store) store->setString("latestAppVersion", current);
