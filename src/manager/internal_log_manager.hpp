@@ -220,8 +220,8 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   };
   Tally tally_;
   std::condition_variable readyChanged_;  ///< with mutex_
-  std::string installDate_;
-  std::int64_t installTimestamp_ = 0;
+  std::string installDate_;               ///< guarded by installMutex_
+  std::int64_t installTimestamp_ = 0;     ///< guarded by installMutex_
 };
 
 }  // namespace zelvanor::detail
