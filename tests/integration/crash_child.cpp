@@ -24,6 +24,8 @@ int main(int argc, char** argv) {
   ZelvanorTracker::setRequired(ZConfiguration{.timeout = 1, .batchSize = 1})
       .setReachabilityFlags(0);
   if (erase) {
+    std::puts("erasing");
+    std::fflush(stdout);
     ZelvanorTracker::deleteLocalData();
     std::puts("erased");
     std::fflush(stdout);

@@ -2,6 +2,7 @@
 // records every request: the collection switch, deleting the app's data (also with the process
 // killed part way), the before-send hook, and extra headers and a proxy.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -294,9 +295,11 @@ TEST_F(PrivacyTest, HeadersAndProxyGoOnEveryRequestAndBadOnesAreRefused) {
 // (killed before the deletion began) or none of it, never a part it would take for data.
 TEST(PrivacyCrash, KilledWhileDeletingLeavesAllOrNothing) {
   testing::TempDir dir;
-  constexpr int kSegments = 3000;  // many files, so that kills land part way through
+  constexpr int kSegments = 1000;  // many files, so that kills land part way through
   std::mt19937 random(std::random_device{}());
-  std::uniform_int_distribution<int> delayMicros(0, 400000);
+  // The kill moment closes in on where the deletion happens: after a kill that left everything
+  // the next one comes later, after one that left nothing it comes sooner.
+  int earliest = 0, latest = 300000;
   int all = 0, none = 0;
   for (int round = 0; round < 12; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
@@ -313,13 +316,28 @@ TEST(PrivacyCrash, KilledWhileDeletingLeavesAllOrNothing) {
     std::ofstream(app / "settings.json") << R"({"latestAppVersion":"1.0"})"
                                          << "\n";
 
+    int out[2];
+    ASSERT_EQ(::pipe(out), 0);
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
+      ::dup2(out[1], STDOUT_FILENO);
       ::execl(ZELVANOR_CRASH_CHILD, ZELVANOR_CRASH_CHILD, app.c_str(), "erase", nullptr);
       ::_exit(127);
     }
-    std::this_thread::sleep_for(std::chrono::microseconds(delayMicros(random)));
+    ::close(out[1]);
+    // Killed at a random moment after the deletion starts (or, now and then, just before).
+    std::string said;
+    char buffer[64];
+    pollfd ready{out[0], POLLIN, 0};
+    while (said.find("erasing") == std::string::npos && ::poll(&ready, 1, 10000) > 0) {
+      const ssize_t got = ::read(out[0], buffer, sizeof buffer);
+      if (got <= 0) break;
+      said.append(buffer, static_cast<std::size_t>(got));
+    }
+    ::close(out[0]);
+    const int delay = std::uniform_int_distribution<int>(earliest, latest)(random);
+    std::this_thread::sleep_for(std::chrono::microseconds(delay));
     ::kill(child, SIGKILL);
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
@@ -332,9 +350,11 @@ TEST(PrivacyCrash, KilledWhileDeletingLeavesAllOrNothing) {
         slurp(app / "settings.json").find("latestAppVersion") != std::string::npos;
     if (records == kSegments && cookies && installed) {
       ++all;
+      earliest = delay;
     } else {
       EXPECT_FALSE(holdsAppData(app)) << records << " records, cookies " << cookies;
       ++none;
+      latest = delay;
     }
   }
   std::cout << "all kept " << all << ", all gone " << none << "\n";
