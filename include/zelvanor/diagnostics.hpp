@@ -30,6 +30,8 @@ struct ZDropCounts {
   std::uint64_t unencodable = 0;        ///< a value JSON cannot carry (invalid UTF-8, say)
   std::uint64_t storageFull = 0;        ///< the oldest, dropped to stay within the store limits
   std::uint64_t unreadable = 0;         ///< stored by an earlier run, no longer a record
+  std::uint64_t collectionOff = 0;      ///< tracked while collection was switched off
+  std::uint64_t beforeSend = 0;         ///< refused by the host's before-send hook
 };
 
 /// What happened since the SDK started. Without kept records sent again in the same run,

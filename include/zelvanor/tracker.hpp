@@ -130,6 +130,32 @@ class ZELVANOR_API ZelvanorTracker {
   /// What happened to events since the SDK started; all zero while it is not running.
   static ZCounters counters();
 
+  // ----- privacy and control -----------------------------------------------------------------
+  /// Collection on (the default) or off, kept in the settings file so it holds across starts.
+  /// Off: track builds and keeps nothing (counted as dropped "collectionOff", said once in the
+  /// diagnostics), lifecycle events are not recorded, no request leaves the process and nothing
+  /// new is written; records already waiting stay in memory and on disk, untouched, until it is
+  /// on again (or deleteLocalData removes them). Does not start the SDK: called before the
+  /// first operation, even the first start asks the sync server nothing, and that start writes
+  /// the switch to the settings file.
+  static ZelvanorTracker setCollectionEnabled(bool enabled);
+  /// Whether collection is on: the host's switch, else (once the SDK has started) the settings
+  /// file's.
+  static bool collectionEnabled();
+  /// Removes everything the SDK keeps for this app: records in memory and on disk (segments,
+  /// cursor, quarantine), kept templates, the cookie jar and the identity triple, and the
+  /// settings that mark the install and the version (the collection switch stays). The next
+  /// event belongs to a fresh install with a new identity from the sync server. Returns once
+  /// the files are gone, without waiting for the network; a crash part way is finished by the
+  /// next start. Blocks the host set (common, agent, id, ...) stay in memory.
+  static ZelvanorTracker deleteLocalData();
+  /// Called once per record, on the thread that builds it (the SDK's worker for events that
+  /// waited for the identity triple), before it is encoded, with no SDK lock held: it may change
+  /// the record (drop a field, mask an id) or return false to drop it (counted as dropped
+  /// "beforeSend"; a hook that throws drops it too). It may call back into the SDK. Applies to
+  /// records built from now on, across restarts of the SDK; an empty function removes it.
+  static ZelvanorTracker setBeforeSend(std::function<bool(ZLogRecord&)> hook);
+
   // ----- host integration ---------------------------------------------------------------------
   /// Replaces platform facts (bundle id, app version, device, data directory). Call before the
   /// first other operation: the SDK reads them when it starts.

@@ -331,6 +331,37 @@ ZelvanorTracker ZelvanorTracker::setStoreLimits(const ZStoreLimits& limits) {
   return {};
 }
 
+ZelvanorTracker ZelvanorTracker::setCollectionEnabled(bool enabled) {
+  try {
+    // Not a start of its own: a host switching collection off before its first operation has
+    // not set its facts (the data directory) yet. The next start writes it to the settings file.
+    detail::settings().collectionSetByHost.store(true);
+    if (auto manager = detail::sharedIfRunning()) {
+      manager->setCollectionEnabled(enabled);
+    } else {
+      detail::settings().collectionEnabled.store(enabled);
+    }
+  } catch (...) {
+  }
+  return {};
+}
+
+bool ZelvanorTracker::collectionEnabled() {
+  return detail::settings().collectionEnabled.load();
+}
+
+ZelvanorTracker ZelvanorTracker::deleteLocalData() {
+  return withShared([](ZInternalLogManager& m) { m.deleteLocalData(); });
+}
+
+ZelvanorTracker ZelvanorTracker::setBeforeSend(std::function<bool(ZLogRecord&)> hook) {
+  try {
+    detail::setBeforeSendHook(std::move(hook));
+  } catch (...) {
+  }
+  return {};
+}
+
 ZelvanorTracker ZelvanorTracker::setReachabilityFlags(std::uint32_t flags) {
   return withShared([&](ZInternalLogManager&) {
     if (auto monitor = detail::runningNetworkMonitor()) monitor->pushFlags(flags);

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "api/block_registry.hpp"
+#include "support/diagnostics.hpp"
 #include "zelvanor/json.hpp"
 #include "zelvanor/tracker.hpp"
 
@@ -271,12 +272,102 @@ zelvanor_status zelvanor_set_endpoints(const char* production, const char* sandb
       return fail(ZELVANOR_ERROR_INVALID_ARGUMENT,
                   "zelvanor_set_endpoints: production, sandbox and identity_sync are required");
     }
-    const ZEndpoints endpoints{production, sandbox, identity_sync, optionalText(ca_bundle_file)};
+    ZEndpoints endpoints = ZelvanorTracker::endpoints();  // the headers and the proxy stay
+    endpoints.production = production;
+    endpoints.sandbox = sandbox;
+    endpoints.identitySync = identity_sync;
+    endpoints.caBundleFile = optionalText(ca_bundle_file);
     if (!ZelvanorTracker::setEndpoints(endpoints)) {
       return fail(ZELVANOR_ERROR_REJECTED,
                   "zelvanor_set_endpoints: every URL must be an absolute https URL");
     }
     return ZELVANOR_OK;
+  });
+}
+
+zelvanor_status zelvanor_set_request_headers(const char* const* headers, size_t count) {
+  return guarded("zelvanor_set_request_headers", [&] {
+    if (count > 0 && !headers) {
+      return fail(ZELVANOR_ERROR_INVALID_ARGUMENT, "zelvanor_set_request_headers: headers is NULL");
+    }
+    ZEndpoints endpoints = ZelvanorTracker::endpoints();
+    endpoints.headers.clear();
+    for (size_t i = 0; i < count; ++i) {
+      const std::string_view line = headers[i] ? std::string_view(headers[i]) : std::string_view();
+      const auto colon = line.find(':');
+      if (!headers[i] || colon == std::string_view::npos) {
+        return fail(
+            ZELVANOR_ERROR_INVALID_ARGUMENT,
+            "zelvanor_set_request_headers: entry " + std::to_string(i) + " is not \"Name: value\"");
+      }
+      std::string_view value = line.substr(colon + 1);
+      while (!value.empty() && (value.front() == ' ' || value.front() == '\t')) {
+        value.remove_prefix(1);
+      }
+      endpoints.headers.emplace_back(std::string(line.substr(0, colon)), std::string(value));
+    }
+    if (!ZelvanorTracker::setEndpoints(endpoints)) {
+      return fail(ZELVANOR_ERROR_REJECTED,
+                  "zelvanor_set_request_headers: a header the SDK sets itself, a name that is no "
+                  "HTTP token, or a line break");
+    }
+    return ZELVANOR_OK;
+  });
+}
+
+zelvanor_status zelvanor_set_proxy(const char* proxy) {
+  return guarded("zelvanor_set_proxy", [&] {
+    ZEndpoints endpoints = ZelvanorTracker::endpoints();
+    endpoints.proxy = optionalText(proxy);
+    if (!ZelvanorTracker::setEndpoints(endpoints)) {
+      return fail(ZELVANOR_ERROR_REJECTED,
+                  "zelvanor_set_proxy: not \"none\" nor an http, https, socks5 or socks5h URL");
+    }
+    return ZELVANOR_OK;
+  });
+}
+
+void zelvanor_set_collection_enabled(int enabled) {
+  guardedVoid("zelvanor_set_collection_enabled",
+              [&] { ZelvanorTracker::setCollectionEnabled(enabled != 0); });
+}
+
+int zelvanor_collection_enabled(void) {
+  int enabled = 1;
+  guardedVoid("zelvanor_collection_enabled",
+              [&] { enabled = ZelvanorTracker::collectionEnabled() ? 1 : 0; });
+  return enabled;
+}
+
+void zelvanor_delete_local_data(void) {
+  guardedVoid("zelvanor_delete_local_data", [] { ZelvanorTracker::deleteLocalData(); });
+}
+
+void zelvanor_set_before_send(zelvanor_before_send hook, void* user_data) {
+  guardedVoid("zelvanor_set_before_send", [&] {
+    if (!hook) {
+      ZelvanorTracker::setBeforeSend({});
+      return;
+    }
+    ZelvanorTracker::setBeforeSend([hook, user_data](ZLogRecord& record) {
+      auto json = encodeJson(record);
+      if (!json) return false;  // cannot be encoded: it would be dropped anyway
+      char* replacement = nullptr;
+      const int keep = hook(json->c_str(), json->size(), &replacement, user_data);
+      if (!replacement) return keep != 0;
+      const std::string text(replacement);
+      std::free(replacement);
+      if (keep == 0) return false;
+      auto decoded = decodeJson<ZLogRecord>(text);
+      if (!decoded) {
+        detail::diagnose(ZLogLevel::error,
+                         "event dropped: the before-send hook's replacement is no record: " +
+                             decoded.error().describe());
+        return false;
+      }
+      record = std::move(decoded).value();
+      return true;
+    });
   });
 }
 
@@ -402,6 +493,8 @@ zelvanor_status zelvanor_get_counters(zelvanor_counters* counters) {
         .awaiting_answer = now.awaitingAnswer,
         .bytes_on_disk = now.bytesOnDisk,
         .templates_waiting = now.templatesWaiting,
+        .dropped_collection_off = now.dropped.collectionOff,
+        .dropped_before_send = now.dropped.beforeSend,
     };
     return ZELVANOR_OK;
   });

@@ -6,6 +6,7 @@
 
 #include <mutex>
 
+#include "manager/local_data.hpp"
 #include "network/endpoints.hpp"
 #include "network/https_delivery.hpp"
 #include "network/identity_sync.hpp"
@@ -49,13 +50,18 @@ ZStoreLimits storeLimits() {
 ManagerSources makeDefaultSources() {
   const std::filesystem::path dataDirectory = platform::dataDirectory();
   const bool haveDirectory = !dataDirectory.empty();
+  // Before the cookie jar, the settings or the store read anything: what a deletion interrupted
+  // by a crash left behind is not data.
+  local_data::finishInterruptedErase(dataDirectory);
 
   network::HttpClient::Options options;
-  if (haveDirectory) options.cookieJar = dataDirectory / "cookies.txt";
+  if (haveDirectory) options.cookieJar = dataDirectory / local_data::kCookieJarFileName;
   options.caBundle = currentEndpoints().caBundleFile;
-  auto http = std::make_shared<network::HttpClient>(std::move(options));
+  auto http = std::make_shared<network::HttpClient>(std::move(options),
+                                                    [] { return currentRequestUrls()->proxy; });
 
   ManagerSources sources;
+  sources.dataDirectory = dataDirectory;
   sources.worker = std::make_shared<support::SerialQueue>("com.zelvanor.sdk.worker",
                                                           &platform::lowerCurrentThreadPriority);
   sources.storeLimits = storeLimits();
@@ -71,7 +77,7 @@ ManagerSources makeDefaultSources() {
       std::make_shared<ZReachability>(&platform::makeSystemReachabilityFlagSource, sources.worker);
   if (haveDirectory) {
     sources.settingsStore =
-        std::make_shared<platform::SettingsStore>(dataDirectory / "settings.json");
+        std::make_shared<platform::SettingsStore>(dataDirectory / local_data::kSettingsFileName);
   }
   return sources;
 }

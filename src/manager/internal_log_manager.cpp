@@ -6,6 +6,7 @@
 #include <chrono>
 #include <thread>
 
+#include "manager/privacy.hpp"
 #include "model/identifying.hpp"
 #include "platform/platform.hpp"
 #include "support/diagnostics.hpp"
@@ -78,7 +79,18 @@ ZInternalLogManager::ZInternalLogManager(ManagerSources sources)
                   ? sources_.worker
                   : std::make_shared<support::SerialQueue>("com.zelvanor.sdk.worker",
                                                            &platform::lowerCurrentThreadPriority)),
-      identityBackoff_(sources_.retryTimings) {}
+      identityBackoff_(sources_.retryTimings) {
+  // The host's last word on collection holds across starts; read before any request can start.
+  // A switch the host made before this start is its last word, and is written down now.
+  if (const auto& store = sources_.settingsStore) {
+    if (settings().collectionSetByHost.load()) {
+      const std::int64_t enabled = settings().collectionEnabled.load() ? 1 : 0;
+      if (store->integer(kCollectionKey) != enabled) store->setInteger(kCollectionKey, enabled);
+    } else if (auto stored = store->integer(kCollectionKey)) {
+      settings().collectionEnabled.store(*stored != 0);
+    }
+  }
+}
 
 void ZInternalLogManager::postIdentityWork(std::function<void(ZInternalLogManager&)> work) {
   // Under the lock stop() takes: work handed over before it runs before stop returns.
@@ -123,13 +135,13 @@ void ZInternalLogManager::restoreKeptTemplates() {
   }
   tally_.restoredTemplates.fetch_add(kept.size(), std::memory_order_relaxed);
   if (kept.empty()) return;
-  std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
   // The earlier run's file stays until their records are on disk: a kill before then finds the
   // templates again at the next start.
   keptTemplatesTaken_ = true;
   keptTemplatesInFront_ = templates.size();
   queue_.prependTemplates(std::move(templates));
-  if (ready_) resolveTemplatesLocked();
+  if (ready_) resolveTemplatesLocked(lock);
 }
 
 std::vector<std::string> ZInternalLogManager::takeTemplatesToKeep() {
@@ -195,12 +207,7 @@ void ZInternalLogManager::configure(const ZConfiguration& configuration) {
   queue_.setBatchSize(configuration.batchSize);
 
   std::weak_ptr<ZInternalLogManager> weak = weak_from_this();
-  // Identity results are applied on the SDK's worker, whichever thread delivers them.
-  cancellables_.insert(sources_.identity->fetchXid([weak](const ZXid& xid) {
-    if (auto self = weak.lock()) {
-      self->postIdentityWork([xid](ZInternalLogManager& manager) { manager.handleIdentity(xid); });
-    }
-  }));
+  subscribeToIdentity();
 
   fillDefaultAgent();
   postIdentityWork([](ZInternalLogManager& self) { self.scheduleIdentityRetry(); });
@@ -215,6 +222,16 @@ void ZInternalLogManager::configure(const ZConfiguration& configuration) {
         if (auto self = weak.lock()) self->resolveTemplates(ready);
       },
       /*skipCurrent=*/true));
+}
+
+void ZInternalLogManager::subscribeToIdentity() {
+  std::weak_ptr<ZInternalLogManager> weak = weak_from_this();
+  // Identity results are applied on the SDK's worker, whichever thread delivers them.
+  cancellables_.insert(sources_.identity->fetchXid([weak](const ZXid& xid) {
+    if (auto self = weak.lock()) {
+      self->postIdentityWork([xid](ZInternalLogManager& manager) { manager.handleIdentity(xid); });
+    }
+  }));
 }
 
 void ZInternalLogManager::fillDefaultAgent() {
@@ -263,12 +280,13 @@ void ZInternalLogManager::handleIdentity(const ZXid& xid) {
   // Before any record carries it: a collector's answer may echo it.
   hideInDiagnostics({xid.cid, xid.did, xid.sid});
   {
-    std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
     xid_ = xid;
     ready_ = true;
-    // Templates turn into records before the lock is released, so no event tracked after the
-    // triple arrived can overtake one tracked before.
-    resolveTemplatesLocked();
+    // Templates turn into records before the lock is released (or, while a hook runs, events
+    // tracked meanwhile wait behind them), so none tracked after the triple arrived can
+    // overtake one tracked before.
+    resolveTemplatesLocked(lock);
   }
   readyChanged_.notify_all();
   readySubject_.send(true);
@@ -354,6 +372,8 @@ ZCounters ZInternalLogManager::counters() const {
       .unencodable = tally_.unencodable.load(std::memory_order_relaxed),
       .storageFull = sent.droppedForSpace,
       .unreadable = sent.quarantined + tally_.unreadableTemplates.load(std::memory_order_relaxed),
+      .collectionOff = tally_.collectionOff.load(std::memory_order_relaxed),
+      .beforeSend = tally_.beforeSend.load(std::memory_order_relaxed),
   };
   counters.waitingInMemory = waiting.inMemory;
   counters.waitingOnDisk = waiting.onDisk;
@@ -366,25 +386,33 @@ ZCounters ZInternalLogManager::counters() const {
 void ZInternalLogManager::resolveTemplates(bool ready) {
   const HeldDiagnostics held;  // said once mutex_ is released
   if (!ready) return;
-  std::lock_guard lock(mutex_);
-  resolveTemplatesLocked();
+  std::unique_lock lock(mutex_);
+  resolveTemplatesLocked(lock);
 }
 
-void ZInternalLogManager::resolveTemplatesLocked() {
+void ZInternalLogManager::resolveTemplatesLocked(std::unique_lock<std::mutex>& lock) {
+  const bool hooked = beforeSendSet();
+  resolving_ = hooked;
+  while (resolveTemplatesOnce(lock, hooked) && hooked && queue_.templateCount() > 0) {
+  }
+  resolving_ = false;
+}
+
+bool ZInternalLogManager::resolveTemplatesOnce(std::unique_lock<std::mutex>& lock, bool hooked) {
   std::vector<ZLogTemplate> templates = queue_.takeTemplates();
-  if (templates.empty() && !keptTemplatesTaken_) return;
+  if (templates.empty() && !keptTemplatesTaken_) return false;
   const std::optional<ZCommon> common = commonSubject_.value();
   // Records built from an earlier run's templates reach the store before its file forgets them;
   // this run's templates become records as any track does, behind those.
   const std::size_t kept = std::min(std::exchange(keptTemplatesInFront_, 0), templates.size());
-  std::vector<std::string> fromKept;
-  auto handOverKept = [&] {
-    if (!std::exchange(keptTemplatesTaken_, false)) return;
-    queue_.enqueueFromKeptTemplates(std::exchange(fromKept, {}));
+  const bool keptTaken = std::exchange(keptTemplatesTaken_, false);
+  struct Built {
+    ZLogRecord record;
+    bool fromKept = false;
   };
+  std::vector<Built> built;
+  built.reserve(templates.size());
   for (std::size_t i = 0; i < templates.size(); ++i) {
-    const ZLogTemplate& logTemplate = templates[i];
-    if (i == kept) handOverKept();
     // A template whose context is still incomplete is dropped, as a track would drop it.
     if (!common || !agent_ || !xid_) {
       tally_.incompleteContext.fetch_add(1, std::memory_order_relaxed);
@@ -394,17 +422,37 @@ void ZInternalLogManager::resolveTemplatesLocked() {
                                      " when the identity triple arrived");
       continue;
     }
-    auto record = ZLogRecordBuilder::buildRecordFromTemplate(contextLocked(common), logTemplate);
+    auto record = ZLogRecordBuilder::buildRecordFromTemplate(contextLocked(common), templates[i]);
     if (!record) {
       tally_.noAction.fetch_add(1, std::memory_order_relaxed);
       diagnose(ZLogLevel::error, "waiting event dropped: no action block was set");
-    } else if (i < kept) {
-      if (auto encoded = encodeRecord(*record)) fromKept.push_back(std::move(*encoded));
-    } else {
-      enqueueRecord(*record);
+      continue;
+    }
+    built.push_back(Built{std::move(*record), i < kept});
+  }
+  if (hooked) {
+    // The host's hook never runs under the SDK's lock.
+    const std::uint64_t generation = generation_;
+    lock.unlock();
+    std::erase_if(built, [&](Built& item) { return !passesBeforeSend(item.record); });
+    lock.lock();
+    if (generation != generation_) return false;  // the app's data was deleted meanwhile
+  }
+  std::vector<std::string> fromKept;
+  bool keptHandedOver = !keptTaken;
+  for (const Built& item : built) {
+    if (!item.fromKept && !keptHandedOver) {
+      keptHandedOver = true;
+      queue_.enqueueFromKeptTemplates(std::exchange(fromKept, {}));
+    }
+    if (!item.fromKept) {
+      enqueueRecord(item.record);
+    } else if (auto encoded = encodeRecord(item.record)) {
+      fromKept.push_back(std::move(*encoded));
     }
   }
-  handOverKept();
+  if (!keptHandedOver) queue_.enqueueFromKeptTemplates(std::move(fromKept));
+  return true;
 }
 
 void ZInternalLogManager::setDeploymentType(DeploymentType type) {
@@ -515,12 +563,14 @@ RecordContext ZInternalLogManager::contextLocked(std::optional<ZCommon> common) 
 
 void ZInternalLogManager::track(bool verbose, bool disabled) {
   const HeldDiagnostics held;  // said once mutex_ is released
+  const HeldRecords records(*this);
   std::lock_guard lock(mutex_);
   trackLocked(verbose, disabled);
 }
 
 void ZInternalLogManager::track(ZLogTemplate blocks, bool verbose, bool disabled) {
   const HeldDiagnostics held;  // said once mutex_ is released
+  const HeldRecords records(*this);
   std::lock_guard lock(mutex_);
   trackBlocksLocked(std::move(blocks), verbose, disabled);
 }
@@ -533,7 +583,11 @@ void ZInternalLogManager::trackLocked(bool verbose, bool disabled) {
 
 void ZInternalLogManager::trackBlocksLocked(ZLogTemplate blocks, bool verbose, bool disabled) {
   if (!disabled) tally_.tracked.fetch_add(1, std::memory_order_relaxed);
-  if (!ready_) {
+  if (!settings().collectionEnabled.load(std::memory_order_relaxed)) {
+    if (!disabled) dropForCollectionOff();
+    return;
+  }
+  if (!ready_ || resolving_) {
     if (verbose && diagnosing(ZLogLevel::debug)) {
       // A template holds only the event's own blocks: nothing secret.
       if (auto json = encodeJson(blocks, JsonStyle::pretty)) {
@@ -575,7 +629,14 @@ void ZInternalLogManager::trackBlocksLocked(ZLogTemplate blocks, bool verbose, b
       diagnose(ZLogLevel::debug, "record " + describeAction(record->action) + ":\n" + *json);
     }
   }
-  if (!disabled) enqueueRecord(*record);
+  if (disabled) return;
+  if (!beforeSendSet()) {
+    enqueueRecord(*record);
+  } else if (heldRecordsHere()) {
+    heldRecordsHere()->push_back(HookedRecord{std::move(*record), generation_});
+  } else if (passesBeforeSend(*record)) {
+    enqueueRecord(*record);  // no path builds records without HeldRecords; kept safe anyway
+  }
 }
 
 std::string ZInternalLogManager::getData() {
@@ -599,12 +660,14 @@ void ZInternalLogManager::trackAppEventLocked(ZApp app, ZAction action) {
 
 void ZInternalLogManager::trackAppLaunch() {
   const HeldDiagnostics held;  // said once mutex_ is released
+  const HeldRecords records(*this);
   std::lock_guard lock(mutex_);
   trackAppEventLocked(ZApp{.appLaunch = true}, appAction("앱실행", "launch"));
 }
 
 void ZInternalLogManager::trackAppBackground() {
   const HeldDiagnostics held;  // said once mutex_ is released
+  const HeldRecords records(*this);
   std::lock_guard lock(mutex_);
   trackAppEventLocked(ZApp{.appExit = true}, appAction("백그라운드", "background"));
 }
@@ -614,6 +677,11 @@ void ZInternalLogManager::checkAppVersion() {
   // Runs within the common block's delivery, and deliveries never overlap, so two host threads
   // setting the common block at once still see one install. The settings file is written
   // outside the manager's lock: other threads' events never wait for the disk.
+  if (!settings().collectionEnabled.load()) {
+    // Nothing is recorded or written while collection is off; done when it is back on.
+    versionCheckSkipped_.store(true);
+    return;
+  }
   const auto& store = sources_.settingsStore;
   const std::optional<std::string> previous =
       store ? store->string("latestAppVersion") : std::nullopt;
@@ -624,24 +692,36 @@ void ZInternalLogManager::checkAppVersion() {
     return;
   }
   if (previous) {
+    const HeldRecords records(*this);
     std::lock_guard lock(mutex_);
     trackAppEventLocked(ZApp{.appUpdate = true}, appAction("앱업데이트", "update"));
   } else {
-    std::call_once(installFactsOnce_, [&] {
-      // The first install's date and timestamp are kept, so every later install event of this
-      // app (a lost settings file aside) reports the same moment.
-      auto storedDate = store ? store->string("appInstalledDate") : std::nullopt;
-      auto storedTimestamp = store ? store->integer("appInstalledTimestamp") : std::nullopt;
-      installDate_ = storedDate ? *storedDate : platform::todayInstallDate();
-      installTimestamp_ = storedTimestamp ? *storedTimestamp : nowInWholeSeconds();
-      if (store && !storedDate) store->setString("appInstalledDate", installDate_);
-      if (store && !storedTimestamp) store->setInteger("appInstalledTimestamp", installTimestamp_);
-    });
+    std::string installDate;
+    std::int64_t installTimestamp = 0;
+    {
+      std::lock_guard installLock(installMutex_);
+      if (!installFactsKnown_) {
+        // The first install's date and timestamp are kept, so every later install event of this
+        // app (a lost settings file aside) reports the same moment.
+        auto storedDate = store ? store->string("appInstalledDate") : std::nullopt;
+        auto storedTimestamp = store ? store->integer("appInstalledTimestamp") : std::nullopt;
+        installDate_ = storedDate ? *storedDate : platform::todayInstallDate();
+        installTimestamp_ = storedTimestamp ? *storedTimestamp : nowInWholeSeconds();
+        if (store && !storedDate) store->setString("appInstalledDate", installDate_);
+        if (store && !storedTimestamp)
+          store->setInteger("appInstalledTimestamp", installTimestamp_);
+        installFactsKnown_ = true;
+      }
+      // Copied under the lock: a deletion of the app's data may reset them meanwhile.
+      installDate = installDate_;
+      installTimestamp = installTimestamp_;
+    }
+    const HeldRecords records(*this);
     std::lock_guard lock(mutex_);
     trackAppEventLocked(ZApp{.appInstall = true,
                              .appLaunch = true,
-                             .appInstallDate = installDate_,
-                             .appInstallTimestamp = installTimestamp_},
+                             .appInstallDate = installDate,
+                             .appInstallTimestamp = installTimestamp},
                         appAction("앱설치", "install"));
   }
   if (store) store->setString("latestAppVersion", current);

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -45,7 +46,15 @@ struct ManagerSources {
   /// The SDK's one worker, shared with the transport and reachability; null gives the manager a
   /// worker of its own.
   std::shared_ptr<support::SerialQueue> worker{};
+  /// Where the store, the cookie jar and the settings live (empty: nowhere); deleteLocalData
+  /// marks its work there so that a crash part way cannot leave half of it.
+  std::filesystem::path dataDirectory{};
 };
+
+/// The host's before-send hook, process-wide (it outlives a shutdown, so a restarted SDK never
+/// sends a record the host meant to scrub); an empty function removes it.
+using BeforeSendHook = std::function<bool(ZLogRecord&)>;
+void setBeforeSendHook(BeforeSendHook hook);
 
 class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogManager> {
  public:
@@ -82,6 +91,13 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   void appendViewImpressionContents(std::vector<ZViewImpressionContent> values);
 
   void track(bool verbose, bool disabled);
+  /// Collection on or off, kept in the settings file. Off: tracks build and keep nothing,
+  /// lifecycle events are not recorded, nothing is sent; what waits stays where it is.
+  void setCollectionEnabled(bool enabled);
+  /// Removes the records in memory and on disk, the kept templates, the cookies and the identity
+  /// triple, and the install and version settings; a new triple is asked for (collection on)
+  /// and the next common block records a fresh install. Returns once the files are gone.
+  void deleteLocalData();
   /// Tracks blocks the caller holds (a host's ZEvent) as track() tracks the builder's, under the
   /// same lock and with the same context; the builder is left alone.
   void track(ZLogTemplate blocks, bool verbose, bool disabled);
@@ -89,6 +105,12 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
 
   void trackAppLaunch();
   void trackAppBackground();
+
+  /// Records built under the lock, held per thread until it is released (see HeldRecords).
+  struct HookedRecord {
+    ZLogRecord record;
+    std::uint64_t generation = 0;
+  };
 
   ZLogRecordQueue& queue() noexcept { return queue_; }
   ZSDK sdk() const;
@@ -119,6 +141,15 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   explicit ZInternalLogManager(ManagerSources sources);
   void subscribeToLifecycle();
   void restoreKeptTemplates();
+  /// Asks the identity source for the triple; each one that arrives is applied on the worker.
+  void subscribeToIdentity();
+  class HeldRecords;
+  /// Runs the before-send hook on each (no lock held), then queues those it kept, in order.
+  void sendHeld(std::vector<HookedRecord> records);
+  /// The hook's verdict (true without a hook); counts and says a drop. No lock may be held.
+  bool passesBeforeSend(ZLogRecord& record);
+  /// Drops an event because collection is off: counted, and said once per off period.
+  void dropForCollectionOff();
   /// While no triple is known, the sync server is asked again on a back-off.
   void scheduleIdentityRetry();
   void enqueueRecord(const ZLogRecord& record);
@@ -128,7 +159,10 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   void resolveTemplates(bool ready);
   /// Hands identity work to the worker unless stop() has begun.
   void postIdentityWork(std::function<void(ZInternalLogManager&)> work);
-  void resolveTemplatesLocked();
+  void resolveTemplatesLocked(std::unique_lock<std::mutex>& lock);
+  /// One pass over the templates waiting; false when there were none (or data was deleted
+  /// while the hook ran). With a hook the lock is released while it runs.
+  bool resolveTemplatesOnce(std::unique_lock<std::mutex>& lock, bool hooked);
   void fillDefaultAgent();
   void checkAppVersion();
   void trackLocked(bool verbose, bool disabled);
@@ -155,7 +189,16 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   const std::shared_ptr<support::SerialQueue> worker_;
   std::mutex stopMutex_;
   bool stopped_ = false;  ///< guarded by stopMutex_: no identity work is handed over any more
-  std::once_flag installFactsOnce_;
+  std::mutex installMutex_;
+  bool installFactsKnown_ = false;  ///< guarded by installMutex_
+  /// Guarded by mutex_: one more per deleteLocalData; a record built before it is not queued.
+  std::uint64_t generation_ = 0;
+  /// Guarded by mutex_: templates are becoming records with the lock released (a hook runs);
+  /// events tracked meanwhile wait as templates behind them.
+  bool resolving_ = false;
+  /// The common block's install/update/launch check was skipped while collection was off.
+  std::atomic<bool> versionCheckSkipped_{false};
+  std::atomic<bool> offSaid_{false};        ///< "collection off" said in this off period
   support::RetrySchedule identityBackoff_;  ///< worker only
   bool identityRetryScheduled_ = false;     ///< worker only
   bool lastOnline_ = true;                  ///< guarded by mutex_
@@ -172,11 +215,13 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
     std::atomic<std::uint64_t> unencodable{0};
     std::atomic<std::uint64_t> restoredTemplates{0};
     std::atomic<std::uint64_t> unreadableTemplates{0};
+    std::atomic<std::uint64_t> collectionOff{0};
+    std::atomic<std::uint64_t> beforeSend{0};
   };
   Tally tally_;
   std::condition_variable readyChanged_;  ///< with mutex_
-  std::string installDate_;
-  std::int64_t installTimestamp_ = 0;
+  std::string installDate_;               ///< guarded by installMutex_
+  std::int64_t installTimestamp_ = 0;     ///< guarded by installMutex_
 };
 
 }  // namespace zelvanor::detail

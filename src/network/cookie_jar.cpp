@@ -140,13 +140,27 @@ std::vector<std::string> CookieJar::lines() {
 
 void CookieJar::save() {
   if (file_.empty()) return;
+  const std::lock_guard lock(fileMutex_);
   std::string content = "# Netscape HTTP Cookie File\n";
+  bool any = false;
   for (const auto& line : lines()) {
     const std::optional<JarLine> cookie = parseJarLine(line);
     if (cookie && cookie->expires == 0) continue;
     content += line + "\n";
+    any = true;
+  }
+  // No cookie, no file: after a deletion of the app's data nothing says there ever was one.
+  if (!any) {
+    (void)platform::removeFile(file_);
+    return;
   }
   platform::writeWholePrivateAtomically(file_, content);
+}
+
+void CookieJar::clear() {
+  const std::lock_guard lock(fileMutex_);
+  withCookieHandle(share_, [](CURL* easy) { curl_easy_setopt(easy, CURLOPT_COOKIELIST, "ALL"); });
+  if (!file_.empty()) (void)platform::removeFile(file_);
 }
 
 std::vector<Cookie> CookieJar::cookiesFor(const std::string& url) {

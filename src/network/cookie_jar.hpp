@@ -7,6 +7,7 @@
 #include <curl/curl.h>
 
 #include <filesystem>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,6 +29,9 @@ class CookieJar {
   void load();
   /// Replaces the jar file with the engine's dated cookies (0600, atomically).
   void save();
+  /// Empties the engine and removes the jar file. A save racing with it cannot bring the file
+  /// back with the cookies it read before.
+  void clear();
   /// The cookies the engine would send to `url` (domain, path, secure and expiry matched), in
   /// engine order. Any thread: the share handle's locks guard the engine.
   std::vector<Cookie> cookiesFor(const std::string& url);
@@ -41,6 +45,7 @@ class CookieJar {
 
   CURLSH* const share_;
   const std::filesystem::path file_;
+  std::mutex fileMutex_;  ///< a save and a clear take turns
 };
 
 }  // namespace zelvanor::network

@@ -2,6 +2,9 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
+#include <array>
+#include <cctype>
 #include <memory>
 #include <mutex>
 
@@ -52,6 +55,55 @@ bool isHttpsUrl(const std::string& url) {
   return https && hasHost;
 }
 
+bool sameName(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return std::tolower(static_cast<unsigned char>(x)) ==
+                  std::tolower(static_cast<unsigned char>(y));
+         });
+}
+
+// Headers the SDK or libcurl sets for the request to mean what it means: a host's value would
+// change the body's framing, the identity cookies or the proxy's credentials.
+bool isOwnHeader(std::string_view name) {
+  static constexpr std::array<std::string_view, 8> kOwn = {
+      "Host",   "Content-Type",      "Content-Length", "Cookie",
+      "Expect", "Transfer-Encoding", "Connection",     "Proxy-Authorization"};
+  return std::any_of(kOwn.begin(), kOwn.end(),
+                     [&](std::string_view own) { return sameName(own, name); });
+}
+
+bool isToken(std::string_view name) {
+  constexpr std::string_view kSpecials = "!#$%&'*+-.^_`|~";
+  return !name.empty() && std::all_of(name.begin(), name.end(), [&](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) || kSpecials.find(c) != kSpecials.npos;
+  });
+}
+
+bool isHeaderValue(std::string_view value) {
+  return value.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
+}
+
+/// "" for "none", the URL itself for an http(s) or SOCKS5 proxy URL with a host.
+std::optional<std::string> checkedProxy(const std::string& proxy) {
+  if (proxy == "none") return std::string();
+  std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> handle(curl_url(), &curl_url_cleanup);
+  if (!handle || curl_url_set(handle.get(), CURLUPART_URL, proxy.c_str(),
+                              CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK) {
+    return std::nullopt;
+  }
+  char* scheme = nullptr;
+  if (curl_url_get(handle.get(), CURLUPART_SCHEME, &scheme, 0) != CURLUE_OK) return std::nullopt;
+  const std::string_view given(scheme);
+  const bool known = given == "http" || given == "https" || given == "socks5" || given == "socks5h";
+  curl_free(scheme);
+  char* host = nullptr;
+  if (curl_url_get(handle.get(), CURLUPART_HOST, &host, 0) != CURLUE_OK) return std::nullopt;
+  const bool hasHost = host[0] != '\0';
+  curl_free(host);
+  if (!known || !hasHost) return std::nullopt;
+  return proxy;
+}
+
 std::optional<RequestUrls> joinRequestUrls(const ZEndpoints& endpoints) {
   struct Join {
     const std::string& base;
@@ -67,6 +119,14 @@ std::optional<RequestUrls> joinRequestUrls(const ZEndpoints& endpoints) {
     auto joined = joinHttpsUrl(join.base, join.path);
     if (!joined) return std::nullopt;
     join.url = std::move(*joined);
+  }
+  for (const auto& [name, value] : endpoints.headers) {
+    if (!isToken(name) || isOwnHeader(name) || !isHeaderValue(value)) return std::nullopt;
+  }
+  urls.headers = endpoints.headers;
+  if (endpoints.proxy) {
+    urls.proxy = checkedProxy(*endpoints.proxy);
+    if (!urls.proxy) return std::nullopt;
   }
   return urls;
 }

@@ -12,16 +12,20 @@ RequestSettings RequestSettings::current() noexcept {
 }
 
 std::string ZHttpApi::endpoint(const RequestSettings& taken) const {
-  const auto urls = currentRequestUrls();
+  return endpoint(taken, *currentRequestUrls());
+}
+
+std::string ZHttpApi::endpoint(const RequestSettings& taken, const RequestUrls& urls) const {
   if (!std::holds_alternative<std::monostate>(intent_)) {
-    return taken.sandbox ? urls->sandboxTrack : urls->track;
+    return taken.sandbox ? urls.sandboxTrack : urls.track;
   }
-  return urls->identitySync;
+  return urls.identitySync;
 }
 
 network::HttpRequest ZHttpApi::urlRequest(const RequestSettings& taken) const {
+  const auto urls = currentRequestUrls();
   network::HttpRequest request;
-  request.url = endpoint(taken);
+  request.url = endpoint(taken, *urls);
   request.timeoutSeconds = taken.timeoutSeconds;
   if (const auto* log = std::get_if<RecordPtr>(&intent_)) {
     request.method = "POST";
@@ -40,6 +44,8 @@ network::HttpRequest ZHttpApi::urlRequest(const RequestSettings& taken) const {
   } else {
     request.method = "GET";
   }
+  // The host's own headers go after the SDK's, which they can never replace (checked when set).
+  request.headers.insert(request.headers.end(), urls->headers.begin(), urls->headers.end());
   return request;
 }
 

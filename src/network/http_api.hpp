@@ -6,6 +6,7 @@
 #include <string>
 #include <variant>
 
+#include "network/endpoints.hpp"
 #include "network/http_client.hpp"
 #include "queue/record_transport.hpp"
 #include "zelvanor/record.hpp"
@@ -41,6 +42,7 @@ class ZHttpApi {
   /// joined and checked when they were set.
   std::string endpoint() const { return endpoint(RequestSettings::current()); }
   std::string endpoint(const RequestSettings& settings) const;
+  std::string endpoint(const RequestSettings& settings, const RequestUrls& urls) const;
   /// The request with the configured timeout. A record that cannot be encoded logs the console
   /// line and the request goes without a body.
   network::HttpRequest urlRequest() const { return urlRequest(RequestSettings::current()); }

@@ -117,8 +117,11 @@ std::optional<std::chrono::seconds> retryAfterOf(CURL* easy) {
 }  // namespace
 
 struct HttpClient::Impl {
-  explicit Impl(Options options)
-      : options(std::move(options)), share(newShare()), cookies(share, this->options.cookieJar) {
+  Impl(Options options, ProxyChoice proxyChoice)
+      : options(std::move(options)),
+        proxyChoice(std::move(proxyChoice)),
+        share(newShare()),
+        cookies(share, this->options.cookieJar) {
     curl_share_setopt(share, CURLSHOPT_LOCKFUNC, &Impl::lockShare);
     curl_share_setopt(share, CURLSHOPT_UNLOCKFUNC, &Impl::unlockShare);
     curl_share_setopt(share, CURLSHOPT_USERDATA, this);
@@ -164,6 +167,17 @@ struct HttpClient::Impl {
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, &transfer);
     if (options.caBundle) curl_easy_setopt(easy, CURLOPT_CAINFO, options.caBundle->c_str());
     curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, timeoutMilliseconds(request.timeoutSeconds));
+    if (const std::optional<std::string> proxy =
+            proxyChoice ? proxyChoice() : std::optional<std::string>()) {
+      // An empty CURLOPT_PROXY turns the environment's proxy off; "*" in CURLOPT_NOPROXY makes
+      // sure no_proxy cannot turn it back on. A host's own proxy takes every host, so no_proxy
+      // is emptied too: the host chose this proxy for the SDK's requests.
+      curl_easy_setopt(easy, CURLOPT_PROXY, proxy->c_str());
+      curl_easy_setopt(easy, CURLOPT_NOPROXY, proxy->empty() ? "*" : "");
+      if (!proxy->empty() && options.caBundle) {
+        curl_easy_setopt(easy, CURLOPT_PROXY_CAINFO, options.caBundle->c_str());
+      }
+    }
 #if LIBCURL_VERSION_NUM >= 0x075700
     // A name lookup still running when a transfer ends (timeout, shutdown, exit) is left to
     // finish on its own instead of being waited for, so exit never stalls on a slow resolver.
@@ -322,6 +336,7 @@ struct HttpClient::Impl {
 
   static constexpr size_t kShareLocks = 8;
   const Options options;
+  const ProxyChoice proxyChoice;
   const std::string emptyBody;
   CURLSH* share = nullptr;
   CookieJar cookies;  // on the share handle's cookie engine
@@ -336,7 +351,8 @@ struct HttpClient::Impl {
   std::thread worker;
 };
 
-HttpClient::HttpClient(Options options) : impl_(std::make_unique<Impl>(std::move(options))) {}
+HttpClient::HttpClient(Options options, ProxyChoice proxy)
+    : impl_(std::make_unique<Impl>(std::move(options), std::move(proxy))) {}
 
 HttpClient::~HttpClient() = default;
 
@@ -351,6 +367,10 @@ void HttpClient::shutdown() {
 std::size_t HttpClient::inFlight() const {
   std::lock_guard lock(impl_->mutex);
   return impl_->pending;
+}
+
+void HttpClient::clearCookies() {
+  impl_->cookies.clear();
 }
 
 std::vector<Cookie> HttpClient::cookiesFor(const std::string& url) {

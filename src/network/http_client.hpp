@@ -72,6 +72,11 @@ using HttpOutcome = std::variant<HttpResponse, TransportError>;
 
 class HttpClient {
  public:
+  /// The proxy a request takes: absent, the environment's settings apply; empty, no proxy at
+  /// all; else the proxy's URL (http, https, socks5, socks5h), used for every host. Read as each
+  /// request starts; the SDK's reads the endpoints in force.
+  using ProxyChoice = std::function<std::optional<std::string>()>;
+
   struct Options {
     std::filesystem::path cookieJar;      ///< empty: cookies live in memory only
     std::optional<std::string> caBundle;  ///< extra trusted roots (PEM file)
@@ -80,7 +85,8 @@ class HttpClient {
   /// Connections kept to one host; requests beyond them wait for a free one.
   static constexpr long kMaxConnectionsPerHost = 8;
 
-  explicit HttpClient(Options options);
+  /// `proxy` empty: the environment decides for every request.
+  explicit HttpClient(Options options, ProxyChoice proxy = {});
   ~HttpClient();
   HttpClient(const HttpClient&) = delete;
   HttpClient& operator=(const HttpClient&) = delete;
@@ -91,6 +97,8 @@ class HttpClient {
   /// The cookies the store would send to `url` (domain, path, secure and expiry matched), in
   /// store order. Any thread.
   std::vector<Cookie> cookiesFor(const std::string& url);
+  /// Forgets every cookie, in memory and in the jar file. Any thread.
+  void clearCookies();
   /// Cancels what is in flight (each gets a TransportError before this returns), saves the
   /// cookie jar and ends the thread. Idempotent.
   void shutdown();

@@ -9,6 +9,7 @@
 #include "platform/file_ops.hpp"
 #include "queue/pending_frames.hpp"
 #include "support/diagnostics.hpp"
+#include "support/settings.hpp"
 #include "zelvanor/json.hpp"
 
 namespace zelvanor::detail {
@@ -326,6 +327,8 @@ void HttpsDelivery::startWaiting() {
   while (!stopped_.load() && inFlight_ < kMaxInFlight && !waiting_.empty()) {
     // Backing off: nothing goes out until the wait ends, and then one alone.
     if (backoff_.waiting() || (probing_ && inFlight_ > 0)) break;
+    // Collection off: everything stays where it is until it is back on (resumeSending).
+    if (!settings().collectionEnabled.load(std::memory_order_relaxed)) break;
     Waiting& front = waiting_.front();
     const RequestSettings settings = front.settings;
     Next record;
@@ -356,6 +359,7 @@ void HttpsDelivery::startWaiting() {
     }
     auto request = ZHttpApi::trackEncoded(record.bytes).urlRequest(settings);
     record.sentAs = sentCount_++;
+    record.generation = generation_;
     ++inFlight_;
     std::weak_ptr<HttpsDelivery> weak = weak_from_this();
     http_->send(std::move(request),
@@ -430,6 +434,13 @@ void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
   const auto* response = std::get_if<network::HttpResponse>(&outcome);
   const bool comeBackLater = response && meansComeBackLater(*response);
   const bool redirected = response && isRedirect(*response);
+  if (record.generation != generation_ && !(response && !comeBackLater && !redirected)) {
+    // Sent before the app's data was deleted: nothing of it is kept or sent again.
+    settle(1, true);
+    startWaiting();
+    notifyQueue();
+    return;
+  }
   if (response && !redirected) redirectReported_ = false;
   if (redirected && !stopped_.load()) {
     // Said once, not for every record: every request gets the same answer until it is fixed.
@@ -769,6 +780,51 @@ void HttpsDelivery::shutdown(std::vector<std::string> unsent, std::vector<std::s
     lateDone_.notify_all();
   });
   worker_->stop();
+}
+
+void HttpsDelivery::deleteLocalData() {
+  worker_->sync([this] {
+    std::uint64_t viaNetwork = 0;
+    std::uint64_t kept = 0;
+    {
+      std::lock_guard lock(mutex_);
+      if (stopped_.load()) return;
+      for (auto& command : inbox_) {
+        if (const auto* sendCommand = std::get_if<SendCommand>(&command)) {
+          const std::uint64_t count = sendCommand->fromDisk + sendCommand->records.size();
+          (sendCommand->networkAvailable ? viaNetwork : kept) += count;
+        }
+      }
+      inbox_.clear();
+    }
+    for (const Waiting& item : waiting_) viaNetwork += item.fromDisk > 0 ? item.fromDisk : 1;
+    waiting_.clear();
+    spillBacklog_.clear();
+    keepBacklog_.clear();
+    cancelled_.clear();
+    keptToRetry_ = false;
+    retryWhenIdle_ = false;
+    droppedToReport_ = 0;
+    // Answers for requests already out find a newer generation: they keep nothing.
+    ++generation_;
+    store_.eraseAll();
+    bytesOnDisk_.store(store_.bytesOnDisk());
+    settle(viaNetwork, true);
+    settle(kept, false);
+  });
+  notifyQueue();
+}
+
+void HttpsDelivery::resumeSending() {
+  worker_->async([weak = weak_from_this()] {
+    auto self = weak.lock();
+    if (!self || self->stopped_.load()) return;
+    if (self->keptToRetry_ && !self->backoff_.waiting() && self->networkAvailable_) {
+      self->retryKept();
+    }
+    self->startWaiting();
+    self->notifyQueue();
+  });
 }
 
 HttpsDelivery::Counts HttpsDelivery::counts() const {

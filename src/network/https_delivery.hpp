@@ -50,6 +50,8 @@ class HttpsDelivery final : public RecordTransport,
   void keepLate(std::string record) override;
   std::vector<std::string> takeKeptTemplates() override;
   void shutdown(std::vector<std::string> unsent, std::vector<std::string> templates) override;
+  void deleteLocalData() override;
+  void resumeSending() override;
 
   /// How long shutdown waits for in-flight answers before cancelling them.
   static constexpr std::chrono::milliseconds kInFlightGrace{200};
@@ -91,7 +93,8 @@ class HttpsDelivery final : public RecordTransport,
     std::shared_ptr<const std::string> bytes;  ///< also the request's body
     std::optional<StoreRef> ref;
     RequestSettings settings;
-    std::uint64_t sentAs = 0;  ///< how many records went out before it
+    std::uint64_t sentAs = 0;      ///< how many records went out before it
+    std::uint64_t generation = 0;  ///< deleteLocalData() calls before it went out
   };
 
   /// Tries again, after `wait`, to take over what open() could not; reports newly found records
@@ -175,6 +178,7 @@ class HttpsDelivery final : public RecordTransport,
   bool networkAvailable_ = true;
   bool roomFreed_ = false;            ///< answers freed room since the queue was last told
   bool redirectReported_ = false;     ///< said once until the collector answers otherwise
+  std::uint64_t generation_ = 0;      ///< one more per deleteLocalData()
   std::uint64_t backlogDropped_ = 0;  ///< kept or spilled records the disk never took
   // A long offline spell drops the oldest again and again: said once, then with a count at most
   // every kDropLinesEvery and at shutdown, not one line per record.

@@ -5,6 +5,7 @@
 
 #include "network/http_api.hpp"
 #include "support/diagnostics.hpp"
+#include "support/settings.hpp"
 #include "zelvanor/json.hpp"
 
 namespace zelvanor::detail {
@@ -38,13 +39,22 @@ support::Cancellable IdentitySync::fetchXid(std::function<void(const ZXid&)> onT
 }
 
 void IdentitySync::sendRequest() {
+  // Collection off: no request leaves the process. The manager asks again when it is back on.
+  if (!settings().collectionEnabled.load()) return;
   auto request = ZHttpApi::idSync().urlRequest();
   requestsStarted_.fetch_add(1);
   requestUnderWay_ = true;
   std::weak_ptr<IdentitySync> weak = weak_from_this();
-  http_->send(std::move(request), [weak](network::HttpOutcome outcome) {
+  const std::uint64_t generation = generation_.load();
+  http_->send(std::move(request), [weak, generation](network::HttpOutcome outcome) {
     auto self = weak.lock();
     if (!self) return;
+    if (generation != self->generation_.load()) {
+      // Asked before the app's data was deleted: its triple (and any cookie its answer set) is
+      // the identity the host asked to forget.
+      self->http_->clearCookies();
+      return;
+    }
     // A failure is asked again by the SDK's back-off while no triple is known.
     if (const auto* response = std::get_if<network::HttpResponse>(&outcome)) {
       if (!self->handleAnswer(response->body)) {
@@ -64,6 +74,13 @@ void IdentitySync::sendRequest() {
     // the server again, or publish the triple a second time.
     self->requestUnderWay_ = false;
   });
+}
+
+void IdentitySync::forget() {
+  generation_.fetch_add(1);
+  http_->clearCookies();
+  published_ = false;
+  requestUnderWay_ = false;
 }
 
 void IdentitySync::retry() {

@@ -23,6 +23,9 @@ class IdentitySync final : public IdentitySource,
   /// Asks the server again (or takes the cookies, if a later answer set all three) for those
   /// subscribed; nothing while a request is under way or once a triple was published.
   void retry() override;
+  /// Forgets the triple: the cookies go (in memory and in the jar file), an answer still on its
+  /// way is ignored, and the next retry() asks the server for a new one.
+  void forget() override;
 
   /// Handles one answer of the sync server: publishes the first triple of "data", if any.
   /// False when the answer holds no triple.
@@ -35,6 +38,7 @@ class IdentitySync final : public IdentitySource,
   std::atomic<std::uint64_t> requestsStarted_{0};
   std::atomic<bool> requestUnderWay_{false};
   std::atomic<bool> published_{false};
+  std::atomic<std::uint64_t> generation_{0};  ///< one more per forget()
   void sendRequest();
 };
 

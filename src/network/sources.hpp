@@ -21,6 +21,8 @@ class IdentitySource {
   /// Asks again, for those already subscribed, while no triple has come (the server was down or
   /// answered nothing usable).
   virtual void retry() {}
+  /// Forgets the triple and whatever keeps it (cookies); answers still on their way are ignored.
+  virtual void forget() {}
 };
 
 class NetworkMonitor {

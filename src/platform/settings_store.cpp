@@ -52,6 +52,18 @@ void SettingsStore::setInteger(std::string_view key, std::int64_t value) {
   persistLocked();
 }
 
+void SettingsStore::erase(std::initializer_list<std::string_view> keys) {
+  std::lock_guard lock(mutex_);
+  bool removed = false;
+  for (const std::string_view key : keys) {
+    if (auto found = values_.find(key); found != values_.end()) {
+      values_.erase(found);
+      removed = true;
+    }
+  }
+  if (removed) persistLocked();
+}
+
 void SettingsStore::persistLocked() const {
   std::string json;
   detail::JsonWriter writer(json, /*pretty=*/true);

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <initializer_list>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -23,6 +24,8 @@ class SettingsStore {
   void setString(std::string_view key, std::string value);
   std::optional<std::int64_t> integer(std::string_view key) const;
   void setInteger(std::string_view key, std::int64_t value);
+  /// Removes the keys (the file is written only when one of them was there).
+  void erase(std::initializer_list<std::string_view> keys);
 
  private:
   using Value = std::variant<std::string, std::int64_t>;

@@ -248,6 +248,15 @@ std::size_t ZLogRecordQueue::templateCount() const {
   return state_->templates.size();
 }
 
+void ZLogRecordQueue::discardAll() {
+  std::lock_guard lock(state_->mutex);
+  state_->entries.clear();
+  state_->templates.clear();
+  state_->total = 0;
+  state_->released = 0;
+  state_->inMemory = 0;
+}
+
 std::vector<std::string> ZLogRecordQueue::takeRecords() {
   std::lock_guard lock(state_->mutex);
   std::vector<std::string> records;

@@ -81,6 +81,9 @@ class ZLogRecordQueue {
   /// kept behind these, instead of waiting in a table nobody drains. Records waiting on disk stay
   /// there. Used at shutdown.
   std::vector<std::string> takeRecords();
+  /// Forgets every record and template it holds, in memory and counted on disk (the host asked
+  /// for the app's data to be deleted); the table stays open.
+  void discardAll();
 
  private:
   /// One record in memory, or a run of records waiting on disk (onDisk > 0), in table order.

@@ -71,6 +71,14 @@ class PendingStore {
   /// Lets go of the files and of the ownership, so that a later start (in this process or
   /// another) takes over cleanly.
   void close();
+  /// Removes every file the store keeps (segments, "ZLogs.tmp", the cursor, the quarantine and
+  /// the kept templates) and forgets what it knew of them; it stays the owner, and later records
+  /// go to new segments numbered past the old ones (an answer for an erased record finds
+  /// nothing). The host asked for the app's data to be deleted.
+  void eraseAll();
+  /// The same files removed in `directory`, without a store: a start finishing a deletion that a
+  /// crash interrupted. The segments and "ZLogs.tmp" go first, the cursor last.
+  static void removeFiles(const std::filesystem::path& directory);
   /// Checked while a large backlog is counted or read past: a shutdown does not wait for either.
   void setStopFlag(const std::atomic<bool>* stop) { stop_ = stop; }
 

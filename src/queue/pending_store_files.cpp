@@ -170,4 +170,39 @@ bool PendingStore::keepInSegment(const std::string& frames, std::size_t records)
   return true;
 }
 
+void PendingStore::eraseAll() {
+  reader_.close();
+  readerSegment_ = 0;
+  cursorFile_.close();
+  segments_.clear();
+  outstanding_.clear();
+  tailBytes_ = 0;
+  tailRecords_ = 0;
+  tailLeft_ = false;
+  quarantineBytes_ = 0;
+  quarantineBuffer_.clear();
+  readPaused_ = false;
+  cursorSegment_ = 0;
+  cursorOffset_ = 0;
+  cursorFrozen_ = false;
+  droppedQueued_ = 0;
+  takenTemplates_.clear();
+  findings_.clear();
+  if (directory_.empty()) return;
+  removeFiles(directory_);
+  // As at a take-over: the cursor's file exists before the disk can fill up.
+  if (owner_) writeCursor();
+}
+
+void PendingStore::removeFiles(const std::filesystem::path& directory) {
+  for (const std::uint64_t number : segmentNumbers(directory)) {
+    (void)platform::removeFile(directory /
+                               (std::string(kPendingFileName) + "." + std::to_string(number)));
+  }
+  for (const std::string_view name :
+       {kPendingFileName, kTemplatesFileName, kQuarantineFileName, kCursorFileName}) {
+    (void)platform::removeFile(directory / name);
+  }
+}
+
 }  // namespace zelvanor::detail

@@ -70,6 +70,12 @@ class RecordTransport {
   /// kept for the next start, in that order, and so are `templates`. Returns once nothing more
   /// will be written.
   virtual void shutdown(std::vector<std::string> unsent, std::vector<std::string> templates) = 0;
+  /// Forgets every record handed over and not yet sent, and removes everything kept on disk
+  /// (records, cursor, quarantine, kept templates); returns once the files are gone. Answers
+  /// still on their way are counted but keep nothing.
+  virtual void deleteLocalData() {}
+  /// Collection is back on: sending resumes.
+  virtual void resumeSending() {}
   virtual TransportCounts counts() const { return {}; }
   /// Waits until every record handed over so far has reached an outcome (an answer, or kept on
   /// disk); false when `timeout` passed first.

@@ -588,7 +588,9 @@ static void record_diagnostics_line(int level, const char* line, size_t length, 
   if (level == ZELVANOR_LOG_ERROR) record->errors++;
 }
 
-static void mark_ready(void* user_data) { *(int*)user_data += 1; }
+static void mark_ready(void* user_data) {
+  *(int*)user_data += 1;
+}
 
 static void test_diagnostics_counters_and_waiting(void) {
   diagnostics_record record;
@@ -633,6 +635,65 @@ static void test_diagnostics_counters_and_waiting(void) {
   CHECK(counters.tracked == 0); /* not running */
 }
 
+/* Drops "drop-me", replaces "swap-me" with text that is no record (which drops it too), keeps
+ * the rest as it is. */
+static int before_send(const char* json, size_t length, char** replacement, void* user_data) {
+  ++*(int*)user_data;
+  (void)length;
+  if (contains(json, "\"drop-me\"")) return 0;
+  if (contains(json, "\"swap-me\"")) {
+    *replacement = malloc(8);
+    if (*replacement) strcpy(*replacement, "[1,2]");
+  }
+  return 1;
+}
+
+static void test_privacy_controls(void) {
+  const char* own_header[] = {"Content-Type: text/plain"};
+  const char* no_colon[] = {"X-Tenant"};
+  const char* good_header[] = {"X-Tenant: acme"};
+  zelvanor_counters counters;
+  struct stat info;
+  int calls = 0;
+  EXPECT_ERROR(zelvanor_set_request_headers(own_header, 1), ZELVANOR_ERROR_REJECTED,
+               "zelvanor_set_request_headers", NULL);
+  EXPECT_ERROR(zelvanor_set_request_headers(no_colon, 1), ZELVANOR_ERROR_INVALID_ARGUMENT,
+               "zelvanor_set_request_headers", "entry 0");
+  CHECK_STATUS(zelvanor_set_request_headers(good_header, 1), ZELVANOR_OK);
+  EXPECT_ERROR(zelvanor_set_proxy("ftp://127.0.0.1:21"), ZELVANOR_ERROR_REJECTED,
+               "zelvanor_set_proxy", NULL);
+  CHECK_STATUS(zelvanor_set_proxy("socks5h://user:pw@127.0.0.1:1080"), ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set_proxy(NULL), ZELVANOR_OK);
+  CHECK_STATUS(zelvanor_set_request_headers(NULL, 0), ZELVANOR_OK);
+
+  zelvanor_set_before_send(before_send, &calls);
+  zelvanor_set_batch_size(1);
+  zelvanor_set_reachability_flags(0); /* offline: records land in the pending file */
+  CHECK(zelvanor_wait_until_ready(5000) == 1);
+  CHECK_STATUS(zelvanor_set("common", "{\"service_name\":\"shop\",\"deployment\":\"dev\"}"),
+               ZELVANOR_OK);
+  track_page_event("p-drop", "drop-me", 0);
+  track_page_event("p-swap", "swap-me", 0);
+  track_page_event("p-keep", "keep-me", 0);
+  zelvanor_set_collection_enabled(0);
+  CHECK(zelvanor_collection_enabled() == 0);
+  track_page_event("p-off", "while-off", 0);
+  CHECK(zelvanor_flush_and_wait(5000) == 1);
+  CHECK_STATUS(zelvanor_get_counters(&counters), ZELVANOR_OK);
+  CHECK(counters.dropped_before_send == 2);
+  CHECK(counters.dropped_collection_off == 1);
+  CHECK(calls >= 3);
+  CHECK(pending_file_contains("\"p-keep\""));
+  CHECK(!pending_file_contains("p-drop") && !pending_file_contains("p-swap"));
+
+  zelvanor_delete_local_data(); /* collection off: nothing comes back */
+  CHECK(!pending_file_contains("p-keep"));
+  CHECK(stat(path_in_data_dir("cookies.txt"), &info) != 0);
+  zelvanor_set_before_send(NULL, NULL);
+  zelvanor_set_collection_enabled(1);
+  zelvanor_shutdown();
+}
+
 int main(void) {
   if (!mkdtemp(data_dir) || !write_cookie_jar()) {
     fprintf(stderr, "cannot prepare %s: %s\n", data_dir, strerror(errno));
@@ -648,6 +709,7 @@ int main(void) {
   test_events_carry_their_own_blocks();
   test_store_limits_apply_at_the_next_start();
   test_diagnostics_counters_and_waiting();
+  test_privacy_controls();
 
   nftw(data_dir, remove_entry, 8, FTW_DEPTH | FTW_PHYS);
   if (failures) {

@@ -280,13 +280,24 @@ TEST_F(CliBinaryTest, TheSummarySaysWhatBecameOfEveryEventAndWaitWaitsForTheAnsw
       "\n" +
       action("cli-ok-1") + action("cli-ok-2") + action("refuse-me") +
       R"({"op":"set","block":"page","value":{"id":"p","name":"n","title":"t"}})"
-      "\n{\"op\":\"track\",\"verbose\":false,\"disabled\":false}\n");
+      "\n{\"op\":\"track\",\"verbose\":false,\"disabled\":false}\n"
+      "{\"op\":\"setCollectionEnabled\",\"value\":false}\n" +
+      action("while-off") + "{\"op\":\"setCollectionEnabled\",\"value\":true}\n");
 
-  const ToolRun run = runTool(dir, "send --wait 30 " + endpointOptions() + " " + quoted(script));
+  const ToolRun run = runTool(dir,
+                              "send --wait 30 --header 'X-Tenant: acme' --header 'X-Env: t' "
+                              "--proxy none " +
+                                  endpointOptions() + " " + quoted(script));
   ASSERT_EQ(run.code, 0) << run.err;
   EXPECT_NE(run.err.find("refused by the collector 1,"), std::string::npos) << run.err;
-  EXPECT_NE(run.err.find("dropped 2 (no common block: 1, no action block: 1)"), std::string::npos)
+  EXPECT_NE(run.err.find("dropped 3 (no common block: 1, no action block: 1, collection off: 1)"),
+            std::string::npos)
       << run.err;
+  for (const auto& request : server.received()) {
+    EXPECT_EQ(request.headers.count("X-Tenant"), 1u) << request.path;
+    EXPECT_EQ(request.headers.count("X-Env"), 1u) << request.path;
+  }
+  EXPECT_FALSE(anyHolds(tracked("/sdk/track"), "\"while-off\""));
   // Errors reach stderr without asking: the dropped events say why.
   EXPECT_NE(run.err.find("no common block has been set"), std::string::npos) << run.err;
   EXPECT_NE(run.err.find("refused by the collector (HTTP 400), which answered \"fail: bad"),

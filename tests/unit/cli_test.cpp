@@ -101,9 +101,11 @@ TEST(CliScript, EveryOpAndEveryBlockIsReadWithItsValues) {
       "\n"
       "{\"op\":\"track\",\"verbose\":true,\"disabled\":false}\n"
       "{\"op\":\"flush\"}\n"
-      "{\"op\":\"getData\"}");
+      "{\"op\":\"getData\"}\n"
+      "{\"op\":\"setCollectionEnabled\",\"value\":false}\n"
+      "{\"op\":\"deleteLocalData\"}");
   for (const auto& e : script.errors) ADD_FAILURE() << describe(e);
-  ASSERT_EQ(script.steps.size(), 34u);
+  ASSERT_EQ(script.steps.size(), 36u);
 
   EXPECT_EQ(as<op::SetRequired>(script.steps[0]).configuration, (ZConfiguration{10, 3, true}));
   EXPECT_EQ(script.steps[0].line, 2u);
@@ -149,7 +151,9 @@ TEST(CliScript, EveryOpAndEveryBlockIsReadWithItsValues) {
   EXPECT_EQ(as<op::Track>(script.steps[31]).disabled, false);
   as<op::Flush>(script.steps[32]);
   as<op::GetData>(script.steps[33]);
-  EXPECT_EQ(script.steps[33].line, 36u) << "a last line without a newline is read too";
+  EXPECT_FALSE(as<op::SetCollectionEnabled>(script.steps[34]).value);
+  as<op::DeleteLocalData>(script.steps[35]);
+  EXPECT_EQ(script.steps[35].line, 38u) << "a last line without a newline is read too";
 }
 
 TEST(CliScript, TheShippedExampleIsValid) {
@@ -282,6 +286,8 @@ TEST(CliScript, EveryKindOfFaultIsReportedWithItsLineAndNothingElseIsLost) {
       {R"({"op":"setBatchSize","value":-1})", "must not be negative"},
       {R"({"op":"setBatchSize","value":2.5})", "must be a whole number"},
       {R"({"op":"sleep","ms":600001})", "above the limit of 600000"},
+      {R"({"op":"setCollectionEnabled","value":"no"})", "must be a boolean, not a string"},
+      {R"({"op":"deleteLocalData","now":true})", "unknown field \"now\""},
       {R"({"op":"post","event":"didBecomeActive"})", "unknown lifecycle event \"didBecomeActive\""},
       {R"({"op":"set","value":{}})", "op \"set\" needs field \"block\" (a string)"},
       {R"({"op":"set","block":"page"})", "op \"set\" needs field \"value\""},
@@ -548,7 +554,8 @@ TEST(CliCommandLine, UsageErrorsHelpAndTheScriptCheckBeforeAnySetup) {
   const CliRun help = run({"--help"});
   EXPECT_EQ(help.code, kOk);
   for (const char* text : {"zelvanor send", "pending show", "validate", "Exit codes",
-                           "useGeneralEnvrionment", "--ca-file", "--data-dir"}) {
+                           "useGeneralEnvrionment", "--ca-file", "--data-dir", "--header",
+                           "--proxy", "setCollectionEnabled", "deleteLocalData"}) {
     EXPECT_NE(help.out.find(text), std::string::npos) << text;
   }
   EXPECT_EQ(run({"send", "--help"}).out, help.out);

@@ -45,6 +45,8 @@ send
     {"op":"turnOnConsoleLogs"}   {"op":"turnOffConsoleLogs"}
     {"op":"post","event":"willEnterForeground"}   (also willResignActive, willTerminate)
     {"op":"sleep","ms":100}   (at most 600000)
+    {"op":"setCollectionEnabled","value":false}   (kept in the settings file across runs)
+    {"op":"deleteLocalData"}   (records, cookies, identity and install settings are removed)
   Blocks for "set": common, agent, id, agreement, app, click, location, page, promotion,
   status, usage, action, domain, utm, bucket, buckets (array), viewImpressionContent,
   viewImpressionContents (array), free (a string; accepted and dropped, as the SDK does).
@@ -61,6 +63,9 @@ send
   --sandbox-url URL     sandbox collection server (https)
   --sync-url URL        identity sync server (https)
   --ca-file FILE        PEM file with extra trusted roots (e.g. a local collector's CA)
+  --header 'N: v'       an extra header on every request (repeatable); not one the SDK sets
+  --proxy URL           http://, https://, socks5:// or socks5h:// proxy (user:password@ allowed),
+                        or none to go direct whatever http_proxy/https_proxy say
   --data-dir DIR        where the SDK keeps settings, cookies and the pending file
   --bundle-id ID        the application's bundle identifier (default: zelvanor)
   --online              report the network as reachable instead of watching the routes
@@ -99,6 +104,7 @@ Exit codes:
 struct Arguments {
   std::vector<std::string> positional;
   std::map<std::string, std::string, std::less<>> values;
+  std::vector<std::pair<std::string, std::string>> ordered;  ///< every valued option, repeats too
   std::vector<std::string> flags;
 
   bool has(std::string_view flag) const {
@@ -142,8 +148,10 @@ bool splitArguments(const std::vector<std::string>& args, std::size_t from,
     if (isOneOf(name, valued)) {
       if (equals != std::string::npos) {
         parsed.values[name] = arg.substr(equals + 1);
+        parsed.ordered.emplace_back(name, parsed.values[name]);
       } else if (i + 1 < args.size()) {
         parsed.values[name] = args[++i];
+        parsed.ordered.emplace_back(name, parsed.values[name]);
       } else {
         err << "zelvanor: option " << name << " needs a value\n";
         return false;
@@ -254,6 +262,8 @@ void printOutcome(const ZCounters& c, std::ostream& err) {
       {"not encodable", c.dropped.unencodable},
       {"storage full", c.dropped.storageFull},
       {"unreadable on disk", c.dropped.unreadable},
+      {"collection off", c.dropped.collectionOff},
+      {"before-send hook", c.dropped.beforeSend},
   };
   std::uint64_t dropped = 0;
   for (const auto& [reason, count] : drops) dropped += count;
@@ -304,7 +314,7 @@ int runSend(const std::vector<std::string>& args, std::ostream& out, std::ostrea
   Arguments parsed;
   if (!splitArguments(args, 1,
                       {"--endpoint", "--track-url", "--sandbox-url", "--sync-url", "--ca-file",
-                       "--data-dir", "--bundle-id", "--network", "--wait"},
+                       "--data-dir", "--bundle-id", "--network", "--wait", "--header", "--proxy"},
                       {"--online", "-v", "--verbose"}, parsed, err)) {
     return kUsage;
   }
@@ -369,8 +379,19 @@ int runSend(const std::vector<std::string>& args, std::ostream& out, std::ostrea
     }
     endpoints.caBundleFile = *ca;
   }
+  for (const auto& [name, value] : parsed.ordered) {
+    if (name != "--header") continue;
+    const auto colon = value.find(':');
+    if (colon == std::string::npos) return usageError(err, "--header takes 'Name: value'");
+    const auto start = value.find_first_not_of(" \t", colon + 1);
+    endpoints.headers.emplace_back(value.substr(0, colon),
+                                   start == std::string::npos ? "" : value.substr(start));
+  }
+  if (auto proxy = parsed.value("--proxy")) endpoints.proxy = *proxy;
   if (endpoints != ZelvanorTracker::endpoints() && !ZelvanorTracker::setEndpoints(endpoints)) {
-    return usageError(err, "every endpoint must be an absolute https URL");
+    return usageError(err,
+                      "every endpoint must be an absolute https URL, every --header one the SDK "
+                      "does not set itself, and --proxy none or an http, https or socks5 URL");
   }
 
   const auto dataDirectory = currentPlatformFacts().dataDirectory;

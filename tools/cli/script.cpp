@@ -242,6 +242,12 @@ const std::map<std::string, OpParser, std::less<>>& opParsers() {
          }
          return op::Sleep{ms};
        }},
+      {"setCollectionEnabled",
+       [](const Fields& f) -> Operation {
+         f.allowOnly({"value"});
+         return op::SetCollectionEnabled{f.boolean("value")};
+       }},
+      {"deleteLocalData", bare<op::DeleteLocalData>()},
   };
   return parsers;
 }
@@ -349,6 +355,10 @@ struct StepRunner {
   void operator()(const op::TurnOnConsoleLogs&) const { ZelvanorTracker::turnOnConsoleLogs(); }
   void operator()(const op::TurnOffConsoleLogs&) const { ZelvanorTracker::turnOffConsoleLogs(); }
   void operator()(const op::Post& o) const { ZelvanorTracker::post(o.event); }
+  void operator()(const op::SetCollectionEnabled& o) const {
+    ZelvanorTracker::setCollectionEnabled(o.value);
+  }
+  void operator()(const op::DeleteLocalData&) const { ZelvanorTracker::deleteLocalData(); }
   void operator()(const op::Sleep& o) const {
     std::this_thread::sleep_for(std::chrono::milliseconds(o.ms));
   }

@@ -52,13 +52,17 @@ struct Post {
 struct Sleep {
   std::uint64_t ms = 0;
 };
+struct SetCollectionEnabled {
+  bool value = true;
+};
+struct DeleteLocalData {};
 }  // namespace op
 
 using Operation =
     std::variant<op::SetRequired, op::Set, op::Track, op::Flush, op::GetData, op::SetBatchSize,
                  op::SetTimeout, op::SetDevelopment, op::SetProduction, op::UseSandboxEnvironment,
                  op::UseGeneralEnvrionment, op::TurnOnConsoleLogs, op::TurnOffConsoleLogs, op::Post,
-                 op::Sleep>;
+                 op::Sleep, op::SetCollectionEnabled, op::DeleteLocalData>;
 
 /// The longest pause one sleep line may ask for, so a script cannot hang the tool for good.
 inline constexpr std::uint64_t kMaxSleepMs = 600'000;

@@ -1,0 +1,364 @@
+// The host's privacy controls through the public facade, against a loopback HTTPS server that
+// records every request: the collection switch, deleting the app's data (also with the process
+// killed part way), the before-send hook, and extra headers and a proxy.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "manager/local_data.hpp"
+#include "queue/pending_frames.hpp"
+#include "support/connect_proxy.hpp"
+#include "support/https_test_server.hpp"
+#include "support/pending_files.hpp"
+#include "support/settings.hpp"
+#include "support/temp_dir.hpp"
+#include "zelvanor/tracker.hpp"
+
+namespace zelvanor {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::CannedResponse;
+using testing::ReceivedRequest;
+
+constexpr std::uint32_t kReachable = 0x2;
+
+bool eventually(const std::function<bool()>& done) {
+  for (int i = 0; i < 250; ++i) {
+    if (done()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return done();
+}
+
+std::string slurp(const fs::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+/// Names of the files in `dir` (none when it does not exist).
+std::set<std::string> filesIn(const fs::path& dir) {
+  std::set<std::string> names;
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(dir, error)) {
+    names.insert(entry.path().filename().string());
+  }
+  return names;
+}
+
+/// What must not survive a deletion: records, kept events, cookies, the mark of a deletion.
+bool holdsAppData(const fs::path& dir) {
+  for (const std::string& name : filesIn(dir)) {
+    if ((name.rfind("ZLogs", 0) == 0 && name != "ZLogs.lock") || name == "ZTemplates.tmp" ||
+        name == "cookies.txt" || name == "ZErasing") {
+      return true;
+    }
+  }
+  return slurp(dir / "settings.json").find("latestAppVersion") != std::string::npos;
+}
+
+class PrivacyTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    // Every sync answer is a new triple, also set as the three cookies a real server sets.
+    server_.setResponder([this](const ReceivedRequest& request) {
+      if (request.path.rfind("/sync", 0) != 0) return CannedResponse{200, "ok", {}, 0};
+      const std::string n = std::to_string(++syncs_);
+      CannedResponse answer{
+          200,
+          R"({"version":1,"status":{"code":"0000","msg":"ok"},"data":[{"cid":"c)" + n +
+              R"(","did":"d)" + n + R"(","sid":"s)" + n + R"("}]})",
+          {},
+          0};
+      for (const char* name : {"fa_cid=c", "fa_did=d", "fa_sid=s"}) {
+        answer.headers.emplace_back("Set-Cookie", name + n + "; Max-Age=86400; Path=/");
+      }
+      return answer;
+    });
+  }
+
+  void TearDown() override {
+    ZelvanorTracker::shutdown();
+    ZelvanorTracker::setBeforeSend({});
+    detail::settings().collectionEnabled = true;
+    detail::settings().collectionSetByHost = false;
+  }
+
+  /// Starts the SDK as a host app's launch does: servers, configuration, the common block.
+  void start(ZEndpoints endpoints = {}) {
+    ZelvanorTracker::setPlatformFacts(ZPlatformFacts{
+        .bundleIdentifier = "com.example.privacy", .appVersion = "1.0", .dataDirectory = app()});
+    endpoints.production = endpoints.sandbox = endpoints.identitySync = server_.baseUrl();
+    endpoints.caBundleFile = server_.caFile().string();
+    ASSERT_TRUE(ZelvanorTracker::setEndpoints(endpoints));
+    ZelvanorTracker::setRequired(ZConfiguration{.timeout = 5, .batchSize = 1})
+        .setReachabilityFlags(kReachable)
+        .set(ZId{.appUserId = "user-7"})
+        .set(ZCommon({.serviceName = "shop", .deployment = "production"}));
+  }
+
+  static void track(const std::string& name) {
+    ZelvanorTracker::set(ZAction("event", name, "tap")).track(false, false);
+  }
+
+  /// Bodies of the track requests that arrived, in arrival order.
+  std::vector<std::string> tracked() const {
+    std::vector<std::string> bodies;
+    for (const auto& request : server_.received()) {
+      if (request.path == "/sdk/track") bodies.push_back(request.body);
+    }
+    return bodies;
+  }
+  bool arrived(const std::string& part) const {
+    const auto bodies = tracked();
+    return std::any_of(bodies.begin(), bodies.end(),
+                       [&](const std::string& body) { return body.find(part) != body.npos; });
+  }
+
+  std::string app() const { return (dir_.path() / "app").string(); }
+
+  testing::TempDir dir_;
+  testing::HttpsTestServer server_;
+  std::atomic<int> syncs_{0};
+};
+
+TEST_F(PrivacyTest, CollectionOffSendsAndWritesNothingAndHoldsAcrossStartsUntilOn) {
+  // Switched off before the first operation: not even the first start's sync request goes out.
+  ZelvanorTracker::setCollectionEnabled(false);
+  start();
+  for (int i = 0; i < 3; ++i) track("off-" + std::to_string(i));
+  ZelvanorTracker::post(ZLifecycleEvent::willResignActive);  // no background event either
+  ZelvanorTracker::flush();
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_TRUE(server_.received().empty());
+  const ZCounters counters = ZelvanorTracker::counters();
+  EXPECT_EQ(counters.dropped.collectionOff, 4u);
+  EXPECT_EQ(counters.tracked, 4u);
+  // Only the switch itself is written (and the store's lock file taken).
+  EXPECT_EQ(filesIn(app()), (std::set<std::string>{"settings.json", "ZLogs.lock"}));
+  EXPECT_FALSE(holdsAppData(app()));
+
+  // The next launch of the app (a fresh process: the settings file decides) stays off.
+  ZelvanorTracker::shutdown();
+  detail::settings().collectionEnabled = true;
+  detail::settings().collectionSetByHost = false;
+  start();
+  EXPECT_FALSE(ZelvanorTracker::collectionEnabled());
+  track("still-off");
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_TRUE(server_.received().empty());
+
+  // On again: the identity is asked for, the install the common block announced is recorded,
+  // and events flow.
+  ZelvanorTracker::setCollectionEnabled(true);
+  track("on");
+  EXPECT_TRUE(eventually([&] { return arrived("\"on\"") && arrived("\"install\""); }));
+  EXPECT_FALSE(arrived("off-") || arrived("still-off"));
+}
+
+TEST_F(PrivacyTest, DeleteLocalDataLeavesNoRecordCookieOrIdentityAndTheNextStartIsAFreshInstall) {
+  start();
+  ASSERT_TRUE(
+      eventually([&] { return arrived("\"install\"") && fs::exists(app() + "/cookies.txt"); }));
+  // Records kept on disk (offline), and others tracked while the deletion runs.
+  ZelvanorTracker::setReachabilityFlags(0);
+  for (int i = 0; i < 3; ++i) track("kept-" + std::to_string(i));
+  ZelvanorTracker::flush();
+  ASSERT_TRUE(eventually([] { return ZelvanorTracker::counters().keptOnDisk >= 3; }));
+  const std::string oldTriple = "\"c" + std::to_string(syncs_.load()) + "\"";
+  std::thread racing([] {
+    for (int i = 0; i < 200; ++i) track("racing");
+  });
+  ZelvanorTracker::deleteLocalData();
+  racing.join();
+  // With collection on, the SDK starts over at once (a new triple, a fresh install); nothing of
+  // the old identity or its records is left.
+  for (const std::string& payload : testing::pendingPayloads(app())) {
+    EXPECT_EQ(payload.find("kept-"), std::string::npos);
+    EXPECT_EQ(payload.find("\"c1\""), std::string::npos);
+  }
+  EXPECT_EQ(slurp(app() + "/cookies.txt").find("\tc1\n"), std::string::npos);
+
+  // The "forget me" recipe: collection off, then delete. Nothing is left, at once.
+  ZelvanorTracker::setCollectionEnabled(false);
+  ZelvanorTracker::deleteLocalData();
+  EXPECT_FALSE(holdsAppData(app())) << ::testing::PrintToString(filesIn(app()));
+  EXPECT_EQ(ZelvanorTracker::counters().waitingOnDisk, 0u);
+  ZelvanorTracker::shutdown();
+  EXPECT_FALSE(holdsAppData(app())) << ::testing::PrintToString(filesIn(app()));
+
+  // The next start, collection on: a fresh install with a triple never seen before; nothing kept
+  // before the deletions is ever sent.
+  const int syncsBefore = syncs_.load();
+  ZelvanorTracker::setCollectionEnabled(true);
+  start();
+  track("after");
+  ASSERT_TRUE(eventually([&] { return arrived("\"after\""); }));
+  const auto bodies = tracked();
+  // Triples are numbered as the server issued them: this one came after the deletions.
+  EXPECT_TRUE(std::any_of(bodies.begin(), bodies.end(), [&](const std::string& body) {
+    const auto cid = body.find("\"cid\":\"c");
+    return body.find("\"install\"") != body.npos && cid != body.npos &&
+           std::atoi(body.c_str() + cid + 8) > syncsBefore;
+  }));
+  EXPECT_FALSE(arrived("kept-"));
+}
+
+TEST_F(PrivacyTest, BeforeSendHookScrubsOrDropsEveryRecordAndMayCallBackIn) {
+  std::atomic<int> calls{0};
+  ZelvanorTracker::setBeforeSend([&](ZLogRecord& record) {
+    ++calls;
+    // Calls that take the SDK's own locks: a hook run under them would deadlock here.
+    ZelvanorTracker::set(ZId{.customId = "seen"});
+    (void)ZelvanorTracker::counters();
+    if (record.action.name == "secret") return false;
+    if (record.id) record.id->appUserId = "masked";
+    if (record.ucid) record.ucid->id = "masked";
+    return true;
+  });
+  // Install and launch wait for the triple and meet the hook on the SDK's worker; "public" and
+  // "secret" meet it on this thread.
+  start();
+  ASSERT_TRUE(eventually([&] { return arrived("\"install\""); }));
+  track("public");
+  track("secret");
+  ASSERT_TRUE(eventually([&] { return arrived("\"public\""); }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_FALSE(arrived("\"secret\""));
+  EXPECT_FALSE(arrived("user-7"));
+  EXPECT_TRUE(arrived("masked"));
+  EXPECT_GE(calls.load(), 4);
+  EXPECT_EQ(ZelvanorTracker::counters().dropped.beforeSend, 1u);
+}
+
+TEST_F(PrivacyTest, HeadersAndProxyGoOnEveryRequestAndBadOnesAreRefused) {
+  const ZEndpoints before = ZelvanorTracker::endpoints();
+  const std::vector<ZEndpoints> refused = {
+      {.headers = {{"Content-Type", "text/plain"}}},  // the SDK's own
+      {.headers = {{"cookie", "fa_cid=x"}}},
+      {.headers = {{"Bad Name", "x"}}},
+      {.headers = {{"X-Ok", "line\r\nInjected: 1"}}},
+      {.proxy = "ftp://127.0.0.1:21"},
+      {.proxy = "http://"},
+  };
+  for (ZEndpoints bad : refused) {
+    bad.production = bad.sandbox = bad.identitySync = server_.baseUrl();
+    EXPECT_FALSE(ZelvanorTracker::setEndpoints(bad));
+    EXPECT_EQ(ZelvanorTracker::endpoints(), before);
+  }
+
+  testing::ConnectProxy proxy;
+  ASSERT_GT(proxy.port(), 0);
+  start(ZEndpoints{.headers = {{"X-Tenant", "acme"}, {"Authorization", "Bearer t0k"}},
+                   .proxy = "http://user:pw@127.0.0.1:" + std::to_string(proxy.port())});
+  ASSERT_TRUE(eventually([&] { return arrived("\"install\""); }));
+  const auto received = server_.received();
+  ASSERT_GE(received.size(), 2u);  // the sync request and the records
+  for (const auto& request : received) {
+    EXPECT_EQ(request.headers.count("X-Tenant"), 1u) << request.path;
+    EXPECT_EQ(request.headers.find("Authorization")->second, "Bearer t0k");
+  }
+  const auto tunnels = proxy.tunnels();
+  ASSERT_FALSE(tunnels.empty());
+  const std::string serverPort = server_.baseUrl().substr(server_.baseUrl().rfind(':') + 1);
+  for (const auto& tunnel : tunnels) {
+    EXPECT_EQ(tunnel.target, "127.0.0.1:" + serverPort);
+    EXPECT_EQ(tunnel.authorization, "Basic dXNlcjpwdw==");  // user:pw
+  }
+
+  ASSERT_TRUE(ZelvanorTracker::flushAndWait(std::chrono::seconds(5)));
+  // "none" goes direct even when the environment names a proxy (here one that is not there).
+  ::setenv("https_proxy", "http://127.0.0.1:9", 1);
+  ZEndpoints direct = ZelvanorTracker::endpoints();
+  direct.proxy = "none";
+  ASSERT_TRUE(ZelvanorTracker::setEndpoints(direct));
+  const std::size_t tunnelsBefore = proxy.tunnels().size();
+  track("direct");
+  EXPECT_TRUE(eventually([&] { return arrived("\"direct\""); }));
+  ::unsetenv("https_proxy");
+  EXPECT_EQ(proxy.tunnels().size(), tunnelsBefore);
+  ZelvanorTracker::shutdown();
+}
+
+// A host killed at any moment while it deletes its data: the next start finds either all of it
+// (killed before the deletion began) or none of it, never a part it would take for data.
+TEST(PrivacyCrash, KilledWhileDeletingLeavesAllOrNothing) {
+  testing::TempDir dir;
+  constexpr int kSegments = 1000;  // many files, so that kills land part way through
+  std::mt19937 random(std::random_device{}());
+  // The kill moment closes in on where the deletion happens: after a kill that left everything
+  // the next one comes later, after one that left nothing it comes sooner.
+  int earliest = 0, latest = 300000;
+  int all = 0, none = 0;
+  for (int round = 0; round < 12; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    const fs::path app = dir.path() / ("app" + std::to_string(round));
+    fs::create_directories(app);
+    for (int n = 1; n <= kSegments; ++n) {
+      std::string frame;
+      detail::appendFrame(frame, R"({"seq":)" + std::to_string(n) + "}");
+      std::ofstream(app / ("ZLogs.tmp." + std::to_string(n)), std::ios::binary) << frame;
+    }
+    std::ofstream(app / "cookies.txt") << "127.0.0.1\tFALSE\t/\tTRUE\t4102444800\tfa_cid\tc\n"
+                                       << "127.0.0.1\tFALSE\t/\tTRUE\t4102444800\tfa_did\td\n"
+                                       << "127.0.0.1\tFALSE\t/\tTRUE\t4102444800\tfa_sid\ts\n";
+    std::ofstream(app / "settings.json") << R"({"latestAppVersion":"1.0"})"
+                                         << "\n";
+
+    int out[2];
+    ASSERT_EQ(::pipe(out), 0);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      ::dup2(out[1], STDOUT_FILENO);
+      ::execl(ZELVANOR_CRASH_CHILD, ZELVANOR_CRASH_CHILD, app.c_str(), "erase", nullptr);
+      ::_exit(127);
+    }
+    ::close(out[1]);
+    // Killed at a random moment after the deletion starts (or, now and then, just before).
+    std::string said;
+    char buffer[64];
+    pollfd ready{out[0], POLLIN, 0};
+    while (said.find("erasing") == std::string::npos && ::poll(&ready, 1, 10000) > 0) {
+      const ssize_t got = ::read(out[0], buffer, sizeof buffer);
+      if (got <= 0) break;
+      said.append(buffer, static_cast<std::size_t>(got));
+    }
+    ::close(out[0]);
+    const int delay = std::uniform_int_distribution<int>(earliest, latest)(random);
+    std::this_thread::sleep_for(std::chrono::microseconds(delay));
+    ::kill(child, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+
+    // What the next start does before it reads anything.
+    detail::local_data::finishInterruptedErase(app);
+    const std::size_t records = testing::pendingPayloads(app).size();
+    const bool cookies = fs::exists(app / "cookies.txt");
+    const bool installed =
+        slurp(app / "settings.json").find("latestAppVersion") != std::string::npos;
+    if (records == kSegments && cookies && installed) {
+      ++all;
+      earliest = delay;
+    } else {
+      EXPECT_FALSE(holdsAppData(app)) << records << " records, cookies " << cookies;
+      ++none;
+      latest = delay;
+    }
+  }
+  std::cout << "all kept " << all << ", all gone " << none << "\n";
+}
+
+}  // namespace
+}  // namespace zelvanor
