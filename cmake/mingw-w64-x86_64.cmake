@@ -13,9 +13,15 @@ set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static")
 
 # Libraries and headers for the target only; programs (the emulator, code generators) from the host.
 # ZELVANOR_WINDOWS_DEPS: the prefix scripts/windows-deps prints (googletest, simdjson, curl built
-# for the target), from the environment at the first configure, then from the cache.
-if(DEFINED ENV{ZELVANOR_WINDOWS_DEPS} AND NOT ZELVANOR_WINDOWS_DEPS)
-  set(ZELVANOR_WINDOWS_DEPS "$ENV{ZELVANOR_WINDOWS_DEPS}" CACHE PATH "Dependencies built for Windows")
+# for the target). The environment's wins (new versions make a new prefix); without it, the
+# cache's, so that a rebuild started by the build tool finds the same one.
+if(DEFINED ENV{ZELVANOR_WINDOWS_DEPS} AND
+   NOT "$ENV{ZELVANOR_WINDOWS_DEPS}" STREQUAL "${ZELVANOR_WINDOWS_DEPS}")
+  # Packages found in the previous prefix are looked for again in the new one.
+  foreach(found IN ITEMS simdjson_DIR CURL_DIR GTest_DIR)
+    unset(${found} CACHE)
+  endforeach()
+  set(ZELVANOR_WINDOWS_DEPS "$ENV{ZELVANOR_WINDOWS_DEPS}" CACHE PATH "Dependencies built for Windows" FORCE)
 endif()
 set(CMAKE_FIND_ROOT_PATH /usr/${_zelvanor_mingw} ${ZELVANOR_WINDOWS_DEPS})
 if(ZELVANOR_WINDOWS_DEPS)
