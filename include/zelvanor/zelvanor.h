@@ -42,7 +42,8 @@ typedef enum zelvanor_status {
 
 /** The message of this thread's last failing call, or "" after a call that succeeded. Every
  *  zelvanor_* function except this one and zelvanor_string_free resets it. The pointer stays
- *  valid until the next zelvanor_* call on the same thread. Never NULL. */
+ *  valid until the next zelvanor_* call on the same thread. Never NULL; at most 1023 bytes (a
+ *  longer message is cut at a character boundary). */
 ZELVANOR_C_API const char* zelvanor_last_error(void);
 
 /* ----- configuration ------------------------------------------------------------------------ */

@@ -7,6 +7,7 @@
 #include "model/codec.hpp"
 #include "model/field_tables.hpp"
 #include "model/host_common.hpp"
+#include "model/json_parsers.hpp"
 #include "zelvanor/tracker.hpp"
 
 namespace zelvanor::detail {
@@ -97,11 +98,10 @@ Result<BlockValue> decodeBlock(const BlockEntry& entry, simdjson::dom::element v
 }
 
 Result<BlockValue> decodeBlock(const BlockEntry& entry, std::string_view json) {
-  // One parser per thread keeps its buffers between calls; the value is decoded before the next
-  // parse on this thread can replace it.
-  thread_local simdjson::dom::parser parser;
+  // The value is decoded while the parser is still borrowed: it points into the parser's buffers.
+  BorrowedParser parser;
   simdjson::dom::element root;
-  const auto parsed = parser.parse(json.data(), json.size(), true).get(root);
+  const auto parsed = parser.get().parse(json.data(), json.size(), true).get(root);
   if (parsed != simdjson::SUCCESS) {
     return CodecError{CodecError::Kind::dataCorrupted, "", simdjson::error_message(parsed)};
   }

@@ -1,8 +1,9 @@
 // The C API: decodes the host's JSON text into blocks and hands them to ZelvanorTracker. Every
-// entry point is noexcept; a failing call records its message in a thread-local string and
+// entry point is noexcept; a failing call records its message in a thread-local buffer and
 // touches nothing, because decoding finishes before the tracker is called.
 #include "zelvanor/zelvanor.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -26,14 +27,24 @@ namespace {
 
 using namespace zelvanor;
 
-thread_local std::string lastError;
+// This thread's last error, in a fixed buffer: a thread_local std::string has a destructor, which
+// MinGW runs at thread exit after the thread's storage is gone (a crash on Windows). A message
+// longer than the buffer is cut at a character boundary.
+constexpr std::size_t kLastErrorSize = 1024;
+thread_local char lastError[kLastErrorSize] = {};
 
 void setLastError(std::string_view message) noexcept {
-  try {
-    lastError.assign(message);
-  } catch (...) {
-    lastError.clear();  // no memory for the message; an empty text beats a stale one
+  std::size_t length = std::min(message.size(), kLastErrorSize - 1);
+  if (length < message.size()) {
+    // Not inside a UTF-8 sequence: back off over continuation bytes.
+    while (length > 0 && (static_cast<unsigned char>(message[length]) & 0xC0) == 0x80) --length;
   }
+  std::memcpy(lastError, message.data(), length);
+  lastError[length] = '\0';
+}
+
+void clearLastError() noexcept {
+  lastError[0] = '\0';
 }
 
 zelvanor_status fail(zelvanor_status status, std::string_view message) noexcept {
@@ -44,7 +55,7 @@ zelvanor_status fail(zelvanor_status status, std::string_view message) noexcept 
 // Runs `body` with the error cleared beforehand; nothing it throws leaves the function.
 template <class Body>
 zelvanor_status guarded(const char* operation, Body&& body) noexcept {
-  lastError.clear();
+  clearLastError();
   try {
     return body();
   } catch (const std::bad_alloc&) {
@@ -122,7 +133,7 @@ std::optional<std::string> optionalText(const char* text) {
 extern "C" {
 
 const char* zelvanor_last_error(void) {
-  return lastError.c_str();
+  return lastError;
 }
 
 zelvanor_status zelvanor_set_required(const char* configuration_json) {

@@ -2,6 +2,7 @@
 #include <new>
 
 #include "model/field_tables.hpp"
+#include "model/json_parsers.hpp"
 #include "zelvanor/json.hpp"
 
 namespace zelvanor {
@@ -50,10 +51,10 @@ Result<T> decodeJson(std::string_view json) {
   // caller's Result: anything else moves the whole decoded value at least once.
   Result<T> decoded{T{}};
   try {
-    // One parser per thread keeps its buffers between calls.
-    thread_local simdjson::dom::parser parser;
+    // A borrowed parser keeps its buffers between calls.
+    detail::BorrowedParser parser;
     simdjson::dom::element root;
-    const auto parsed = parser.parse(json.data(), json.size(), true).get(root);
+    const auto parsed = parser.get().parse(json.data(), json.size(), true).get(root);
     CodecError error;
     if (parsed != simdjson::SUCCESS) {
       decoded = CodecError{CodecError::Kind::dataCorrupted, "", simdjson::error_message(parsed)};

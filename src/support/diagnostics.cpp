@@ -78,14 +78,9 @@ DiagnosticsState& state() {
   return *instance;
 }
 
-struct HeldLine {
-  ZLogLevel level;
-  std::string text;
-};
-// Whether a HeldDiagnostics is alive on this thread, and the lines it holds. A flag and a
-// reused vector: holding costs a track nothing when there is nothing to say.
-thread_local bool holding = false;
-thread_local std::vector<HeldLine> heldLines;
+// The outermost HeldDiagnostics alive on this thread, if any. A plain pointer (nothing to destroy
+// at thread exit); its empty vector costs a track nothing when there is nothing to say.
+thread_local HeldDiagnostics* holder = nullptr;
 
 }  // namespace
 
@@ -214,8 +209,8 @@ void diagnose(ZLogLevel level, std::string_view line) noexcept {
     } else {
       text.append(line);
     }
-    if (holding) {
-      heldLines.push_back(HeldLine{level, std::move(text)});
+    if (holder) {
+      holder->hold(level, std::move(text));
       return;
     }
     write(level, text);
@@ -224,20 +219,26 @@ void diagnose(ZLogLevel level, std::string_view line) noexcept {
   }
 }
 
+struct HeldDiagnostics::Line {
+  ZLogLevel level;
+  std::string text;
+};
+
 HeldDiagnostics::HeldDiagnostics() noexcept {
-  if (holding) return;  // an outer one on this thread writes them
-  holding = true;
+  if (holder) return;  // an outer one on this thread writes them
+  holder = this;
   outermost_ = true;
+}
+
+void HeldDiagnostics::hold(ZLogLevel level, std::string text) {
+  lines_.push_back(Line{level, std::move(text)});
 }
 
 HeldDiagnostics::~HeldDiagnostics() {
   if (!outermost_) return;
-  holding = false;
-  if (heldLines.empty()) return;
-  // Taken out first: a sink that calls back into the SDK holds and writes its own lines.
-  std::vector<HeldLine> lines;
-  lines.swap(heldLines);
-  for (const HeldLine& line : lines) {
+  // Released first: a sink that calls back into the SDK holds and writes its own lines.
+  holder = nullptr;
+  for (const Line& line : lines_) {
     try {
       write(line.level, line.text);
     } catch (...) {

@@ -53,7 +53,14 @@ class HeldDiagnostics {
   HeldDiagnostics(const HeldDiagnostics&) = delete;
   HeldDiagnostics& operator=(const HeldDiagnostics&) = delete;
 
+  /// Keeps a line until this ends (diagnose calls it on the outermost one of the thread).
+  void hold(ZLogLevel level, std::string text);
+
  private:
+  struct Line;
+  // The lines held, on the holder itself: a thread_local container would need a destructor at
+  // thread exit, which MinGW runs after the thread's storage is gone.
+  std::vector<Line> lines_;
   bool outermost_ = false;
 };
 

@@ -15,25 +15,42 @@
 
 namespace zelvanor::testing {
 
+// Windows takes the zone from the system, not from TZ (and its C runtime knows no POSIX rules):
+// tests that set a zone through TZ say so and are skipped there.
+#ifdef _WIN32
+inline constexpr bool kZonesFromTz = false;
+#else
+inline constexpr bool kZonesFromTz = true;
+#endif
+#define ZELVANOR_SKIP_UNLESS_ZONES_FROM_TZ() \
+  if (!::zelvanor::testing::kZonesFromTz)    \
+  GTEST_SKIP() << "the zone comes from the system here, not from TZ (no POSIX zone rules)"
+
 class ScopedTimeZone {
  public:
   explicit ScopedTimeZone(const char* zone) {
     if (const char* current = ::getenv("TZ")) previous_ = current;
-    ::setenv("TZ", zone, 1);
-    ::tzset();
+    set(zone);
   }
-  ~ScopedTimeZone() {
-    if (previous_) {
-      ::setenv("TZ", previous_->c_str(), 1);
-    } else {
-      ::unsetenv("TZ");
-    }
-    ::tzset();
-  }
+  ~ScopedTimeZone() { set(previous_ ? previous_->c_str() : nullptr); }
   ScopedTimeZone(const ScopedTimeZone&) = delete;
   ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;
 
  private:
+  static void set(const char* zone) {
+#ifdef _WIN32
+    ::_putenv_s("TZ", zone ? zone : "");
+    ::_tzset();
+#else
+    if (zone) {
+      ::setenv("TZ", zone, 1);
+    } else {
+      ::unsetenv("TZ");
+    }
+    ::tzset();
+#endif
+  }
+
   std::optional<std::string> previous_;
 };
 

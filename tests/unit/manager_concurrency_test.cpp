@@ -9,6 +9,8 @@
 #include "support/fake_sources.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/platform.hpp"
+#include "zelvanor/tracker.hpp"
+#include "zelvanor/zelvanor.h"
 
 namespace zelvanor {
 namespace {
@@ -99,6 +101,53 @@ TEST(ManagerConcurrencyTest, CommonBlocksSetAtOnceOnAFreshInstallMakeOneInstallE
   EXPECT_EQ(kinds["launch"], kThreads);
   manager->stop();
   setPlatformFacts({});
+}
+
+// Host threads that come and go while the SDK starts and stops under them: each one leaves an
+// error message, decodes JSON and tracks with diagnostics on before it exits. Thread exit must
+// find nothing thread-local to destroy (MinGW destroys it after the storage is gone: a crash at
+// thread exit on Windows).
+TEST(ManagerConcurrencyTest, ThreadsStartingAndStoppingTheSdkExitCleanly) {
+  constexpr int kRounds = 6;
+  constexpr int kThreads = 6;
+  testing::TempDir dir;
+  ZelvanorTracker::setPlatformFacts(
+      ZPlatformFacts{.appVersion = "1.0", .dataDirectory = dir.path().string()});
+  // A closed loopback port: nothing is delivered, records stay on disk.
+  ASSERT_TRUE(ZelvanorTracker::setEndpoints(
+      {"https://127.0.0.1:9", "https://127.0.0.1:9", "https://127.0.0.1:9", std::nullopt}));
+  std::atomic<int> lines{0};
+  ASSERT_EQ(zelvanor_set_diagnostics(
+                ZELVANOR_LOG_DEBUG,
+                [](int, const char*, size_t, void* count) {
+                  static_cast<std::atomic<int>*>(count)->fetch_add(1);
+                },
+                &lines),
+            ZELVANOR_OK);
+  std::atomic<int> errorsSeen{0};
+  for (int round = 0; round < kRounds; ++round) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&, t] {
+        if (zelvanor_set("page", R"({"id":"p","name":"p","title":7})") != ZELVANOR_OK &&
+            std::string_view(zelvanor_last_error()).find("title") != std::string_view::npos) {
+          errorsSeen.fetch_add(1);
+        }
+        zelvanor_event* event = zelvanor_event_new();
+        zelvanor_event_set(event, "page", R"({"id":"p","name":"p","title":"P"})");
+        zelvanor_event_set(event, "action", R"({"type":"page_view","name":"p","kind":"view"})");
+        zelvanor_event_track(event, 1, 0);
+        zelvanor_event_free(event);
+        if (t == 0) zelvanor_shutdown();
+      });
+    }
+    for (auto& thread : threads) thread.join();
+  }
+  zelvanor_shutdown();
+  zelvanor_set_diagnostics(ZELVANOR_LOG_ERROR, nullptr, nullptr);
+  EXPECT_EQ(errorsSeen.load(), kRounds * kThreads);
+  EXPECT_GT(lines.load(), 0);
+  ZelvanorTracker::setPlatformFacts({});
 }
 
 }  // namespace

@@ -242,6 +242,9 @@ TEST(PendingFileReader, AFalseStartAcrossARefillIsNoFrame) {
 }
 
 TEST(PendingFileReader, RefusesWhatIsNoRegularFileWithoutWaiting) {
+#ifdef _WIN32
+  GTEST_SKIP() << "Windows has no FIFOs, and Wine shows Unix symbolic links as plain files";
+#else
   testing::TempDir dir;
   const fs::path target = dir.path() / "real";
   writeFile(target, frames({record("a")}));
@@ -258,6 +261,7 @@ TEST(PendingFileReader, RefusesWhatIsNoRegularFileWithoutWaiting) {
   }
   EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5));
   EXPECT_EQ(readFile(target).size(), 1u);
+#endif
 }
 
 }  // namespace

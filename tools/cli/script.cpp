@@ -15,6 +15,7 @@
 #include "api/block_registry.hpp"
 #include "model/codec.hpp"
 #include "model/field_tables.hpp"
+#include "model/json_parsers.hpp"
 #include "zelvanor/json.hpp"
 
 namespace zelvanor::cli {
@@ -260,10 +261,10 @@ bool skipped(std::string_view line) {
 }  // namespace
 
 bool parseLine(std::string_view line, ScriptStep& step, std::string& error) {
-  // One parser per thread: its buffers are reused line after line.
-  thread_local simdjson::dom::parser parser;
+  // A borrowed parser: its buffers are reused line after line.
+  zelvanor::detail::BorrowedParser parser;
   element document;
-  if (const auto code = parser.parse(line.data(), line.size()).get(document); code) {
+  if (const auto code = parser.get().parse(line.data(), line.size()).get(document); code) {
     error = std::string("not valid JSON: ") + simdjson::error_message(code);
     return false;
   }
