@@ -83,8 +83,11 @@ std::uint64_t PendingStore::takeOver() {
   }
   readCursor();
   // Written now, while the disk most likely has room: rewriting a file in place later takes no
-  // more space, so a disk that fills up meanwhile still lets the answers be recorded.
-  writeCursor();
+  // more space, so a disk that fills up meanwhile still lets the answers be recorded. With
+  // nothing on disk it waits for the first segment: a start that keeps nothing writes nothing.
+  if (!numbers.empty() || platform::regularFileSize(file(kPendingFileName)).value_or(0) > 0) {
+    writeCursor();
+  }
   nextNumber_ = std::max(highest, cursorSegment_) + 1;
   for (const std::uint64_t number : numbers) {
     Segment segment;
@@ -115,6 +118,7 @@ std::uint64_t PendingStore::takeOver() {
 void PendingStore::close() {
   reader_.close();
   cursorFile_.close();
+  cursorWritten_ = false;
   readerSegment_ = 0;
   ownerLock_.unlock();
   owner_ = false;
@@ -137,6 +141,7 @@ bool PendingStore::rotateTail(bool queued) {
   segments_.push_back(segment);
   tailBytes_ = 0;
   tailRecords_ = 0;
+  if (!cursorWritten_) writeCursor();
   return true;
 }
 

@@ -217,6 +217,7 @@ class PendingStore {
   bool readPaused_ = false;
   PendingFileReader reader_;
   platform::RewrittenFile cursorFile_;  ///< kept open while this process owns the store
+  bool cursorWritten_ = false;          ///< the cursor's file exists, so rewriting needs no space
   std::uint64_t readerSegment_ = 0;     ///< 0: no segment open for reading
   std::deque<Outstanding> outstanding_;
   std::uint64_t cursorSegment_ = 0;

@@ -144,7 +144,7 @@ void PendingStore::writeCursor() {
   std::memcpy(bytes.data(), &cursorSegment_, sizeof(std::uint64_t));
   std::memcpy(bytes.data() + sizeof(std::uint64_t), &cursorOffset_, sizeof(std::uint64_t));
   // After every answer: a descriptor kept open makes it one write.
-  (void)cursorFile_.writeAtStart(file(kCursorFileName), bytes);
+  if (cursorFile_.writeAtStart(file(kCursorFileName), bytes)) cursorWritten_ = true;
 }
 
 bool PendingStore::keepInSegment(const std::string& frames, std::size_t records) {
@@ -167,6 +167,7 @@ bool PendingStore::keepInSegment(const std::string& frames, std::size_t records)
   segment.records = records;
   segment.queued = false;  // kept for later, like "ZLogs.tmp" moved aside
   segments_.push_back(segment);
+  if (!cursorWritten_) writeCursor();
   return true;
 }
 
@@ -187,11 +188,9 @@ void PendingStore::eraseAll() {
   cursorFrozen_ = false;
   droppedQueued_ = 0;
   takenTemplates_.clear();
+  cursorWritten_ = false;
   findings_.clear();
-  if (directory_.empty()) return;
-  removeFiles(directory_);
-  // As at a take-over: the cursor's file exists before the disk can fill up.
-  if (owner_) writeCursor();
+  if (!directory_.empty()) removeFiles(directory_);
 }
 
 void PendingStore::removeFiles(const std::filesystem::path& directory) {
