@@ -630,13 +630,13 @@ void ZInternalLogManager::trackBlocksLocked(ZLogTemplate blocks, bool verbose, b
     }
   }
   if (disabled) return;
-  if (!beforeSendSet()) {
-    enqueueRecord(*record);
-  } else if (heldRecordsHere()) {
+  const bool hooked = beforeSendSet();
+  if (hooked && heldRecordsHere()) {
     heldRecordsHere()->push_back(HookedRecord{std::move(*record), generation_});
-  } else if (passesBeforeSend(*record)) {
-    enqueueRecord(*record);  // no path builds records without HeldRecords; kept safe anyway
+    return;
   }
+  // No path builds records without HeldRecords while a hook is set; kept safe anyway.
+  if (!hooked || passesBeforeSend(*record)) enqueueRecord(*record);
 }
 
 std::string ZInternalLogManager::getData() {
