@@ -239,6 +239,30 @@ std::optional<std::uint64_t> regularFileSize(const std::filesystem::path& file) 
   return (static_cast<std::uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
 }
 
+std::optional<std::string> somethingElseAt(const std::filesystem::path& file) noexcept {
+  try {
+    const DWORD attributes = ::GetFileAttributesW(file.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES) return std::nullopt;  // missing or unreadable
+    if (attributes & FILE_ATTRIBUTE_REPARSE_POINT) return "a symbolic link or junction";
+    if (attributes & FILE_ATTRIBUTE_DIRECTORY) return "a directory";
+    Handle handle(openNoFollow(file, FILE_READ_ATTRIBUTES, OPEN_EXISTING));
+    if (handle && ::GetFileType(handle.get()) != FILE_TYPE_DISK) return "a device or pipe";
+    return std::nullopt;
+  } catch (...) {
+    return std::nullopt;
+  }
+}
+
+bool cutRegularFile(const std::filesystem::path& file, std::uint64_t size) noexcept {
+  Handle handle(openNoFollow(file, GENERIC_READ | GENERIC_WRITE, OPEN_EXISTING));
+  BY_HANDLE_FILE_INFORMATION info{};
+  if (!handle || !isRegular(handle.get(), info) || sizeOf(info) < size) return false;
+  LARGE_INTEGER end{};
+  end.QuadPart = static_cast<LONGLONG>(size);
+  return ::SetFilePointerEx(handle.get(), end, nullptr, FILE_BEGIN) &&
+         ::SetEndOfFile(handle.get()) && handle.close();
+}
+
 struct ReadableFile::Handle {
   HANDLE handle = INVALID_HANDLE_VALUE;
   std::uint64_t size = 0;
