@@ -25,8 +25,9 @@ bool retried(Attempt&& attempt) {
 PendingStore::PendingStore(std::filesystem::path directory, ZStoreLimits limits)
     : directory_(std::move(directory)), limits_(limits) {}
 
-std::filesystem::path PendingStore::segmentPath(std::uint64_t number) const {
-  return directory_ / (std::string(kPendingFileName) + "." + std::to_string(number));
+std::filesystem::path PendingStore::segmentPath(const std::filesystem::path& directory,
+                                                std::uint64_t number) {
+  return directory / (std::string(kPendingFileName) + "." + std::to_string(number));
 }
 
 std::uint64_t PendingStore::segmentTarget() const {

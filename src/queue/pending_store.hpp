@@ -163,7 +163,12 @@ class PendingStore {
 
   /// Takes the ownership and what earlier runs left; what open() and retryOpen() share.
   std::uint64_t takeOver();
-  std::filesystem::path segmentPath(std::uint64_t number) const;
+  /// The one place a segment's file is named.
+  static std::filesystem::path segmentPath(const std::filesystem::path& directory,
+                                           std::uint64_t number);
+  std::filesystem::path segmentPath(std::uint64_t number) const {
+    return segmentPath(directory_, number);
+  }
   /// What a segment counts against the disk limit: from where reading begins, junk aside.
   static std::uint64_t charged(const Segment& segment) noexcept {
     const std::uint64_t live = segment.bytes - std::min(segment.bytes, segment.start);

@@ -195,8 +195,7 @@ void PendingStore::eraseAll() {
 
 void PendingStore::removeFiles(const std::filesystem::path& directory) {
   for (const std::uint64_t number : segmentNumbers(directory)) {
-    (void)platform::removeFile(directory /
-                               (std::string(kPendingFileName) + "." + std::to_string(number)));
+    (void)platform::removeFile(segmentPath(directory, number));
   }
   for (const std::string_view name :
        {kPendingFileName, kTemplatesFileName, kQuarantineFileName, kCursorFileName}) {
