@@ -11,6 +11,7 @@
 #include <concepts>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -23,6 +24,7 @@
 #include "zelvanor/endpoints.hpp"
 #include "zelvanor/event.hpp"
 #include "zelvanor/export.hpp"
+#include "zelvanor/http_client.hpp"
 #include "zelvanor/platform.hpp"
 #include "zelvanor/record.hpp"
 #include "zelvanor/storage.hpp"
@@ -169,6 +171,10 @@ class ZELVANOR_API ZelvanorTracker {
   /// Bounds on records waiting in memory and on disk. Takes effect at the next start: call it
   /// before the first other operation (or before a start that follows shutdown()).
   static ZelvanorTracker setStoreLimits(const ZStoreLimits& limits);
+  /// The HTTP client every request goes through (see zelvanor/http_client.hpp); null restores
+  /// the SDK's own. Takes effect at the next start, like setStoreLimits. The endpoints' proxy and
+  /// CA file then are the client's business; extra headers are still sent.
+  static ZelvanorTracker setHttpClient(std::shared_ptr<ZHttpClient> client);
   /// Reports network reachability as a flag word (0x2 reachable, 0x40000 cellular) for hosts
   /// whose platform knows better than the SDK's own route watch; repeated flags are ignored.
   static ZelvanorTracker setReachabilityFlags(std::uint32_t flags);

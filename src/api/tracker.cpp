@@ -323,6 +323,11 @@ ZEndpoints ZelvanorTracker::endpoints() {
   }
 }
 
+ZelvanorTracker ZelvanorTracker::setHttpClient(std::shared_ptr<ZHttpClient> client) {
+  detail::setHttpClient(std::move(client));
+  return {};
+}
+
 ZelvanorTracker ZelvanorTracker::setStoreLimits(const ZStoreLimits& limits) {
   try {
     detail::setStoreLimits(limits);

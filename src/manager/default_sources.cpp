@@ -1,12 +1,13 @@
-// The real sources of a started SDK: one HTTPS client (one cookie store) shared by delivery and
+// The real sources of a started SDK: one HTTP client (one cookie store) shared by delivery and
 // identity sync, the pending store and the settings file in the app's data directory, and
-// the platform's route watch. Three threads in all: the HTTP client's, the route watch's, and one
-// worker that the delivery, the manager and reachability share.
+// the platform's route watch. Two threads in all: the route watch's, and one worker that the
+// delivery, the manager, reachability and the SDK's own HTTP client share.
 #include "manager/default_sources.hpp"
 
 #include <mutex>
 
 #include "manager/local_data.hpp"
+#include "network/curl_client.hpp"
 #include "network/endpoints.hpp"
 #include "network/https_delivery.hpp"
 #include "network/identity_sync.hpp"
@@ -26,6 +27,10 @@ ZStoreLimits& currentLimits() {
   static ZStoreLimits limits;
   return limits;
 }
+std::shared_ptr<ZHttpClient>& hostClient() {
+  static std::shared_ptr<ZHttpClient> client;
+  return client;
+}
 support::RetryTimings& currentRetryTimings() {
   static support::RetryTimings timings;
   return timings;
@@ -35,6 +40,11 @@ support::RetryTimings& currentRetryTimings() {
 void setRetryTimings(const support::RetryTimings& timings) {
   std::lock_guard lock(limitsMutex());
   currentRetryTimings() = timings;
+}
+
+void setHttpClient(std::shared_ptr<ZHttpClient> client) {
+  std::lock_guard lock(limitsMutex());
+  hostClient() = std::move(client);
 }
 
 void setStoreLimits(const ZStoreLimits& limits) {
@@ -54,16 +64,25 @@ ManagerSources makeDefaultSources() {
   // by a crash left behind is not data.
   local_data::finishInterruptedErase(dataDirectory);
 
-  network::HttpClient::Options options;
-  if (haveDirectory) options.cookieJar = dataDirectory / local_data::kCookieJarFileName;
-  options.caBundle = currentEndpoints().caBundleFile;
-  auto http = std::make_shared<network::HttpClient>(std::move(options),
-                                                    [] { return currentRequestUrls()->proxy; });
-
   ManagerSources sources;
   sources.dataDirectory = dataDirectory;
   sources.worker = std::make_shared<support::SerialQueue>("com.zelvanor.sdk.worker",
                                                           &platform::lowerCurrentThreadPriority);
+  std::shared_ptr<ZHttpClient> transport;
+  {
+    std::lock_guard lock(limitsMutex());
+    transport = hostClient();
+  }
+  if (!transport) {
+    // The SDK's own client runs on the worker, between its tasks.
+    transport = network::CurlHttpClient::startOn(
+        *sources.worker,
+        {currentEndpoints().caBundleFile, [] { return currentRequestUrls()->proxy; }});
+  }
+  auto http = std::make_shared<network::HttpClient>(
+      std::move(transport),
+      haveDirectory ? dataDirectory / local_data::kCookieJarFileName : std::filesystem::path{},
+      sources.worker);
   sources.storeLimits = storeLimits();
   {
     std::lock_guard lock(limitsMutex());

@@ -4,6 +4,7 @@
 
 #include "manager/internal_log_manager.hpp"
 #include "support/retry_schedule.hpp"
+#include "zelvanor/http_client.hpp"
 #include "zelvanor/storage.hpp"
 
 namespace zelvanor::detail {
@@ -13,6 +14,9 @@ void setStoreLimits(const ZStoreLimits& limits);
 ZStoreLimits storeLimits();
 /// How long the instances started from now on wait before trying again (tests shorten it).
 void setRetryTimings(const support::RetryTimings& timings);
+
+/// The HTTP client of instances started from now on; null: the SDK's own.
+void setHttpClient(std::shared_ptr<ZHttpClient> client);
 
 /// The real sources: HTTPS delivery with its pending store, identity sync and reachability.
 ManagerSources makeDefaultSources();

@@ -1,25 +1,25 @@
-// The SDK's HTTPS client: libcurl's multi interface on one SDK thread. Requests run concurrently
-// and reuse connections; the calling thread only queues. One cookie store, kept in a jar file.
+// What the SDK's delivery and identity sync send through: the HTTP client in use (the SDK's own
+// libcurl client, or one the host supplies) with the SDK's cookie store, Retry-After reading and
+// bookkeeping around it. Whatever the client does, every request gets exactly one outcome,
+// handed over on the SDK's worker.
 #pragma once
 
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
-#include <deque>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <utility>
 #include <variant>
 #include <vector>
 
 #include "network/cookie_jar.hpp"
+#include "support/serial_queue.hpp"
+#include "zelvanor/http_client.hpp"
 
 namespace zelvanor::network {
 
@@ -40,6 +40,7 @@ class RequestBody {
   explicit operator bool() const noexcept { return text_ != nullptr; }
   const std::string& operator*() const noexcept { return *text_; }
   const std::string* operator->() const noexcept { return text_.get(); }
+  const std::shared_ptr<const std::string>& shared() const noexcept { return text_; }
   friend bool operator==(const RequestBody& body, std::string_view text) noexcept {
     return body.text_ && *body.text_ == text;
   }
@@ -82,31 +83,37 @@ class HttpClient {
     std::optional<std::string> caBundle;  ///< extra trusted roots (PEM file)
   };
 
-  /// Connections kept to one host; requests beyond them wait for a free one.
+  /// Connections the SDK's own client keeps to one host; requests beyond them wait for one.
   static constexpr long kMaxConnectionsPerHost = 8;
 
-  /// `proxy` empty: the environment decides for every request.
+  /// `transport` carries the requests; answers are handed over on `loop`'s worker.
+  HttpClient(std::shared_ptr<ZHttpClient> transport, std::filesystem::path cookieJar,
+             std::shared_ptr<support::SerialQueue> loop);
+  /// The SDK's own libcurl client on a worker of its own (tools and tests).
   explicit HttpClient(Options options, ProxyChoice proxy = {});
   ~HttpClient();
   HttpClient(const HttpClient&) = delete;
   HttpClient& operator=(const HttpClient&) = delete;
 
-  /// Queues a request. `done` runs exactly once, on the client's thread (or at once on the
-  /// caller's thread after shutdown).
+  /// Starts a request. `done` runs exactly once: on the loop's worker (never from within this
+  /// call), or at once on the caller's thread after shutdown.
   void send(HttpRequest request, std::function<void(HttpOutcome)> done);
   /// The cookies the store would send to `url` (domain, path, secure and expiry matched), in
   /// store order. Any thread.
   std::vector<Cookie> cookiesFor(const std::string& url);
   /// Forgets every cookie, in memory and in the jar file. Any thread.
   void clearCookies();
-  /// Cancels what is in flight (each gets a TransportError before this returns), saves the
-  /// cookie jar and ends the thread. Idempotent.
+  /// Every request not answered yet gets a TransportError ("cancelled") on this thread before
+  /// this returns, in the order they were sent; later answers are ignored. The cookie jar is
+  /// saved. Idempotent.
   void shutdown();
   std::size_t inFlight() const;
 
  private:
-  struct Impl;
-  std::unique_ptr<Impl> impl_;
+  struct Core;
+  std::shared_ptr<Core> core_;
+  /// The worker of the SDK's own client when it runs apart from the SDK (tools and tests).
+  std::shared_ptr<support::SerialQueue> ownLoop_;
 };
 
 }  // namespace zelvanor::network

@@ -26,6 +26,24 @@ void SerialQueue::async(std::function<void()> task) {
     if (state_->stopping) return;
     state_->tasks.push_back(std::move(task));
   }
+  wake(*state_);
+}
+
+void SerialQueue::wake(State& state) {
+  std::shared_ptr<IdleWait> idleWait;
+  {
+    std::lock_guard lock(state.mutex);
+    idleWait = state.idleWait;
+  }
+  if (idleWait) idleWait->wake();
+  state.wake.notify_one();
+}
+
+void SerialQueue::setIdleWait(std::shared_ptr<IdleWait> wait) {
+  {
+    std::lock_guard lock(state_->mutex);
+    state_->idleWait = std::move(wait);
+  }
   state_->wake.notify_one();
 }
 
@@ -36,7 +54,7 @@ void SerialQueue::asyncAfter(std::chrono::steady_clock::duration delay,
     if (state_->stopping) return;
     state_->timers.emplace(std::chrono::steady_clock::now() + delay, std::move(task));
   }
-  state_->wake.notify_one();
+  wake(*state_);
 }
 
 void SerialQueue::sync(const std::function<void()>& task) {
@@ -63,7 +81,7 @@ void SerialQueue::sync(const std::function<void()>& task) {
     task();
     return;
   }
-  state_->wake.notify_one();
+  wake(*state_);
   std::unique_lock doneLock(doneMutex);
   doneSignal.wait(doneLock, [&] { return done; });
 }
@@ -77,7 +95,7 @@ void SerialQueue::stop() {
     fromWorker = std::this_thread::get_id() == state_->workerId;
     worker = std::move(worker_);
   }
-  state_->wake.notify_one();
+  wake(*state_);
   if (fromWorker) {
     // Stopped by one of its own tasks (a shutdown the host starts from a callback on this
     // thread, or the last owner let go here): what is queued runs now, before stop returns, as
@@ -119,17 +137,26 @@ void SerialQueue::run(const std::shared_ptr<State>& state) {
           state->timers.erase(state->timers.begin());
         }
         if (state->stopping || !state->tasks.empty()) break;
-        if (state->timers.empty()) {
-          state->wake.wait(lock);
+        std::optional<std::chrono::steady_clock::time_point> deadline;
+        if (!state->timers.empty()) deadline = state->timers.begin()->first;
+        if (auto idleWait = state->idleWait) {
+          // A task queued from now on wakes the wait, so none is missed while unlocked.
+          lock.unlock();
+          idleWait->waitUntil(deadline);
+          lock.lock();
+        } else if (deadline) {
+          state->wake.wait_until(lock, *deadline);
         } else {
-          state->wake.wait_until(lock, state->timers.begin()->first);
+          state->wake.wait(lock);
         }
       }
       if (state->tasks.empty()) {
         // Dropped timers' captures are released outside the lock: one may own this queue.
         auto dropped = std::move(state->timers);
         state->timers.clear();
+        auto idleWait = std::move(state->idleWait);
         lock.unlock();
+        if (idleWait) idleWait->ended();
         return;
       }
       task = std::move(state->tasks.front());
