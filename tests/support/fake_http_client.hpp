@@ -1,0 +1,112 @@
+// An HTTP client in memory: it keeps each request until the test answers it, or answers at once
+// through a responder. Tests of delivery and identity sync step through exchanges with it, with
+// no server, no TLS and no sleeps.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "zelvanor/http_client.hpp"
+
+namespace zelvanor::testing {
+
+class FakeHttpClient final : public ZHttpClient {
+ public:
+  using Responder = std::function<std::optional<ZHttpResult>(const ZHttpRequest&)>;
+
+  /// Answers each request as it is sent (from within send, as a client may); a responder that
+  /// returns nothing leaves that request waiting for the test.
+  void setResponder(Responder responder) {
+    std::lock_guard lock(mutex_);
+    responder_ = std::move(responder);
+  }
+
+  void send(ZHttpRequest request, std::function<void(ZHttpResult)> done) override {
+    Responder responder;
+    {
+      std::lock_guard lock(mutex_);
+      sent_.push_back(request);
+      responder = responder_;
+    }
+    std::optional<ZHttpResult> answer = responder ? responder(request) : std::nullopt;
+    if (answer) {
+      done(std::move(*answer));
+    } else {
+      std::lock_guard lock(mutex_);
+      waiting_.push_back({std::move(request), std::move(done)});
+    }
+    changed_.notify_all();
+  }
+
+  void cancelAll() override {
+    std::lock_guard lock(mutex_);
+    ++cancelAllCalls_;
+  }
+
+  /// Waits until at least `count` requests wait for an answer; false after `timeout`.
+  bool waitForWaiting(std::size_t count,
+                      std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return waiting_.size() >= count; });
+  }
+  /// Waits until at least `count` requests were sent in all.
+  bool waitForSent(std::size_t count,
+                   std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return sent_.size() >= count; });
+  }
+
+  /// Answers the oldest waiting request; false when none waits.
+  bool answer(ZHttpResult result) {
+    Waiting next;
+    {
+      std::lock_guard lock(mutex_);
+      if (waiting_.empty()) return false;
+      next = std::move(waiting_.front());
+      waiting_.pop_front();
+    }
+    next.done(std::move(result));
+    return true;
+  }
+  bool answer(int status, std::string body, ZHttpHeaders headers = {}) {
+    return answer(ZHttpResponse{status, std::move(headers), std::move(body)});
+  }
+  bool fail(std::string description = "connection reset", bool tls = false) {
+    return answer(ZHttpFailure{std::move(description), tls});
+  }
+
+  std::vector<ZHttpRequest> sent() const {
+    std::lock_guard lock(mutex_);
+    return sent_;
+  }
+  std::size_t waiting() const {
+    std::lock_guard lock(mutex_);
+    return waiting_.size();
+  }
+  int cancelAllCalls() const {
+    std::lock_guard lock(mutex_);
+    return cancelAllCalls_;
+  }
+
+ private:
+  struct Waiting {
+    ZHttpRequest request;
+    std::function<void(ZHttpResult)> done;
+  };
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  Responder responder_;
+  std::vector<ZHttpRequest> sent_;
+  std::deque<Waiting> waiting_;
+  int cancelAllCalls_ = 0;
+};
+
+}  // namespace zelvanor::testing
