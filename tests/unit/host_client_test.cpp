@@ -1,0 +1,249 @@
+// A host's own HTTP client in place of the SDK's: whatever way it fails, every record still
+// arrives once it works, and the SDK runs on no more than its two threads.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "manager/default_sources.hpp"
+#include "support/fake_http_client.hpp"
+#include "support/temp_dir.hpp"
+#include "zelvanor/json.hpp"
+#include "zelvanor/tracker.hpp"
+
+namespace zelvanor {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::uint32_t kReachable = 0x2;
+const std::string kBase = "https://collector.test";
+
+std::string syncAnswer() {
+  return R"({"version":1,"status":{"code":"0000","msg":"ok"},"data":[{"cid":"cid-7","did":"did-7","sid":"sid-7"}]})";
+}
+
+/// A collector in memory behind the fake client: answers identity sync, and "ok" to records once
+/// `healthy`; before that, `misbehave` decides.
+class HostCollector {
+ public:
+  using Misbehaviour = std::function<std::optional<ZHttpResult>(const ZHttpRequest&)>;
+
+  explicit HostCollector(Misbehaviour misbehave) : misbehave_(std::move(misbehave)) {
+    client->setResponder([this](const ZHttpRequest& request) -> std::optional<ZHttpResult> {
+      if (request.url.find("/sync") != std::string::npos) {
+        return ZHttpResponse{200, {}, syncAnswer()};
+      }
+      if (!healthy_.load()) return misbehave_(request);
+      const auto record = decodeJson<ZLogRecord>(*request.body);
+      std::lock_guard lock(mutex_);
+      if (record) delivered_.insert(record->action.name);
+      changed_.notify_all();
+      return ZHttpResponse{200, {}, "ok"};
+    });
+  }
+  void heal() { healthy_ = true; }
+  bool waitForDelivered(std::size_t count) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, 20s, [&] { return delivered_.size() >= count; });
+  }
+  std::shared_ptr<testing::FakeHttpClient> client = std::make_shared<testing::FakeHttpClient>();
+
+ private:
+  Misbehaviour misbehave_;
+  std::atomic<bool> healthy_{false};
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::set<std::string> delivered_;
+};
+
+class HostClientTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ZelvanorTracker::shutdown();
+    detail::setRetryTimings(support::RetryTimings{.first = 50ms, .longest = 200ms});
+    ZelvanorTracker::setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.host",
+                                                     .appVersion = "1.0",
+                                                     .dataDirectory = dir.path().string()});
+    ASSERT_TRUE(ZelvanorTracker::setEndpoints(ZEndpoints{kBase, kBase, kBase}));
+  }
+  void TearDown() override {
+    ZelvanorTracker::shutdown();
+    ZelvanorTracker::setHttpClient(nullptr);
+    detail::setRetryTimings({});
+    ZelvanorTracker::setEndpoints(ZEndpoints{});
+    ZelvanorTracker::setPlatformFacts({});
+  }
+  static void start(std::shared_ptr<ZHttpClient> client) {
+    ZelvanorTracker::setHttpClient(std::move(client));
+    ZelvanorTracker::setRequired(ZConfiguration{.timeout = 10, .batchSize = 1})
+        .setReachabilityFlags(kReachable)
+        .set(ZCommon({.serviceName = "host", .deployment = "production"}));
+  }
+  static void track(int count) {
+    for (int i = 0; i < count; ++i) {
+      ZelvanorTracker::set(ZAction("event", "e" + std::to_string(i), "tap")).track(false, false);
+    }
+  }
+
+  testing::TempDir dir;
+};
+
+TEST_F(HostClientTest, EveryWayAClientFailsLosesNoRecord) {
+  struct Row {
+    const char* name;
+    HostCollector::Misbehaviour misbehave;
+    bool healsOnlyAtTheNextStart;  ///< the client never answers: the records wait on disk
+  };
+  const std::vector<Row> rows = {
+      {"throws from send",
+       [](const ZHttpRequest&) -> std::optional<ZHttpResult> {
+         throw std::runtime_error("no socket");
+       },
+       false},
+      {"fails every request",
+       [](const ZHttpRequest&) -> std::optional<ZHttpResult> {
+         return ZHttpFailure{"connection reset"};
+       },
+       false},
+      {"asks to come back later",
+       [](const ZHttpRequest&) -> std::optional<ZHttpResult> {
+         return ZHttpResponse{503, {{"retry-after", "0"}}, "busy"};
+       },
+       false},
+      {"redirects",
+       [](const ZHttpRequest&) -> std::optional<ZHttpResult> {
+         return ZHttpResponse{302, {{"Location", "https://elsewhere.test/"}}, ""};
+       },
+       false},
+      {"never answers", [](const ZHttpRequest&) { return std::optional<ZHttpResult>(); }, true},
+  };
+  constexpr int kRecords = 20;
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    std::filesystem::remove_all(dir.path());
+    std::filesystem::create_directories(dir.path());
+    HostCollector collector(row.misbehave);
+    start(collector.client);
+    track(kRecords);
+    ASSERT_TRUE(collector.client->waitForSent(2));
+    if (row.healsOnlyAtTheNextStart) {
+      ZelvanorTracker::shutdown();
+      HostCollector next([](const ZHttpRequest&) { return std::optional<ZHttpResult>(); });
+      next.heal();
+      start(next.client);
+      EXPECT_TRUE(next.waitForDelivered(kRecords));
+      ZelvanorTracker::shutdown();
+    } else {
+      collector.heal();
+      EXPECT_TRUE(collector.waitForDelivered(kRecords));
+    }
+    ZelvanorTracker::shutdown();
+  }
+}
+
+/// Answers each record at once from within send, and a second time later from another thread.
+class AnswersTwice final : public ZHttpClient {
+ public:
+  ~AnswersTwice() override { joinLate(); }
+  void joinLate() {
+    std::vector<std::thread> late;
+    {
+      std::lock_guard lock(mutex_);
+      late.swap(late_);
+    }
+    for (auto& thread : late) thread.join();
+  }
+  void send(ZHttpRequest request, std::function<void(ZHttpResult)> done) override {
+    if (request.url.find("/sync") != std::string::npos) {
+      done(ZHttpResponse{200, {}, syncAnswer()});
+      return;
+    }
+    if (const auto record = decodeJson<ZLogRecord>(*request.body)) {
+      std::lock_guard lock(mutex_);
+      ++requests_;
+      if (record->action.type == "event") received_.insert(record->action.name);
+    }
+    done(ZHttpResponse{200, {}, "ok"});
+    std::lock_guard lock(mutex_);
+    late_.emplace_back([done] { done(ZHttpResponse{503, {{"Retry-After", "0"}}, "late"}); });
+  }
+  std::multiset<std::string> received() {
+    std::lock_guard lock(mutex_);
+    return received_;
+  }
+  std::uint64_t requests() {
+    std::lock_guard lock(mutex_);
+    return requests_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::thread> late_;
+  std::multiset<std::string> received_;
+  std::uint64_t requests_ = 0;
+};
+
+TEST_F(HostClientTest, TheFirstAnswerStandsFromWithinSendOrAnotherThread) {
+  auto client = std::make_shared<AnswersTwice>();
+  start(client);
+  track(10);
+  for (int i = 0; i < 1000 && client->received().size() < 10; ++i) std::this_thread::sleep_for(5ms);
+  client->joinLate();
+  const ZCounters counters = ZelvanorTracker::counters();
+  ZelvanorTracker::shutdown();
+  EXPECT_EQ(counters.delivered, client->requests()) << "the SDK's own events too";
+  EXPECT_EQ(counters.refused, 0u);
+  const auto received = client->received();
+  EXPECT_EQ(received.size(), 10u) << "a late second answer sends nothing again";
+  EXPECT_EQ(std::set<std::string>(received.begin(), received.end()).size(), 10u);
+}
+
+#if defined(__linux__)
+std::size_t threadsOfThisProcess() {
+  std::size_t count = 0;
+  for ([[maybe_unused]] const auto& entry :
+       std::filesystem::directory_iterator("/proc/self/task")) {
+    ++count;
+  }
+  return count;
+}
+#endif
+
+TEST_F(HostClientTest, TheSdkRunsOnTwoThreadsWithItsOwnClientOrAHosts) {
+#if defined(__linux__)
+  for (const bool ownClient : {true, false}) {
+    SCOPED_TRACE(ownClient ? "the SDK's own client" : "a host's client");
+    const std::size_t before = threadsOfThisProcess();
+    HostCollector collector([](const ZHttpRequest&) { return std::optional<ZHttpResult>(); });
+    collector.heal();
+    if (ownClient) {
+      // Nothing listens there: requests fail, which takes the client through all its paths.
+      ASSERT_TRUE(ZelvanorTracker::setEndpoints(
+          ZEndpoints{"https://127.0.0.1:1", "https://127.0.0.1:1", "https://127.0.0.1:1"}));
+    }
+    start(ownClient ? nullptr : collector.client);
+    track(5);
+    if (!ownClient) {
+      EXPECT_TRUE(collector.waitForDelivered(5));
+    }
+    EXPECT_EQ(threadsOfThisProcess(), before + 2) << "the worker and the route watch";
+    ZelvanorTracker::shutdown();
+    EXPECT_EQ(threadsOfThisProcess(), before);
+    ASSERT_TRUE(ZelvanorTracker::setEndpoints(ZEndpoints{kBase, kBase, kBase}));
+  }
+#else
+  GTEST_SKIP() << "threads are counted through /proc";
+#endif
+}
+
+}  // namespace
+}  // namespace zelvanor
