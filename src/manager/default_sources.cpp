@@ -88,9 +88,10 @@ ManagerSources makeDefaultSources() {
     std::lock_guard lock(limitsMutex());
     sources.retryTimings = currentRetryTimings();
   }
-  sources.transport =
-      std::make_shared<HttpsDelivery>(http, haveDirectory ? dataDirectory : std::filesystem::path{},
-                                      sources.storeLimits, sources.retryTimings, sources.worker);
+  sources.retryPolicy = std::make_shared<support::RetryPolicy>(sources.retryTimings);
+  sources.transport = std::make_shared<HttpsDelivery>(
+      http, haveDirectory ? dataDirectory : std::filesystem::path{}, sources.storeLimits,
+      sources.retryTimings, sources.worker, sources.retryPolicy);
   sources.identity = std::make_shared<IdentitySync>(http);
   sources.network =
       std::make_shared<ZReachability>(&platform::makeSystemReachabilityFlagSource, sources.worker);

@@ -25,7 +25,7 @@
 #include "platform/settings_store.hpp"
 #include "platform/thread_priority.hpp"
 #include "queue/log_record_queue.hpp"
-#include "support/retry_schedule.hpp"
+#include "support/retry_policy.hpp"
 #include "support/serial_queue.hpp"
 #include "support/subject.hpp"
 #include "zelvanor/configuration.hpp"
@@ -43,6 +43,8 @@ struct ManagerSources {
       settingsStore;  ///< null when there is nowhere to keep it
   ZStoreLimits storeLimits{};
   support::RetryTimings retryTimings{};  ///< how long to wait before asking the sync server again
+  /// Every wait of the SDK, shared with the transport; null: one from retryTimings.
+  std::shared_ptr<support::RetryPolicy> retryPolicy{};
   /// The SDK's one worker, shared with the transport and reachability; null gives the manager a
   /// worker of its own.
   std::shared_ptr<support::SerialQueue> worker{};
@@ -199,7 +201,7 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   /// The common block's install/update/launch check was skipped while collection was off.
   std::atomic<bool> versionCheckSkipped_{false};
   std::atomic<bool> offSaid_{false};        ///< "collection off" said in this off period
-  support::RetrySchedule identityBackoff_;  ///< worker only
+  std::shared_ptr<support::RetryPolicy> retryPolicy_;  ///< worker only
   bool identityRetryScheduled_ = false;     ///< worker only
   bool lastOnline_ = true;                  ///< guarded by mutex_
   /// Guarded by mutex_: how many of the templates in front were kept by an earlier run. Their

@@ -101,7 +101,7 @@ void ZInternalLogManager::setCollectionEnabled(bool enabled) {
   sources_.transport->resumeSending();
   postIdentityWork([](ZInternalLogManager& self) {
     if (self.isReady()) return;
-    self.identityBackoff_.succeeded();
+    self.retryPolicy_->succeeded(support::RetryReason::identitySync);
     self.sources_.identity->retry();
   });
   // The common block came while collection was off: its install, update or launch is recorded
@@ -132,7 +132,7 @@ void ZInternalLogManager::deleteLocalData() {
       std::lock_guard lock(installMutex_);
       installFactsKnown_ = false;
     }
-    identityBackoff_.succeeded();
+    retryPolicy_->succeeded(support::RetryReason::identitySync);
   });
   if (marked) local_data::unmarkErasing(directory);
   diagnose(ZLogLevel::info,

@@ -21,7 +21,7 @@
 #include "platform/thread_priority.hpp"
 #include "queue/pending_store.hpp"
 #include "queue/record_transport.hpp"
-#include "support/retry_schedule.hpp"
+#include "support/retry_policy.hpp"
 #include "support/serial_queue.hpp"
 
 namespace zelvanor::detail {
@@ -35,7 +35,8 @@ class HttpsDelivery final : public RecordTransport,
   /// with the manager and reachability; null gives this delivery a worker of its own.
   HttpsDelivery(std::shared_ptr<network::HttpClient> http, std::filesystem::path dataDirectory,
                 ZStoreLimits limits = {}, support::RetryTimings retryTimings = {},
-                std::shared_ptr<support::SerialQueue> worker = nullptr);
+                std::shared_ptr<support::SerialQueue> worker = nullptr,
+                std::shared_ptr<support::RetryPolicy> retryPolicy = nullptr);
   ~HttpsDelivery() override;
 
   void restore(std::function<void(std::uint64_t)> restored) override;
@@ -97,22 +98,30 @@ class HttpsDelivery final : public RecordTransport,
     std::uint64_t generation = 0;  ///< deleteLocalData() calls before it went out
   };
 
-  /// Tries again, after `wait`, to take over what open() could not; reports newly found records
-  /// through `restored`. The wait doubles up to kLastOpenRetry.
-  void retryOpenLater(std::function<void(std::uint64_t)> restored, std::chrono::milliseconds wait);
-  static constexpr std::chrono::milliseconds kFirstOpenRetry{100};
-  static constexpr std::chrono::milliseconds kLastOpenRetry{30000};
+  /// Tries again, after the policy's wait, to take over what open() could not; reports newly
+  /// found records through `restored`.
+  void retryOpenLater(std::function<void(std::uint64_t)> restored);
   void post(Command command);
   /// Takes everything the host handed over since the last time, in order. Worker only.
   void drainInbox(bool gather);
   void handleSend(SendCommand& command);
   void handleSpill(SpillCommand& command);
+  /// The record's bytes become the request's body as they are: moved, never copied. Only a
+  /// record that is not delivered is copied back out, to wait again.
+  static std::shared_ptr<const std::string> shareBytes(std::string bytes) {
+    return std::make_shared<const std::string>(std::move(bytes));
+  }
   /// The oldest record waiting on disk (or, when the disk would not take them, in memory).
   std::optional<Next> nextQueued();
   void startWaiting();
   /// Goes on with startWaiting() in a later turn of the worker.
   void continueReadingLater();
   void finished(network::HttpOutcome outcome, Next record);
+  /// The collector judged the record: delivered or refused.
+  void judged(const network::HttpResponse& response, const Next& record);
+  /// Says why a record is kept: a redirect (once until the collector answers otherwise) or a
+  /// transport failure.
+  void reportFailure(const network::HttpOutcome& outcome);
   /// Keeps a record no answer judged (a transport failure, a redirect) and backs off.
   void keepAfterFailure(const Next& record);
   /// Puts a record the collector asked to send later back in line, ahead of those not yet sent.
@@ -168,9 +177,8 @@ class HttpsDelivery final : public RecordTransport,
   std::vector<std::string> keepBacklog_;  ///< kept records the disk would not take yet
   std::vector<std::string> cancelled_;    ///< in flight when shutdown cancelled them
   bool retryScheduled_ = false;
-  std::chrono::milliseconds retryDelay_{1000};
   std::uint64_t droppedToReport_ = 0;
-  support::RetrySchedule backoff_;
+  const std::shared_ptr<support::RetryPolicy> retryPolicy_;
   bool probing_ = false;        ///< after a wait: one request alone until it is answered
   bool keptToRetry_ = false;    ///< records were kept on disk in this run
   bool retryWhenIdle_ = false;  ///< a retry of kept records waits for disk reads in flight

@@ -473,4 +473,11 @@ void PendingStore::removeIfDone(std::uint64_t number) {
   }
 }
 
+bool PendingStore::appendAfterClose(std::string_view record) const {
+  if (!hasDirectory()) return false;
+  std::string frame;
+  appendFrame(frame, record);
+  return platform::appendPrivate(pendingFile(), frame);
+}
+
 }  // namespace zelvanor::detail

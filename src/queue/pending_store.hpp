@@ -131,6 +131,9 @@ class PendingStore {
   bool hasDirectory() const noexcept { return !directory_.empty(); }
   /// "ZLogs.tmp": where records kept for a later start are appended (any thread may append).
   std::filesystem::path pendingFile() const { return directory_ / kPendingFileName; }
+  /// After close(), from any thread: appends one record for the next start, behind the rest (a
+  /// record tracked after shutdown, which nothing else is left to keep).
+  bool appendAfterClose(std::string_view record) const;
 
   /// The templates kept by an earlier run, oldest first, for the owning process only (another one
   /// would share them with the owner). The file stays until forgetTakenTemplates(): a kill before

@@ -25,6 +25,9 @@ class RetrySchedule {
 
   explicit RetrySchedule(Timings timings = {}, std::function<Clock::time_point()> now = Clock::now,
                          std::function<double()> unitRandom = {});
+  // The default randomness draws from this object's own engine.
+  RetrySchedule(const RetrySchedule&) = delete;
+  RetrySchedule& operator=(const RetrySchedule&) = delete;
 
   /// A failure: how long to wait before the next attempt. A server's Retry-After wins (within its
   /// cap); otherwise the step doubles with every failure in a row.
