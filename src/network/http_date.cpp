@@ -123,8 +123,8 @@ std::optional<std::int64_t> parseHttpDateSeconds(std::string_view text) {
   if (fullYear >= 0 && fullYear <= 69) fullYear += 2000;
   if (fullYear < 1601 || *day < 1 || *day > daysInMonth(fullYear, *month)) return std::nullopt;
   if (time->hour > 23 || time->minute > 59 || time->second > 59) return std::nullopt;
-  return daysFromCivil(fullYear, *month, *day) * 86400 + time->hour * 3600 + time->minute * 60 +
-         time->second;
+  const int secondOfDay = time->hour * 3600 + time->minute * 60 + time->second;
+  return daysFromCivil(fullYear, *month, *day) * 86400 + secondOfDay;
 }
 
 std::optional<std::chrono::system_clock::time_point> parseHttpDate(std::string_view text) {

@@ -1,4 +1,4 @@
-// Replays every fuzzer seed and every input that once broke a decoder through both fuzzers'
+// Replays every fuzzer seed and every input that once broke a decoder through every fuzzer's
 // checks, so a fix stays fixed without running the fuzzers.
 #include <gtest/gtest.h>
 
@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "cookie_check.hpp"
 #include "pending_check.hpp"
 #include "round_trip.hpp"
 #include "support/temp_dir.hpp"
@@ -43,10 +44,12 @@ std::string contents(const std::string& relative) {
 
 class FuzzInput : public ::testing::TestWithParam<std::string> {};
 
-TEST_P(FuzzInput, KeepsTheRecordEnvelopeAndPendingFileRules) {
+TEST_P(FuzzInput, KeepsEveryFuzzersRules) {
   const std::string text = contents(GetParam());
   EXPECT_EQ(fuzzing::checkRecord(text), "");
   EXPECT_EQ(fuzzing::checkEnvelope(text), "");
+  EXPECT_EQ(fuzzing::checkSetCookie(text), "");
+  EXPECT_EQ(fuzzing::checkRetryAfter(text), "");
   testing::TempDir dir;
   EXPECT_EQ(fuzzing::checkPendingContent(text, dir.path() / "ZLogs.tmp"), "");
 }
