@@ -199,6 +199,42 @@ ZELVANOR_C_API void zelvanor_set_console_log_sink(zelvanor_console_sink sink, vo
  *  start. Also runs at process exit. A later operation starts the SDK afresh. */
 ZELVANOR_C_API void zelvanor_shutdown(void);
 
+/* ----- a host's own HTTP client ------------------------------------------------------------- */
+
+/** One request under way in the host's client; answered exactly once. */
+typedef struct zelvanor_http_exchange zelvanor_http_exchange;
+/** A request for the host's client to carry. Every pointer stays valid until the exchange is
+ *  answered. `headers` holds `header_count` "Name: value" lines (a Cookie header among them when
+ *  the SDK has cookies for the URL). Redirects must not be followed. */
+typedef struct zelvanor_http_request {
+  const char* method; /**< "GET" or "POST" */
+  const char* url;    /**< always https */
+  const char* const* headers;
+  size_t header_count;
+  const char* body; /**< `body_length` bytes; empty for a GET */
+  size_t body_length;
+  double timeout_seconds; /**< the whole exchange, connecting included */
+} zelvanor_http_request;
+/** Starts a request and returns without waiting for it. Runs on an SDK thread; must not unwind.
+ *  Answer it (zelvanor_http_answer or zelvanor_http_fail) once, from any thread, also from within
+ *  this call. */
+typedef void (*zelvanor_http_send)(const zelvanor_http_request* request,
+                                   zelvanor_http_exchange* exchange, void* user_data);
+/** Every request from the next start goes through `send` (NULL restores the SDK's own client).
+ *  The SDK keeps its promises whatever the client does: records stay on disk until answered,
+ *  failures are tried again, and a request still unanswered at shutdown is kept for the next
+ *  start (its exchange then stays allocated until the host answers it). */
+ZELVANOR_C_API void zelvanor_set_http_client(zelvanor_http_send send, void* user_data);
+/** The answer: its status, its headers as "Name: value" lines (at least every Set-Cookie,
+ *  Retry-After and Location) and its body. Ends the exchange. */
+ZELVANOR_C_API void zelvanor_http_answer(zelvanor_http_exchange* exchange, int status,
+                                         const char* const* headers, size_t header_count,
+                                         const char* body, size_t body_length);
+/** No answer came (no connection, a timeout, a reset); `tls` nonzero when the certificate check
+ *  or the TLS handshake failed. Ends the exchange. */
+ZELVANOR_C_API void zelvanor_http_fail(zelvanor_http_exchange* exchange, const char* description,
+                                       int tls);
+
 /* ----- privacy and control ------------------------------------------------------------------ */
 
 /** Collection on (nonzero, the default) or off, kept in the settings file across starts. Off:

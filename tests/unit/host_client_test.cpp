@@ -18,6 +18,7 @@
 #include "support/temp_dir.hpp"
 #include "zelvanor/json.hpp"
 #include "zelvanor/tracker.hpp"
+#include "zelvanor/zelvanor.h"
 
 namespace zelvanor {
 namespace {
@@ -84,6 +85,9 @@ class HostClientTest : public ::testing::Test {
   }
   static void start(std::shared_ptr<ZHttpClient> client) {
     ZelvanorTracker::setHttpClient(std::move(client));
+    startWithTheClientSet();
+  }
+  static void startWithTheClientSet() {
     ZelvanorTracker::setRequired(ZConfiguration{.timeout = 10, .batchSize = 1})
         .setReachabilityFlags(kReachable)
         .set(ZCommon({.serviceName = "host", .deployment = "production"}));
@@ -205,6 +209,56 @@ TEST_F(HostClientTest, TheFirstAnswerStandsFromWithinSendOrAnotherThread) {
   const auto received = client->received();
   EXPECT_EQ(received.size(), 10u) << "a late second answer sends nothing again";
   EXPECT_EQ(std::set<std::string>(received.begin(), received.end()).size(), 10u);
+}
+
+/// The C form: answers identity sync with the triple as cookies, fails the first record, then
+/// says "ok"; notes which records carried the cookies back.
+struct CHost {
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::set<std::string> delivered;
+  int recordRequests = 0;
+  int withCookies = 0;
+};
+
+void sendThroughC(const zelvanor_http_request* request, zelvanor_http_exchange* exchange,
+                  void* user) {
+  auto& host = *static_cast<CHost*>(user);
+  if (std::string_view(request->url).find("/sync") != std::string_view::npos) {
+    const char* headers[] = {"Set-Cookie: fa_cid=cid-7; Path=/", "set-cookie: fa_did=did-7",
+                             "Set-Cookie: fa_sid=sid-7; Max-Age=3600"};
+    const std::string body = syncAnswer();
+    zelvanor_http_answer(exchange, 200, headers, 3, body.data(), body.size());
+    return;
+  }
+  std::unique_lock lock(host.mutex);
+  if (host.recordRequests++ == 0) {
+    lock.unlock();
+    zelvanor_http_fail(exchange, "connection reset", 0);
+    return;
+  }
+  for (std::size_t i = 0; i < request->header_count; ++i) {
+    if (std::string_view(request->headers[i]).find("fa_sid=sid-7") != std::string_view::npos) {
+      ++host.withCookies;
+    }
+  }
+  const auto record = decodeJson<ZLogRecord>(std::string_view(request->body, request->body_length));
+  if (record && record->action.type == "event") host.delivered.insert(record->action.name);
+  host.changed.notify_all();
+  lock.unlock();
+  zelvanor_http_answer(exchange, 200, nullptr, 0, "ok", 2);
+}
+
+TEST_F(HostClientTest, TheCFormCarriesRequestsAnswersAndCookies) {
+  CHost host;
+  zelvanor_set_http_client(&sendThroughC, &host);
+  startWithTheClientSet();
+  track(10);
+  std::unique_lock lock(host.mutex);
+  EXPECT_TRUE(host.changed.wait_for(lock, 20s, [&] { return host.delivered.size() == 10; }));
+  EXPECT_GT(host.withCookies, 0) << "the SDK's cookie store sends what the sync answer set";
+  lock.unlock();
+  ZelvanorTracker::shutdown();
 }
 
 #if defined(__linux__)
