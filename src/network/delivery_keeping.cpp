@@ -151,6 +151,8 @@ void HttpsDelivery::shutdown(std::vector<std::string> unsent, std::vector<std::s
   // ahead of the waiting and the unsent records: file order stays send order.
   http_->shutdown();
   worker_->async([this, unsent = std::move(unsent), templates = std::move(templates)]() mutable {
+    // Hand-overs still gathering: a timer that stopping the worker drops. They go first.
+    drainInbox();
     // Everything undelivered in memory goes down in one batch, oldest first; records that wait
     // on disk already stay where they are, ahead of these at the next start.
     std::vector<std::string> batch = std::move(keepBacklog_);

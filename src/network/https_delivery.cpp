@@ -107,12 +107,19 @@ void HttpsDelivery::post(Command command) {
   inbox_.push_back(std::move(command));
   if (!drainQueued_) {
     drainQueued_ = true;
-    // Hand-overs from the host gather for a moment; those the worker makes itself (the queue
-    // refilling the window after answers) are taken at once.
-    const bool gather = !worker_->isCurrent();
-    worker_->async([weak = weak_from_this(), gather] {
-      if (auto self = weak.lock()) self->drainInbox(gather);
-    });
+    // Hand-overs from the host gather for a moment (a timer: the worker serves the network
+    // meanwhile); those the worker makes itself (the queue refilling the window after answers)
+    // are taken at once. Shutdown does not wait for the window, nor does a burst already past
+    // the memory limit: those records belong on disk now.
+    auto drain = [weak = weak_from_this()] {
+      if (auto self = weak.lock()) self->drainInbox();
+    };
+    if (!worker_->isCurrent() && !stopped_.load() &&
+        toDiskInInbox_.load() < limits_.maxRecordsInMemory) {
+      worker_->asyncAfter(kGatherWindow, std::move(drain));
+    } else {
+      worker_->async(std::move(drain));
+    }
   }
 }
 
@@ -202,13 +209,7 @@ std::vector<std::string> HttpsDelivery::takeKeptTemplates() {
   return templates;
 }
 
-void HttpsDelivery::drainInbox(bool gather) {
-  // Let a burst gather: hand-overs made meanwhile join this drain without waking the worker.
-  // Shutdown does not wait for the window; it has already stopped new hand-overs. Nor does a
-  // burst already past the memory limit: those records belong on disk now.
-  if (gather && !stopped_.load() && toDiskInInbox_.load() < limits_.maxRecordsInMemory) {
-    std::this_thread::sleep_for(kGatherWindow);
-  }
+void HttpsDelivery::drainInbox() {
   {
     std::lock_guard lock(mutex_);
     draining_.swap(inbox_);

@@ -103,7 +103,7 @@ class HttpsDelivery final : public RecordTransport,
   void retryOpenLater(std::function<void(std::uint64_t)> restored);
   void post(Command command);
   /// Takes everything the host handed over since the last time, in order. Worker only.
-  void drainInbox(bool gather);
+  void drainInbox();
   void handleSend(SendCommand& command);
   void handleSpill(SpillCommand& command);
   /// The record's bytes become the request's body as they are: moved, never copied. Only a
