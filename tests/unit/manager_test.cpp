@@ -2,7 +2,6 @@
 // identity triple, context merges, getData.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 
@@ -248,27 +247,6 @@ TEST_F(ManagerTest, TemplatesWithoutContextAreDroppedWhenTheTripleArrives) {
   EXPECT_EQ(manager->queue().templateCount(), 0u);
 }
 
-TEST_F(ManagerTest, AgentMergeTakesDeviceModelAsDeviceNumber) {
-  start();
-  manager->setAgent(ZAgent{.deviceModel = "B", .deviceNumber = "A"});
-  auto agent = manager->agent();
-  ASSERT_TRUE(agent);
-  EXPECT_EQ(agent->deviceModel, "B");
-  EXPECT_EQ(agent->deviceNumber, "B");
-  manager->setAgent(ZAgent{.deviceNumber = "C", .carrier = "K"});
-  agent = manager->agent();
-  EXPECT_EQ(agent->deviceNumber, "B") << "a given deviceNumber is never taken";
-  EXPECT_EQ(agent->carrier, "K");
-  // Filled automatically from the platform and the network state.
-  EXPECT_EQ(agent->os, "Linux");
-  EXPECT_EQ(agent->appVersion, "2.0");
-  EXPECT_EQ(agent->language, "ko");
-  EXPECT_EQ(agent->screen, "(390.0, 844.0)");
-  EXPECT_EQ(agent->networkState, "wifi");
-  EXPECT_TRUE(agent->timezone);
-  EXPECT_EQ(fakes.network->starts(), 1);
-}
-
 TEST_F(ManagerTest, AgentTimezoneIsTheDevicesWholeHoursWhenConfigured) {
   ZELVANOR_SKIP_UNLESS_ZONES_FROM_TZ();
   {
@@ -396,31 +374,6 @@ TEST_F(ManagerTest, UcidTakesTheFirstNonEmptyIdInItsOrder) {
   EXPECT_EQ(ucidFor(allEmpty), kTriple.cid) << "all empty";
   // Ids outside the order never become the ucid.
   EXPECT_EQ(ucidFor(ZId{.appId = "a", .uuid = "u", .webId = "w", .adid = "d"}), kTriple.cid);
-}
-
-TEST_F(ManagerTest, GetDataTexts) {
-  start();
-  EXPECT_EQ(manager->getData(), "Zelvanor Status unstable not yet.");
-  deliverTriple();
-  fakes.settings->setString("latestAppVersion", "2.0");
-  manager->setCommon(shopCommon());
-  EXPECT_EQ(manager->getData(), "Zelvanor Status unstable not yet.") << "no id block yet";
-  manager->setId(ZId{.appUserId = "me"});
-  EXPECT_EQ(manager->getData(), "Can't make logRecord.");
-
-  manager->setPage(ZPage{.id = "p", .name = "n", .title = "t"});
-  manager->setAction(ZAction("event", "e", "k"));
-  const std::string json = manager->getData();
-  auto decoded = decodeJson<ZLogRecord>(json);
-  ASSERT_TRUE(decoded.ok()) << json;
-  EXPECT_EQ(decoded->page->name, "n");
-  EXPECT_NE(json.find("\n  \"xid\""), std::string::npos) << "pretty-printed";
-  // getData used the blocks up.
-  EXPECT_EQ(manager->getData(), "Can't make logRecord.");
-
-  manager->setLocation(ZLocation{.latitude = std::nan("")});
-  manager->setAction(ZAction("event", "e", "k"));
-  EXPECT_EQ(manager->getData(), "Can't Encode logRecord");
 }
 
 TEST_F(ManagerTest, LifecycleEventsRecordBackgroundAndLaunch) {
