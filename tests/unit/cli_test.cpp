@@ -176,7 +176,6 @@ class CliAgreesWithTheCApi : public testing::SharedTrackerTest {
     for (const auto& step : script.steps) runStep(step, out, counts);
     return commonOf(out.str());
   }
-
 };
 
 TEST_F(CliAgreesWithTheCApi, OnTheCommonBlocksDerivedMembers) {
