@@ -311,7 +311,8 @@ TEST_F(ManagerTest, WithNoTripleTheSyncIsAskedAgainAtOnceWhenTheNetworkReturns) 
   EXPECT_EQ(fakes.identity->retries(), 1) << "a known triple is not asked for again";
 }
 
-TEST_F(ManagerTest, IdMergeAndUcidOrder) {
+// Which id becomes the ucid is the next test's.
+TEST_F(ManagerTest, IdBlocksMergeMemberByMember) {
   start();
   deliverTriple();
   manager->setId(ZId{.accountId = "u1", .appUserId = "", .webIdEnabled = false});
@@ -320,15 +321,6 @@ TEST_F(ManagerTest, IdMergeAndUcidOrder) {
   EXPECT_EQ(id->accountId, "u1");
   EXPECT_EQ(id->customId, "c9");
   EXPECT_EQ(id->webIdEnabled, false);
-
-  fakes.settings->setString("latestAppVersion", "2.0");
-  manager->setCommon(shopCommon());
-  const auto record = sentRecords().at(0);
-  ASSERT_TRUE(record.ucid);
-  EXPECT_EQ(record.ucid->id, "u1") << "empty appUserId is skipped";
-  EXPECT_FALSE(record.ucid->serviceName);
-  EXPECT_FALSE(record.ucid->serviceId);
-  EXPECT_EQ(*encodeJson(*record.ucid), R"({"id":"u1"})");
 }
 
 // The ucid's id is the first non-empty one of these, in this order; otherwise the triple's cid.
