@@ -107,6 +107,7 @@ test("the viewer lists the demo session newest first, live, filters by type and 
   // The session runs while the page is open: its events show up without a reload.
   const session = await run(shopSessionBinary, [base, join(dataDir, "collector", "cert.pem"), join(dataDir, "app")], 60000);
   assert.equal(session.code, 0, `shop_session failed:\n${session.output}`);
+  assert.ok(!existsSync(join(dataDir, "app", "ZLogs.tmp")), "nothing left behind for the next start");
   const total = sessionActions.length + appActions.length;
   const rows = page.locator("tbody#events tr");
   await rows.nth(total - 1).waitFor({ timeout: 10000 });
@@ -152,6 +153,8 @@ test("the viewer lists the demo session newest first, live, filters by type and 
   assert.equal(detail.domain.purchase.currency, "EUR");
   assert.equal(detail.common.service_name, "trail-shop");
   assert.equal(detail.id.app_user_id, "shopper-1042");
+  const impression = (await api(page, "/api/events?limit=100")).events.find((e) => e.actionName === "search_results");
+  assert.ok(impression?.record?.viewimp_contents?.length > 0, "the impression carries its contents");
   assert.ok(detail.xid.cid && detail.xid.did && detail.xid.sid, "the identity triple is there");
   assert.equal(await rows.filter({ hasText: "purchase" }).getAttribute("class"), "selected");
 });

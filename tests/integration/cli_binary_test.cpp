@@ -56,6 +56,16 @@ struct CliBinaryTest : ::testing::Test {
            "/sandbox --sync-url " + server.baseUrl() + "/id --ca-file " + quoted(server.caFile()) +
            " --data-dir " + quoted(data()) + " --online";
   }
+  // The collector as the tool meets it: the identity sync answered (under /id with the
+  // endpoint options, at the root with --endpoint), every record taken after `delayMs`.
+  void answerAll(int delayMs = 0) {
+    server.setResponder([delayMs](const ReceivedRequest& r) {
+      if (r.path.rfind("/id/sync", 0) == 0 || r.path.rfind("/sync", 0) == 0) {
+        return CannedResponse{200, testing::kSyncAnswer, {}, 0};
+      }
+      return CannedResponse{200, "ok", {}, delayMs};
+    });
+  }
   fs::path data() const { return dir.path() / "data"; }
   fs::path writeScript(const std::string& text) const {
     const fs::path file = dir.path() / "script.jsonl";
@@ -83,10 +93,7 @@ struct CliBinaryTest : ::testing::Test {
 };
 
 TEST_F(CliBinaryTest, EveryOpReachesTheTrackerAndTheRecordsArrive) {
-  server.setResponder([](const ReceivedRequest& r) {
-    if (r.path.rfind("/id/sync", 0) == 0) return CannedResponse{200, testing::kSyncAnswer, {}, 0};
-    return CannedResponse{200, "ok", {}, 0};
-  });
+  answerAll();
   const auto action = [](const std::string& name) {
     return R"({"op":"set","block":"action","value":{"type":"event","name":")" + name +
            R"(","kind":"tap"}})"
@@ -202,7 +209,7 @@ TEST_F(CliBinaryTest, EveryOpReachesTheTrackerAndTheRecordsArrive) {
 }
 
 TEST_F(CliBinaryTest, AFaultyScriptSendsNothingAtAll) {
-  server.setResponder([](const ReceivedRequest&) { return CannedResponse{200, "ok", {}, 0}; });
+  answerAll();
   const fs::path script =
       writeScript(R"({"op":"set","block":"action","value":{"type":"event","name":"x","kind":"y"}})"
                   "\n"
@@ -229,11 +236,7 @@ TEST_F(CliBinaryTest, AFaultyScriptSendsNothingAtAll) {
 }
 
 TEST_F(CliBinaryTest, RecordsInFlightAtTheEndWaitInThePendingFileForPendingShow) {
-  // The collector sits on every record far longer than the run lasts.
-  server.setResponder([](const ReceivedRequest& r) {
-    if (r.path.rfind("/id/sync", 0) == 0) return CannedResponse{200, testing::kSyncAnswer, {}, 0};
-    return CannedResponse{200, "ok", {}, 3000};
-  });
+  answerAll(/*delayMs=*/3000);  // far longer than the run lasts
   const fs::path script = writeScript(
       R"({"op":"set","block":"common","value":{"service_name":"cli-svc","deployment":"test"}})"
       "\n"
@@ -321,10 +324,7 @@ TEST_F(CliBinaryTest, TheSummarySaysWhatBecameOfEveryEventAndWaitWaitsForTheAnsw
 }
 
 TEST_F(CliBinaryTest, ThePinnedNetworkStateDecidesWhetherRecordsGoOut) {
-  server.setResponder([](const ReceivedRequest& r) {
-    if (r.path.rfind("/id/sync", 0) == 0) return CannedResponse{200, testing::kSyncAnswer, {}, 0};
-    return CannedResponse{200, "ok", {}, 0};
-  });
+  answerAll();
   const fs::path script = writeScript(
       R"({"op":"set","block":"common","value":{"service_name":"cli-svc","deployment":"test"}})"
       "\n"
@@ -358,10 +358,7 @@ TEST_F(CliBinaryTest, ThePinnedNetworkStateDecidesWhetherRecordsGoOut) {
 // The data directory holds the identity cookies and undelivered records: one the tool makes is
 // the owner's alone (its parents as usual); one that exists keeps its mode.
 TEST_F(CliBinaryTest, ADataDirectoryItMakesIsPrivateAndAnExistingOneKeepsItsMode) {
-  server.setResponder([](const ReceivedRequest& r) {
-    if (r.path.rfind("/sync", 0) == 0) return CannedResponse{200, testing::kSyncAnswer, {}, 0};
-    return CannedResponse{200, "ok", {}, 0};
-  });
+  answerAll();
   const fs::path script = writeScript("{\"op\":\"flush\"}\n");
   const auto send = [&](const std::string& dataDir) {
     return runTool(dir, "send --endpoint " + server.baseUrl() + " --ca-file " +

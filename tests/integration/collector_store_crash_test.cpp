@@ -186,9 +186,10 @@ TEST(StoreCrash, KillsDuringRestoreSendingAndShutdownLoseNothingThatWasOnDisk) {
             << delivered.size() - distinct.size() << ", still on disk " << onDisk.size() << "\n";
 }
 
-// Events tracked before the triple was known are kept at exit as templates. A later start killed
-// while it holds them (still templates, or already records waiting on disk) loses none of them,
-// and the start after that delivers each exactly once.
+// Events tracked before the triple was known (the sync server unreachable at the first launch) are
+// kept at exit as templates. A later start killed while it holds them (still templates, or
+// already records waiting on disk, in tracking order) loses none of them, and the start after that
+// delivers each exactly once.
 TEST(StoreCrash, TemplatesKeptByAnEarlierRunSurviveAKillBeforeAndAfterBecomingRecords) {
   for (const std::string mode : {"unknown-triple", "offline"}) {
     SCOPED_TRACE(mode);
@@ -226,6 +227,14 @@ TEST(StoreCrash, TemplatesKeptByAnEarlierRunSurviveAKillBeforeAndAfterBecomingRe
     }
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
+    if (mode == "offline") {
+      // The records built from the templates wait on disk in tracking order.
+      std::vector<std::string> kept;
+      for (const auto& record : testing::pendingRecords(appDir)) {
+        if (record.action.name.rfind("kept-", 0) == 0) kept.push_back(record.action.name);
+      }
+      EXPECT_EQ(kept, tracked);
+    }
 
     startHere(appDir, server, server.baseUrl());
     const auto delivered = awaitDelivered(server, "kept-", tracked.size());

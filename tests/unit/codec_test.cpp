@@ -162,25 +162,6 @@ TEST(CodecEncode, ActionTypesAreUsableDuringStaticInitialization) {
   EXPECT_NE(type, ZAction::ZActionType::custom("location")) << "a custom type is never well-known";
 }
 
-TEST(CodecEncode, ActionTypesWriteTheirTexts) {
-  using Type = ZAction::ZActionType;
-  const std::pair<Type, const char*> rows[] = {
-      {Type::custom("scroll_end"), "scroll_end"},
-      {Type::custom(""), ""},
-      {Type::pageView, "page_view"},
-      {Type::event, "event"},
-      {Type::ecommerce, "ecommerce"},
-      {Type::usage, "usage"},
-      {Type::viewImpression, "view_imp"},
-      {Type::location, "location"},
-      {Type::app, "app"},
-  };
-  for (const auto& [type, text] : rows) {
-    EXPECT_EQ(*encodeJson(ZAction(type, "n", "k")),
-              std::string(R"({"type":")") + text + R"(","name":"n","kind":"k"})");
-  }
-}
-
 TEST(CodecEncode, PrettyStyleIndentsByTwoAndKeepsTheSameDocument) {
   EXPECT_EQ(*encodeJson(ZStatus{.code = 1, .message = "m"}, JsonStyle::pretty),
             "{\n  \"code\": 1,\n  \"msg\": \"m\"\n}");

@@ -461,12 +461,9 @@ TEST_F(EventStoreTest, FiltersByEachFieldAndTextAndPagesBothWays) {
 
   using Q = collector::EventQuery;
   EXPECT_EQ(names(Q{}), (std::vector<std::string>{"tap", "50%_off", "home"}));
-  EXPECT_EQ(names(Q{.actionName = "tap"}), std::vector<std::string>{"tap"});
-  EXPECT_EQ(names(Q{.page = "cart"}), std::vector<std::string>{"tap"});
-  EXPECT_EQ(names(Q{.cid = "cid-2"}), std::vector<std::string>{"50%_off"});
+  // Each exact filter alone is checked over HTTP (CollectorTest); here, with others and in order.
   EXPECT_EQ(names(Q{.oldestFirst = true, .sid = "sid-1"}),
             (std::vector<std::string>{"home", "tap"}));
-  EXPECT_EQ(names(Q{.userId = "Shopper-7"}), std::vector<std::string>{"50%_off"});
   EXPECT_EQ(names(Q{.actionType = "event", .actionKind = "tap"}),
             (std::vector<std::string>{"tap", "50%_off"}));
   // Text: any part of the body, letters without case; % and _ are themselves, not wildcards.

@@ -9,57 +9,16 @@
 #include <thread>
 #include <vector>
 
-#include "support/settings.hpp"
-#include "api/shared_instance.hpp"
-#include "support/fake_sources.hpp"
-#include "support/temp_dir.hpp"
+#include "support/shared_tracker.hpp"
 #include "zelvanor/event.hpp"
 #include "zelvanor/tracker.hpp"
 
 namespace zelvanor {
 namespace {
 
-class EventTest : public ::testing::Test {
+class EventTest : public testing::SharedTrackerTest {
  protected:
-  void SetUp() override {
-    detail::shutdownShared();
-    setPlatformFacts(ZPlatformFacts{.appVersion = "1.0", .dataDirectory = dir.path().string()});
-    fakes.settings = std::make_shared<platform::SettingsStore>(dir.path() / "settings.json");
-    fakes.settings->setString("latestAppVersion", "1.0");
-    detail::setSourcesFactory([this] { return fakes.sources(); });
-    detail::settings().requestTimeout = 5.0;
-    detail::settings().usingSandbox = false;
-    detail::settings().consoleLogsEnabled = true;
-  }
-  void TearDown() override {
-    detail::shutdownShared();
-    detail::setSourcesFactory({});
-    setPlatformFacts({});
-  }
   void start() { ZelvanorTracker::setDevelopment(); }
-  void deliverTriple() {
-    fakes.identity->deliver(ZXid{"c", "d", "s"});
-    detail::sharedIfRunning()->waitForIdentityWork();
-  }
-  void setCommon() {
-    ZelvanorTracker::set([] { return ZCommon({.serviceName = "svc", .deployment = "dev"}); });
-  }
-  void becomeReady() {
-    start();
-    deliverTriple();
-    setCommon();
-  }
-  // The records sent so far, without the SDK's own app events.
-  std::vector<ZLogRecord> hostRecords() const {
-    std::vector<ZLogRecord> records;
-    for (auto& sent : fakes.transport->sent()) {
-      if (sent.record.action.type != "app") records.push_back(sent.record);
-    }
-    return records;
-  }
-
-  testing::TempDir dir;
-  testing::FakeSources fakes;
 };
 
 TEST_F(EventTest, BlocksFollowTheSharedBuildersRules) {
@@ -154,8 +113,8 @@ TEST_F(EventTest, BeforeTheTripleEventsWaitAsTemplatesInTrackingOrder) {
 // arrives once, with its own thread's blocks, and each thread's events in the order tracked.
 TEST_F(EventTest, ThreadsTrackingEventsAtOnceNeverMixThem) {
   constexpr int kThreads = 8;
-  constexpr int kEventsPerThread = 10'000;
-  constexpr int kSharedEvents = 2'000;
+  constexpr int kEventsPerThread = 2'000;
+  constexpr int kSharedEvents = 500;
   becomeReady();
   ZelvanorTracker::setBatchSize(64);
 

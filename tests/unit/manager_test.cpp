@@ -2,7 +2,6 @@
 // identity triple, context merges, getData.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 
@@ -248,27 +247,6 @@ TEST_F(ManagerTest, TemplatesWithoutContextAreDroppedWhenTheTripleArrives) {
   EXPECT_EQ(manager->queue().templateCount(), 0u);
 }
 
-TEST_F(ManagerTest, AgentMergeTakesDeviceModelAsDeviceNumber) {
-  start();
-  manager->setAgent(ZAgent{.deviceModel = "B", .deviceNumber = "A"});
-  auto agent = manager->agent();
-  ASSERT_TRUE(agent);
-  EXPECT_EQ(agent->deviceModel, "B");
-  EXPECT_EQ(agent->deviceNumber, "B");
-  manager->setAgent(ZAgent{.deviceNumber = "C", .carrier = "K"});
-  agent = manager->agent();
-  EXPECT_EQ(agent->deviceNumber, "B") << "a given deviceNumber is never taken";
-  EXPECT_EQ(agent->carrier, "K");
-  // Filled automatically from the platform and the network state.
-  EXPECT_EQ(agent->os, "Linux");
-  EXPECT_EQ(agent->appVersion, "2.0");
-  EXPECT_EQ(agent->language, "ko");
-  EXPECT_EQ(agent->screen, "(390.0, 844.0)");
-  EXPECT_EQ(agent->networkState, "wifi");
-  EXPECT_TRUE(agent->timezone);
-  EXPECT_EQ(fakes.network->starts(), 1);
-}
-
 TEST_F(ManagerTest, AgentTimezoneIsTheDevicesWholeHoursWhenConfigured) {
   ZELVANOR_SKIP_UNLESS_ZONES_FROM_TZ();
   {
@@ -333,7 +311,8 @@ TEST_F(ManagerTest, WithNoTripleTheSyncIsAskedAgainAtOnceWhenTheNetworkReturns) 
   EXPECT_EQ(fakes.identity->retries(), 1) << "a known triple is not asked for again";
 }
 
-TEST_F(ManagerTest, IdMergeAndUcidOrder) {
+// Which id becomes the ucid is the next test's.
+TEST_F(ManagerTest, IdBlocksMergeMemberByMember) {
   start();
   deliverTriple();
   manager->setId(ZId{.accountId = "u1", .appUserId = "", .webIdEnabled = false});
@@ -342,15 +321,6 @@ TEST_F(ManagerTest, IdMergeAndUcidOrder) {
   EXPECT_EQ(id->accountId, "u1");
   EXPECT_EQ(id->customId, "c9");
   EXPECT_EQ(id->webIdEnabled, false);
-
-  fakes.settings->setString("latestAppVersion", "2.0");
-  manager->setCommon(shopCommon());
-  const auto record = sentRecords().at(0);
-  ASSERT_TRUE(record.ucid);
-  EXPECT_EQ(record.ucid->id, "u1") << "empty appUserId is skipped";
-  EXPECT_FALSE(record.ucid->serviceName);
-  EXPECT_FALSE(record.ucid->serviceId);
-  EXPECT_EQ(*encodeJson(*record.ucid), R"({"id":"u1"})");
 }
 
 // The ucid's id is the first non-empty one of these, in this order; otherwise the triple's cid.
@@ -396,31 +366,6 @@ TEST_F(ManagerTest, UcidTakesTheFirstNonEmptyIdInItsOrder) {
   EXPECT_EQ(ucidFor(allEmpty), kTriple.cid) << "all empty";
   // Ids outside the order never become the ucid.
   EXPECT_EQ(ucidFor(ZId{.appId = "a", .uuid = "u", .webId = "w", .adid = "d"}), kTriple.cid);
-}
-
-TEST_F(ManagerTest, GetDataTexts) {
-  start();
-  EXPECT_EQ(manager->getData(), "Zelvanor Status unstable not yet.");
-  deliverTriple();
-  fakes.settings->setString("latestAppVersion", "2.0");
-  manager->setCommon(shopCommon());
-  EXPECT_EQ(manager->getData(), "Zelvanor Status unstable not yet.") << "no id block yet";
-  manager->setId(ZId{.appUserId = "me"});
-  EXPECT_EQ(manager->getData(), "Can't make logRecord.");
-
-  manager->setPage(ZPage{.id = "p", .name = "n", .title = "t"});
-  manager->setAction(ZAction("event", "e", "k"));
-  const std::string json = manager->getData();
-  auto decoded = decodeJson<ZLogRecord>(json);
-  ASSERT_TRUE(decoded.ok()) << json;
-  EXPECT_EQ(decoded->page->name, "n");
-  EXPECT_NE(json.find("\n  \"xid\""), std::string::npos) << "pretty-printed";
-  // getData used the blocks up.
-  EXPECT_EQ(manager->getData(), "Can't make logRecord.");
-
-  manager->setLocation(ZLocation{.latitude = std::nan("")});
-  manager->setAction(ZAction("event", "e", "k"));
-  EXPECT_EQ(manager->getData(), "Can't Encode logRecord");
 }
 
 TEST_F(ManagerTest, LifecycleEventsRecordBackgroundAndLaunch) {

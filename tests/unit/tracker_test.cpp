@@ -11,44 +11,15 @@
 
 #include "api/shared_instance.hpp"
 #include "network/https_delivery.hpp"
-#include "support/fake_sources.hpp"
 #include "support/pending_files.hpp"
-#include "support/settings.hpp"
-#include "support/temp_dir.hpp"
+#include "support/shared_tracker.hpp"
 #include "zelvanor/json.hpp"
 #include "zelvanor/tracker.hpp"
 
 namespace zelvanor {
 namespace {
 
-class TrackerTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    detail::shutdownShared();
-    setPlatformFacts(ZPlatformFacts{.appVersion = "1.0", .dataDirectory = dir.path().string()});
-    fakes.settings = std::make_shared<platform::SettingsStore>(dir.path() / "settings.json");
-    fakes.settings->setString("latestAppVersion", "1.0");
-    detail::setSourcesFactory([this] { return fakes.sources(); });
-    // Process-wide settings back to their initial values.
-    detail::settings().requestTimeout = 5.0;
-    detail::settings().usingSandbox = false;
-    detail::settings().consoleLogsEnabled = true;
-  }
-  void TearDown() override {
-    detail::shutdownShared();
-    detail::setSourcesFactory({});
-    setPlatformFacts({});
-  }
-  void becomeReady() {
-    ZelvanorTracker::setDevelopment();  // starts the shared instance
-    fakes.identity->deliver(ZXid{"c", "d", "s"});
-    detail::sharedIfRunning()->waitForIdentityWork();
-    ZelvanorTracker::set([] { return ZCommon({.serviceName = "svc", .deployment = "dev"}); });
-  }
-
-  testing::TempDir dir;
-  testing::FakeSources fakes;
-};
+using TrackerTest = testing::SharedTrackerTest;
 
 TEST_F(TrackerTest, ChainedCallsProduceOneRecordWithTheDefaultSdkBlock) {
   becomeReady();
