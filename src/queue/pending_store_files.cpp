@@ -12,6 +12,10 @@
 namespace zelvanor::detail {
 namespace {
 
+/// Segment numbers count up by one per segment: no store gets near this, and a number past it
+/// (a damaged cursor, a crafted name) would wrap the next one round to 0, which means "none".
+constexpr std::uint64_t kLastSegmentNumber = std::uint64_t{1} << 62;
+
 /// "ZLogs.tmp.<digits>" names a segment; anything else beside it is not ours to read.
 std::optional<std::uint64_t> segmentNumber(std::string_view name) {
   constexpr std::string_view prefix = "ZLogs.tmp.";
@@ -19,7 +23,10 @@ std::optional<std::uint64_t> segmentNumber(std::string_view name) {
   const std::string_view digits = name.substr(prefix.size());
   std::uint64_t number = 0;
   const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-  if (error != std::errc{} || end != digits.data() + digits.size() || number == 0) return {};
+  if (error != std::errc{} || end != digits.data() + digits.size() || number == 0 ||
+      number > kLastSegmentNumber) {
+    return {};
+  }
   return number;
 }
 
@@ -137,6 +144,12 @@ void PendingStore::readCursor() {
   if (!content || content->size() < 2 * sizeof(std::uint64_t)) return;
   std::memcpy(&cursorSegment_, content->data(), sizeof(std::uint64_t));
   std::memcpy(&cursorOffset_, content->data() + sizeof(std::uint64_t), sizeof(std::uint64_t));
+  if (cursorSegment_ > kLastSegmentNumber) {
+    // Damaged: as if there were none, so every segment is read from its start (sent again
+    // rather than lost).
+    cursorSegment_ = 0;
+    cursorOffset_ = 0;
+  }
 }
 
 void PendingStore::writeCursor() {
