@@ -14,8 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "queue/pending_frames.hpp"
-#include "queue/pending_store.hpp"
+#include "store/pending_frames.hpp"
+#include "store/pending_store.hpp"
 #include "zelvanor/json.hpp"
 
 #include "bench_support.hpp"

@@ -13,7 +13,7 @@
 #include "api/shared_instance.hpp"
 #include "network/https_delivery.hpp"
 #include "network/reachability.hpp"
-#include "queue/pending_frames.hpp"
+#include "store/pending_frames.hpp"
 #include "zelvanor/json.hpp"
 #include "zelvanor/tracker.hpp"
 

@@ -12,8 +12,8 @@
 #include <string_view>
 #include <vector>
 
-#include "network/cookie_store.hpp"
-#include "network/http_date.hpp"
+#include "transport/cookie_store.hpp"
+#include "transport/http_date.hpp"
 
 namespace zelvanor::fuzzing {
 

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "queue/pending_frames.hpp"
+#include "store/pending_frames.hpp"
 
 namespace zelvanor::fuzzing {
 

@@ -13,7 +13,7 @@
 #include <string>
 #include <string_view>
 
-#include "queue/pending_store.hpp"
+#include "store/pending_store.hpp"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <mutex>
 
 #include "manager/local_data.hpp"
-#include "network/curl_client.hpp"
+#include "transport/http_client_curl.hpp"
 #include "network/endpoints.hpp"
 #include "network/https_delivery.hpp"
 #include "network/identity_sync.hpp"

@@ -1,7 +1,7 @@
 #include "manager/local_data.hpp"
 
 #include "platform/file_ops.hpp"
-#include "queue/pending_store.hpp"
+#include "store/pending_store.hpp"
 
 namespace zelvanor::detail::local_data {
 

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "network/http_client.hpp"
+#include "transport/http_client.hpp"
 
 namespace zelvanor::detail {
 

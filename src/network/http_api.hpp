@@ -7,7 +7,7 @@
 #include <variant>
 
 #include "network/endpoints.hpp"
-#include "network/http_client.hpp"
+#include "transport/http_client.hpp"
 #include "queue/record_transport.hpp"
 #include "zelvanor/record.hpp"
 

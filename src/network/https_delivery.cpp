@@ -8,7 +8,7 @@
 #include "network/answer.hpp"
 #include "network/http_api.hpp"
 #include "platform/file_ops.hpp"
-#include "queue/pending_frames.hpp"
+#include "store/pending_frames.hpp"
 #include "support/diagnostics.hpp"
 #include "support/settings.hpp"
 #include "zelvanor/json.hpp"

@@ -17,9 +17,9 @@
 #include <vector>
 
 #include "network/http_api.hpp"
-#include "network/http_client.hpp"
+#include "transport/http_client.hpp"
 #include "platform/thread_priority.hpp"
-#include "queue/pending_store.hpp"
+#include "store/pending_store.hpp"
 #include "queue/record_transport.hpp"
 #include "support/retry_policy.hpp"
 #include "support/serial_queue.hpp"

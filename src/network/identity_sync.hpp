@@ -8,7 +8,7 @@
 #include <memory>
 #include <string_view>
 
-#include "network/http_client.hpp"
+#include "transport/http_client.hpp"
 #include "network/sources.hpp"
 #include "support/subject.hpp"
 

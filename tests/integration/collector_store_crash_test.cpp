@@ -21,7 +21,7 @@
 #include <thread>
 
 #include "collector.hpp"
-#include "queue/pending_frames.hpp"
+#include "store/pending_frames.hpp"
 #include "support/lock_holder.hpp"
 #include "support/pending_files.hpp"
 #include "support/temp_dir.hpp"

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "api/shared_instance.hpp"
-#include "queue/pending_frames.hpp"
+#include "store/pending_frames.hpp"
 #include "support/https_test_server.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/json.hpp"

@@ -14,7 +14,7 @@
 
 #include "network/https_delivery.hpp"
 #include "platform/file_ops.hpp"
-#include "queue/pending_frames.hpp"
+#include "store/pending_frames.hpp"
 #include "support/pending_files.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/json.hpp"

@@ -18,7 +18,7 @@
 #include <string>
 #include <thread>
 
-#include "queue/pending_store.hpp"
+#include "store/pending_store.hpp"
 #include "support/pending_files.hpp"
 #include "zelvanor/json.hpp"
 

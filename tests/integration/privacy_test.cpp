@@ -17,7 +17,7 @@
 #include <thread>
 
 #include "manager/local_data.hpp"
-#include "queue/pending_frames.hpp"
+#include "store/pending_frames.hpp"
 #include "support/connect_proxy.hpp"
 #include "support/https_test_server.hpp"
 #include "support/pending_files.hpp"

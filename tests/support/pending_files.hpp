@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "queue/pending_store.hpp"
+#include "store/pending_store.hpp"
 #include "zelvanor/json.hpp"
 
 namespace zelvanor::testing {

@@ -11,7 +11,7 @@
 #include "api/shared_instance.hpp"
 #include "cli.hpp"
 #include "pending.hpp"
-#include "queue/pending_store.hpp"
+#include "store/pending_store.hpp"
 #include "script.hpp"
 #include "support/shared_tracker.hpp"
 #include "support/temp_dir.hpp"

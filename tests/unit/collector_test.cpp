@@ -14,7 +14,7 @@
 #include <sstream>
 #include <thread>
 
-#include "network/http_client.hpp"
+#include "transport/http_client.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/http_result.hpp"
 #include "zelvanor/json.hpp"

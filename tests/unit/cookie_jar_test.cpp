@@ -1,6 +1,6 @@
 // The cookie jar's file: what a jar written by earlier builds holds (libcurl's lines) loads, and
 // only what should last is written back. Matching is the cookie store's test.
-#include "network/cookie_jar.hpp"
+#include "transport/cookie_jar.hpp"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 // leniency browsers allow, Retry-After's two forms, what a Set-Cookie may set and where the
 // cookie goes back, the store's bounds, and the jar lines libcurl wrote before the SDK had its
 // own store.
-#include "network/cookie_store.hpp"
+#include "transport/cookie_store.hpp"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "network/http_date.hpp"
+#include "transport/http_date.hpp"
 
 namespace zelvanor::network {
 namespace {

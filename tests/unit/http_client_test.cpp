@@ -10,7 +10,7 @@
 #include <map>
 #include <optional>
 
-#include "network/http_client.hpp"
+#include "transport/http_client.hpp"
 #include "support/https_test_server.hpp"
 #include "support/temp_dir.hpp"
 

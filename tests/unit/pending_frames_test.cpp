@@ -1,7 +1,7 @@
 // The pending-file frame reader: whole frames, torn ends, damaged lengths read past, and the same
 // pieces whether the content comes at once or through a file. That any cut of the content finds
 // the same frames is checked on every pending seed by the fuzz corpus replay (fuzz_corpus_test).
-#include "queue/pending_frames.hpp"
+#include "store/pending_frames.hpp"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "platform/file_ops.hpp"
-#include "queue/pending_store.hpp"
+#include "store/pending_store.hpp"
 #include "support/lock_holder.hpp"
 #include "support/pending_files.hpp"
 #include "support/temp_dir.hpp"

@@ -14,7 +14,7 @@
 #include <string_view>
 
 #include "pending.hpp"
-#include "queue/pending_store.hpp"
+#include "store/pending_store.hpp"
 #include "script.hpp"
 #include "zelvanor/configuration.hpp"
 #include "zelvanor/diagnostics.hpp"

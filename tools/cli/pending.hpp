@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "queue/pending_frames.hpp"
+#include "store/pending_frames.hpp"
 #include "zelvanor/record.hpp"
 #include "zelvanor/result.hpp"
 

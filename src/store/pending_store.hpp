@@ -8,6 +8,15 @@
 // Segments also take the records that overflow the queue's memory, behind the restored ones. One
 // process of an app owns the segments (a lock file); another only appends to "ZLogs.tmp".
 //
+// The store is the only code that opens, writes or removes these files in the data directory:
+//
+//   ZLogs.tmp           records kept for a later start; any process of the app appends here
+//   ZLogs.tmp.<n>       segments, sent from where they lie; the owner's alone
+//   ZLogs.cursor        how far the oldest segment is answered: segment number, file offset
+//   ZLogs.quarantine    stored payloads that are no record, moved aside (bounded)
+//   ZLogs.lock[.1-.3]   who owns the segments (a later name when something else stands there)
+//   ZTemplates.tmp      events tracked before the identity triple, kept at exit
+//
 // The store's state is the delivery worker's alone: nothing here locks against other threads.
 // Writers of the same files in other threads and processes take turns in the file layer
 // (platform/file_ops).
@@ -26,7 +35,7 @@
 #include <vector>
 
 #include "platform/file_ops.hpp"
-#include "queue/pending_frames.hpp"
+#include "store/pending_frames.hpp"
 #include "zelvanor/storage.hpp"
 
 namespace zelvanor::detail {

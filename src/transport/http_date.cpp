@@ -1,4 +1,4 @@
-#include "network/http_date.hpp"
+#include "transport/http_date.hpp"
 
 #include <array>
 

@@ -1,4 +1,4 @@
-#include "network/cookie_jar.hpp"
+#include "transport/cookie_jar.hpp"
 
 #include <chrono>
 #include <utility>

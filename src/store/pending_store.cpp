@@ -1,4 +1,4 @@
-#include "queue/pending_store.hpp"
+#include "store/pending_store.hpp"
 
 #include <algorithm>
 #include <cstring>

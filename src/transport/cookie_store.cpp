@@ -1,4 +1,4 @@
-#include "network/cookie_store.hpp"
+#include "transport/cookie_store.hpp"
 
 #include <algorithm>
 #include <charconv>
@@ -6,7 +6,7 @@
 #include <optional>
 #include <utility>
 
-#include "network/http_date.hpp"
+#include "transport/http_date.hpp"
 
 namespace zelvanor::network {
 namespace {

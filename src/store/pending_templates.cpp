@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "platform/file_ops.hpp"
-#include "queue/pending_store.hpp"
+#include "store/pending_store.hpp"
 
 namespace zelvanor::detail {
 namespace {

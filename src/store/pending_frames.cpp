@@ -1,4 +1,4 @@
-#include "queue/pending_frames.hpp"
+#include "store/pending_frames.hpp"
 
 #include <algorithm>
 #include <cstring>

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "network/cookie_store.hpp"
+#include "transport/cookie_store.hpp"
 
 namespace zelvanor::network {
 

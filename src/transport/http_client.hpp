@@ -17,7 +17,7 @@
 #include <variant>
 #include <vector>
 
-#include "network/cookie_jar.hpp"
+#include "transport/cookie_jar.hpp"
 #include "support/serial_queue.hpp"
 #include "zelvanor/http_client.hpp"
 

@@ -1,12 +1,12 @@
-#include "network/http_client.hpp"
+#include "transport/http_client.hpp"
 
 #include <algorithm>
 #include <cctype>
 #include <map>
 #include <utility>
 
-#include "network/curl_client.hpp"
-#include "network/http_date.hpp"
+#include "transport/http_client_curl.hpp"
+#include "transport/http_date.hpp"
 #include "platform/thread_priority.hpp"
 
 namespace zelvanor {

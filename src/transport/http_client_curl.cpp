@@ -1,4 +1,4 @@
-#include "network/curl_client.hpp"
+#include "transport/http_client_curl.hpp"
 
 #include <curl/curl.h>
 

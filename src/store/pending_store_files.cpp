@@ -7,7 +7,7 @@
 #include <system_error>
 
 #include "platform/file_ops.hpp"
-#include "queue/pending_store.hpp"
+#include "store/pending_store.hpp"
 
 namespace zelvanor::detail {
 namespace {
