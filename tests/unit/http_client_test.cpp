@@ -140,7 +140,7 @@ std::string httpDate(std::chrono::seconds offset) {
   return text;
 }
 
-TEST(HttpSessionTest, RetryAfterIsReadAsSecondsOrADateAndNowWhenZeroOrPast) {
+TEST(HttpClientSessionTest, RetryAfterIsReadAsSecondsOrADateAndNowWhenZeroOrPast) {
   auto loop = std::make_shared<support::SerialQueue>("test.worker", nullptr);
   auto fake = std::make_shared<testing::FakeHttpClient>();
   HttpClient client(fake, {}, loop);
