@@ -65,13 +65,17 @@ class FakeHttpClient final : public ZHttpClient {
   }
 
   /// Answers the oldest waiting request; false when none waits.
-  bool answer(ZHttpResult result) {
+  bool answer(ZHttpResult result) { return answerNth(0, std::move(result)); }
+  /// Answers the request `n` places behind the oldest waiting one, as a server answering out of
+  /// order would; false when there is none.
+  bool answerNth(std::size_t n, ZHttpResult result) {
     Waiting next;
     {
       std::lock_guard lock(mutex_);
-      if (waiting_.empty()) return false;
-      next = std::move(waiting_.front());
-      waiting_.pop_front();
+      if (waiting_.size() <= n) return false;
+      const auto at = waiting_.begin() + static_cast<std::ptrdiff_t>(n);
+      next = std::move(*at);
+      waiting_.erase(at);
     }
     next.done(std::move(result));
     return true;

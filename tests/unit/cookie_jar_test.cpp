@@ -60,6 +60,21 @@ TEST_F(CookieJarTest, HttpOnlyLinesSurviveALoadAndSaveAndCommentsAndDebrisAreIgn
   EXPECT_EQ(offered(again, "https://sync.example.com/sync"), "fa_cid=h");
 }
 
+TEST_F(CookieJarTest, CookiesMatchIPv6LiteralsAndHostNamesInAnyCase) {
+  // As earlier builds filed them: an IPv6 literal without brackets, a host as it was spelled.
+  writeJar(
+      "# Netscape HTTP Cookie File\n"
+      "::1\tFALSE\t/\tTRUE\t4102444800\tfa_cid\tv6\n"
+      "Sync.Example.COM\tFALSE\t/\tTRUE\t4102444800\tfa_cid\tnamed\n"
+      ".example.org\tTRUE\t/\tTRUE\t4102444800\tfa_cid\tdomain\n");
+  CookieJar jar(jarFile());
+  jar.load();
+  EXPECT_EQ(offered(jar, "https://[::1]:8443/sync?v=1"), "fa_cid=v6");
+  EXPECT_EQ(offered(jar, "https://sync.example.com/sync?v=1"), "fa_cid=named");
+  EXPECT_EQ(offered(jar, "https://SYNC.example.org/sync?v=1"), "fa_cid=domain");
+  EXPECT_EQ(offered(jar, "https://[::2]/sync?v=1"), "");
+}
+
 TEST_F(CookieJarTest, AJarWithoutAFileNeverWritesOne) {
   CookieJar jar({});
   jar.load();
