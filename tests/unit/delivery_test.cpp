@@ -256,6 +256,7 @@ TEST_F(DeliveryTest, AWindowOfRequestsEachWithItsHandOversSettingsAndShutdownKee
   detail::settings().usingSandbox = true;
   detail::settings().requestTimeout = 7.0;
   rig.send({"sandbox"});
+  ASSERT_TRUE(rig.fake->waitForWaiting(kWindow));
   rig.sync();
   EXPECT_EQ(rig.fake->waiting(), kWindow) << "no more than the window";
   rig.answerOk(4);
