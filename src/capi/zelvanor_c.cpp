@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "api/block_registry.hpp"
+#include "capi/c_guard.hpp"
 #include "support/diagnostics.hpp"
 #include "zelvanor/json.hpp"
 #include "zelvanor/tracker.hpp"
@@ -23,15 +24,13 @@ struct zelvanor_event {
   zelvanor::ZEvent event;
 };
 
-namespace {
-
-using namespace zelvanor;
+namespace zelvanor::capi {
 
 // This thread's last error, in a fixed buffer: a thread_local std::string has a destructor, which
 // MinGW runs at thread exit after the thread's storage is gone (a crash on Windows). A message
 // longer than the buffer is cut at a character boundary.
 constexpr std::size_t kLastErrorSize = 1024;
-thread_local char lastError[kLastErrorSize] = {};
+static thread_local char lastError[kLastErrorSize] = {};
 
 void setLastError(std::string_view message) noexcept {
   std::size_t length = std::min(message.size(), kLastErrorSize - 1);
@@ -47,37 +46,16 @@ void clearLastError() noexcept {
   lastError[0] = '\0';
 }
 
-zelvanor_status fail(zelvanor_status status, std::string_view message) noexcept {
-  setLastError(message);
-  return status;
+const char* lastErrorText() noexcept {
+  return lastError;
 }
 
-// Runs `body` with the error cleared beforehand; nothing it throws leaves the function.
-template <class Body>
-zelvanor_status guarded(const char* operation, Body&& body) noexcept {
-  clearLastError();
-  try {
-    return body();
-  } catch (const std::bad_alloc&) {
-    return fail(ZELVANOR_ERROR_OUT_OF_MEMORY, std::string_view(operation));
-  } catch (const std::exception& error) {
-    try {
-      return fail(ZELVANOR_ERROR_INTERNAL, std::string(operation) + ": " + error.what());
-    } catch (...) {
-      return fail(ZELVANOR_ERROR_INTERNAL, operation);
-    }
-  } catch (...) {
-    return fail(ZELVANOR_ERROR_INTERNAL, operation);
-  }
-}
+}  // namespace zelvanor::capi
 
-template <class Body>
-void guardedVoid(const char* operation, Body&& body) noexcept {
-  static_cast<void>(guarded(operation, [&] {
-    body();
-    return ZELVANOR_OK;
-  }));
-}
+namespace {
+
+using namespace zelvanor;
+using namespace zelvanor::capi;
 
 zelvanor_status jsonError(std::string_view operation, const CodecError& error) {
   return fail(ZELVANOR_ERROR_JSON, std::string(operation) + ": " + error.describe());
@@ -133,7 +111,7 @@ std::optional<std::string> optionalText(const char* text) {
 extern "C" {
 
 const char* zelvanor_last_error(void) {
-  return lastError;
+  return capi::lastErrorText();
 }
 
 zelvanor_status zelvanor_set_required(const char* configuration_json) {
@@ -335,50 +313,6 @@ zelvanor_status zelvanor_set_proxy(const char* proxy) {
                   "zelvanor_set_proxy: not \"none\" nor an http, https, socks5 or socks5h URL");
     }
     return ZELVANOR_OK;
-  });
-}
-
-void zelvanor_set_collection_enabled(int enabled) {
-  guardedVoid("zelvanor_set_collection_enabled",
-              [&] { ZelvanorTracker::setCollectionEnabled(enabled != 0); });
-}
-
-int zelvanor_collection_enabled(void) {
-  int enabled = 1;
-  guardedVoid("zelvanor_collection_enabled",
-              [&] { enabled = ZelvanorTracker::collectionEnabled() ? 1 : 0; });
-  return enabled;
-}
-
-void zelvanor_delete_local_data(void) {
-  guardedVoid("zelvanor_delete_local_data", [] { ZelvanorTracker::deleteLocalData(); });
-}
-
-void zelvanor_set_before_send(zelvanor_before_send hook, void* user_data) {
-  guardedVoid("zelvanor_set_before_send", [&] {
-    if (!hook) {
-      ZelvanorTracker::setBeforeSend({});
-      return;
-    }
-    ZelvanorTracker::setBeforeSend([hook, user_data](ZLogRecord& record) {
-      auto json = encodeJson(record);
-      if (!json) return false;  // cannot be encoded: it would be dropped anyway
-      char* replacement = nullptr;
-      const int keep = hook(json->c_str(), json->size(), &replacement, user_data);
-      if (!replacement) return keep != 0;
-      const std::string text(replacement);
-      std::free(replacement);
-      if (keep == 0) return false;
-      auto decoded = decodeJson<ZLogRecord>(text);
-      if (!decoded) {
-        detail::diagnose(ZLogLevel::error,
-                         "event dropped: the before-send hook's replacement is no record: " +
-                             decoded.error().describe());
-        return false;
-      }
-      record = std::move(decoded).value();
-      return true;
-    });
   });
 }
 
