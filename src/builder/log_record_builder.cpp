@@ -63,17 +63,17 @@ void ZLogRecordBuilder::appendViewImpressionContents(std::vector<ZViewImpression
   appendAll(state_.viewImpressionContents, std::move(contents));
 }
 
-ZLogRecord ZLogRecordBuilder::makeRecord(const RecordContext& context, ZLogTemplate&& blocks) {
+ZLogRecord ZLogRecordBuilder::makeRecord(RecordContext context, ZLogTemplate&& blocks) {
   return ZLogRecord{
-      .xid = context.xid,
-      .sdk = context.sdk,
+      .xid = std::move(context.xid),
+      .sdk = std::move(context.sdk),
       .action = std::move(*blocks.action),
-      .common = context.common,
-      .id = context.id,
-      .ucid = context.ucid,
+      .common = std::move(context.common),
+      .id = std::move(context.id),
+      .ucid = std::move(context.ucid),
       .agreement = std::move(blocks.agreement),
       .utm = std::move(blocks.utm),
-      .agent = context.agent,
+      .agent = std::move(context.agent),
       .app = std::move(blocks.app),
       .location = std::move(blocks.location),
       .page = std::move(blocks.page),
@@ -88,20 +88,20 @@ ZLogRecord ZLogRecordBuilder::makeRecord(const RecordContext& context, ZLogTempl
   };
 }
 
-std::optional<ZLogRecord> ZLogRecordBuilder::buildRecord(const RecordContext& context) {
-  return buildRecord(context, std::exchange(state_, ZLogTemplate{}));
+std::optional<ZLogRecord> ZLogRecordBuilder::buildRecord(RecordContext context) {
+  return buildRecord(std::move(context), std::exchange(state_, ZLogTemplate{}));
 }
 
-std::optional<ZLogRecord> ZLogRecordBuilder::buildRecord(const RecordContext& context,
+std::optional<ZLogRecord> ZLogRecordBuilder::buildRecord(RecordContext context,
                                                          ZLogTemplate&& blocks) {
   if (!blocks.action) return std::nullopt;
-  return makeRecord(context, std::move(blocks));
+  return makeRecord(std::move(context), std::move(blocks));
 }
 
 std::optional<ZLogRecord> ZLogRecordBuilder::buildRecordFromTemplate(
-    const RecordContext& context, const ZLogTemplate& logTemplate) {
+    RecordContext context, const ZLogTemplate& logTemplate) {
   if (!logTemplate.action) return std::nullopt;
-  return makeRecord(context, ZLogTemplate(logTemplate));
+  return makeRecord(std::move(context), ZLogTemplate(logTemplate));
 }
 
 ZLogTemplate ZLogRecordBuilder::makeTemplate() {

@@ -46,12 +46,12 @@ class ZLogRecordBuilder {
 
   /// No action: nothing is made and the blocks are thrown away. Either way the builder is empty
   /// after.
-  std::optional<ZLogRecord> buildRecord(const RecordContext& context);
+  std::optional<ZLogRecord> buildRecord(RecordContext context);
   /// A record from blocks held elsewhere (a host's ZEvent); no action, no record. The builder's
   /// own blocks are not involved.
-  static std::optional<ZLogRecord> buildRecord(const RecordContext& context, ZLogTemplate&& blocks);
+  static std::optional<ZLogRecord> buildRecord(RecordContext context, ZLogTemplate&& blocks);
   /// Reads the template only; the builder's own blocks stay as they are.
-  static std::optional<ZLogRecord> buildRecordFromTemplate(const RecordContext& context,
+  static std::optional<ZLogRecord> buildRecordFromTemplate(RecordContext context,
                                                            const ZLogTemplate& logTemplate);
   /// A copy of the current blocks (also when empty); the builder is empty after.
   ZLogTemplate makeTemplate();
@@ -66,7 +66,7 @@ class ZLogRecordBuilder {
  private:
   template <class Block>
   void overrideSet(std::optional<Block>& slot, Block value, const char* tail = " value?. ");
-  static ZLogRecord makeRecord(const RecordContext& context, ZLogTemplate&& blocks);
+  static ZLogRecord makeRecord(RecordContext context, ZLogTemplate&& blocks);
 
   ZLogTemplate state_;  // exactly the fourteen per-event blocks
   std::string lastWarning_;
