@@ -41,9 +41,15 @@ support::Cancellable IdentitySync::fetchXid(std::function<void(const ZXid&)> onT
 void IdentitySync::sendRequest() {
   // Collection off: no request leaves the process. The manager asks again when it is back on.
   if (!settings().collectionEnabled.load()) return;
+  {
+    std::lock_guard lock(requestMutex_);
+    if (requestUnderWay_.exchange(true)) {
+      requestDeferred_ = true;
+      return;
+    }
+  }
   auto request = ZHttpApi::idSync().urlRequest();
   requestsStarted_.fetch_add(1);
-  requestUnderWay_ = true;
   std::weak_ptr<IdentitySync> weak = weak_from_this();
   const std::uint64_t generation = generation_.load();
   http_->send(std::move(request), [weak, generation](network::HttpOutcome outcome) {
@@ -72,7 +78,15 @@ void IdentitySync::sendRequest() {
     }
     // Only now, once a triple in the answer is published: a retry in between would otherwise ask
     // the server again, or publish the triple a second time.
-    self->requestUnderWay_ = false;
+    bool again = false;
+    {
+      std::lock_guard lock(self->requestMutex_);
+      self->requestUnderWay_ = false;
+      again = self->requestDeferred_.exchange(false);
+    }
+    // A request asked for meanwhile goes now, with the cookies this answer set; once a triple
+    // is published it would only bring the same one back.
+    if (again && !self->published_) self->sendRequest();
   });
 }
 
@@ -80,7 +94,9 @@ void IdentitySync::forget() {
   generation_.fetch_add(1);
   http_->clearCookies();
   published_ = false;
+  std::lock_guard lock(requestMutex_);
   requestUnderWay_ = false;
+  requestDeferred_ = false;
 }
 
 void IdentitySync::retry() {

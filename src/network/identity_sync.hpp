@@ -6,11 +6,12 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string_view>
 
-#include "transport/http_client.hpp"
 #include "network/sources.hpp"
 #include "support/subject.hpp"
+#include "transport/http_client.hpp"
 
 namespace zelvanor::detail {
 
@@ -37,6 +38,10 @@ class IdentitySync final : public IdentitySource,
   support::PassthroughSubject<ZXid> xidSubject_;
   std::atomic<std::uint64_t> requestsStarted_{0};
   std::atomic<bool> requestUnderWay_{false};
+  /// A request asked for while one was under way: it goes once that one is answered, so that it
+  /// carries the cookies the answer set (two requests at once would get two identities).
+  std::atomic<bool> requestDeferred_{false};
+  std::mutex requestMutex_;  ///< orders the start and the end of a request with deferring
   std::atomic<bool> published_{false};
   std::atomic<std::uint64_t> generation_{0};  ///< one more per forget()
   void sendRequest();

@@ -2,6 +2,7 @@
 // arrives once it works, and the SDK runs on no more than its two threads.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
@@ -152,6 +153,32 @@ TEST_F(HostClientTest, EveryWayAClientFailsLosesNoRecord) {
     }
     ZelvanorTracker::shutdown();
   }
+}
+
+TEST_F(HostClientTest, ASecondIdentityRequestWaitsForTheFirstAndItsCookies) {
+  // Starting runs the identity lookup once for the defaults and once more for setRequired. Two
+  // requests at once would each get an identity of their own from the sync server.
+  auto client = std::make_shared<testing::FakeHttpClient>();
+  client->setResponder([](const ZHttpRequest& request) -> std::optional<ZHttpResult> {
+    if (request.url.find("/sync") != std::string::npos) return std::nullopt;  // held
+    return ZHttpResponse{200, {}, "ok"};
+  });
+  start(client);
+  ASSERT_TRUE(client->waitForWaiting(1));
+  EXPECT_EQ(client->sent().size(), 1u) << "one identity request at a time";
+  client->answer(200, syncAnswer(),
+                 {{"Set-Cookie", "fa_cid=cid-7"},
+                  {"Set-Cookie", "fa_did=did-7"},
+                  {"Set-Cookie", "fa_sid=sid-7"}});
+  EXPECT_TRUE(ZelvanorTracker::waitUntilReady(10s));
+  ZelvanorTracker::shutdown();
+  const auto sent = client->sent();
+  EXPECT_EQ(std::count_if(sent.begin(), sent.end(),
+                          [](const ZHttpRequest& request) {
+                            return request.url.find("/sync") != std::string::npos;
+                          }),
+            1)
+      << "the waiting request is not sent once the first answer gave the triple";
 }
 
 /// Answers each record at once from within send, and a second time later from another thread.
