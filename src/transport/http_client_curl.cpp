@@ -361,4 +361,10 @@ void CurlHttpClient::ended() noexcept {
   impl_->ended();
 }
 
+std::shared_ptr<ZHttpClient> makeSystemHttpClient(support::SerialQueue& worker,
+                                                  SystemHttpClientOptions options) {
+  // Runs on the worker, between its tasks.
+  return CurlHttpClient::startOn(worker, std::move(options));
+}
+
 }  // namespace zelvanor::network
