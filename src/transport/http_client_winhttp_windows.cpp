@@ -247,7 +247,8 @@ struct WinHttpClient::Impl : std::enable_shared_from_this<Impl> {
     if (status != WINHTTP_CALLBACK_STATUS_SENDING_REQUEST || context == 0) return;
     auto* exchange = reinterpret_cast<Exchange*>(context);
     exchange->impl->checkCertificate(*exchange, handle);
-    // A rejected server gets nothing: the request is closed before it is written.
+    // A rejected server is to get nothing: the request is closed before it is written (Wine
+    // writes the request line and headers all the same; the body never goes out, see perform).
     if (exchange->certificateRejected) exchange->impl->close(*exchange);
   }
 
@@ -405,18 +406,29 @@ struct WinHttpClient::Impl : std::enable_shared_from_this<Impl> {
       }
       return ZHttpFailure{describe(step, error), isTlsFailure(error)};
     };
+    // The body follows the headers separately, so that it goes out only to a server whose
+    // chain passed the check.
     if (!WinHttpSendRequest(handle,
                             headers.empty() ? WINHTTP_NO_ADDITIONAL_HEADERS : headers.c_str(),
-                            headers.empty() ? 0 : static_cast<DWORD>(-1),
-                            bodySize ? const_cast<char*>(body->data()) : WINHTTP_NO_REQUEST_DATA,
-                            bodySize, bodySize, 0)) {
+                            headers.empty() ? 0 : static_cast<DWORD>(-1), WINHTTP_NO_REQUEST_DATA,
+                            0, bodySize, 0)) {
       return failed("sending");
     }
     if (options.caBundle) {
-      // Where the system did not report the request's sending, the chain is checked now, still
-      // before anything of the answer is read.
+      // Where the system did not report the request's sending, the chain is checked now.
       checkCertificate(exchange, handle);
-      if (exchange.certificateRejected) return failed("sending");
+      if (exchange.certificateRejected) {
+        SetLastError(ERROR_WINHTTP_SECURE_FAILURE);
+        return failed("sending");
+      }
+    }
+    for (DWORD sent = 0; sent < bodySize;) {
+      DWORD written = 0;
+      if (!WinHttpWriteData(handle, body->data() + sent, bodySize - sent, &written) ||
+          written == 0) {
+        return failed("sending the body");
+      }
+      sent += written;
     }
     if (!setReceiveTimeout(handle, deadline) || !WinHttpReceiveResponse(handle, nullptr)) {
       return failed("receiving");

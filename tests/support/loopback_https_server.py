@@ -46,6 +46,7 @@ def make_certificates(directory):
 
 class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"  # keep-alive, so clients can reuse connections
+    posted = 0  # body bytes that reached either server
 
     def log_message(self, *args):
         pass
@@ -67,6 +68,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
         elif self.path == "/redirect":
             port = self.server.server_address[1]
             self.answer(302, b"moved", [("Location", f"https://localhost:{port}/ok")])
+        elif self.path == "/posted":
+            self.answer(200, str(Handler.posted).encode())
         elif self.path == "/big":
             self.answer(200, b"x" * (2 << 20))
         elif self.path == "/hang":
@@ -77,13 +80,20 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
     def do_POST(self):
         body = self.rfile.read(int(self.headers.get("Content-Length", "0")))
+        Handler.posted += len(body)
         self.answer(200, body, [("X-Content-Type", self.headers.get("Content-Type", ""))])
+
+
+class Server(http.server.ThreadingHTTPServer):
+    daemon_threads = True
+
+    def handle_error(self, request, client_address):
+        pass  # clients that give up on a certificate or a cancelled request end abruptly
 
 
 def serve(directory):
     make_certificates(directory)
-    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-    server.daemon_threads = True
+    server = Server(("127.0.0.1", 0), Handler)
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     context.load_cert_chain(os.path.join(directory, "server.pem"),
                             os.path.join(directory, "server.key"))

@@ -97,16 +97,24 @@ TEST_F(WinHttpClientTest, AnswersComeBackWholeAndUnfollowed) {
 }
 
 TEST_F(WinHttpClientTest, FailuresAreToldApart) {
-  // A certificate from another CA: neither the system nor the CA file vouches for it.
+  // A certificate from another CA: neither the system nor the CA file vouches for it, and the
+  // body never reaches that server.
+  const auto posted = [&] {
+    return std::get<ZHttpResponse>(exchange(trusting, get("/posted"))).body;
+  };
+  const std::string postedBefore = posted();
   WinHttpClient system({std::nullopt, {}});
   for (WinHttpClient* client : {&system, &trusting}) {
     auto request = get("/ok");
-    request.url = url("/ok", "ZELVANOR_TEST_STRANGER_PORT");
+    request.method = "POST";
+    request.body = std::make_shared<const std::string>("secret");
+    request.url = url("/echo", "ZELVANOR_TEST_STRANGER_PORT");
     const auto untrusted = exchange(*client, request);
     ASSERT_TRUE(std::holds_alternative<ZHttpFailure>(untrusted));
     EXPECT_TRUE(std::get<ZHttpFailure>(untrusted).tls)
         << std::get<ZHttpFailure>(untrusted).description;
   }
+  EXPECT_EQ(posted(), postedBefore);
 
   auto refusedRequest = get("/ok");
   refusedRequest.url = url("/ok", "ZELVANOR_TEST_REFUSED_PORT");
