@@ -582,6 +582,31 @@ void WinHttpClient::cancelAll() {
   impl_->cancel("cancelled", false);
 }
 
+std::optional<UrlSchemeAndHost> readUrl(const std::string& url, bool anyScheme) {
+  // WinHTTP reads http and https URLs only: another scheme (a SOCKS proxy's) is read as http.
+  std::wstring wide = widen(url);
+  const std::size_t separator = url.find("://");
+  std::string scheme = separator == std::string::npos ? "" : url.substr(0, separator);
+  std::transform(scheme.begin(), scheme.end(), scheme.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  if (scheme.empty() ||
+      scheme.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789+.-") != std::string::npos) {
+    return std::nullopt;
+  }
+  if (anyScheme && scheme != "http" && scheme != "https") {
+    wide = L"http" + widen(url.substr(separator));
+  }
+  URL_COMPONENTS parts{};
+  parts.dwStructSize = sizeof parts;
+  parts.dwHostNameLength = static_cast<DWORD>(-1);
+  if (wide.find_first_of(L" \t\r\n") != std::wstring::npos ||
+      !WinHttpCrackUrl(wide.c_str(), static_cast<DWORD>(wide.size()), 0, &parts)) {
+    return std::nullopt;
+  }
+  return UrlSchemeAndHost{scheme,
+                          narrow(std::wstring_view(parts.lpszHostName, parts.dwHostNameLength))};
+}
+
 std::shared_ptr<ZHttpClient> makeSystemHttpClient(support::SerialQueue&,
                                                   SystemHttpClientOptions options) {
   // WinHTTP blocks on threads of the client's own, so the worker keeps its usual idle wait.

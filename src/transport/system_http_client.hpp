@@ -21,6 +21,15 @@ struct SystemHttpClientOptions {
   ProxyChoice proxy;                    ///< empty: the system decides for every request
 };
 
+/// A URL's scheme (lower case) and host, as the system's client reads them; nullopt when it
+/// cannot read the URL. `anyScheme`: schemes the client itself does not speak (a SOCKS proxy's)
+/// are read too.
+struct UrlSchemeAndHost {
+  std::string scheme;
+  std::string host;
+};
+std::optional<UrlSchemeAndHost> readUrl(const std::string& url, bool anyScheme = false);
+
 /// The SDK's own client. It may make itself `worker`'s idle wait (libcurl does) or run on
 /// threads of its own; either way `done` may run on any thread.
 std::shared_ptr<ZHttpClient> makeSystemHttpClient(support::SerialQueue& worker,
