@@ -12,18 +12,16 @@
 #include <cmath>
 #include <condition_variable>
 #include <deque>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
+#include "transport/extra_roots.hpp"
 #include "transport/http_client_winhttp.hpp"
 
 namespace zelvanor::network {
@@ -132,73 +130,6 @@ struct HandleCloser {
 };
 using Handle = std::unique_ptr<void, HandleCloser>;
 
-/// The certificates of a PEM file in a memory store; null when the file has none.
-HCERTSTORE loadPem(const std::string& path) {
-  std::ifstream file(std::filesystem::path(widen(path)), std::ios::binary);
-  if (!file) return nullptr;
-  const std::string pem((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  HCERTSTORE store = CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, 0, nullptr);
-  if (!store) return nullptr;
-  constexpr std::string_view kBegin = "-----BEGIN CERTIFICATE-----";
-  constexpr std::string_view kEnd = "-----END CERTIFICATE-----";
-  int added = 0;
-  for (std::size_t at = pem.find(kBegin); at != std::string::npos; at = pem.find(kBegin, at)) {
-    const std::size_t end = pem.find(kEnd, at);
-    if (end == std::string::npos) break;
-    const std::string block = pem.substr(at, end + kEnd.size() - at);
-    at = end + kEnd.size();
-    DWORD size = 0;
-    if (!CryptStringToBinaryA(block.c_str(), static_cast<DWORD>(block.size()),
-                              CRYPT_STRING_BASE64HEADER, nullptr, &size, nullptr, nullptr)) {
-      continue;
-    }
-    std::vector<BYTE> der(size);
-    if (CryptStringToBinaryA(block.c_str(), static_cast<DWORD>(block.size()),
-                             CRYPT_STRING_BASE64HEADER, der.data(), &size, nullptr, nullptr) &&
-        CertAddEncodedCertificateToStore(store, X509_ASN_ENCODING, der.data(), size,
-                                         CERT_STORE_ADD_ALWAYS, nullptr)) {
-      ++added;
-    }
-  }
-  if (added == 0) {
-    CertCloseStore(store, 0);
-    return nullptr;
-  }
-  return store;
-}
-
-/// The server's chain is trusted by the system, or ends in one of `extra`'s certificates with
-/// nothing else wrong with it. (Revocation is not asked for, so its status is unknown.)
-bool chainAccepted(PCCERT_CONTEXT server, HCERTSTORE extra) {
-  LPSTR serverAuth = const_cast<LPSTR>(szOID_PKIX_KP_SERVER_AUTH);
-  CERT_CHAIN_PARA parameters{};
-  parameters.cbSize = sizeof parameters;
-  parameters.RequestedUsage.dwType = USAGE_MATCH_TYPE_AND;
-  parameters.RequestedUsage.Usage.cUsageIdentifier = 1;
-  parameters.RequestedUsage.Usage.rgpszUsageIdentifier = &serverAuth;
-  PCCERT_CHAIN_CONTEXT chain = nullptr;
-  if (!CertGetCertificateChain(nullptr, server, nullptr, extra, &parameters, 0, nullptr, &chain)) {
-    return false;
-  }
-  const DWORD errors =
-      chain->TrustStatus.dwErrorStatus &
-      ~static_cast<DWORD>(CERT_TRUST_REVOCATION_STATUS_UNKNOWN | CERT_TRUST_IS_OFFLINE_REVOCATION);
-  bool accepted = errors == CERT_TRUST_NO_ERROR;
-  if (!accepted && errors == CERT_TRUST_IS_UNTRUSTED_ROOT && chain->cChain > 0) {
-    const CERT_SIMPLE_CHAIN* simple = chain->rgpChain[0];
-    if (simple->cElement > 0) {
-      PCCERT_CONTEXT root = simple->rgpElement[simple->cElement - 1]->pCertContext;
-      if (PCCERT_CONTEXT found = CertFindCertificateInStore(extra, X509_ASN_ENCODING, 0,
-                                                            CERT_FIND_EXISTING, root, nullptr)) {
-        accepted = true;
-        CertFreeCertificateContext(found);
-      }
-    }
-  }
-  CertFreeCertificateChain(chain);
-  return accepted;
-}
-
 }  // namespace
 
 struct WinHttpClient::Impl : std::enable_shared_from_this<Impl> {
@@ -232,7 +163,7 @@ struct WinHttpClient::Impl : std::enable_shared_from_this<Impl> {
       WinHttpSetOption(session, WINHTTP_OPTION_SECURE_PROTOCOLS, &protocols, sizeof protocols);
     }
     if (this->options.caBundle) {
-      extraRoots = loadPem(*this->options.caBundle);
+      extraRoots = ExtraRoots::load(*this->options.caBundle);
       // The chain is checked once the TLS handshake is done and before the request goes out.
       WinHttpSetStatusCallback(session, &onStatus, WINHTTP_CALLBACK_FLAG_SEND_REQUEST, 0);
     }
@@ -240,7 +171,6 @@ struct WinHttpClient::Impl : std::enable_shared_from_this<Impl> {
 
   ~Impl() {
     if (session) WinHttpCloseHandle(session);
-    if (extraRoots) CertCloseStore(extraRoots, 0);
   }
 
   static void CALLBACK onStatus(HINTERNET handle, DWORD_PTR context, DWORD status, LPVOID, DWORD) {
@@ -259,7 +189,7 @@ struct WinHttpClient::Impl : std::enable_shared_from_this<Impl> {
     DWORD size = sizeof server;
     bool accepted = false;
     if (WinHttpQueryOption(request, WINHTTP_OPTION_SERVER_CERT_CONTEXT, &server, &size) && server) {
-      accepted = chainAccepted(server, extraRoots);
+      accepted = extraRoots && extraRoots->accept(server);
       CertFreeCertificateContext(server);
     }
     exchange.certificateRejected = !accepted;
@@ -558,7 +488,7 @@ struct WinHttpClient::Impl : std::enable_shared_from_this<Impl> {
 
   const Options options;
   HINTERNET session = nullptr;
-  HCERTSTORE extraRoots = nullptr;
+  std::unique_ptr<ExtraRoots> extraRoots;
   std::mutex mutex;
   std::condition_variable wakeUp;
   std::deque<Job> waiting;      // guarded by mutex
