@@ -156,7 +156,10 @@ struct WinHttpClient::Impl : std::enable_shared_from_this<Impl> {
       session = WinHttpOpen(L"Zelvanor", WINHTTP_ACCESS_TYPE_DEFAULT_PROXY, WINHTTP_NO_PROXY_NAME,
                             WINHTTP_NO_PROXY_BYPASS, 0);
     }
-    if (!session) return;
+    if (!session) {
+      openError = GetLastError();
+      return;
+    }
     DWORD protocols = WINHTTP_FLAG_SECURE_PROTOCOL_TLS1_2 | WINHTTP_FLAG_SECURE_PROTOCOL_TLS1_3;
     if (!WinHttpSetOption(session, WINHTTP_OPTION_SECURE_PROTOCOLS, &protocols, sizeof protocols)) {
       protocols = WINHTTP_FLAG_SECURE_PROTOCOL_TLS1_2;
@@ -215,22 +218,37 @@ struct WinHttpClient::Impl : std::enable_shared_from_this<Impl> {
   }
 
   void send(ZHttpRequest request, std::function<void(ZHttpResult)> done) {
+    std::string failure;
     {
       std::lock_guard lock(mutex);
-      if (!stopping && session) {
+      if (!session) {
+        failure = describe("WinHttpOpen", openError);
+      } else if (stopping) {
+        failure = "the HTTP client has shut down";
+      } else {
         waiting.push_back(Job{std::move(request), std::move(done)});
         if (idle < waiting.size() && threads < kMaxThreads) {
-          ++threads;
-          // Detached: a thread blocked in WinHTTP must not hold up the SDK's shutdown. It keeps
-          // the session alive until it ends.
-          std::thread([self = shared_from_this()] { self->run(); }).detach();
+          try {
+            // Detached: a thread blocked in WinHTTP must not hold up the SDK's shutdown. It
+            // keeps the session alive until it ends.
+            std::thread([self = shared_from_this()] { self->run(); }).detach();
+            ++threads;
+          } catch (...) {
+            // No thread to be had: with none at all, the request fails now.
+            if (threads == 0) {
+              done = std::move(waiting.back().done);
+              waiting.pop_back();
+              failure = "cannot start a thread for the request";
+            }
+          }
         }
-        wakeUp.notify_one();
-        return;
+        if (failure.empty()) {
+          wakeUp.notify_one();
+          return;
+        }
       }
     }
-    answer(done, ZHttpFailure{session ? "the HTTP client has shut down"
-                                      : describe("WinHttpOpen", GetLastError())});
+    answer(done, ZHttpFailure{std::move(failure)});
   }
 
   void cancel(const char* why, bool stop) {
@@ -488,6 +506,7 @@ struct WinHttpClient::Impl : std::enable_shared_from_this<Impl> {
 
   const Options options;
   HINTERNET session = nullptr;
+  DWORD openError = 0;
   std::unique_ptr<ExtraRoots> extraRoots;
   std::mutex mutex;
   std::condition_variable wakeUp;
