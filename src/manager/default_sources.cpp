@@ -7,7 +7,6 @@
 #include <mutex>
 
 #include "manager/local_data.hpp"
-#include "transport/http_client_curl.hpp"
 #include "network/endpoints.hpp"
 #include "network/https_delivery.hpp"
 #include "network/identity_sync.hpp"
@@ -15,6 +14,7 @@
 #include "platform/platform.hpp"
 #include "platform/reachability_flags.hpp"
 #include "platform/thread_priority.hpp"
+#include "transport/system_http_client.hpp"
 
 namespace zelvanor::detail {
 
@@ -74,8 +74,8 @@ ManagerSources makeDefaultSources() {
     transport = hostClient();
   }
   if (!transport) {
-    // The SDK's own client runs on the worker, between its tasks.
-    transport = network::CurlHttpClient::startOn(
+    // The SDK's own client (libcurl runs on the worker, between its tasks).
+    transport = network::makeSystemHttpClient(
         *sources.worker,
         {currentEndpoints().caBundleFile, [] { return currentRequestUrls()->proxy; }});
   }

@@ -1,12 +1,12 @@
 #include "network/endpoints.hpp"
 
-#include <curl/curl.h>
-
 #include <algorithm>
 #include <array>
 #include <cctype>
 #include <memory>
 #include <mutex>
+
+#include "transport/system_http_client.hpp"
 
 namespace zelvanor::detail {
 
@@ -40,19 +40,8 @@ InForce& inForceLocked() {
 }
 
 bool isHttpsUrl(const std::string& url) {
-  std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> handle(curl_url(), &curl_url_cleanup);
-  if (!handle || curl_url_set(handle.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) {
-    return false;
-  }
-  char* scheme = nullptr;
-  if (curl_url_get(handle.get(), CURLUPART_SCHEME, &scheme, 0) != CURLUE_OK) return false;
-  const bool https = std::string_view(scheme) == "https";
-  curl_free(scheme);
-  char* host = nullptr;
-  if (curl_url_get(handle.get(), CURLUPART_HOST, &host, 0) != CURLUE_OK) return false;
-  const bool hasHost = host[0] != '\0';
-  curl_free(host);
-  return https && hasHost;
+  const auto parts = network::readUrl(url);
+  return parts && parts->scheme == "https" && !parts->host.empty();
 }
 
 bool sameName(std::string_view a, std::string_view b) {
@@ -86,20 +75,11 @@ bool isHeaderValue(std::string_view value) {
 /// "" for "none", the URL itself for an http(s) or SOCKS5 proxy URL with a host.
 std::optional<std::string> checkedProxy(const std::string& proxy) {
   if (proxy == "none") return std::string();
-  std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> handle(curl_url(), &curl_url_cleanup);
-  if (!handle || curl_url_set(handle.get(), CURLUPART_URL, proxy.c_str(),
-                              CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK) {
-    return std::nullopt;
-  }
-  char* scheme = nullptr;
-  if (curl_url_get(handle.get(), CURLUPART_SCHEME, &scheme, 0) != CURLUE_OK) return std::nullopt;
-  const std::string_view given(scheme);
+  const auto parts = network::readUrl(proxy, true);
+  if (!parts) return std::nullopt;
+  const std::string_view given = parts->scheme;
   const bool known = given == "http" || given == "https" || given == "socks5" || given == "socks5h";
-  curl_free(scheme);
-  char* host = nullptr;
-  if (curl_url_get(handle.get(), CURLUPART_HOST, &host, 0) != CURLUE_OK) return std::nullopt;
-  const bool hasHost = host[0] != '\0';
-  curl_free(host);
+  const bool hasHost = !parts->host.empty();
   if (!known || !hasHost) return std::nullopt;
   return proxy;
 }

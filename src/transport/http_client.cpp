@@ -5,9 +5,9 @@
 #include <map>
 #include <utility>
 
-#include "transport/http_client_curl.hpp"
-#include "transport/http_date.hpp"
 #include "platform/thread_priority.hpp"
+#include "transport/http_date.hpp"
+#include "transport/system_http_client.hpp"
 
 namespace zelvanor {
 ZHttpClient::~ZHttpClient() = default;
@@ -113,8 +113,7 @@ HttpClient::HttpClient(std::shared_ptr<ZHttpClient> transport, std::filesystem::
 HttpClient::HttpClient(Options options, ProxyChoice proxy) {
   ownLoop_ = std::make_shared<support::SerialQueue>("com.zelvanor.sdk.http",
                                                     &platform::lowerCurrentThreadPriority);
-  auto transport =
-      CurlHttpClient::startOn(*ownLoop_, {std::move(options.caBundle), std::move(proxy)});
+  auto transport = makeSystemHttpClient(*ownLoop_, {std::move(options.caBundle), std::move(proxy)});
   core_ = std::make_shared<Core>(std::move(transport), std::move(options.cookieJar), ownLoop_);
 }
 

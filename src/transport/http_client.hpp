@@ -17,8 +17,8 @@
 #include <variant>
 #include <vector>
 
-#include "transport/cookie_jar.hpp"
 #include "support/serial_queue.hpp"
+#include "transport/cookie_jar.hpp"
 #include "zelvanor/http_client.hpp"
 
 namespace zelvanor::network {
@@ -89,7 +89,7 @@ class HttpClient {
   /// `transport` carries the requests; answers are handed over on `loop`'s worker.
   HttpClient(std::shared_ptr<ZHttpClient> transport, std::filesystem::path cookieJar,
              std::shared_ptr<support::SerialQueue> loop);
-  /// The SDK's own libcurl client on a worker of its own (tools and tests).
+  /// The SDK's own client (libcurl or WinHTTP) on a worker of its own (tools and tests).
   explicit HttpClient(Options options, ProxyChoice proxy = {});
   ~HttpClient();
   HttpClient(const HttpClient&) = delete;

@@ -379,4 +379,27 @@ void CurlHttpClient::ended() noexcept {
   impl_->ended();
 }
 
+std::optional<UrlSchemeAndHost> readUrl(const std::string& url, bool anyScheme) {
+  std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> handle(curl_url(), &curl_url_cleanup);
+  if (!handle || curl_url_set(handle.get(), CURLUPART_URL, url.c_str(),
+                              anyScheme ? CURLU_NON_SUPPORT_SCHEME : 0) != CURLUE_OK) {
+    return std::nullopt;
+  }
+  UrlSchemeAndHost parts;
+  for (auto [part, text] :
+       {std::pair{CURLUPART_SCHEME, &parts.scheme}, std::pair{CURLUPART_HOST, &parts.host}}) {
+    char* value = nullptr;
+    if (curl_url_get(handle.get(), part, &value, 0) != CURLUE_OK) return std::nullopt;
+    *text = value;
+    curl_free(value);
+  }
+  return parts;
+}
+
+std::shared_ptr<ZHttpClient> makeSystemHttpClient(support::SerialQueue& worker,
+                                                  SystemHttpClientOptions options) {
+  // Runs on the worker, between its tasks.
+  return CurlHttpClient::startOn(worker, std::move(options));
+}
+
 }  // namespace zelvanor::network

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "support/serial_queue.hpp"
+#include "transport/system_http_client.hpp"
 #include "zelvanor/http_client.hpp"
 
 namespace zelvanor::network {
@@ -16,13 +17,9 @@ namespace zelvanor::network {
 class CurlHttpClient final : public ZHttpClient, public support::IdleWait {
  public:
   /// The proxy a request takes: absent, the environment's settings apply; empty, no proxy at
-  /// all; else the proxy's URL (http, https, socks5, socks5h), used for every host. Read as each
-  /// request starts.
-  using ProxyChoice = std::function<std::optional<std::string>()>;
-  struct Options {
-    std::optional<std::string> caBundle;  ///< extra trusted roots (PEM file)
-    ProxyChoice proxy;                    ///< empty: the environment decides for every request
-  };
+  /// all; else the proxy's URL (http, https, socks5, socks5h), used for every host.
+  using ProxyChoice = SystemHttpClientOptions::ProxyChoice;
+  using Options = SystemHttpClientOptions;
 
   /// Connections kept to one host; requests beyond them wait for a free one.
   static constexpr long kMaxConnectionsPerHost = 8;
