@@ -29,7 +29,9 @@ class CHttpClient final : public ZHttpClient {
     exchange->request = std::move(request);
     exchange->done = std::move(done);
     for (const auto& [name, value] : exchange->request.headers) {
-      exchange->headerLines.push_back(name + ": " + value);
+      std::string line = name;
+      line.append(": ").append(value);
+      exchange->headerLines.push_back(std::move(line));
     }
     for (const auto& line : exchange->headerLines) exchange->headerPointers.push_back(line.c_str());
     const ZHttpRequest& held = exchange->request;

@@ -23,8 +23,8 @@ RetryTimings RetryPolicy::timingsFor(RetryReason reason, const RetryTimings& net
   return network;
 }
 
-RetryPolicy::RetryPolicy(RetryTimings timings, std::function<Clock::time_point()> now,
-                         std::function<double()> unitRandom)
+RetryPolicy::RetryPolicy(RetryTimings timings, const std::function<Clock::time_point()>& now,
+                         const std::function<double()>& unitRandom)
     : tracks_{RetrySchedule(timingsFor(RetryReason::collector, timings), now, unitRandom),
               RetrySchedule(timingsFor(RetryReason::identitySync, timings), now, unitRandom),
               RetrySchedule(timingsFor(RetryReason::storeBusy, timings), now, unitRandom),

@@ -25,8 +25,8 @@ class RetryPolicy {
 
   /// `timings` are the network's waits (the host's tests shorten them); the store's are fixed.
   explicit RetryPolicy(RetryTimings timings = {},
-                       std::function<Clock::time_point()> now = Clock::now,
-                       std::function<double()> unitRandom = {});
+                       const std::function<Clock::time_point()>& now = Clock::now,
+                       const std::function<double()>& unitRandom = {});
 
   /// The waits for one reason: first step, longest step, jitter, and the cap on a server's own
   /// Retry-After (only the collector's answers carry one).

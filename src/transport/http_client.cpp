@@ -124,16 +124,17 @@ HttpClient::~HttpClient() {
 
 void HttpClient::send(HttpRequest request, std::function<void(HttpOutcome)> done) {
   std::uint64_t id = 0;
-  bool accepted = false;
+  std::function<void(HttpOutcome)> refused;  // after shutdown: answered here, at once
   {
     std::lock_guard lock(core_->mutex);
-    if (!core_->stopped) {
-      accepted = true;
+    if (core_->stopped) {
+      refused = std::move(done);
+    } else {
       id = core_->nextId++;
       core_->pending.emplace(id, Core::Exchange{request.url, std::move(done)});
     }
   }
-  if (accepted) {
+  if (!refused) {
     ZHttpRequest outgoing;
     outgoing.method = std::move(request.method);
     outgoing.headers = std::move(request.headers);
@@ -157,7 +158,7 @@ void HttpClient::send(HttpRequest request, std::function<void(HttpOutcome)> done
     --sendDepth;
     return;
   }
-  done(TransportError{"the HTTP client has shut down"});
+  refused(TransportError{"the HTTP client has shut down"});
 }
 
 void HttpClient::shutdown() {
