@@ -57,6 +57,8 @@ class ZLogRecordBuilder {
   ZLogTemplate makeTemplate();
   void reset() { state_ = ZLogTemplate{}; }
 
+  /// The record of `blocks`, which must hold an action, in `context`.
+  static ZLogRecord makeRecord(RecordContext context, ZLogTemplate&& blocks);
   /// The per-event state, for inspection.
   const ZLogTemplate& state() const { return state_; }
   /// The text of the most recent override warning. It is never shown to anyone; kept so that
@@ -66,7 +68,6 @@ class ZLogRecordBuilder {
  private:
   template <class Block>
   void overrideSet(std::optional<Block>& slot, Block value, const char* tail = " value?. ");
-  static ZLogRecord makeRecord(RecordContext context, ZLogTemplate&& blocks);
 
   ZLogTemplate state_;  // exactly the fourteen per-event blocks
   std::string lastWarning_;

@@ -30,6 +30,7 @@
 #include "support/subject.hpp"
 #include "zelvanor/configuration.hpp"
 #include "zelvanor/diagnostics.hpp"
+#include "zelvanor/json.hpp"
 #include "zelvanor/record.hpp"
 #include "zelvanor/storage.hpp"
 
@@ -72,7 +73,7 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   void configure(const ZConfiguration& configuration);
 
   void setDeploymentType(DeploymentType type);
-  void setCommon(ZCommon common) { commonSubject_.send(std::move(common)); }
+  void setCommon(ZCommon common);
   void setAgent(const ZAgent& agent);
   void setId(const ZId& id);
 
@@ -173,6 +174,8 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   void setAgentLocked(const ZAgent& agent);
   ZUcid deriveUcidLocked() const;
   RecordContext contextLocked(std::optional<ZCommon> common) const;
+  void dropUnencodable(const ZAction& action, const CodecError& error);
+  void buildRecordLocked(RecordContext context, ZLogTemplate blocks, bool verbose, bool disabled);
 
   ManagerSources sources_;
   mutable std::mutex mutex_;
@@ -186,6 +189,9 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   ZLogRecordBuilder builder_;
   ZLogRecordQueue queue_;
   support::CurrentValueSubject<std::optional<ZCommon>> commonSubject_{std::nullopt};
+  std::mutex commonSetMutex_;  ///< one setCommon at a time: the copy below and the subject agree
+  std::optional<ZCommon> commonForRecords_;  ///< guarded by mutex_: commonSubject_'s value
+  std::string encodeScratch_;  ///< guarded by mutex_: a track's JSON, before its exact-size copy
   support::CurrentValueSubject<bool> readySubject_{false};
   support::CancellableSet cancellables_;
   const std::shared_ptr<support::SerialQueue> worker_;
@@ -200,10 +206,10 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   bool resolving_ = false;
   /// The common block's install/update/launch check was skipped while collection was off.
   std::atomic<bool> versionCheckSkipped_{false};
-  std::atomic<bool> offSaid_{false};        ///< "collection off" said in this off period
+  std::atomic<bool> offSaid_{false};                   ///< "collection off" said in this off period
   std::shared_ptr<support::RetryPolicy> retryPolicy_;  ///< worker only
-  bool identityRetryScheduled_ = false;     ///< worker only
-  bool lastOnline_ = true;                  ///< guarded by mutex_
+  bool identityRetryScheduled_ = false;                ///< worker only
+  bool lastOnline_ = true;                             ///< guarded by mutex_
   /// Guarded by mutex_: how many of the templates in front were kept by an earlier run. Their
   /// records go to the store as a whole, which then forgets the templates.
   std::size_t keptTemplatesInFront_ = 0;

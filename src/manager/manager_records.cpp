@@ -8,6 +8,7 @@
 #include <thread>
 #include "manager/privacy.hpp"
 #include "model/identifying.hpp"
+#include "model/record_view.hpp"
 #include "platform/platform.hpp"
 #include "support/diagnostics.hpp"
 #include "support/settings.hpp"
@@ -67,12 +68,16 @@ std::optional<std::string> ZInternalLogManager::encodeRecord(const ZLogRecord& r
   // One that cannot be encoded (invalid UTF-8, a number JSON cannot hold) is dropped.
   auto encoded = encodeJson(record);
   if (!encoded) {
-    tally_.unencodable.fetch_add(1, std::memory_order_relaxed);
-    diagnose(ZLogLevel::error, "event dropped " + describeAction(record.action) +
-                                   ": it cannot be encoded as JSON: " + encoded.error().describe());
+    dropUnencodable(record.action, encoded.error());
     return std::nullopt;
   }
   return std::move(encoded).value();
+}
+
+void ZInternalLogManager::dropUnencodable(const ZAction& action, const CodecError& error) {
+  tally_.unencodable.fetch_add(1, std::memory_order_relaxed);
+  diagnose(ZLogLevel::error, "event dropped " + describeAction(action) +
+                                 ": it cannot be encoded as JSON: " + error.describe());
 }
 
 void ZInternalLogManager::enqueueRecord(const ZLogRecord& record) {
@@ -100,7 +105,7 @@ void ZInternalLogManager::resolveTemplatesLocked(std::unique_lock<std::mutex>& l
 bool ZInternalLogManager::resolveTemplatesOnce(std::unique_lock<std::mutex>& lock, bool hooked) {
   std::vector<ZLogTemplate> templates = queue_.takeTemplates();
   if (templates.empty() && !keptTemplatesTaken_) return false;
-  const std::optional<ZCommon> common = commonSubject_.value();
+  const std::optional<ZCommon> common = commonForRecords_;
   // Records built from an earlier run's templates reach the store before its file forgets them;
   // this run's templates become records as any track does, behind those.
   const std::size_t kept = std::min(std::exchange(keptTemplatesInFront_, 0), templates.size());
@@ -260,6 +265,15 @@ RecordContext ZInternalLogManager::contextLocked(std::optional<ZCommon> common) 
   return RecordContext{*xid_, sdk_, std::move(common), id_, deriveUcidLocked(), agent_};
 }
 
+void ZInternalLogManager::setCommon(ZCommon common) {
+  const std::lock_guard setting(commonSetMutex_);
+  {
+    const std::lock_guard lock(mutex_);
+    commonForRecords_ = common;
+  }
+  commonSubject_.send(std::move(common));
+}
+
 void ZInternalLogManager::track(bool verbose, bool disabled) {
   const HeldDiagnostics held;  // said once mutex_ is released
   const HeldRecords records(*this);
@@ -296,8 +310,7 @@ void ZInternalLogManager::trackBlocksLocked(ZLogTemplate blocks, bool verbose, b
     if (!disabled) queue_.appendTemplate(std::move(blocks));
     return;
   }
-  std::optional<ZCommon> common = commonSubject_.value();
-  if (!common) {
+  if (!commonForRecords_) {
     if (disabled) return;
     tally_.noCommonBlock.fetch_add(1, std::memory_order_relaxed);
     if (diagnosing(ZLogLevel::error)) {
@@ -315,32 +328,74 @@ void ZInternalLogManager::trackBlocksLocked(ZLogTemplate blocks, bool verbose, b
     diagnose(ZLogLevel::error, "event dropped: the device's agent block is not known yet");
     return;
   }
-  common->requestTimeStamp = now;
-  auto record = ZLogRecordBuilder::buildRecord(contextLocked(std::move(common)), std::move(blocks));
-  if (!record) {
+  if (!blocks.action) {
     if (disabled) return;
     tally_.noAction.fetch_add(1, std::memory_order_relaxed);
     diagnose(ZLogLevel::error, "event dropped: no action block was set; every event needs one");
     return;
   }
+  if (disabled && !verbose) return;
+  if (disabled || verbose || beforeSendSet()) {
+    std::optional<ZCommon> common = commonForRecords_;
+    common->requestTimeStamp = now;
+    buildRecordLocked(contextLocked(std::move(common)), std::move(blocks), verbose, disabled);
+    return;
+  }
+  // The usual event: encoded straight from where its blocks live, with no record built.
+  commonForRecords_->requestTimeStamp = now;
+  const std::optional<ZUcid> ucid = deriveUcidLocked();
+  const ZLogRecordView view{
+      .xid = &*xid_,
+      .sdk = &sdk_,
+      .action = &*blocks.action,
+      .common = &commonForRecords_,
+      .id = &id_,
+      .ucid = &ucid,
+      .agreement = &blocks.agreement,
+      .utm = &blocks.utm,
+      .agent = &agent_,
+      .app = &blocks.app,
+      .location = &blocks.location,
+      .page = &blocks.page,
+      .click = &blocks.click,
+      .usage = &blocks.usage,
+      .domain = &blocks.domain,
+      .promotion = &blocks.promotion,
+      .viewImpressionContents = &blocks.viewImpressionContents,
+      .buckets = &blocks.buckets,
+      .status = &blocks.status,
+      .free = &blocks.free,
+  };
+  CodecError error;
+  if (!encodeRecordView(view, encodeScratch_, error)) {
+    dropUnencodable(*blocks.action, error);
+    return;
+  }
+  // Copied out at its exact size: a waiting record costs its JSON, not the scratch's capacity.
+  queue_.enqueue(std::string(encodeScratch_));
+}
+
+void ZInternalLogManager::buildRecordLocked(RecordContext context, ZLogTemplate blocks,
+                                            bool verbose, bool disabled) {
+  ZLogRecord record = ZLogRecordBuilder::makeRecord(std::move(context), std::move(blocks));
   if (verbose && diagnosing(ZLogLevel::debug)) {
-    if (auto json = encodeJson(withoutSecrets(*record), JsonStyle::pretty)) {
-      diagnose(ZLogLevel::debug, "record " + describeAction(record->action) + ":\n" + *json);
+    if (auto json = encodeJson(withoutSecrets(record), JsonStyle::pretty)) {
+      diagnose(ZLogLevel::debug, "record " + describeAction(record.action) + ":\n" + *json);
     }
   }
   if (disabled) return;
   const bool hooked = beforeSendSet();
   if (hooked && heldRecordsHere()) {
-    heldRecordsHere()->push_back(HookedRecord{std::move(*record), generation_});
+    heldRecordsHere()->push_back(HookedRecord{std::move(record), generation_});
     return;
   }
   // No path builds records without HeldRecords while a hook is set; kept safe anyway.
-  if (!hooked || passesBeforeSend(*record)) enqueueRecord(*record);
+  if (!hooked || passesBeforeSend(record)) enqueueRecord(record);
 }
 
 std::string ZInternalLogManager::getData() {
   std::lock_guard lock(mutex_);
-  std::optional<ZCommon> common = commonSubject_.value();
+  std::optional<ZCommon> common = commonForRecords_;
   if (!ready_ || !common || !agent_ || !id_ || !xid_) return kUnstable;
   common->requestTimeStamp = nowInWholeSeconds();
   auto record = builder_.buildRecord(contextLocked(std::move(common)));
