@@ -2,9 +2,9 @@
 // than the SDK sends, so the figures are the client's. Reports records per second and the CPU
 // this process spends per delivered record (getrusage: every thread, user and system time), for
 // the SDK through its public facade and for a bare libcurl multi loop sending the same bodies
-// with the same number of connections. nginx runs as a child process from a temporary folder
-// with its own configuration and a self-signed certificate made with the openssl tool; without
-// nginx the benchmarks skip.
+// with the same number of connections, once as a burst and once as a steady trickle. nginx runs as
+// a child process from a temporary folder with its own configuration and a self-signed certificate
+// made with the openssl tool; without nginx the benchmarks skip.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
@@ -38,6 +38,17 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kRecordsPerIteration = 2000;
+// The benchmarks' argument: 0 tracks the whole batch at once (a burst twice the memory limit,
+// as after a long spell offline), else one record every that many microseconds (a steady
+// trickle, where each record goes nearly alone).
+constexpr int kBurst = 0;
+constexpr int kTrickleMicros = 500;
+
+/// When record `index` of an iteration that started at `start` is due.
+Clock::time_point dueAt(Clock::time_point start, int micros, std::size_t index) {
+  return start + std::chrono::microseconds(static_cast<std::int64_t>(micros) *
+                                           static_cast<std::int64_t>(index));
+}
 // The SDK keeps this many connections to one host; the bare loop uses as many.
 constexpr long kConnections = 8;
 constexpr const char* kSyncAnswer =
@@ -248,6 +259,10 @@ void BM_SdkToNginx(benchmark::State& state) {
     const auto start = Clock::now();
     const double cpuStart = cpuMicros();
     for (int i = 0; i < kRecordsPerIteration; ++i) {
+      if (state.range(0) != kBurst) {
+        std::this_thread::sleep_until(
+            dueAt(start, static_cast<int>(state.range(0)), static_cast<std::size_t>(i)));
+      }
       setTypicalEvent(i);
       ZelvanorTracker::track(false, false);
     }
@@ -265,7 +280,11 @@ void BM_SdkToNginx(benchmark::State& state) {
   totals.report(state);
   state.SetItemsProcessed(static_cast<std::int64_t>(totals.records));
 }
-BENCHMARK(BM_SdkToNginx)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SdkToNginx)
+    ->Arg(kBurst)
+    ->Arg(kTrickleMicros)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 
 /// Bodies as the SDK sends them: a record built from the same blocks, compact JSON.
 std::vector<std::string> sdkBodies(int count) {
@@ -338,8 +357,12 @@ void BM_BareCurlMultiToNginx(benchmark::State& state) {
     const double cpuStart = cpuMicros();
     std::size_t next = 0;
     std::size_t done = 0;
+    const int pace = static_cast<int>(state.range(0));
+    const auto due = [&](std::size_t index) {
+      return pace == kBurst || dueAt(start, pace, index) <= Clock::now();
+    };
     while (done < bodies.size()) {
-      while (next < bodies.size() && !idle.empty()) {
+      while (next < bodies.size() && !idle.empty() && due(next)) {
         Transfer* transfer = idle.front();
         idle.pop_front();
         transfer->answer.clear();
@@ -362,8 +385,23 @@ void BM_BareCurlMultiToNginx(benchmark::State& state) {
         ++done;
       }
       // Wait for the sockets only when no connection is free for the next body.
+      // In a trickle, wait no longer than until the next body is due; the poll counts whole
+      // milliseconds, so a shorter wait sleeps to the moment instead.
       const bool canAdd = next < bodies.size() && !idle.empty();
-      if (done < bodies.size() && !canAdd) curl_multi_poll(multi, nullptr, 0, 100, nullptr);
+      if (done < bodies.size() && !(canAdd && due(next))) {
+        if (!canAdd) {
+          curl_multi_poll(multi, nullptr, 0, 100, nullptr);
+        } else {
+          const auto wait = std::chrono::floor<std::chrono::milliseconds>(dueAt(start, pace, next) -
+                                                                          Clock::now());
+          if (wait.count() < 1) {
+            std::this_thread::sleep_until(dueAt(start, pace, next));
+          } else {
+            curl_multi_poll(multi, nullptr, 0,
+                            static_cast<int>(std::min<std::int64_t>(wait.count(), 100)), nullptr);
+          }
+        }
+      }
     }
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     totals.cpu += cpuMicros() - cpuStart;
@@ -378,6 +416,10 @@ void BM_BareCurlMultiToNginx(benchmark::State& state) {
   totals.report(state);
   state.SetItemsProcessed(static_cast<std::int64_t>(totals.records));
 }
-BENCHMARK(BM_BareCurlMultiToNginx)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_BareCurlMultiToNginx)
+    ->Arg(kBurst)
+    ->Arg(kTrickleMicros)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace
