@@ -144,26 +144,11 @@ TEST(StringScan, FirstMarkIsTheFirstByteThatNeedsAnEscape) {
   }
 }
 
-TEST(StringScan, TailIsTheLastBytesWithSpacesAbove) {
-  std::string source;
-  for (int i = 0; i < 20; ++i) source += static_cast<char>(0xF0 - 7 * i);
-  for (std::size_t length = 1; length <= source.size(); ++length) {
-    const ExactText text(std::string_view(source).substr(0, length));
-    for (std::size_t size = 1; size < 8 && size <= length; ++size) {
-      unsigned char expected[8];
-      std::memset(expected, ' ', sizeof expected);
-      std::memcpy(expected, text.view().data() + length - size, size);
-      EXPECT_EQ(scan::loadTail(text.view(), size), wordOf(expected))
-          << "length " << length << ", size " << size;
-    }
-  }
-}
-
 // ----- strings end to end -------------------------------------------------------------------
 
 // One or two special bytes at every pair of places in texts up to two words and a bit long:
-// escapes within a word, across word boundaries and in the tail, and bytes that are invalid
-// UTF-8 on their own.
+// escapes within a word, across word boundaries and in the tail (which the scan loads padded),
+// and bytes that are invalid UTF-8 on their own.
 TEST(JsonWriterString, EscapesEveryPlacementOfOneOrTwoSpecialBytes) {
   const char specials[] = {'"', '\\', '\0', '\x01', '\n', '\x1f', ' ', '/', '\x7f', '\x80', '\xc3'};
   for (std::size_t length = 0; length <= 17; ++length) {
