@@ -121,8 +121,9 @@ const ZAction kStaticAction(ZAction::ZActionType::viewImpression, "list", "imp")
 
 TEST(CodecEncode, ActionTypesAreUsableDuringStaticInitialization) {
   EXPECT_EQ(kStaticAction.type, "view_imp");
-  EXPECT_NE(ZAction::ZActionType::location, ZAction::ZActionType::custom("location"))
-      << "a custom type is never well-known";
+  const ZAction::ZActionType type = ZAction::ZActionType::location;
+  EXPECT_EQ(type.kind(), ZAction::ZActionType::Case::location);
+  EXPECT_NE(type, ZAction::ZActionType::custom("location")) << "a custom type is never well-known";
 }
 
 TEST(CodecEncode, PrettyStyleIndentsByTwoAndKeepsTheSameDocument) {
