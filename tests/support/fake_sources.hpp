@@ -160,16 +160,14 @@ class ImmediateIdentity final : public detail::IdentitySource {
 
 class ManualNetwork final : public detail::NetworkMonitor {
  public:
-  void startIfNeeded() override { ++starts_; }
+  void startIfNeeded() override {}
   support::CurrentValueSubject<detail::NetworkState>& states() override { return states_; }
   void pushFlags(std::uint32_t flags) override {
     states_.send(detail::ZReachability::stateFor(flags));
   }
   void stop() override {}
-  int starts() const { return starts_; }
 
  private:
-  std::atomic<int> starts_{0};
   support::CurrentValueSubject<detail::NetworkState> states_{detail::NetworkState::wifi};
 };
 

@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <filesystem>
 #include <optional>
 #include <string>
 
@@ -61,13 +60,6 @@ inline constexpr const char* kZoneSeoul = "KST-9";
 inline constexpr const char* kZoneKolkata = "IST-5:30";
 inline constexpr const char* kZoneStJohns = "NST3:30NDT,M3.2.0,M11.1.0";
 inline constexpr const char* kZoneNewYork = "EST5EDT,M3.2.0,M11.1.0";
-
-/// Whether the system's zone database has `name` (glibc silently falls back to UTC without it).
-inline bool zoneDatabaseHas(const char* name) {
-  std::error_code error;
-  return std::filesystem::is_regular_file(std::filesystem::path("/usr/share/zoneinfo") / name,
-                                          error);
-}
 
 inline std::int64_t nowSeconds() {
   using namespace std::chrono;

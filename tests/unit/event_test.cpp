@@ -11,6 +11,7 @@
 
 #include "support/shared_tracker.hpp"
 #include "zelvanor/event.hpp"
+#include "zelvanor/json.hpp"
 #include "zelvanor/tracker.hpp"
 
 namespace zelvanor {
@@ -19,6 +20,17 @@ namespace {
 class EventTest : public testing::SharedTrackerTest {
  protected:
   void start() { ZelvanorTracker::setDevelopment(); }
+  // One line per host record: its action and the per-event blocks it carries.
+  std::vector<std::string> summaries() const {
+    std::vector<std::string> lines;
+    for (const auto& r : hostRecords()) {
+      lines.push_back(r.action.name + " page=" + (r.page ? r.page->id : "-") +
+                      " click=" + (r.click ? r.click->layer1.value_or("?") : "-") +
+                      " buckets=" + (r.buckets ? std::to_string(r.buckets->size()) : "-") + " " +
+                      r.xid.sid + " " + (r.common ? r.common->serviceName : "-"));
+    }
+    return lines;
+  }
 };
 
 TEST_F(EventTest, BlocksFollowTheSharedBuildersRules) {
@@ -30,22 +42,12 @@ TEST_F(EventTest, BlocksFollowTheSharedBuildersRules) {
       .set(ZViewImpressionContent{.name = "v1"})
       .set(std::vector<ZViewImpressionContent>{{.name = "v2"}})
       .set(std::string("dropped"));
-  const ZLogTemplate& blocks = event.blocks();
-  EXPECT_EQ(blocks.page->id, "second") << "a block set twice keeps the last";
-  ASSERT_TRUE(blocks.buckets);
-  ASSERT_EQ(blocks.buckets->size(), 3u);
-  EXPECT_EQ((*blocks.buckets)[0].name, "b1");
-  EXPECT_EQ((*blocks.buckets)[2].name, "b3");
-  ASSERT_TRUE(blocks.viewImpressionContents);
-  EXPECT_EQ(blocks.viewImpressionContents->size(), 2u);
-  EXPECT_FALSE(blocks.free);
-  EXPECT_FALSE(blocks.action);
-
-  // An empty list still adds the key, as through the facade.
-  ZEvent empty;
-  empty.set(std::vector<ZBucket>{});
-  ASSERT_TRUE(empty.blocks().buckets);
-  EXPECT_TRUE(empty.blocks().buckets->empty());
+  // The last page wins, lists grow, text is dropped; an empty list still adds the key.
+  EXPECT_EQ(*encodeJson(event.blocks()),
+            R"({"page":{"id":"second","name":"p","title":"t"},)"
+            R"("buckets":[{"name":"b1"},{"name":"b2"},{"name":"b3"}],)"
+            R"("viewImpressionContents":[{"name":"v1"},{"name":"v2"}]})");
+  EXPECT_EQ(*encodeJson(ZEvent().set(std::vector<ZBucket>{}).blocks()), R"({"buckets":[]})");
 }
 
 TEST_F(EventTest, TrackingAnEventLeavesTheSharedBlocksAlone) {
@@ -61,25 +63,10 @@ TEST_F(EventTest, TrackingAnEventLeavesTheSharedBlocksAlone) {
   ZEvent().set(ZAction("event", "dropped", "tap")).track(false, /*disabled=*/true);
   ZelvanorTracker::set(ZAction("event", "shared", "tap")).track(false, false);
 
-  const auto records = hostRecords();
-  ASSERT_EQ(records.size(), 3u);
-  for (int i : {0, 1}) {
-    EXPECT_EQ(records[i].action.name, "own");
-    ASSERT_TRUE(records[i].click);
-    EXPECT_EQ(records[i].click->layer1, "own-click");
-    EXPECT_FALSE(records[i].page) << "the shared page must not leak into the event";
-    EXPECT_FALSE(records[i].buckets);
-    // The shared context does go into it.
-    EXPECT_EQ(records[i].xid.cid, "c");
-    ASSERT_TRUE(records[i].common);
-    EXPECT_EQ(records[i].common->serviceName, "svc");
-  }
-  EXPECT_EQ(records[2].action.name, "shared");
-  ASSERT_TRUE(records[2].page);
-  EXPECT_EQ(records[2].page->id, "shared");
-  ASSERT_TRUE(records[2].buckets);
-  EXPECT_EQ(records[2].buckets->size(), 1u);
-  EXPECT_FALSE(records[2].click);
+  // The shared page and bucket never leak into the event; the shared context does go into it.
+  EXPECT_EQ(summaries(), (std::vector<std::string>{"own page=- click=own-click buckets=- s svc",
+                                                   "own page=- click=own-click buckets=- s svc",
+                                                   "shared page=shared click=- buckets=1 s svc"}));
 }
 
 TEST_F(EventTest, BeforeTheTripleEventsWaitAsTemplatesInTrackingOrder) {
@@ -98,15 +85,9 @@ TEST_F(EventTest, BeforeTheTripleEventsWaitAsTemplatesInTrackingOrder) {
 
   setCommon();
   deliverTriple();
-  const auto records = hostRecords();
-  ASSERT_EQ(records.size(), 3u);
-  EXPECT_EQ(records[0].action.name, "1");
-  EXPECT_FALSE(records[0].page);
-  EXPECT_EQ(records[1].action.name, "2");
-  EXPECT_EQ(records[1].page->id, "shared");
-  EXPECT_EQ(records[2].action.name, "3");
-  EXPECT_EQ(records[2].page->id, "own");
-  for (const auto& record : records) EXPECT_EQ(record.xid.sid, "s");
+  EXPECT_EQ(summaries(), (std::vector<std::string>{"1 page=- click=- buckets=- s svc",
+                                                   "2 page=shared click=- buckets=- s svc",
+                                                   "3 page=own click=- buckets=- s svc"}));
 }
 
 // Eight host threads track their own events while another uses the shared builder: every event

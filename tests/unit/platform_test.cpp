@@ -1,5 +1,6 @@
-// The platform layer's time facts: the agent's zone text, the zone offset it is taken from, and
-// the install date. They run against whichever platform files are built (ZELVANOR_PLATFORM).
+// The platform layer's time facts: the agent's zone text and the zone offset it is taken from
+// (the install date is checked through the manager). They run against whichever platform files
+// are built (ZELVANOR_PLATFORM).
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -94,17 +95,6 @@ TEST(UtcOffset, FromBrokenDownTimesCountsTheDayThenHoursMinutesAndSeconds) {
   for (const auto& row : rows) {
     EXPECT_EQ(platform::offsetBetween(row.local, row.utc), row.expected) << row.label;
   }
-}
-
-TEST(InstallDate, IsTodayInTheDevicesZone) {
-  ZELVANOR_SKIP_UNLESS_ZONES_FROM_TZ();
-  const OtherDateZone far = zoneWithAnotherDateThanUtc();
-  ScopedTimeZone zone(far.rule);
-  const std::int64_t before = nowSeconds();
-  const std::string date = platform::todayInstallDate();
-  const std::int64_t after = nowSeconds();
-  EXPECT_TRUE(date == dateAt(before, far.offset) || date == dateAt(after, far.offset))
-      << date << " in " << far.rule;
 }
 
 }  // namespace

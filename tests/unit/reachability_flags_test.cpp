@@ -47,89 +47,75 @@ const std::string kIpv6Baseline =
 // Links as the route tables alone would have them: every carrier there, cellular by name.
 const LinkProbe nameOnly;
 
-TEST(RouteTableFlags, DefaultRouteDecidesReachabilityAndItsLinkTheKind) {
-  const std::string lan = ipv4Route("eth0", "0002A8C0", "0001", 0, "00FFFFFF");
-  const std::string defaultViaWifi = ipv4Route("wlp2s0", "00000000", "0003", 600, "00000000");
-  const std::string defaultViaModem = ipv4Route("wwan0", "00000000", "0003", 700, "00000000");
-
-  EXPECT_EQ(flagsFromRouteTables(kIpv4Header + lan, kIpv6Baseline, nameOnly), 0u);
-  EXPECT_EQ(flagsFromRouteTables(kIpv4Header + lan + defaultViaWifi, kIpv6Baseline, nameOnly),
-            kReachableFlag);
-  EXPECT_EQ(flagsFromRouteTables(kIpv4Header + defaultViaModem, "", nameOnly),
-            kReachableFlag | kIsWWANFlag);
-  // Both up: the lower metric carries the traffic.
-  EXPECT_EQ(flagsFromRouteTables(kIpv4Header + defaultViaModem + defaultViaWifi, "", nameOnly),
-            kReachableFlag);
-  // A VPN's 0.0.0.0/1 is more specific than the modem's default route.
-  EXPECT_EQ(flagsFromRouteTables(kIpv4Header + defaultViaModem +
-                                     ipv4Route("tun0", "00000000", "0001", 900, "00000080"),
-                                 "", nameOnly),
-            kReachableFlag);
+std::string defaultRoute(const std::string& ifname, int metric, const std::string& flags = "0003") {
+  return ipv4Route(ifname, "00000000", flags, metric, "00000000");
+}
+std::string defaultRoute6(const std::string& ifname) {
+  return ipv6Route(kZero6, "00", "00000400", "00000003", ifname);
 }
 
-TEST(RouteTableFlags, LoopbackDownAndRejectRoutesDoNotCount) {
-  EXPECT_EQ(flagsFromRouteTables(kIpv4Header + ipv4Route("lo", "00000000", "0001", 0, "00000000"),
-                                 "", nameOnly),
-            0u);
-  // Not up (RTF_UP clear).
-  EXPECT_EQ(flagsFromRouteTables(kIpv4Header + ipv4Route("eth0", "00000000", "0002", 0, "00000000"),
-                                 "", nameOnly),
-            0u);
-  // "ip route add unreachable default", and a blackhole, which has no reject flag.
-  for (const char* flags : {"0201", "0001"}) {
-    EXPECT_EQ(flagsFromRouteTables(kIpv4Header + ipv4Route("*", "00000000", flags, 0, "00000000"),
-                                   "", nameOnly),
-              0u)
-        << flags;
-  }
-  // A route to 0.0.0.0/8 is not a way out.
-  EXPECT_EQ(flagsFromRouteTables(kIpv4Header + ipv4Route("eth0", "00000000", "0001", 0, "000000FF"),
-                                 "", nameOnly),
-            0u);
-  EXPECT_EQ(flagsFromRouteTables(kIpv4Header, kIpv6Baseline, nameOnly), 0u);
-  EXPECT_EQ(flagsFromRouteTables("", "", nameOnly), 0u);
-}
-
-TEST(RouteTableFlags, IPv6DefaultRouteAloneIsEnough) {
-  const std::string v6 =
-      kIpv6Baseline + ipv6Route(kZero6, "00", "00000400", "00000003", "enp0s31f6");
-  EXPECT_EQ(flagsFromRouteTables(kIpv4Header, v6, nameOnly), kReachableFlag);
-  const std::string v6Cellular =
-      kIpv6Baseline + ipv6Route(kZero6, "00", "00000400", "00000003", "rmnet_data0");
-  EXPECT_EQ(flagsFromRouteTables(kIpv4Header, v6Cellular, nameOnly), kReachableFlag | kIsWWANFlag);
-  // A non-default IPv6 route is not reachability.
-  const std::string onlyLocal = kIpv6Baseline + ipv6Route("fe800000000000000000000000000000", "40",
-                                                          "00000100", "00000001", "enp0s31f6");
-  EXPECT_EQ(flagsFromRouteTables(kIpv4Header, onlyLocal, nameOnly), 0u);
-  // An IPv4 default route wins over the IPv6 one.
-  EXPECT_EQ(
-      flagsFromRouteTables(kIpv4Header + ipv4Route("eth0", "00000000", "0003", 100, "00000000"),
-                           v6Cellular, nameOnly),
-      kReachableFlag);
-}
-
-TEST(RouteTableFlags, TheLinkOfEachCandidateRouteDecidesWhetherItCountsAndItsKind) {
-  std::vector<std::string> asked;
+TEST(RouteTableFlags, TheDefaultRouteDecidesReachabilityAndItsLinkTheKind) {
   // usb0 is a modem by its device type; eth0's cable is out.
+  std::vector<std::string> asked;
   const LinkProbe probe = [&](std::string_view ifname) {
     asked.emplace_back(ifname);
     return LinkState{.carrier = ifname != "eth0", .cellular = ifname == "usb0"};
   };
-  EXPECT_EQ(flagsFromRouteTables(kIpv4Header + ipv4Route("usb0", "00000000", "0003", 0, "00000000"),
-                                 "", probe),
-            kReachableFlag | kIsWWANFlag);
+  const std::string lan = ipv4Route("eth0", "0002A8C0", "0001", 0, "00FFFFFF");
+  const std::string garbage =
+      "eth0\t00000000\n"                                        // too few fields
+      "eth0\t0000000G\t0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n"   // not hex
+      "eth0\t00000000\t0\tzz\t0\t0\t0\t00000000\t0\t0\t0\n"     // flags not hex
+      "eth0\t00000000\t0\t0003\t0\t0\t-1\t00000000\t0\t0\t0\n"  // negative metric
+      "\n\n\t\t\n";
+  constexpr std::uint32_t kUp = kReachableFlag, kCellular = kReachableFlag | kIsWWANFlag;
+  struct Row {
+    const char* label;
+    std::string ipv4;  // without the header
+    std::string ipv6;
+    const LinkProbe& links;
+    std::uint32_t expected;
+  };
+  const Row rows[] = {
+      {"no default route", lan, kIpv6Baseline, nameOnly, 0},
+      {"a default route", lan + defaultRoute("wlp2s0", 600), kIpv6Baseline, nameOnly, kUp},
+      {"cellular by name", defaultRoute("wwan0", 700), "", nameOnly, kCellular},
+      {"the lower metric carries the traffic",
+       defaultRoute("wwan0", 700) + defaultRoute("wlp2s0", 600), "", nameOnly, kUp},
+      {"a VPN's 0.0.0.0/1 is more specific than the modem's default",
+       defaultRoute("wwan0", 700) + ipv4Route("tun0", "00000000", "0001", 900, "00000080"), "",
+       nameOnly, kUp},
+      {"loopback", defaultRoute("lo", 0, "0001"), "", nameOnly, 0},
+      {"not up", defaultRoute("eth0", 0, "0002"), "", nameOnly, 0},
+      {"unreachable", defaultRoute("*", 0, "0201"), "", nameOnly, 0},
+      {"blackhole, which has no reject flag", defaultRoute("*", 0, "0001"), "", nameOnly, 0},
+      {"0.0.0.0/8 is no way out", ipv4Route("eth0", "00000000", "0001", 0, "000000FF"), "",
+       nameOnly, 0},
+      {"only the baselines", "", kIpv6Baseline, nameOnly, 0},
+      {"IPv6 default alone", "", kIpv6Baseline + defaultRoute6("enp0s31f6"), nameOnly, kUp},
+      {"IPv6 cellular", "", kIpv6Baseline + defaultRoute6("rmnet_data0"), nameOnly, kCellular},
+      {"a non-default IPv6 route", "",
+       kIpv6Baseline +
+           ipv6Route("fe800000000000000000000000000000", "40", "00000100", "00000001", "enp0s31f6"),
+       nameOnly, 0},
+      {"IPv4 wins over IPv6", defaultRoute("eth0", 100), defaultRoute6("rmnet_data0"), nameOnly,
+       kUp},
+      {"a modem by device type", defaultRoute("usb0", 0), "", probe, kCellular},
+      {"no carrier: the next route is used", defaultRoute("eth0", 100) + defaultRoute("usb0", 700),
+       "", probe, kCellular},
+      {"no carrier and no other route", defaultRoute("eth0", 100), "", probe, 0},
+      {"no carrier for IPv6 either", defaultRoute("eth0", 100), defaultRoute6("eth0"), probe, 0},
+      {"garbage", garbage, garbage, nameOnly, 0},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(flagsFromRouteTables(kIpv4Header + row.ipv4, row.ipv6, row.links), row.expected)
+        << row.label;
+  }
+  EXPECT_EQ(flagsFromRouteTables("", "", nameOnly), 0u);
+  // Only candidate routes' links are probed.
+  asked.clear();
+  flagsFromRouteTables(kIpv4Header + lan + defaultRoute("usb0", 0), "", probe);
   EXPECT_EQ(asked, std::vector<std::string>{"usb0"});
-
-  // The cable is out: its default route leads nowhere, so the modem's higher-metric one is used,
-  // and without the modem nothing is reachable.
-  const std::string viaEthernet = ipv4Route("eth0", "00000000", "0003", 100, "00000000");
-  const std::string viaModem = ipv4Route("usb0", "00000000", "0003", 700, "00000000");
-  EXPECT_EQ(flagsFromRouteTables(kIpv4Header + viaEthernet + viaModem, "", probe),
-            kReachableFlag | kIsWWANFlag);
-  EXPECT_EQ(flagsFromRouteTables(kIpv4Header + viaEthernet, "", probe), 0u);
-  EXPECT_EQ(flagsFromRouteTables(kIpv4Header + viaEthernet,
-                                 ipv6Route(kZero6, "00", "00000400", "00000003", "eth0"), probe),
-            0u);
 
   for (const char* name : {"wwan0", "rmnet0", "ccmni1", "ppp0"}) {
     EXPECT_TRUE(hasCellularInterfaceName(name)) << name;
@@ -137,16 +123,6 @@ TEST(RouteTableFlags, TheLinkOfEachCandidateRouteDecidesWhetherItCountsAndItsKin
   for (const char* name : {"eth0", "wlan0", "usb0", "pp", ""}) {
     EXPECT_FALSE(hasCellularInterfaceName(name)) << name;
   }
-}
-
-TEST(RouteTableFlags, GarbageIsNotADefaultRoute) {
-  const std::string garbage =
-      "eth0\t00000000\n"                                        // too few fields
-      "eth0\t0000000G\t0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n"   // not hex
-      "eth0\t00000000\t0\tzz\t0\t0\t0\t00000000\t0\t0\t0\n"     // flags not hex
-      "eth0\t00000000\t0\t0003\t0\t0\t-1\t00000000\t0\t0\t0\n"  // negative metric
-      "\n\n\t\t\n";
-  EXPECT_EQ(flagsFromRouteTables(garbage, garbage, nameOnly), 0u);
 }
 
 TEST(SystemReachabilityFlagSource, StartsAndStopsPromptly) {

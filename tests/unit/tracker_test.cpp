@@ -44,7 +44,15 @@ TEST_F(TrackerTest, ChainedCallsProduceOneRecordWithTheDefaultSdkBlock) {
             R"({"type":"production","version":"0.9.0","common_log_version":"1.2.0"})");
 }
 
-TEST_F(TrackerTest, TheSdkIsRunningBeforeAHostsCallableIsCalledOnce) {
+TEST_F(TrackerTest, SettingsCallsStartTheSdkOnlyWhenNeededAndOverwriteEachOther) {
+  // Switches do not start the SDK; the start applies the defaults over them.
+  ZelvanorTracker::turnOffConsoleLogs();
+  ZelvanorTracker::setTimeout(30);
+  EXPECT_EQ(detail::sharedIfRunning(), nullptr);
+  EXPECT_FALSE(detail::settings().consoleLogsEnabled);
+  EXPECT_EQ(detail::settings().requestTimeout, 30.0);
+
+  // A host's callable is called once, with the SDK already running.
   int calls = 0;
   bool runningDuringCall = false;
   ZelvanorTracker::set([&] {
@@ -54,31 +62,16 @@ TEST_F(TrackerTest, TheSdkIsRunningBeforeAHostsCallableIsCalledOnce) {
   });
   EXPECT_EQ(calls, 1);
   EXPECT_TRUE(runningDuringCall);
-  detail::shutdownShared();
-  ZelvanorTracker::setRequired([&] {
-    runningDuringCall = detail::sharedIfRunning() != nullptr;
-    return ZConfiguration::defaults();
-  });
-  EXPECT_TRUE(runningDuringCall);
-}
-
-TEST_F(TrackerTest, SwitchesThatDoNotStartTheSdkAndATimeoutOverwrittenAtStart) {
-  ZelvanorTracker::turnOffConsoleLogs();
-  ZelvanorTracker::setTimeout(30);
-  EXPECT_EQ(detail::sharedIfRunning(), nullptr);
-  EXPECT_FALSE(detail::settings().consoleLogsEnabled);
-  EXPECT_EQ(detail::settings().requestTimeout, 30.0);
-
-  ZelvanorTracker::setDevelopment();  // starts the SDK, which applies the defaults
-  ASSERT_NE(detail::sharedIfRunning(), nullptr);
   EXPECT_EQ(detail::settings().requestTimeout, 5.0);
   EXPECT_EQ(detail::sharedIfRunning()->queue().batchSize(), 1u);
-}
 
-TEST_F(TrackerTest, SetRequiredAndLaterCallsOverwriteEachOther) {
-  ZelvanorTracker::setRequired([] {
+  detail::shutdownShared();
+  runningDuringCall = false;
+  ZelvanorTracker::setRequired([&] {
+    runningDuringCall = detail::sharedIfRunning() != nullptr;
     return ZConfiguration{.timeout = 10, .batchSize = 3, .usingSandboxEnvironment = true};
   }).useGeneralEnvrionment();
+  EXPECT_TRUE(runningDuringCall);
   EXPECT_EQ(detail::settings().requestTimeout, 10.0);
   EXPECT_FALSE(detail::settings().usingSandbox);
   EXPECT_EQ(detail::sharedIfRunning()->queue().batchSize(), 3u);
@@ -94,7 +87,8 @@ TEST_F(TrackerTest, SetRequiredAndLaterCallsOverwriteEachOther) {
   EXPECT_EQ(ZConfiguration::defaults(), (ZConfiguration{5.0, 1, false}));
 }
 
-TEST_F(TrackerTest, BatchSizeFromTheFacadeAndFlush) {
+TEST_F(TrackerTest, GetDataBatchSizeFlushAndLifecyclePostingGoThroughTheSharedInstance) {
+  EXPECT_EQ(ZelvanorTracker::getData(), "Zelvanor Status unstable not yet.");
   becomeReady();
   ZelvanorTracker::setBatchSize(5);
   for (int i = 0; i < 4; ++i)
@@ -105,14 +99,11 @@ TEST_F(TrackerTest, BatchSizeFromTheFacadeAndFlush) {
   ASSERT_EQ(sent.size(), 5u);
   EXPECT_EQ(sent[1].record.action.name, "0");
   EXPECT_EQ(sent[4].record.action.name, "3");
-}
 
-TEST_F(TrackerTest, GetDataAndLifecyclePostingGoThroughTheSharedInstance) {
-  EXPECT_EQ(ZelvanorTracker::getData(), "Zelvanor Status unstable not yet.");
-  becomeReady();
   ZelvanorTracker::set(ZId{.appUserId = "me"});
   EXPECT_EQ(ZelvanorTracker::getData(), "Can't make logRecord.");
   ZelvanorTracker::post(ZLifecycleEvent::willResignActive);
+  ZelvanorTracker::flush();
   EXPECT_EQ(fakes.transport->sentActionKinds().back(), "background");
 }
 

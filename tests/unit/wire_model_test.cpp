@@ -6,7 +6,6 @@
 
 #include <functional>
 #include <optional>
-#include <ostream>
 #include <set>
 #include <string>
 #include <vector>
@@ -24,7 +23,10 @@ using testing_support::wireFixture;
 using testing_support::withMember;
 using testing_support::wrongTypeFor;
 
-// One wire type, with its sample values, behind a type-erased interface.
+// One wire type, with its sample values, behind a type-erased interface. Encoding the sample
+// gives the full fixture and the full fixture reads as the sample (less what is never sent), so
+// a full round trip needs no test of its own; the exact text and the errors of malformed input
+// are in codec_test.cpp.
 struct WireType {
   std::string name;  // fixture stem and test name
   // Encoding side; empty for decode-only types.
@@ -41,31 +43,12 @@ struct WireType {
   std::string empty() const { return wireFixture(name + ".empty.json"); }
 };
 
-void PrintTo(const WireType& type, std::ostream* os) {
-  *os << type.name;
-}
-
-// Types that can also be written, so a mismatch can be shown as JSON.
-template <class T>
-constexpr bool kWritable = true;
-template <>
-constexpr bool kWritable<ZHTTPResponseStatus> = false;
-template <>
-constexpr bool kWritable<ZHTTPResultEmpty> = false;
-template <class P>
-constexpr bool kWritable<ZHTTPResult<P>> = false;
-
 template <class T>
 ::testing::AssertionResult decodesTo(std::string_view json, const T& expected) {
   auto decoded = decodeJson<T>(json);
   if (!decoded) return ::testing::AssertionFailure() << decoded.error().describe();
   if (*decoded == expected) return ::testing::AssertionSuccess();
-  auto failure = ::testing::AssertionFailure() << "decoded value differs from the sample";
-  if constexpr (kWritable<T>) {
-    failure << "\n got: " << encodeJson(*decoded).value()
-            << "\nwant: " << encodeJson(expected).value();
-  }
-  return failure;
+  return ::testing::AssertionFailure() << "decoded value differs from the sample";
 }
 
 template <class T>
@@ -199,22 +182,6 @@ TEST_P(Encoding, EmptyValueWritesOnlyRequiredMembers) {
   EXPECT_TRUE(sameJson(GetParam().empty(), *json));
 }
 
-TEST_P(Encoding, CompactOutputHasNoWhiteSpaceOutsideStrings) {
-  auto json = GetParam().encodeFull();
-  ASSERT_TRUE(json);
-  bool inString = false;
-  for (std::size_t i = 0; i < json->size(); ++i) {
-    const char c = (*json)[i];
-    if (c == '\\' && inString) {
-      ++i;
-    } else if (c == '"') {
-      inString = !inString;
-    } else if (!inString) {
-      ASSERT_TRUE(c != ' ' && c != '\n' && c != '\t') << "white space at " << i << ": " << *json;
-    }
-  }
-}
-
 INSTANTIATE_TEST_SUITE_P(Wire, Encoding, ::testing::ValuesIn(encodedTypes()), testName);
 
 // ----- decoding -------------------------------------------------------------------------------
@@ -272,57 +239,7 @@ TEST_P(Decoding, EveryMemberOfTheWrongTypeFailsNamingTheKey) {
   }
 }
 
-TEST_P(Decoding, UnknownMembersAreIgnored) {
-  const auto& type = GetParam();
-  std::string json = withMember(type.full(), "zz_unknown", R"({"nested":[1,"two",null]})");
-  json = withMember(json, "Type", "false");  // keys are case-sensitive
-  EXPECT_TRUE(type.decodesToFull(json));
-}
-
-TEST_P(Decoding, NotAnObjectOrNotJsonFails) {
-  const auto& type = GetParam();
-  const std::string full = type.full();
-  struct Case {
-    std::string text;
-    CodecError::Kind kind;
-  };
-  const Case cases[] = {
-      {"", CodecError::Kind::dataCorrupted},
-      {full.substr(0, full.size() / 2), CodecError::Kind::dataCorrupted},
-      {full + " {}", CodecError::Kind::dataCorrupted},
-      {"{\"a\":}", CodecError::Kind::dataCorrupted},
-      {"[" + full + "]", CodecError::Kind::typeMismatch},
-      {"\"text\"", CodecError::Kind::typeMismatch},
-      {"null", CodecError::Kind::typeMismatch},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text);
-    auto error = type.decodeError(c.text);
-    ASSERT_TRUE(error.has_value());
-    EXPECT_EQ(error->kind, c.kind);
-    EXPECT_EQ(error->path, "");
-  }
-}
-
 INSTANTIATE_TEST_SUITE_P(Wire, Decoding, ::testing::ValuesIn(decodedTypes()), testName);
-
-// ----- both ways ------------------------------------------------------------------------------
-
-class RoundTrip : public ::testing::TestWithParam<WireType> {};
-
-TEST_P(RoundTrip, EncodedFullValueReadsBackAsTheSampleLessUnsentMembers) {
-  auto json = GetParam().encodeFull();
-  ASSERT_TRUE(json);
-  EXPECT_TRUE(GetParam().decodesToFull(*json));
-}
-
-TEST_P(RoundTrip, EncodedEmptyValueReadsBackEmpty) {
-  auto json = GetParam().encodeEmpty();
-  ASSERT_TRUE(json);
-  EXPECT_TRUE(GetParam().decodesToEmpty(*json));
-}
-
-INSTANTIATE_TEST_SUITE_P(Wire, RoundTrip, ::testing::ValuesIn(codableTypes()), testName);
 
 }  // namespace
 }  // namespace zelvanor
