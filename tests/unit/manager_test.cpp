@@ -9,6 +9,7 @@
 #include "support/fake_sources.hpp"
 #include "support/scoped_time_zone.hpp"
 #include "support/temp_dir.hpp"
+#include "support/wire_samples.hpp"
 #include "zelvanor/json.hpp"
 #include "zelvanor/platform.hpp"
 
@@ -321,6 +322,36 @@ TEST_F(ManagerTest, IdBlocksMergeMemberByMember) {
   EXPECT_EQ(id->accountId, "u1");
   EXPECT_EQ(id->customId, "c9");
   EXPECT_EQ(id->webIdEnabled, false);
+}
+
+// A plain track encodes straight from the blocks where they live; a verbose one builds the whole
+// record first. Both must send the same record, every block of the event in it.
+TEST_F(ManagerTest, ATrackedEventCarriesEveryBlockWhicheverWayItIsEncoded) {
+  start();
+  manager->setCommon(shopCommon());
+  manager->setId(samples::id());
+  deliverTriple();
+  const ZLogTemplate blocks = samples::logTemplate();
+  manager->track(blocks, false, false);
+  manager->track(blocks, true, false);
+  auto records = sentRecords();
+  ASSERT_GE(records.size(), 2u);
+  ZLogRecord plain = records[records.size() - 2];
+  const ZLogRecord& built = records.back();
+  plain.common->requestTimeStamp = built.common->requestTimeStamp;
+  EXPECT_EQ(plain, built);
+  // The event's blocks as they read back from the wire (some members are never written).
+  const auto eventPart = [](const ZLogRecord& r) {
+    return ZLogTemplate{r.agreement, r.app,  r.click,     r.domain,
+                        r.location,  r.page, r.promotion, r.status,
+                        r.usage,     r.utm,  r.buckets,   r.viewImpressionContents,
+                        r.action,    r.free};
+  };
+  ZLogRecord expected = samples::recordAsRead();
+  expected.free = blocks.free;
+  EXPECT_EQ(eventPart(plain), eventPart(expected));
+  EXPECT_EQ(plain.id, manager->id());
+  EXPECT_EQ(plain.xid, kTriple);
 }
 
 // The ucid's id is the first non-empty one of these, in this order; otherwise the triple's cid.
