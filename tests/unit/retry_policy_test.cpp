@@ -99,6 +99,7 @@ TEST(AnswerTest, OnlyTheExactBodyOkDeliversAndOnlyBusyAnswersAskForLater) {
   const std::vector<std::pair<network::HttpOutcome, AnswerKind>> rows = {
       {answer(200, "ok"), AnswerKind::delivered},
       {answer(503, "ok"), AnswerKind::delivered},
+      {answer(200, "OK"), AnswerKind::refused},
       {answer(200, ""), AnswerKind::refused},
       {answer(501, ""), AnswerKind::refused},
       {answer(0, ""), AnswerKind::refused},
