@@ -59,11 +59,11 @@ TEST(ExitTest, InFlightRecordsSurviveReturnFromMainAndArriveAtTheNextStart) {
   ASSERT_TRUE(testing::pointAt(server, dir.path()));
   ZelvanorTracker::setReachabilityFlags(0x2).flush();
   std::set<std::string> names;
-  for (int i = 0; i < 250 && names.size() < 5; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  testing::eventually([&] {
     auto all = server.received();
     names = trackedNames({all.begin() + static_cast<long>(before), all.end()});
-  }
+    return names.size() == 5;
+  });
   EXPECT_EQ(names, (std::set<std::string>{"exit-0", "exit-1", "exit-2", "exit-3", "exit-4"}));
   ZelvanorTracker::shutdown();
 }

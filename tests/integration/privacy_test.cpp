@@ -286,9 +286,7 @@ TEST(PrivacyCrash, KilledWhileDeletingLeavesAllOrNothing) {
       detail::appendFrame(frame, R"({"seq":)" + std::to_string(n) + "}");
       std::ofstream(app / ("ZLogs.tmp." + std::to_string(n)), std::ios::binary) << frame;
     }
-    std::ofstream(app / "cookies.txt") << "127.0.0.1\tFALSE\t/\tTRUE\t4102444800\tfa_cid\tc\n"
-                                       << "127.0.0.1\tFALSE\t/\tTRUE\t4102444800\tfa_did\td\n"
-                                       << "127.0.0.1\tFALSE\t/\tTRUE\t4102444800\tfa_sid\ts\n";
+    std::ofstream(app / "cookies.txt") << "127.0.0.1\tFALSE\t/\tTRUE\t4102444800\tfa_cid\tc\n";
     std::ofstream(app / "settings.json") << R"({"latestAppVersion":"1.0"})"
                                          << "\n";
 
