@@ -42,10 +42,9 @@ class CollectorDeliveryTest : public ::testing::Test {
     ASSERT_TRUE(collector_->start(&error)) << error;
   }
 
-  /// Starts the SDK as a host does at launch: servers, configuration, its
-  /// user's ids and the common block, which is what install and launch
-  /// detection waits for. `offline` reports no network before anything else is
-  /// known.
+  /// Starts the SDK as a host does at launch: servers, configuration, its user's ids and the common
+  /// block, which is what install and launch detection waits for. `offline` reports no network
+  /// before anything else is known.
   void startSdk(std::uint64_t batchSize = 1, bool offline = false) {
     ZelvanorTracker::setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.shop",
                                                      .appVersion = "1.0",
@@ -59,8 +58,7 @@ class CollectorDeliveryTest : public ::testing::Test {
         .set(ZCommon({.serviceName = "shop", .deployment = "production"}));
   }
 
-  /// Stored events oldest first, once at least `count` are there (or after
-  /// about five seconds).
+  /// Stored events oldest first, once at least `count` are there (or after about five seconds).
   std::vector<StoredEvent> waitForEvents(std::size_t count) {
     std::vector<StoredEvent> events;
     eventually([&] {
@@ -70,8 +68,8 @@ class CollectorDeliveryTest : public ::testing::Test {
     return events;
   }
 
-  /// Action names, sorted: records go out on parallel connections, so the
-  /// collector may store neighbours in either order.
+  /// Action names, sorted: records go out on parallel connections, so the collector may store
+  /// neighbours in either order.
   static Names sortedNames(const std::vector<StoredEvent>& events) {
     Names result;
     for (const auto& e : events) result.push_back(e.actionName);

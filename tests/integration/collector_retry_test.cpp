@@ -85,8 +85,8 @@ TEST_F(CollectorRetryTest, RecordsKeptWhileTheCollectorWasDownArriveInTheSameRun
   EXPECT_LE(names.size(), static_cast<std::size_t>(kRecords + 8)) << "twice at most in flight";
 
   // Only the first window of records went out while the collector was down (then the SDK backed
-  // off, and its probes are records it kept); once it is back, a probe from among them goes
-  // first. The order of the rest behind it is the delivery test's, without the network's races.
+  // off, and its probes are records it kept); once it is back, a probe from among them goes first.
+  // The order of the rest behind it is the delivery test's, without the network's races.
   const auto isOld = [&](const std::string& name) {
     return static_cast<std::size_t>(std::stoi(name.substr(5))) <
            detail::HttpsDelivery::kMaxInFlight;

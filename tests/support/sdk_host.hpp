@@ -27,8 +27,8 @@ inline CannedResponse syncThenOk(const ReceivedRequest& request, int delayMs = 0
   return CannedResponse{200, "ok", {}, delayMs};
 }
 
-/// Points the SDK at `server` for all three servers, with `dataDir` as the app's data directory
-/// and the rest of `endpoints` as given. Nothing starts yet.
+/// Points the SDK at `server` for all three servers, with `dataDir` as the app's data directory and
+/// the rest of `endpoints` as given. Nothing starts yet.
 inline bool pointAt(const HttpsTestServer& server, const std::filesystem::path& dataDir,
                     ZEndpoints endpoints = {}) {
   ZelvanorTracker::setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.host",

@@ -33,9 +33,8 @@ bool isSync(std::string_view url) {
   return url.find("/sync") != std::string_view::npos;
 }
 
-/// A collector in memory behind the fake client: answers identity sync, and
-/// "ok" to records once healed; before that, `misbehave` decides. Notes which
-/// events arrived.
+/// A collector in memory behind the fake client: answers identity sync, and "ok" to records once
+/// healed; before that, `misbehave` decides. Notes which of the host's events arrived.
 class HostCollector {
  public:
   explicit HostCollector(std::function<Result(const ZHttpRequest&)> misbehave) {
@@ -80,8 +79,7 @@ class HostClientTest : public ::testing::Test {
     ZelvanorTracker::setEndpoints(ZEndpoints{});
     ZelvanorTracker::setPlatformFacts({});
   }
-  /// Starts with `client` (none: the one set through the C form), then tracks
-  /// `count` events.
+  /// Starts with `client` (none: the one set through the C form), then tracks `count` events.
   static void start(std::shared_ptr<ZHttpClient> client, int count = 0) {
     if (client) ZelvanorTracker::setHttpClient(std::move(client));
     ZelvanorTracker::setRequired(ZConfiguration{.timeout = 10, .batchSize = 1})
