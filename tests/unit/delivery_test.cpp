@@ -139,6 +139,7 @@ TEST_F(DeliveryTest, OnlyTheExactBodyOkDeliversAndEveryOtherAnswerHasItsOutcome)
       {"upper", answer(200, "OK"), refused},
       {"newline", answer(200, "ok\n"), refused},
       {"garbage", answer(200, "o\xffk"), refused},
+      {"empty", answer(200, ""), refused},
       {"server-error", answer(500, "busy", {{"Retry-After", "0"}}), refused},
       // A redirect is no verdict on the record: kept, and never followed.
       {"moved", answer(301, "<html>moved</html>", moved), kept},
