@@ -148,7 +148,9 @@ TEST_F(CollectorDeliveryTest,
   EXPECT_EQ(sortedNames(events), sorted({"앱설치", "앱실행", "앱실행", "offline-1", "offline-2"}));
   for (const auto& e : events) {
     EXPECT_EQ(e.xid, events.front().xid);
-    if (e.actionName.rfind("offline-", 0) == 0) EXPECT_EQ(e.page, "home");
+    if (e.actionName.rfind("offline-", 0) == 0) {
+      EXPECT_EQ(e.page, "home");
+    }
   }
   EXPECT_FALSE(events.front().xid.cid.empty());
 }
@@ -166,7 +168,9 @@ TEST_F(CollectorDeliveryTest, EventsTrackedBeforeTheTripleArrivesAreDeliveredWit
   ASSERT_EQ(sortedNames(events), sorted({"앱설치", "앱실행", "앱실행", "early-1", "early-2"}));
   for (const auto& e : events) {
     EXPECT_EQ(e.xid, events.front().xid);
-    if (e.actionName.rfind("early-", 0) == 0) EXPECT_EQ(e.page, "home");
+    if (e.actionName.rfind("early-", 0) == 0) {
+      EXPECT_EQ(e.page, "home");
+    }
   }
 }
 

@@ -115,7 +115,9 @@ class DiagnosticsTest : public ::testing::Test {
   std::string said(const std::string& part, ZLogLevel level) {
     const auto line = lineWith(part);
     EXPECT_TRUE(line) << "never said: " << part;
-    if (line) EXPECT_EQ(line->level, level) << line->text;
+    if (line) {
+      EXPECT_EQ(line->level, level) << line->text;
+    }
     return line ? line->text : std::string();
   }
 
