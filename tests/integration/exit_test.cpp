@@ -9,14 +9,13 @@
 #include <set>
 
 #include "api/shared_instance.hpp"
-#include "support/https_test_server.hpp"
+#include "support/sdk_host.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/tracker.hpp"
 
 namespace zelvanor {
 namespace {
 
-using testing::CannedResponse;
 using testing::ReceivedRequest;
 
 std::set<std::string> trackedNames(const std::vector<ReceivedRequest>& requests) {
@@ -34,10 +33,7 @@ TEST(ExitTest, InFlightRecordsSurviveReturnFromMainAndArriveAtTheNextStart) {
   testing::TempDir dir;
   testing::HttpsTestServer server;
   // Identity answers at once; records are held far longer than the process lives.
-  server.setResponder([](const ReceivedRequest& r) {
-    if (r.path.rfind("/sync", 0) == 0) return CannedResponse{200, testing::kSyncAnswer, {}, 0};
-    return CannedResponse{200, "ok", {}, 4000};
-  });
+  server.setResponder([](const ReceivedRequest& r) { return testing::syncThenOk(r, 4000); });
   const char* wrapper = std::getenv("ZELVANOR_CHILD_WRAPPER");
   const std::string command = std::string(wrapper ? wrapper : "") + ZELVANOR_EXIT_CHILD + " '" +
                               dir.path().string() + "' " + server.baseUrl() + " '" +
@@ -58,23 +54,16 @@ TEST(ExitTest, InFlightRecordsSurviveReturnFromMainAndArriveAtTheNextStart) {
   EXPECT_TRUE(std::filesystem::exists(dir.path() / "ZLogs.tmp"));
 
   // Next start, in this process: the pending records go out at the first flush.
-  server.setResponder([](const ReceivedRequest& r) {
-    if (r.path.rfind("/sync", 0) == 0) return CannedResponse{200, testing::kSyncAnswer, {}, 0};
-    return CannedResponse{200, "ok", {}, 0};
-  });
+  server.setResponder([](const ReceivedRequest& r) { return testing::syncThenOk(r); });
   const auto before = server.received().size();
-  ZelvanorTracker::setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.exit",
-                                                   .appVersion = "1.0",
-                                                   .dataDirectory = dir.path().string()});
-  ASSERT_TRUE(ZelvanorTracker::setEndpoints(
-      ZEndpoints{server.baseUrl(), server.baseUrl(), server.baseUrl(), server.caFile().string()}));
+  ASSERT_TRUE(testing::pointAt(server, dir.path()));
   ZelvanorTracker::setReachabilityFlags(0x2).flush();
   std::set<std::string> names;
-  for (int i = 0; i < 250 && names.size() < 5; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  testing::eventually([&] {
     auto all = server.received();
     names = trackedNames({all.begin() + static_cast<long>(before), all.end()});
-  }
+    return names.size() == 5;
+  });
   EXPECT_EQ(names, (std::set<std::string>{"exit-0", "exit-1", "exit-2", "exit-3", "exit-4"}));
   ZelvanorTracker::shutdown();
 }

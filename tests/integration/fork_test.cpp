@@ -10,15 +10,14 @@
 #include <cstdlib>
 #include <thread>
 
-#include "support/https_test_server.hpp"
 #include "support/pending_files.hpp"
+#include "support/sdk_host.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/tracker.hpp"
 
 namespace zelvanor {
 namespace {
 
-using testing::CannedResponse;
 using testing::ReceivedRequest;
 
 // The child leaves its exit status here and ends through std::exit, so that the SDK's exit hook
@@ -50,15 +49,8 @@ TEST(ForkTest, TheChildLeavesTheParentsSdkAlone) {
   ASSERT_EQ(childExitRegistered, 0);
   testing::TempDir dir;
   testing::HttpsTestServer server;
-  server.setResponder([](const ReceivedRequest& r) {
-    if (r.path.rfind("/sync", 0) == 0) return CannedResponse{200, testing::kSyncAnswer, {}, 0};
-    return CannedResponse{200, "ok", {}, 0};
-  });
-  ZelvanorTracker::setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.fork",
-                                                   .appVersion = "1.0",
-                                                   .dataDirectory = dir.path().string()});
-  ASSERT_TRUE(ZelvanorTracker::setEndpoints(
-      ZEndpoints{server.baseUrl(), server.baseUrl(), server.baseUrl(), server.caFile().string()}));
+  server.setResponder([](const ReceivedRequest& r) { return testing::syncThenOk(r); });
+  ASSERT_TRUE(testing::pointAt(server, dir.path()));
   ZelvanorTracker::setReachabilityFlags(0x2)
       .set(ZCommon({.serviceName = "fork", .deployment = "test"}))
       .set(ZId{.appUserId = "u"});
@@ -68,16 +60,13 @@ TEST(ForkTest, TheChildLeavesTheParentsSdkAlone) {
   }
   // Three records wait in memory for the batch threshold.
   ZelvanorTracker::setBatchSize(10);
-  for (int i = 0; i < 3; ++i) {
-    ZelvanorTracker::set(ZAction("event", "parent-" + std::to_string(i), "tap"))
-        .track(false, false);
-  }
+  for (int i = 0; i < 3; ++i) testing::track("parent-" + std::to_string(i));
 
   const pid_t child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
     inForkedChild = true;
-    ZelvanorTracker::set(ZAction("event", "child", "tap")).track(false, false);
+    testing::track("child");
     ZelvanorTracker::flush();
     forkedChildStatus = ZelvanorTracker::getData().empty() ? 0 : 1;
     std::exit(forkedChildStatus);  // exit hooks run, as in a host

@@ -46,10 +46,7 @@ class FakeHttpClient final : public ZHttpClient {
     changed_.notify_all();
   }
 
-  void cancelAll() override {
-    std::lock_guard lock(mutex_);
-    ++cancelAllCalls_;
-  }
+  void cancelAll() override {}
 
   /// Waits until at least `count` requests wait for an answer; false after `timeout`.
   bool waitForWaiting(std::size_t count,
@@ -95,10 +92,6 @@ class FakeHttpClient final : public ZHttpClient {
     std::lock_guard lock(mutex_);
     return waiting_.size();
   }
-  int cancelAllCalls() const {
-    std::lock_guard lock(mutex_);
-    return cancelAllCalls_;
-  }
 
  private:
   struct Waiting {
@@ -110,7 +103,6 @@ class FakeHttpClient final : public ZHttpClient {
   Responder responder_;
   std::vector<ZHttpRequest> sent_;
   std::deque<Waiting> waiting_;
-  int cancelAllCalls_ = 0;
 };
 
 }  // namespace zelvanor::testing

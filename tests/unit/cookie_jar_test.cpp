@@ -13,72 +13,56 @@
 namespace zelvanor::network {
 namespace {
 
-struct CookieJarTest : ::testing::Test {
-  std::filesystem::path jarFile() const { return dir.path() / "cookies.txt"; }
-  void writeJar(const std::string& content) const { std::ofstream(jarFile()) << content; }
-  std::string readJar() const {
-    std::ifstream in(jarFile());
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+/// What the jar offers `url`, as "name=value" joined by ";".
+std::string offered(CookieJar& jar, const std::string& url) {
+  std::string out;
+  for (const auto& cookie : jar.cookiesFor(url)) {
+    out += (out.empty() ? "" : ";") + cookie.name + "=" + cookie.value;
   }
-  /// What the jar offers `url`, as "name=value" joined by ";".
-  static std::string offered(CookieJar& jar, const std::string& url) {
-    std::string out;
-    for (const auto& cookie : jar.cookiesFor(url)) {
-      if (!out.empty()) out += ";";
-      out += cookie.name + "=" + cookie.value;
-    }
-    return out;
-  }
+  return out;
+}
 
+TEST(CookieJarTest, EarlierBuildsLinesLoadAndOnlyDatedCookiesAreSaved) {
   testing::TempDir dir;
-};
-
-TEST_F(CookieJarTest, HttpOnlyLinesSurviveALoadAndSaveAndCommentsAndDebrisAreIgnored) {
-  writeJar(
-      "# Netscape HTTP Cookie File\n"
-      "# sync.example.com\tFALSE\t/\tTRUE\t4102444800\tcommented\tc\n"
-      "\n"
-      "sync.example.com\tnot enough fields\n"
-      "#HttpOnly_sync.example.com\tFALSE\t/\tTRUE\t4102444800\tfa_cid\th\n"
-      "sync.example.com\tFALSE\t/\tTRUE\t0\tsession\ts\n");
+  const auto file = dir.path() / "cookies.txt";
+  // As earlier builds filed them: HttpOnly marks, an IPv6 literal without brackets, a host as it
+  // was spelled, comments and debris.
+  std::ofstream(file) << "# Netscape HTTP Cookie File\n"
+                         "# sync.example.com\tFALSE\t/\tTRUE\t4102444800\tcommented\tc\n"
+                         "\n"
+                         "sync.example.com\tnot enough fields\n"
+                         "#HttpOnly_sync.example.com\tFALSE\t/\tTRUE\t4102444800\tfa_cid\th\n"
+                         "sync.example.com\tFALSE\t/\tTRUE\t0\tsession\ts\n"
+                         "::1\tFALSE\t/\tTRUE\t4102444800\tfa_cid\tv6\n"
+                         "Other.Example.COM\tFALSE\t/\tTRUE\t4102444800\tfa_cid\tnamed\n"
+                         ".example.org\tTRUE\t/\tTRUE\t4102444800\tfa_cid\tdomain\n";
   {
-    CookieJar jar(jarFile());
+    CookieJar jar(file);
     jar.load();
     EXPECT_EQ(offered(jar, "https://sync.example.com/sync"), "fa_cid=h;session=s");
+    EXPECT_EQ(offered(jar, "https://[::1]:8443/sync?v=1"), "fa_cid=v6");
+    EXPECT_EQ(offered(jar, "https://other.example.com/sync?v=1"), "fa_cid=named");
+    EXPECT_EQ(offered(jar, "https://SYNC.example.org/sync?v=1"), "fa_cid=domain");
+    EXPECT_EQ(offered(jar, "https://[::2]/sync?v=1"), "");
     jar.save();
   }
-  const std::string saved = readJar();
+  std::ifstream in(file);
+  const std::string saved{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
   EXPECT_NE(saved.find("#HttpOnly_sync.example.com\tFALSE\t/\tTRUE\t4102444800\tfa_cid\th"),
             std::string::npos)
       << saved;
   EXPECT_EQ(saved.find("session"), std::string::npos) << "a session cookie ends with the app";
   EXPECT_EQ(saved.find("commented"), std::string::npos);
-
   // A fresh jar from the saved file offers the HttpOnly cookie again.
-  CookieJar again(jarFile());
+  CookieJar again(file);
   again.load();
   EXPECT_EQ(offered(again, "https://sync.example.com/sync"), "fa_cid=h");
-}
 
-TEST_F(CookieJarTest, CookiesMatchIPv6LiteralsAndHostNamesInAnyCase) {
-  // As earlier builds filed them: an IPv6 literal without brackets, a host as it was spelled.
-  writeJar(
-      "# Netscape HTTP Cookie File\n"
-      "::1\tFALSE\t/\tTRUE\t4102444800\tfa_cid\tv6\n"
-      "Sync.Example.COM\tFALSE\t/\tTRUE\t4102444800\tfa_cid\tnamed\n"
-      ".example.org\tTRUE\t/\tTRUE\t4102444800\tfa_cid\tdomain\n");
-  CookieJar jar(jarFile());
-  jar.load();
-  EXPECT_EQ(offered(jar, "https://[::1]:8443/sync?v=1"), "fa_cid=v6");
-  EXPECT_EQ(offered(jar, "https://sync.example.com/sync?v=1"), "fa_cid=named");
-  EXPECT_EQ(offered(jar, "https://SYNC.example.org/sync?v=1"), "fa_cid=domain");
-  EXPECT_EQ(offered(jar, "https://[::2]/sync?v=1"), "");
-}
-
-TEST_F(CookieJarTest, AJarWithoutAFileNeverWritesOne) {
-  CookieJar jar({});
-  jar.load();
-  jar.save();
+  // A jar without a file never writes one.
+  std::filesystem::remove(file);
+  CookieJar none({});
+  none.load();
+  none.save();
   EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
 }
 

@@ -92,10 +92,11 @@ TEST(HttpDate, RetryAfterIsSecondsOrTheTimeUntilADateCappedAndNeverNegative) {
 
 TEST(CookieStore, SetCookieIsStoredAndSentBackAsBrowsersDo) {
   const std::string longValue(4095, 'v');
+  const std::string h = "https://h.test/";
   const struct {
-    const char* setUrl;
+    std::string setUrl;
     std::vector<std::string> headers;
-    const char* url;
+    std::string url;
     std::string expected;
     int later = 0;  ///< seconds after the cookies were set that `url` asks
   } cases[] = {
@@ -108,42 +109,24 @@ TEST(CookieStore, SetCookieIsStoredAndSentBackAsBrowsersDo) {
       {"https://www.example.com/", {"a=1; Domain=other.com"}, "https://www.example.com/", ""},
       {"https://www.example.com/", {"a=1; Domain=ample.com"}, "https://www.example.com/", ""},
       {"https://example.com/", {"a=1; Domain=com"}, "https://example.com/", ""},
-      {"https://h.test/api/v1/sync", {"a=1"}, "https://h.test/api/v1/x", "a=1"},  // default path
-      {"https://h.test/api/v1/sync", {"a=1"}, "https://h.test/api/other", ""},
-      {"https://h.test/",
-       {"a=1; Path=/only", "b=2; Path=/"},
-       "https://h.test/only/x?q",
-       "a=1; b=2"},
-      {"https://h.test/", {"a=1; Path=/only", "b=2; Path=/"}, "https://h.test/onlyx", "b=2"},
-      {"https://h.test/x/y", {"a=1; Path=nonsense"}, "https://h.test/x/z", "a=1"},
-      {"https://h.test/",
-       {"b=2", "a=1; Path=/deep", "c=3"},
-       "https://h.test/deep",
-       "a=1; b=2; c=3"},
-      {"https://h.test/", {"a=1", "b=2", "a=3"}, "https://h.test/", "a=3; b=2"},  // keeps its place
-      {"https://h.test/", {"a=1", "b=2", "a=; Max-Age=0"}, "https://h.test/", "b=2"},
-      {"https://h.test/",
-       {"a=1", "a=; Expires=Thu, 01 Jan 1970 00:00:00 GMT"},
-       "https://h.test/",
-       ""},
-      {"https://h.test/",
-       {"a=1; Max-Age=60; Expires=Thu, 01 Jan 1970 00:00:00 GMT"},
-       "https://h.test/",
-       "a=1"},  // Max-Age wins wherever it stands
-      {"https://h.test/",
-       {"a=1; Expires=Fri, 01 Jan 2100 00:00:00 GMT; Max-Age=-1"},
-       "https://h.test/",
-       ""},
-      {"https://h.test/", {"a=1; Max-Age=60"}, "https://h.test/", "a=1", 59},
-      {"https://h.test/", {"a=1; Max-Age=60"}, "https://h.test/", "", 60},
-      {"https://h.test/",
-       {"a=1; Expires=Tue, 14 Nov 2023 22:15:20 GMT"},
-       "https://h.test/",
-       "",
-       120},
-      {"https://h.test/", {"a=1; Max-Age=soon"}, "https://h.test/", "a=1", 1'000'000'000},
-      {"https://h.test/", {"a=1; Secure", "b=2"}, "http://h.test/", "b=2"},
-      {"http://h.test/", {"a=1; Secure"}, "https://h.test/", ""},  // only https sets Secure
+      {h + "api/v1/sync", {"a=1"}, h + "api/v1/x", "a=1"},  // default path
+      {h + "api/v1/sync", {"a=1"}, h + "api/other", ""},
+      {h, {"a=1; Path=/only", "b=2; Path=/"}, h + "only/x?q", "a=1; b=2"},
+      {h, {"a=1; Path=/only", "b=2; Path=/"}, h + "onlyx", "b=2"},
+      {h + "x/y", {"a=1; Path=nonsense"}, h + "x/z", "a=1"},
+      {h, {"b=2", "a=1; Path=/deep", "c=3"}, h + "deep", "a=1; b=2; c=3"},
+      {h, {"a=1", "b=2", "a=3"}, h, "a=3; b=2"},  // keeps its place
+      {h, {"a=1", "b=2", "a=; Max-Age=0"}, h, "b=2"},
+      {h, {"a=1", "a=; Expires=Thu, 01 Jan 1970 00:00:00 GMT"}, h, ""},
+      // Max-Age wins wherever it stands.
+      {h, {"a=1; Max-Age=60; Expires=Thu, 01 Jan 1970 00:00:00 GMT"}, h, "a=1"},
+      {h, {"a=1; Expires=Fri, 01 Jan 2100 00:00:00 GMT; Max-Age=-1"}, h, ""},
+      {h, {"a=1; Max-Age=60"}, h, "a=1", 59},
+      {h, {"a=1; Max-Age=60"}, h, "", 60},
+      {h, {"a=1; Expires=Tue, 14 Nov 2023 22:15:20 GMT"}, h, "", 120},
+      {h, {"a=1; Max-Age=soon"}, h, "a=1", 1'000'000'000},
+      {h, {"a=1; Secure", "b=2"}, "http://h.test/", "b=2"},
+      {"http://h.test/", {"a=1; Secure"}, h, ""},  // only https sets Secure
       {"https://127.0.0.1:8443/sync", {"fa_cid=c"}, "https://127.0.0.1:9000/x", "fa_cid=c"},
       {"https://127.0.0.1/",
        {"a=1; Domain=127.0.0.1", "b=2; Domain=0.0.1"},
@@ -151,16 +134,10 @@ TEST(CookieStore, SetCookieIsStoredAndSentBackAsBrowsersDo) {
        "a=1"},
       {"https://localhost:1234/", {"a=1; Domain=localhost"}, "https://localhost/", "a=1"},
       {"https://[::1]:8443/", {"a=1"}, "https://[::1]/", "a=1"},
-      {"https://h.test/",
-       {"novalue", "=x", "a=1\x01", "b=2\tx", " c = 3 ; HttpOnly"},
-       "https://h.test/",
-       "c=3"},
-      {"https://h.test/",
-       {"n=" + longValue, "m=" + longValue + "v"},
-       "https://h.test/",
-       "n=" + longValue},
+      {h, {"novalue", "=x", "a=1\x01", "b=2\tx", " c = 3 ; HttpOnly"}, h, "c=3"},
+      {h, {"n=" + longValue, "m=" + longValue + "v"}, h, "n=" + longValue},
       {"not a url", {"a=1"}, "not a url", ""},
-      {"https://h.test/", {"a=1"}, "ftp://h.test/", ""},
+      {h, {"a=1"}, "ftp://h.test/", ""},
   };
   for (const auto& c : cases) {
     CookieStore store;

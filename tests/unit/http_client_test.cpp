@@ -1,18 +1,15 @@
 // The HTTP session: libcurl under it against a real TLS server on loopback (what goes on the wire,
-// what comes back, what fails), and what it reads from an answer, through the in-memory client.
+// what comes back, what fails). How an answer's Retry-After is read is the delivery test's.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
 
-#include <ctime>
 #include <future>
 #include <thread>
 
-#include "support/connect_proxy.hpp"
-#include "support/fake_http_client.hpp"
-#include "transport/http_client.hpp"
 #include "support/https_test_server.hpp"
 #include "support/temp_dir.hpp"
+#include "transport/http_client.hpp"
 
 namespace zelvanor {
 namespace {
@@ -53,7 +50,7 @@ struct HttpClientTest : ::testing::Test {
   testing::TempDir dir;
 };
 
-TEST_F(HttpClientTest, RequestsArriveExactlyAsBuiltThroughAProxyToo) {
+TEST_F(HttpClientTest, RequestsArriveExactlyAsBuilt) {
   HttpClient client(options());
   EXPECT_EQ(responseOf(sendAndWait(client, HttpRequest{"POST",
                                                        server.baseUrl() + "/sdk/track",
@@ -67,24 +64,17 @@ TEST_F(HttpClientTest, RequestsArriveExactlyAsBuiltThroughAProxyToo) {
   EXPECT_EQ(responseOf(sendAndWait(client, get("/sync?v=1", 1e300))).status, 200);
   const auto received = server.received();
   ASSERT_EQ(received.size(), 2u);
-  EXPECT_EQ(received[0].method, "POST");
-  EXPECT_EQ(received[0].path, "/sdk/track");
-  EXPECT_EQ(received[0].body, R"({"a":1})");
-  EXPECT_EQ(received[0].headers.count("Content-Type"), 1u);
-  EXPECT_EQ(received[0].headers.find("Content-Type")->second, "application/json");
-  EXPECT_EQ(received[0].headers.count("Expect"), 0u);
-  EXPECT_EQ(received[1].method, "GET");
-  EXPECT_EQ(received[1].path, "/sync?v=1");
-  EXPECT_TRUE(received[1].body.empty());
-  EXPECT_EQ(received[1].headers.count("Content-Type"), 0u);
-
-  testing::ConnectProxy proxy;
-  const std::string proxyUrl = "http://127.0.0.1:" + std::to_string(proxy.port());
-  HttpClient proxied(options(), [&] { return std::optional<std::string>(proxyUrl); });
-  EXPECT_EQ(responseOf(sendAndWait(proxied, get("/proxied"))).status, 200);
-  ASSERT_EQ(proxy.tunnels().size(), 1u);
-  EXPECT_EQ(proxy.tunnels()[0].target, server.baseUrl().substr(8)) << "a CONNECT tunnel";
-  EXPECT_EQ(server.received().back().path, "/proxied");
+  const std::multimap<std::string, std::string> json = {{"Content-Type", "application/json"}};
+  const auto seen = [&](const ReceivedRequest& r, const std::string& name) {
+    auto [from, to] = r.headers.equal_range(name);
+    return std::multimap<std::string, std::string>(from, to);
+  };
+  EXPECT_EQ(received[0].method + " " + received[0].path + " " + received[0].body,
+            R"(POST /sdk/track {"a":1})");
+  EXPECT_EQ(seen(received[0], "Content-Type"), json);
+  EXPECT_TRUE(seen(received[0], "Expect").empty());
+  EXPECT_EQ(received[1].method + " " + received[1].path + " " + received[1].body, "GET /sync?v=1 ");
+  EXPECT_TRUE(seen(received[1], "Content-Type").empty());
 }
 
 TEST_F(HttpClientTest, AnswersComeBackWithTheirHeadersNoRedirectIsFollowedAndBigBodiesAreCut) {
@@ -112,10 +102,6 @@ TEST_F(HttpClientTest, AnswersComeBackWithTheirHeadersNoRedirectIsFollowedAndBig
     ASSERT_EQ(received.size(), 2u) << "the redirect was not followed";
     ASSERT_EQ(received[1].headers.count("Cookie"), 1u);
     EXPECT_EQ(received[1].headers.find("Cookie")->second, "fa_cid=c1; fa_did=d1; session=x");
-    const auto cookies = client.cookiesFor(syncUrl);
-    ASSERT_EQ(cookies.size(), 3u);
-    EXPECT_EQ(cookies[0].name, "fa_cid");
-    EXPECT_EQ(cookies[0].value, "c1");
     EXPECT_EQ(client.cookiesFor(server.baseUrl() + "/only/x").size(), 4u);
     EXPECT_TRUE(client.cookiesFor("https://other.example/sync").empty());
   }
@@ -124,46 +110,9 @@ TEST_F(HttpClientTest, AnswersComeBackWithTheirHeadersNoRedirectIsFollowedAndBig
   EXPECT_EQ(info.st_mode & 0777, 0600u);
   // The session cookie ended with the client; the dated ones are back.
   HttpClient restarted(options());
-  const auto kept = restarted.cookiesFor(syncUrl);
-  ASSERT_EQ(kept.size(), 2u);
-  EXPECT_EQ(kept[0].name, "fa_cid");
-  EXPECT_EQ(kept[1].name, "fa_did");
-}
-
-/// An HTTP date `offset` from now, as a server writes it in Retry-After.
-std::string httpDate(std::chrono::seconds offset) {
-  const std::time_t at = std::time(nullptr) + static_cast<std::time_t>(offset.count());
-  std::tm parts{};
-  gmtime_r(&at, &parts);
-  char text[64];
-  std::strftime(text, sizeof text, "%a, %d %b %Y %H:%M:%S GMT", &parts);
-  return text;
-}
-
-TEST(HttpClientSessionTest, RetryAfterIsReadAsSecondsOrADateAndNowWhenZeroOrPast) {
-  auto loop = std::make_shared<support::SerialQueue>("test.worker", nullptr);
-  auto fake = std::make_shared<testing::FakeHttpClient>();
-  HttpClient client(fake, {}, loop);
-  auto waitFor = [&](std::optional<std::string> retryAfter) {
-    fake->setResponder([&](const ZHttpRequest&) {
-      ZHttpResponse busy{503, {}, "busy"};
-      if (retryAfter) busy.headers.emplace_back("retry-after", *retryAfter);
-      return std::optional<ZHttpResult>(busy);
-    });
-    return responseOf(sendAndWait(client, {"GET", "https://collector.test/", {}, {}, 5}))
-        .retryAfter;
-  };
-  EXPECT_EQ(waitFor("0"), 0s) << "present: come back now";
-  EXPECT_EQ(waitFor("7"), 7s);
-  EXPECT_EQ(waitFor(httpDate(-2h)), 0s) << "a date gone by means now";
-  const auto ahead = waitFor(httpDate(120s));
-  ASSERT_TRUE(ahead);
-  EXPECT_GE(*ahead, 110s);
-  EXPECT_LE(*ahead, 120s);
-  EXPECT_EQ(waitFor("soon"), std::nullopt) << "unreadable: as if there were none";
-  EXPECT_EQ(waitFor(std::nullopt), std::nullopt);
-  client.shutdown();
-  loop->stop();
+  std::string kept;
+  for (const auto& cookie : restarted.cookiesFor(syncUrl)) kept += cookie.name + " ";
+  EXPECT_EQ(kept, "fa_cid fa_did ");
 }
 
 TEST_F(HttpClientTest, TimeoutsRefusalsAndUntrustedCertificatesAreTransportErrors) {
