@@ -23,13 +23,11 @@
 static int failures = 0;
 static char data_dir[512];
 
-#define CHECK(condition)                                                            \
-  do {                                                                              \
-    if (!(condition)) {                                                             \
-      ++failures;                                                                   \
-      fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition); \
-    }                                                                               \
-  } while (0)
+static void check(int ok, const char* condition, int line) {
+  if (!ok) fprintf(stderr, "capi_test.c:%d: check failed: %s\n", line, condition);
+  failures += !ok;
+}
+#define CHECK(condition) check((condition) != 0, #condition, __LINE__)
 
 static int contains(const char* text, const char* part) {
   return text && strstr(text, part) != NULL;
@@ -215,6 +213,19 @@ static void track_page_event(const char* page_id, const char* action_name, int d
   zelvanor_track(0, disabled);
 }
 
+/* The host's facts, applied at the next start. */
+static void set_facts(const char* app_version) {
+  zelvanor_platform_facts facts;
+  memset(&facts, 0, sizeof facts);
+  facts.bundle_identifier = "com.example.capi";
+  facts.app_version = app_version;
+  facts.data_directory = data_dir;
+  facts.has_screen = 1;
+  facts.screen_width = 390;
+  facts.screen_height = 844;
+  EXPECT_OK(zelvanor_set_platform_facts(&facts));
+}
+
 /* (Re)starts the SDK offline with the common and id blocks, and waits for the triple. */
 static void start_offline(void) {
   zelvanor_set_batch_size(1000); /* starts the SDK; records wait in memory until a flush */
@@ -311,7 +322,6 @@ static int segment_holds(const char* part) {
  * sink stays silent throughout: every step succeeds. */
 static void test_tracking_and_restart(void) {
   line_log console;
-  zelvanor_platform_facts facts;
   char name[32];
   int i;
   memset(&console, 0, sizeof console);
@@ -324,11 +334,7 @@ static void test_tracking_and_restart(void) {
   zelvanor_shutdown(); /* waits for the SDK's threads; whatever is undelivered is on disk now */
   expect_pending("\"p-tracked\"|\"background\"", "p-disabled", __LINE__);
 
-  memset(&facts, 0, sizeof facts);
-  facts.bundle_identifier = "com.example.capi";
-  facts.app_version = "9.9.9";
-  facts.data_directory = data_dir;
-  EXPECT_OK(zelvanor_set_platform_facts(&facts));
+  set_facts("9.9.9");
   zelvanor_set_store_limits(2, 0, 0, 0);
   start_offline();
   EXPECT_OK(zelvanor_set("action", "{\"type\":\"event\",\"name\":\"n\",\"kind\":\"k\"}"));
@@ -481,21 +487,13 @@ static void remove_data_dir(void) {
 int main(void) {
   const char* temp = getenv("TMPDIR");
   http_log http;
-  zelvanor_platform_facts facts;
   if (!temp) temp = getenv("TEMP");
   /* The SDK makes the directory; the name is this run's own. */
   snprintf(data_dir, sizeof data_dir, "%s/zelvanor-capi-%lu-%d", temp ? temp : "/tmp",
            (unsigned long)time(NULL), (int)(clock() % 100000));
   atexit(remove_data_dir);
   memset(&http, 0, sizeof http);
-  memset(&facts, 0, sizeof facts);
-  facts.bundle_identifier = "com.example.capi";
-  facts.app_version = "2.3.4";
-  facts.data_directory = data_dir;
-  facts.has_screen = 1;
-  facts.screen_width = 390;
-  facts.screen_height = 844;
-  EXPECT_OK(zelvanor_set_platform_facts(&facts));
+  set_facts("2.3.4");
   zelvanor_set_http_client(host_send, &http);
   /* Port 9 (discard): nothing there; the host client answers instead. */
   EXPECT_OK(zelvanor_set_endpoints("https://127.0.0.1:9", "https://127.0.0.1:9",
