@@ -20,6 +20,14 @@
 
 #include "zelvanor/export.hpp" /* ZELVANOR_C_API: preprocessor only, valid C */
 
+/* zelvanor.dll exports this API alone: its C API files are compiled with ZELVANOR_C_DLL_BUILDING
+ * and linked against the static library, whose C++ classes stay inside the DLL. Its hosts define
+ * neither that nor ZELVANOR_STATIC, so they import. */
+#if defined(_WIN32) && defined(ZELVANOR_C_DLL_BUILDING)
+#undef ZELVANOR_C_API
+#define ZELVANOR_C_API __declspec(dllexport)
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif

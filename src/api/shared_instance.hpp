@@ -23,6 +23,10 @@ std::shared_ptr<ZInternalLogManager> ensureShared();
 std::shared_ptr<ZInternalLogManager> sharedIfRunning();
 /// Stops the running instance, keeping undelivered records for the next start.
 void shutdownShared();
+/// For a DLL told that the process ends (every other thread already gone): lets the instance go
+/// without joining its threads, and makes the exit hook that runs next do nothing. Records still
+/// in memory are lost, as in a kill; those handed to the store are on disk.
+void abandonSharedAtProcessEnd();
 
 /// The running instance's network monitor, or null.
 std::shared_ptr<NetworkMonitor> runningNetworkMonitor();

@@ -1,5 +1,6 @@
 #include "zelvanor/tracker.hpp"
 
+#include <atomic>
 #include <cstdlib>
 #include <mutex>
 
@@ -69,6 +70,9 @@ void switchOffInChild() {
   state.lifecycle.unlock();
 }
 
+// Set when the process ends with the SDK inside a DLL: see abandonSharedAtProcessEnd.
+std::atomic<bool> processEnded{false};
+
 // The thread running a shutdown: a call back into the facade from it (a host's console sink,
 // say) must not wait for the shutdown to end.
 thread_local bool shuttingDownHere = false;
@@ -105,6 +109,7 @@ std::shared_ptr<ZInternalLogManager> ensureShared() {
     if (!state.exitHookInstalled) {
       state.exitHookInstalled = true;
       std::atexit([] {
+        if (processEnded.load()) return;
         {
           std::lock_guard exitLock(shared().mutex);
           shared().exiting = true;
@@ -115,6 +120,19 @@ std::shared_ptr<ZInternalLogManager> ensureShared() {
     }
   }
   return state.manager;
+}
+
+void abandonSharedAtProcessEnd() {
+  // Windows has ended every other thread: a lock one of them held stays held, so none is taken,
+  // and their threads are never joined. The instance is let go (never destroyed), as in the
+  // child of a fork.
+  processEnded.store(true);
+  SharedState& state = shared();
+  state.exiting = true;
+  if (state.manager) {
+    state.abandonedInChild = std::move(state.manager);
+    state.abandonedSourcesInChild = std::move(state.sources);
+  }
 }
 
 std::shared_ptr<ZInternalLogManager> sharedIfRunning() {

@@ -1,12 +1,9 @@
 #include "cli.hpp"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <map>
@@ -14,8 +11,9 @@
 #include <string_view>
 
 #include "pending.hpp"
-#include "store/pending_store.hpp"
+#include "platform/platform.hpp"
 #include "script.hpp"
+#include "store/pending_store.hpp"
 #include "zelvanor/configuration.hpp"
 #include "zelvanor/diagnostics.hpp"
 #include "zelvanor/json.hpp"
@@ -301,13 +299,9 @@ void createPrivateDirectory(std::filesystem::path dir, std::error_code& ec) {
     std::filesystem::create_directories(dir.parent_path(), ec);
     if (ec) return;
   }
-  if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
-    ec.assign(errno, std::generic_category());
-    return;
-  }
-  if (!std::filesystem::is_directory(dir, ec) && !ec) {
-    ec = std::make_error_code(std::errc::not_a_directory);
-  }
+  // The SDK's own check, on every platform: made for the owner alone when missing; never a
+  // symbolic link or another kind of file (the SDK would refuse it as its data directory).
+  if (!platform::ensurePrivateDirectory(dir)) ec = std::make_error_code(std::errc::not_a_directory);
 }
 
 int runSend(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
@@ -457,25 +451,21 @@ int runSend(const std::vector<std::string>& args, std::ostream& out, std::ostrea
 
 std::optional<std::string> readInput(const std::string& path, std::string& error) {
   const bool standardInput = path == "-";
-  const int fd = standardInput ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
+  std::FILE* file = standardInput ? stdin : std::fopen(path.c_str(), "rb");
+  if (!file) {
     error = "cannot open " + path + ": " + std::strerror(errno);
     return std::nullopt;
   }
   std::string content;
   char buffer[65536];
-  for (;;) {
-    const ssize_t got = ::read(fd, buffer, sizeof buffer);
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) {
-      error = "cannot read " + path + ": " + std::strerror(errno);
-      if (!standardInput) ::close(fd);
-      return std::nullopt;
-    }
-    if (got == 0) break;
-    content.append(buffer, static_cast<std::size_t>(got));
+  std::size_t got;
+  while ((got = std::fread(buffer, 1, sizeof buffer, file)) > 0) content.append(buffer, got);
+  const bool failed = std::ferror(file) != 0;
+  if (!standardInput) std::fclose(file);
+  if (failed) {
+    error = "cannot read " + path;
+    return std::nullopt;
   }
-  if (!standardInput) ::close(fd);
   return content;
 }
 

@@ -1,12 +1,9 @@
 #include "pending.hpp"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 
+#include "platform/file_ops.hpp"
 #include "zelvanor/json.hpp"
 
 namespace zelvanor::cli {
@@ -105,35 +102,15 @@ PendingReport inspectPending(std::string_view content) {
 }
 
 std::optional<std::string> readPendingFile(const std::string& path, std::string& error) {
-  // O_NONBLOCK: opening a FIFO for reading would otherwise wait for a writer.
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-  if (fd < 0) {
-    error = "cannot open " + path + ": " + std::strerror(errno);
-    return std::nullopt;
+  // The SDK's own reader: a regular file only (a FIFO or a device would never end), never
+  // through a symbolic link, on every platform.
+  if (auto content = platform::readWhole(path)) return content;
+  if (auto other = platform::somethingElseAt(path)) {
+    error = "cannot read " + path + ": not a regular file (" + *other + ")";
+  } else {
+    error = "cannot open " + path + ": missing or unreadable";
   }
-  struct stat info {};
-  if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-    error = "cannot read " + path + ": not a regular file";
-    ::close(fd);
-    return std::nullopt;
-  }
-  std::string content;
-  char buffer[65536];
-  // A regular file ends; the bound only guards against one that grows as fast as it is read.
-  const std::uint64_t limit = static_cast<std::uint64_t>(info.st_size) + (64u << 20);
-  while (content.size() <= limit) {
-    const ssize_t got = ::read(fd, buffer, sizeof buffer);
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) {
-      error = "cannot read " + path + ": " + std::strerror(errno);
-      ::close(fd);
-      return std::nullopt;
-    }
-    if (got == 0) break;
-    content.append(buffer, static_cast<std::size_t>(got));
-  }
-  ::close(fd);
-  return content;
+  return std::nullopt;
 }
 
 std::string describe(const PendingPiece& piece) {
