@@ -286,7 +286,7 @@ TEST_F(StoreTest, DamagedOrForeignFilesNeverHoldUpOrPushOutTheGoodRecords) {
 }
 
 // A pending file left readable by others (an older build, a careless tool) is tightened by the
-// next append. (That no link is written through is file_ops_test's.)
+// next append.
 TEST_F(StoreTest, KeptRecordsGoOnlyIntoAPrivateFile) {
   writeFile(pendingFile(), frames({recordJson("loose")}));
   ASSERT_EQ(::chmod(pendingFile().c_str(), 0644), 0);
@@ -296,6 +296,12 @@ TEST_F(StoreTest, KeptRecordsGoOnlyIntoAPrivateFile) {
   ASSERT_EQ(::stat(pendingFile().c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 07777, 0600u);
   EXPECT_EQ(onDisk(), (std::vector<std::string>{"loose", "1"}));
+  // Nor through a link planted at the path (file_ops_test has every kind), which gives a failed
+  // append, not a target created.
+  fs::remove(pendingFile());
+  fs::create_symlink(dir.path() / "missing", pendingFile());
+  EXPECT_EQ(store.keep({recordJson("2")}).written, 0u);
+  EXPECT_FALSE(fs::exists(dir.path() / "missing"));
 }
 
 // A start takes "ZLogs.tmp" over while another writer of the app keeps appending to it: across
