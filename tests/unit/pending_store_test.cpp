@@ -319,7 +319,11 @@ TEST_F(StoreTest, StartsRacingWithAppendsLoseNoneAndDuplicateNone) {
   auto start = [&] {
     PendingStore store(dir.path(), {});
     store.open();
-    for (auto& name : sendAll(store)) sent.push_back(std::move(name));
+    // Stops at the first read that gives nothing, paused or not: the next start goes on.
+    while (auto read = store.next()) {
+      sent.push_back(nameOf(read->bytes));
+      store.answered(read->ref);
+    }
   };
   for (int starts = 0; appending && starts < 100000; ++starts) start();
   appender.join();
