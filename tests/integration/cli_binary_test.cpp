@@ -105,6 +105,32 @@ TEST_F(CliBinaryTest, EveryOpReachesTheTrackerAndTheRecordsArrive) {
            R"(","name":"n","title":"t"}})"
            "\n";
   };
+  // Every other kind of block, and what shows it in the records sent.
+  struct Block {
+    const char* name;
+    const char* value;
+    const char* shows;
+  };
+  const std::vector<Block> blocks = {
+      {"agent", R"({"carrier":"acme-carrier"})", R"("carrier":"acme-carrier")"},
+      {"agreement", R"({"cookie_agree":true})", R"("cookie_agree":true)"},
+      {"click", R"({"layer1":"cli-layer"})", "\"cli-layer\""},
+      {"location", R"({"city":"cli-city"})", "\"cli-city\""},
+      {"promotion", R"({"name":"cli-promo"})", "\"cli-promo\""},
+      {"status", R"({"code":201,"msg":"cli-status"})", "\"cli-status\""},
+      {"usage", R"({"duration":77})", R"("duration":77)"},
+      {"domain", R"({"search":{"keyword":"cli-keyword"}})", "\"cli-keyword\""},
+      {"utm", R"({"utm_source":"cli-source"})", "\"cli-source\""},
+      {"bucket", R"({"name":"cli-b0"})", "\"cli-b0\""},
+      {"buckets", R"([{"name":"cli-b1"},{"name":"cli-b2"}])", "\"cli-b2\""},
+      {"viewImpressionContent", R"({"id":"cli-v0"})", "\"cli-v0\""},
+      {"viewImpressionContents", R"([{"id":"cli-v1"}])", "\"cli-v1\""},
+  };
+  std::string blockLines;
+  for (const auto& b : blocks) {
+    blockLines +=
+        std::string(R"({"op":"set","block":")") + b.name + R"(","value":)" + b.value + "}\n";
+  }
   const fs::path script = writeScript(
       "{\"op\":\"turnOffConsoleLogs\"}\n"
       "{\"op\":\"turnOnConsoleLogs\"}\n"
@@ -113,38 +139,13 @@ TEST_F(CliBinaryTest, EveryOpReachesTheTrackerAndTheRecordsArrive) {
       "{\"op\":\"setProduction\"}\n"
       R"({"op":"set","block":"common","value":{"service_name":"cli-svc","deployment":"test"}})"
       "\n"
-      R"({"op":"set","block":"agent","value":{"carrier":"acme-carrier"}})"
-      "\n"
       R"({"op":"set","block":"id","value":{"app_user_id":"cli-user"}})"
       "\n"
       // The identity triple arrives meanwhile.
       "{\"op\":\"sleep\",\"ms\":800}\n"
       R"({"op":"set","block":"page","value":{"id":"p1","name":"home","title":"Home Title"}})"
-      "\n"
-      R"({"op":"set","block":"agreement","value":{"cookie_agree":true}})"
-      "\n"
-      R"({"op":"set","block":"click","value":{"layer1":"cli-layer"}})"
-      "\n"
-      R"({"op":"set","block":"location","value":{"city":"cli-city"}})"
-      "\n"
-      R"({"op":"set","block":"promotion","value":{"name":"cli-promo"}})"
-      "\n"
-      R"({"op":"set","block":"status","value":{"code":201,"msg":"cli-status"}})"
-      "\n"
-      R"({"op":"set","block":"usage","value":{"duration":77}})"
-      "\n"
-      R"({"op":"set","block":"domain","value":{"search":{"keyword":"cli-keyword"}}})"
-      "\n"
-      R"({"op":"set","block":"utm","value":{"utm_source":"cli-source"}})"
-      "\n"
-      R"({"op":"set","block":"bucket","value":{"name":"cli-b0"}})"
-      "\n"
-      R"({"op":"set","block":"buckets","value":[{"name":"cli-b1"},{"name":"cli-b2"}]})"
-      "\n"
-      R"({"op":"set","block":"viewImpressionContent","value":{"id":"cli-v0"}})"
-      "\n"
-      R"({"op":"set","block":"viewImpressionContents","value":[{"id":"cli-v1"}]})"
-      "\n"
+      "\n" +
+      blockLines +
       R"({"op":"set","block":"free","value":"cli-free-text"})"
       "\n" +
       action("cli-first") + "{\"op\":\"track\",\"verbose\":false,\"disabled\":false}\n" +
@@ -176,13 +177,11 @@ TEST_F(CliBinaryTest, EveryOpReachesTheTrackerAndTheRecordsArrive) {
   std::string seen;
   for (const auto& r : server.received()) seen += r.path + " " + r.body.substr(0, 400) + "\n";
   ASSERT_TRUE(anyHolds(general, "\"cli-first\"")) << run.err << seen;
-  for (const char* text :
-       {"\"service_name\":\"cli-svc\"", "\"carrier\":\"acme-carrier\"", "\"cli-user\"",
-        "\"title\":\"Home Title\"", "\"cookie_agree\":true", "\"cli-layer\"", "\"cli-city\"",
-        "\"cli-promo\"", "\"cli-status\"", "\"duration\":77", "\"cli-keyword\"", "\"cli-source\"",
-        "\"cli-b0\"", "\"cli-b2\"", "\"cli-v0\"", "\"cli-v1\"", "\"type\":\"production\""}) {
+  for (const char* text : {"\"service_name\":\"cli-svc\"", "\"cli-user\"",
+                           "\"title\":\"Home Title\"", "\"type\":\"production\""}) {
     EXPECT_TRUE(anyHolds(general, text)) << text;
   }
+  for (const auto& b : blocks) EXPECT_TRUE(anyHolds(general, b.shows)) << b.name;
   EXPECT_FALSE(anyHolds(general, "cli-free-text")) << "the facade drops free text";
   EXPECT_TRUE(anyHolds(general, "\"cli-held\"")) << "flush sends what the batch size holds";
   EXPECT_TRUE(anyHolds(general, "\"type\":\"development\"")) << "setDevelopment";
@@ -220,9 +219,11 @@ TEST_F(CliBinaryTest, AFaultyScriptSendsNothingAtAll) {
   const ToolRun run = runTool(dir, "send " + endpointOptions() + " " + quoted(script));
   EXPECT_EQ(run.code, 2);
   EXPECT_NE(
-      run.err.find("line 3: block \"usage\" does not decode: type mismatch at value.duration"),
+      run.err.find(
+          "script.jsonl: line 3: block \"usage\" does not decode: type mismatch at value.duration"),
       std::string::npos)
       << run.err;
+  EXPECT_NE(run.err.find("nothing was sent"), std::string::npos) << run.err;
   EXPECT_TRUE(server.received().empty()) << "not even an identity request";
   EXPECT_FALSE(fs::exists(data()));
 
@@ -255,14 +256,11 @@ TEST_F(CliBinaryTest, RecordsInFlightAtTheEndWaitInThePendingFileForPendingShow)
   ASSERT_TRUE(fs::exists(pending)) << run.err;
   EXPECT_NE(run.err.find("0 record(s) before the run"), std::string::npos) << run.err;
 
-  const std::string before = slurp(pending);
+  // What the file holds is shown as cli_test checks in detail.
   const ToolRun show = runTool(dir, "pending show " + quoted(pending));
   EXPECT_EQ(show.code, 0) << show.out << show.err;
-  EXPECT_NE(show.out.find("frame 0 offset 0 length "), std::string::npos) << show.out;
   EXPECT_NE(show.out.find("\"cli-late-1\""), std::string::npos) << show.out;
   EXPECT_NE(show.out.find("\"cli-late-2\""), std::string::npos) << show.out;
-  EXPECT_NE(show.err.find("would restore"), std::string::npos) << show.err;
-  EXPECT_EQ(slurp(pending), before);
 }
 
 TEST_F(CliBinaryTest, TheSummarySaysWhatBecameOfEveryEventAndWaitWaitsForTheAnswers) {

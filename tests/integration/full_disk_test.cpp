@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <fstream>
-#include <functional>
 #include <optional>
 #include <thread>
 
@@ -54,75 +53,53 @@ std::vector<std::string> keptNames(const std::filesystem::path& dir) {
   return names;
 }
 
+// A disk too small for the records, and one that is read-only (for root only a read-only mount
+// refuses a write; otherwise the directory's mode bits do): only what was really written counts
+// as kept, nothing is dropped, and once there is room every record is written, in order.
 TEST(FullDisk, RecordsTheDiskRefusesWaitInMemoryAndAreWrittenWhenThereIsRoom) {
-  if (::geteuid() != 0) GTEST_SKIP() << "mounting a small tmpfs needs root";
-  testing::TempDir dir;
-  SmallDisk disk(dir.path());
-  if (!disk.mounted()) GTEST_SKIP() << "tmpfs could not be mounted here";
-
-  auto http = std::make_shared<network::HttpClient>(network::HttpClient::Options{});
-  auto delivery = std::make_shared<detail::HttpsDelivery>(http, dir.path());
-  constexpr int kRecords = 300;  // about 300 KB: far more than the disk holds
-  for (int i = 0; i < kRecords; ++i) {
-    std::vector<std::string> one{record(i)};
-    delivery->send(0, std::move(one), /*networkAvailable=*/false);
-  }
-  ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(20)));
-  const auto counts = delivery->counts();
-  const auto onDisk = testing::pendingRecords(dir.path());
-  EXPECT_LT(counts.keptOnDisk, static_cast<std::uint64_t>(kRecords));
-  EXPECT_EQ(counts.keptOnDisk, onDisk.size()) << "only real writes count as kept";
-  EXPECT_EQ(counts.droppedForSpace, 0u) << "the memory limit allows keeping them all";
-
-  ASSERT_TRUE(disk.grow());
-  for (int i = 0; i < 100 && testing::pendingRecords(dir.path()).size() < kRecords; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
-  const auto kept = testing::pendingRecords(dir.path());
-  ASSERT_EQ(kept.size(), static_cast<std::size_t>(kRecords));
-  for (int i = 0; i < kRecords; ++i) EXPECT_EQ(kept[i].action.name, std::to_string(i));
-  EXPECT_EQ(delivery->counts().keptOnDisk, static_cast<std::uint64_t>(kRecords));
-  delivery->shutdown({}, {});
-  http->shutdown();
-}
-
-TEST(FullDisk, AReadOnlyDirectoryKeepsRecordsInMemoryAndWritesThemOnceWritable) {
-  testing::TempDir dir;
-  std::optional<SmallDisk> disk;
-  std::function<bool(bool)> setReadOnly;
-  if (::geteuid() == 0) {
-    // Root writes through any mode bits: only a read-only mount refuses it.
-    disk.emplace(dir.path());
-    if (!disk->mounted()) GTEST_SKIP() << "tmpfs could not be mounted here";
-    setReadOnly = [&](bool readOnly) { return disk->setReadOnly(readOnly); };
-  } else {
-    setReadOnly = [&](bool readOnly) {
-      return ::chmod(dir.path().c_str(), readOnly ? 0500 : 0700) == 0;
+  const bool root = ::geteuid() == 0;
+  for (const bool readOnly : {false, true}) {
+    SCOPED_TRACE(readOnly ? "read-only" : "full");
+    if (!readOnly && !root) continue;  // mounting a small tmpfs needs root
+    testing::TempDir dir;
+    std::optional<SmallDisk> disk;
+    if (root) {
+      disk.emplace(dir.path());
+      if (!disk->mounted()) {
+        GTEST_SKIP() << "tmpfs could not be mounted here";
+      }
+    }
+    const auto setReadOnly = [&](bool on) {
+      return root ? disk->setReadOnly(on) : ::chmod(dir.path().c_str(), on ? 0500 : 0700) == 0;
     };
-  }
-  ASSERT_TRUE(setReadOnly(true));
+    if (readOnly) {
+      ASSERT_TRUE(setReadOnly(true));
+    }
+    auto http = std::make_shared<network::HttpClient>(network::HttpClient::Options{});
+    auto delivery = std::make_shared<detail::HttpsDelivery>(http, dir.path());
+    // Full: about 300 KB, far more than the disk holds.
+    const int records = readOnly ? 20 : 300;
+    for (int i = 0; i < records; ++i) {
+      std::vector<std::string> one{record(i, readOnly ? 10 : 900)};
+      delivery->send(0, std::move(one), /*networkAvailable=*/false);
+    }
+    ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(20)));
+    const auto counts = delivery->counts();
+    EXPECT_LT(counts.keptOnDisk, static_cast<std::uint64_t>(records));
+    EXPECT_EQ(counts.keptOnDisk, keptNames(dir.path()).size()) << "only real writes count as kept";
+    EXPECT_EQ(counts.droppedForSpace, 0u) << "the memory limit allows keeping them all";
 
-  auto http = std::make_shared<network::HttpClient>(network::HttpClient::Options{});
-  auto delivery = std::make_shared<detail::HttpsDelivery>(http, dir.path());
-  std::vector<std::string> sent;
-  for (int i = 0; i < 20; ++i) {
-    sent.push_back(std::to_string(i));
-    std::vector<std::string> one{record(i, 10)};
-    delivery->send(0, std::move(one), /*networkAvailable=*/false);
+    ASSERT_TRUE(readOnly ? setReadOnly(false) : disk->grow());
+    std::vector<std::string> expected;
+    for (int i = 0; i < records; ++i) expected.push_back(std::to_string(i));
+    for (int i = 0; i < 100 && keptNames(dir.path()).size() < expected.size(); ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    EXPECT_EQ(keptNames(dir.path()), expected);
+    EXPECT_EQ(delivery->counts().keptOnDisk, expected.size());
+    delivery->shutdown({}, {});
+    http->shutdown();
   }
-  ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(20)));
-  EXPECT_EQ(delivery->counts().keptOnDisk, 0u) << "nothing was written";
-  EXPECT_EQ(delivery->counts().droppedForSpace, 0u) << "they wait in memory";
-  EXPECT_TRUE(keptNames(dir.path()).empty());
-
-  ASSERT_TRUE(setReadOnly(false));
-  for (int i = 0; i < 100 && keptNames(dir.path()).size() < sent.size(); ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
-  EXPECT_EQ(keptNames(dir.path()), sent);
-  EXPECT_EQ(delivery->counts().keptOnDisk, sent.size());
-  delivery->shutdown({}, {});
-  http->shutdown();
 }
 
 // A disk that fills up while the store sends: the answers are still recorded, so a later start

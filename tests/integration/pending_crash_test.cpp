@@ -1,7 +1,6 @@
 // A process killed at any moment while it appends pending records must leave files from which
 // every record written whole comes back, in order, and nothing else.
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,6 +18,7 @@
 #include <thread>
 
 #include "store/pending_store.hpp"
+#include "support/child_host.hpp"
 #include "support/pending_files.hpp"
 #include "zelvanor/json.hpp"
 
@@ -142,58 +142,13 @@ TEST(PendingFileCrash, KilledWriterLeavesOnlyWholeRecordsInOrder) {
 }
 
 /// The whole SDK in a child host tracking with the network gate closed (zelvanor_crash_child).
-class TrackingHost {
- public:
-  TrackingHost(const fs::path& dir, long long first, std::optional<long long> burst = {},
-               bool online = false) {
-    int out[2];
-    if (::pipe(out) != 0) return;
-    // Built before the fork: the child of a threaded process allocates nothing until exec.
-    const std::string firstText = std::to_string(first);
-    const std::string burstText = burst ? std::to_string(*burst) : std::string();
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::dup2(out[1], STDOUT_FILENO);
-      ::close(out[0]);
-      ::close(out[1]);
-      ::execl(ZELVANOR_CRASH_CHILD, ZELVANOR_CRASH_CHILD, dir.c_str(), firstText.c_str(),
-              burst ? burstText.c_str() : nullptr, online ? "online" : nullptr, nullptr);
-      ::_exit(127);
-    }
-    ::close(out[1]);
-    out_ = out[0];
-  }
-  ~TrackingHost() {
-    if (pid_ > 0) kill();
-  }
-  /// Waits up to 30 s for the host to print `word`.
-  bool said(const std::string& word) {
-    while (heard_.find(word) == std::string::npos) {
-      pollfd readiness{.fd = out_, .events = POLLIN, .revents = 0};
-      char buffer[64];
-      if (::poll(&readiness, 1, 30000) != 1) return false;
-      const ssize_t got = ::read(out_, buffer, sizeof buffer);
-      if (got <= 0) return false;
-      heard_.append(buffer, static_cast<std::size_t>(got));
-    }
-    return true;
-  }
-  /// kill -9; true when that is what ended it.
-  bool kill() {
-    ::kill(pid_, SIGKILL);
-    int status = 0;
-    const bool reaped = ::waitpid(pid_, &status, 0) == pid_;
-    pid_ = -1;
-    // Open until now, so that nothing the host prints can end it with SIGPIPE instead.
-    ::close(out_);
-    return reaped && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
-  }
-
- private:
-  pid_t pid_ = -1;
-  int out_ = -1;
-  std::string heard_;
-};
+testing::ChildHost trackingHost(const fs::path& dir, long long first,
+                                std::optional<long long> burst = {}, bool online = false) {
+  std::vector<std::string> argv{ZELVANOR_CRASH_CHILD, dir.string(), std::to_string(first)};
+  if (burst) argv.push_back(std::to_string(*burst));
+  if (online) argv.emplace_back("online");
+  return testing::ChildHost(std::move(argv));
+}
 
 /// A directory for the SDK's files, with an identity from an earlier sync in its cookie jar, so
 /// that records are built without a server.
@@ -220,9 +175,7 @@ TEST(PendingFileCrash, TrackingHostKilledAtRandomLeavesAFileEveryStartCanRead) {
   std::size_t lastFileRecords = 0, recordsSeen = 0, rounds = 0;
   for (long long first = 0; rounds < 12; first += 10'000'000, ++rounds) {
     SCOPED_TRACE("round " + std::to_string(rounds));
-    TrackingHost host(dir, first);
-    // The kill lands while the host tracks, not while a sanitizer runtime or a slow machine is
-    // still starting it: the child says "tracking" once the SDK is set up.
+    testing::ChildHost host = trackingHost(dir, first);
     EXPECT_TRUE(host.said("tracking")) << "the host did not start tracking within 30 s";
     std::this_thread::sleep_for(std::chrono::microseconds(delayMicros(random)));
     ASSERT_TRUE(host.kill());
@@ -265,7 +218,7 @@ TEST(PendingFileCrash, AKillShortlyAfterABurstLosesAtMostTheMemoryLimit) {
     SCOPED_TRACE(online ? "online" : "offline");
     const fs::path dir = crashDirectory();
     ASSERT_FALSE(dir.empty());
-    TrackingHost host(dir, 0, kBurst, online);
+    testing::ChildHost host = trackingHost(dir, 0, kBurst, online);
     ASSERT_TRUE(host.said("tracked")) << "the host did not finish its burst within 30 s";
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     ASSERT_TRUE(host.kill());

@@ -30,11 +30,6 @@ struct Piece {
   friend bool operator==(const Piece&, const Piece&) = default;
 };
 
-std::ostream& operator<<(std::ostream& out, const Piece& p) {
-  return out << "{" << static_cast<int>(p.kind) << " @" << p.offset << " +" << p.size << " "
-             << p.payload.size() << "B}";
-}
-
 Piece own(const FramePiece& p) {
   return {p.kind, p.offset, p.size, std::string(p.payload)};
 }
