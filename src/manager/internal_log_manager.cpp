@@ -160,6 +160,15 @@ void ZInternalLogManager::configure(const ZConfiguration& configuration) {
       /*skipCurrent=*/true));
 }
 
+void ZInternalLogManager::setCommon(ZCommon common) {
+  const std::lock_guard setting(commonSetMutex_);
+  {
+    const std::lock_guard lock(mutex_);
+    commonForRecords_ = common;
+  }
+  commonSubject_.send(std::move(common));
+}
+
 void ZInternalLogManager::subscribeToIdentity() {
   std::weak_ptr<ZInternalLogManager> weak = weak_from_this();
   // Identity results are applied on the SDK's worker, whichever thread delivers them.

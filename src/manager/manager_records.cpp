@@ -265,15 +265,6 @@ RecordContext ZInternalLogManager::contextLocked(std::optional<ZCommon> common) 
   return RecordContext{*xid_, sdk_, std::move(common), id_, deriveUcidLocked(), agent_};
 }
 
-void ZInternalLogManager::setCommon(ZCommon common) {
-  const std::lock_guard setting(commonSetMutex_);
-  {
-    const std::lock_guard lock(mutex_);
-    commonForRecords_ = common;
-  }
-  commonSubject_.send(std::move(common));
-}
-
 void ZInternalLogManager::track(bool verbose, bool disabled) {
   const HeldDiagnostics held;  // said once mutex_ is released
   const HeldRecords records(*this);

@@ -9,7 +9,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -174,22 +173,6 @@ bool encodeValue(JsonWriter& writer, const T& value, CodecError& error) {
     if (!ok) return false;
     writer.endObject();
     return true;
-  }
-}
-
-/// `value` as compact or indented JSON; fails as encodeValue does, or when memory runs out.
-template <class T>
-Result<std::string> encodeToString(const T& value, bool pretty) {
-  try {
-    std::string out;
-    // A typical record is 1.5 to 2 KB; one allocation up front beats three while it grows.
-    out.reserve(2048);
-    JsonWriter writer(out, pretty);
-    CodecError error;
-    if (!encodeValue(writer, value, error)) return error;
-    return out;
-  } catch (const std::bad_alloc&) {
-    return CodecError{CodecError::Kind::invalidValue, "", "out of memory"};
   }
 }
 

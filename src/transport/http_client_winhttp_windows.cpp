@@ -23,6 +23,7 @@
 
 #include "transport/extra_roots.hpp"
 #include "transport/http_client_winhttp.hpp"
+#include "transport/winhttp_text.hpp"
 
 namespace zelvanor::network {
 
@@ -32,90 +33,6 @@ namespace {
 // rather than exhausting memory. Headers likewise.
 constexpr std::size_t kMaxBodyBytes = 1 << 20;
 constexpr std::size_t kMaxHeaders = 200;
-
-std::wstring widen(std::string_view text) {
-  if (text.empty()) return {};
-  const int length =
-      MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-  std::wstring wide(static_cast<std::size_t>(std::max(length, 0)), L'\0');
-  if (length > 0) {
-    MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), wide.data(),
-                        length);
-  }
-  return wide;
-}
-
-std::string narrow(std::wstring_view text) {
-  if (text.empty()) return {};
-  const int length = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
-                                         nullptr, 0, nullptr, nullptr);
-  std::string result(static_cast<std::size_t>(std::max(length, 0)), '\0');
-  if (length > 0) {
-    WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), result.data(),
-                        length, nullptr, nullptr);
-  }
-  return result;
-}
-
-/// Failures a host fixes in its certificates or its TLS setup, not by waiting.
-bool isTlsFailure(DWORD error) {
-  switch (error) {
-    case ERROR_WINHTTP_SECURE_FAILURE:
-    case ERROR_WINHTTP_SECURE_CHANNEL_ERROR:
-    case ERROR_WINHTTP_SECURE_INVALID_CA:
-    case ERROR_WINHTTP_SECURE_INVALID_CERT:
-    case ERROR_WINHTTP_SECURE_CERT_DATE_INVALID:
-    case ERROR_WINHTTP_SECURE_CERT_CN_INVALID:
-    case ERROR_WINHTTP_SECURE_CERT_REVOKED:
-    case ERROR_WINHTTP_SECURE_CERT_REV_FAILED:
-    case ERROR_WINHTTP_SECURE_CERT_WRONG_USAGE:
-    case ERROR_WINHTTP_CLIENT_AUTH_CERT_NEEDED:
-      return true;
-    default:
-      return false;
-  }
-}
-
-std::string describe(const char* step, DWORD error) {
-  const char* what = nullptr;
-  switch (error) {
-    case ERROR_WINHTTP_TIMEOUT:
-      what = "timed out";
-      break;
-    case ERROR_WINHTTP_NAME_NOT_RESOLVED:
-      what = "host name not resolved";
-      break;
-    case ERROR_WINHTTP_CANNOT_CONNECT:
-      what = "cannot connect";
-      break;
-    case ERROR_WINHTTP_CONNECTION_ERROR:
-      what = "connection reset";
-      break;
-    case ERROR_WINHTTP_OPERATION_CANCELLED:
-      what = "cancelled";
-      break;
-    case ERROR_WINHTTP_INVALID_SERVER_RESPONSE:
-      what = "invalid answer";
-      break;
-    case ERROR_WINHTTP_SECURE_FAILURE:
-      what = "TLS or certificate failure";
-      break;
-    case ERROR_WINHTTP_SECURE_INVALID_CA:
-      what = "certificate from an untrusted authority";
-      break;
-    case ERROR_WINHTTP_SECURE_CERT_CN_INVALID:
-      what = "certificate names another host";
-      break;
-    case ERROR_WINHTTP_SECURE_CERT_DATE_INVALID:
-      what = "certificate expired or not yet valid";
-      break;
-    default:
-      break;
-  }
-  std::string text = std::string(step) + ": ";
-  text += what ? what : "WinHTTP error";
-  return text + " (" + std::to_string(error) + ")";
-}
 
 /// The host's timeout in whole milliseconds. Zero, negative or not finite: 60 s.
 std::chrono::milliseconds timeoutOf(double seconds) {
@@ -222,7 +139,7 @@ struct WinHttpClient::Impl : std::enable_shared_from_this<Impl> {
     {
       std::lock_guard lock(mutex);
       if (!session) {
-        failure = describe("WinHttpOpen", openError);
+        failure = describeWinHttpError("WinHttpOpen", openError);
       } else if (stopping) {
         failure = "the HTTP client has shut down";
       } else {
@@ -315,7 +232,7 @@ struct WinHttpClient::Impl : std::enable_shared_from_this<Impl> {
     parts.dwUrlPathLength = static_cast<DWORD>(-1);
     parts.dwExtraInfoLength = static_cast<DWORD>(-1);
     if (!WinHttpCrackUrl(url.c_str(), static_cast<DWORD>(url.size()), 0, &parts)) {
-      return ZHttpFailure{describe("not a valid URL", GetLastError())};
+      return ZHttpFailure{describeWinHttpError("not a valid URL", GetLastError())};
     }
     if (parts.nScheme != INTERNET_SCHEME_HTTPS) return ZHttpFailure{"only https is allowed"};
     const std::wstring host(parts.lpszHostName, parts.dwHostNameLength);
@@ -326,11 +243,11 @@ struct WinHttpClient::Impl : std::enable_shared_from_this<Impl> {
     // A connection handle names the server; WinHTTP's pool behind the session reuses the
     // connections themselves.
     Handle connection(WinHttpConnect(session, host.c_str(), parts.nPort, 0));
-    if (!connection) return ZHttpFailure{describe("WinHttpConnect", GetLastError())};
+    if (!connection) return ZHttpFailure{describeWinHttpError("WinHttpConnect", GetLastError())};
     HINTERNET handle =
         WinHttpOpenRequest(connection.get(), widen(request.method).c_str(), path.c_str(), nullptr,
                            WINHTTP_NO_REFERER, WINHTTP_DEFAULT_ACCEPT_TYPES, WINHTTP_FLAG_SECURE);
-    if (!handle) return ZHttpFailure{describe("WinHttpOpenRequest", GetLastError())};
+    if (!handle) return ZHttpFailure{describeWinHttpError("WinHttpOpenRequest", GetLastError())};
     {
       std::lock_guard lock(mutex);
       exchange.request = handle;
@@ -352,7 +269,7 @@ struct WinHttpClient::Impl : std::enable_shared_from_this<Impl> {
         return ZHttpFailure{"the server's certificate is not trusted (nor issued by the CA file)",
                             true};
       }
-      return ZHttpFailure{describe(step, error), isTlsFailure(error)};
+      return ZHttpFailure{describeWinHttpError(step, error), isTlsFailure(error)};
     };
     // The body follows the headers separately, so that it goes out only to a server whose
     // chain passed the check.
@@ -426,7 +343,7 @@ struct WinHttpClient::Impl : std::enable_shared_from_this<Impl> {
     // The SDK keeps the cookies and never follows a redirect: a 3xx is an answer.
     DWORD disabled = WINHTTP_DISABLE_COOKIES | WINHTTP_DISABLE_REDIRECTS;
     if (!WinHttpSetOption(handle, WINHTTP_OPTION_DISABLE_FEATURE, &disabled, sizeof disabled)) {
-      return ZHttpFailure{describe("cannot turn off redirects", GetLastError())};
+      return ZHttpFailure{describeWinHttpError("cannot turn off redirects", GetLastError())};
     }
     const int ms = static_cast<int>(timeout.count());
     WinHttpSetTimeouts(handle, ms, ms, ms, ms);
@@ -455,7 +372,7 @@ struct WinHttpClient::Impl : std::enable_shared_from_this<Impl> {
           info.lpszProxy = server.data();
         }
         if (!WinHttpSetOption(handle, WINHTTP_OPTION_PROXY, &info, sizeof info)) {
-          return ZHttpFailure{describe("cannot set the proxy", GetLastError())};
+          return ZHttpFailure{describeWinHttpError("cannot set the proxy", GetLastError())};
         }
       }
     }
@@ -467,7 +384,7 @@ struct WinHttpClient::Impl : std::enable_shared_from_this<Impl> {
       DWORD_PTR context = reinterpret_cast<DWORD_PTR>(&exchange);
       if (!WinHttpSetOption(handle, WINHTTP_OPTION_SECURITY_FLAGS, &flags, sizeof flags) ||
           !WinHttpSetOption(handle, WINHTTP_OPTION_CONTEXT_VALUE, &context, sizeof context)) {
-        return ZHttpFailure{describe("cannot use the CA file", GetLastError()), true};
+        return ZHttpFailure{describeWinHttpError("cannot use the CA file", GetLastError()), true};
       }
     }
     return std::nullopt;
@@ -529,31 +446,6 @@ void WinHttpClient::send(ZHttpRequest request, std::function<void(ZHttpResult)> 
 
 void WinHttpClient::cancelAll() {
   impl_->cancel("cancelled", false);
-}
-
-std::optional<UrlSchemeAndHost> readUrl(const std::string& url, bool anyScheme) {
-  // WinHTTP reads http and https URLs only: another scheme (a SOCKS proxy's) is read as http.
-  std::wstring wide = widen(url);
-  const std::size_t separator = url.find("://");
-  std::string scheme = separator == std::string::npos ? "" : url.substr(0, separator);
-  std::transform(scheme.begin(), scheme.end(), scheme.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  if (scheme.empty() ||
-      scheme.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789+.-") != std::string::npos) {
-    return std::nullopt;
-  }
-  if (anyScheme && scheme != "http" && scheme != "https") {
-    wide = L"http" + widen(url.substr(separator));
-  }
-  URL_COMPONENTS parts{};
-  parts.dwStructSize = sizeof parts;
-  parts.dwHostNameLength = static_cast<DWORD>(-1);
-  if (wide.find_first_of(L" \t\r\n") != std::wstring::npos ||
-      !WinHttpCrackUrl(wide.c_str(), static_cast<DWORD>(wide.size()), 0, &parts)) {
-    return std::nullopt;
-  }
-  return UrlSchemeAndHost{scheme,
-                          narrow(std::wstring_view(parts.lpszHostName, parts.dwHostNameLength))};
 }
 
 std::shared_ptr<ZHttpClient> makeSystemHttpClient(support::SerialQueue&,
