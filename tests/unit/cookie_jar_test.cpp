@@ -46,8 +46,11 @@ TEST(CookieJarTest, EarlierBuildsLinesLoadAndOnlyDatedCookiesAreSaved) {
     EXPECT_EQ(offered(jar, "https://[::2]/sync?v=1"), "");
     jar.save();
   }
-  std::ifstream in(file);
-  const std::string saved{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  std::string saved;
+  {  // closed before the file is removed below: Windows refuses to remove an open file
+    std::ifstream in(file);
+    saved.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
   EXPECT_NE(saved.find("#HttpOnly_sync.example.com\tFALSE\t/\tTRUE\t4102444800\tfa_cid\th"),
             std::string::npos)
       << saved;
