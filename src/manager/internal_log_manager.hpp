@@ -183,14 +183,15 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   std::optional<ZXid> xid_;
   std::optional<ZAgent> agent_;
   std::optional<ZId> id_;
-  std::optional<ZCommon>
-      common_;          // never assigned: the host's common block lives in commonSubject_
+  std::optional<ZCommon> common_;  // never assigned: the host's common block is commonForRecords_
   bool ready_ = false;  // mirrors readySubject_, but changes atomically with the templates
   ZLogRecordBuilder builder_;
   ZLogRecordQueue queue_;
   support::CurrentValueSubject<std::optional<ZCommon>> commonSubject_{std::nullopt};
   std::mutex commonSetMutex_;  ///< one setCommon at a time: the copy below and the subject agree
-  std::optional<ZCommon> commonForRecords_;  ///< guarded by mutex_: commonSubject_'s value
+  /// Guarded by mutex_: the host's common block, which records read in place (the subject only
+  /// tells the install/update check that it changed).
+  std::optional<ZCommon> commonForRecords_;
   std::string encodeScratch_;  ///< guarded by mutex_: a track's JSON, before its exact-size copy
   support::CurrentValueSubject<bool> readySubject_{false};
   support::CancellableSet cancellables_;
