@@ -71,7 +71,10 @@ std::optional<std::string> ZInternalLogManager::encodeRecord(const ZLogRecord& r
     dropUnencodable(record.action, encoded.error());
     return std::nullopt;
   }
-  return std::move(encoded).value();
+  // The encoder reserves room for a large record; a record waits at its own size.
+  std::string bytes = std::move(encoded).value();
+  bytes.shrink_to_fit();
+  return bytes;
 }
 
 void ZInternalLogManager::dropUnencodable(const ZAction& action, const CodecError& error) {
