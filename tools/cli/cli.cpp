@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 #include <string_view>
+#include <system_error>
 
 #include "pending.hpp"
 #include "platform/platform.hpp"
@@ -435,7 +436,7 @@ int runSend(const std::vector<std::string>& args, std::ostream& out, std::ostrea
       << counts.blocks << " set, " << counts.tracks << " track, " << counts.flushes << " flush\n";
   printOutcome(outcome, err);
   if (wait && !allAnswered) {
-    err << "the wait of " << wait->count() / 1000.0
+    err << "the wait of " << static_cast<double>(wait->count()) / 1000.0
         << " s ended before every record had an answer; the rest are kept\n";
   }
   if (!storeDirectory.empty()) {
@@ -453,7 +454,8 @@ std::optional<std::string> readInput(const std::string& path, std::string& error
   const bool standardInput = path == "-";
   std::FILE* file = standardInput ? stdin : std::fopen(path.c_str(), "rb");
   if (!file) {
-    error = "cannot open " + path + ": " + std::strerror(errno);
+    // strerror shares one buffer between threads; the error category's text does not.
+    error = "cannot open " + path + ": " + std::generic_category().message(errno);
     return std::nullopt;
   }
   std::string content;

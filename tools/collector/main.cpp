@@ -97,7 +97,8 @@ int main(int argc, char** argv) {
     auto value = [&]() -> const char* {
       if (i + 1 >= argc) {
         std::fprintf(stderr, "zelvanor-collector: %s needs a value\n%s", arg.c_str(), kUsage);
-        std::exit(1);
+        // Arguments are read before any thread starts.
+        std::exit(1);  // NOLINT(concurrency-mt-unsafe)
       }
       return argv[++i];
     };
