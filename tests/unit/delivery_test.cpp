@@ -237,41 +237,69 @@ TEST_F(DeliveryTest, KeptAndHeldRecordsGoFirstBehindOneProbeOnceTheirWaitIsOver)
   EXPECT_TRUE(pendingNames(dir.path()).empty());
 }
 
-TEST_F(DeliveryTest, AWindowOfRequestsEachWithItsHandOversSettingsAndShutdownKeepsTheRestInOrder) {
-  Rig rig(dir.path());
-  constexpr std::size_t kWindow = HttpsDelivery::kMaxInFlight;
-  Names names;
-  for (std::size_t i = 0; i < kWindow + 3; ++i) names.push_back("r" + std::to_string(i));
-  rig.send(names);
-  // A sandbox switch and a new timeout apply to records handed over after them.
-  detail::settings().usingSandbox = true;
-  detail::settings().requestTimeout = 7.0;
-  rig.send({"sandbox"});
-  ASSERT_TRUE(rig.fake->waitForWaiting(kWindow));
-  rig.sync();
-  EXPECT_EQ(rig.fake->waiting(), kWindow) << "no more than the window";
-  rig.answerOk(4);
-  ASSERT_TRUE(rig.fake->waitForSent(kWindow + 4));
-  const auto first = rig.fake->sent().front();
-  EXPECT_EQ(first.method, "POST");
-  EXPECT_EQ(first.headers, (ZHttpHeaders{{"Content-Type", "application/json"}}));
-  EXPECT_EQ(*first.body, record("r0")) << "the one record, compact";
-  for (const auto& request : rig.fake->sent()) {
-    const bool sandbox = nameOf(request) == "sandbox";
-    EXPECT_EQ(request.url, kBase + (sandbox ? "/sandbox/sdk/track" : "/sdk/track"));
-    EXPECT_EQ(request.timeoutSeconds, sandbox ? 7.0 : 5.0);
+TEST_F(DeliveryTest, AWindowOfRequestsShutdownKeepsTheRestInOrderAndTheNextStartSendsThemOnline) {
+  Names expected;
+  {
+    Rig rig(dir.path());
+    constexpr std::size_t kWindow = HttpsDelivery::kMaxInFlight;
+    Names names;
+    for (std::size_t i = 0; i < kWindow + 3; ++i) names.push_back("r" + std::to_string(i));
+    rig.send(names);
+    // A sandbox switch and a new timeout apply to records handed over after them.
+    detail::settings().usingSandbox = true;
+    detail::settings().requestTimeout = 7.0;
+    rig.send({"sandbox"});
+    ASSERT_TRUE(rig.fake->waitForWaiting(kWindow));
+    rig.sync();
+    EXPECT_EQ(rig.fake->waiting(), kWindow) << "no more than the window";
+    rig.answerOk(4);
+    ASSERT_TRUE(rig.fake->waitForSent(kWindow + 4));
+    const auto first = rig.fake->sent().front();
+    EXPECT_EQ(first.method, "POST");
+    EXPECT_EQ(first.headers, (ZHttpHeaders{{"Content-Type", "application/json"}}));
+    EXPECT_EQ(*first.body, record("r0")) << "the one record, compact";
+    for (const auto& request : rig.fake->sent()) {
+      const bool sandbox = nameOf(request) == "sandbox";
+      EXPECT_EQ(request.url, kBase + (sandbox ? "/sandbox/sdk/track" : "/sdk/track"));
+      EXPECT_EQ(request.timeoutSeconds, sandbox ? 7.0 : 5.0);
+    }
+    rig.send({"waiting-1", "waiting-2"});
+    rig.sync();
+    // Cancelled in-flight ones first, in the order they went out, then the waiting, the unsent and
+    // one tracked after shutdown.
+    rig.delivery->shutdown({record("unsent")}, {});
+    rig.delivery->keepLate(record("late"));
+    expected.assign(names.begin() + 4, names.end());
+    for (const char* name : {"sandbox", "waiting-1", "waiting-2", "unsent", "late"})
+      expected.emplace_back(name);
+    EXPECT_EQ(pendingNames(dir.path()), expected);
+    EXPECT_EQ(rig.delivery->counts().delivered, 4u);
   }
-  rig.send({"waiting-1", "waiting-2"});
-  rig.sync();
-  // Cancelled in-flight ones first, in the order they went out, then the waiting, the unsent and
-  // one tracked after shutdown.
-  rig.delivery->shutdown({record("unsent")}, {});
-  rig.delivery->keepLate(record("late"));
-  Names expected(names.begin() + 4, names.end());
-  for (const char* name : {"sandbox", "waiting-1", "waiting-2", "unsent", "late"})
-    expected.emplace_back(name);
-  EXPECT_EQ(pendingNames(dir.path()), expected);
-  EXPECT_EQ(rig.delivery->counts().delivered, 4u);
+
+  // The next start: offline at first, so the restored records and one tracked meanwhile wait.
+  Rig second(dir.path(), {}, {}, /*restore=*/false);
+  second.fake->setResponder([](const ZHttpRequest&) { return answer(200, "ok"); });
+  detail::ZLogRecordQueue queue(second.delivery);
+  queue.restorePendingRecords();
+  queue.setBatchSize(1);
+  queue.setAvailableNetworking(false);  // the first report: offline
+  queue.enqueue(record("offline"));
+  ASSERT_TRUE(second.delivery->waitUntilSettled(5s));
+  // Another process of the app keeps one too, into the same file: not this run's to count.
+  ASSERT_EQ(detail::PendingStore(dir.path(), {}).keep({record("other")}).written, 1u);
+  second.sync();
+  EXPECT_TRUE(second.fake->sent().empty()) << "a closed gate sends nothing";
+  queue.setAvailableNetworking(true);
+  ASSERT_TRUE(second.fake->waitForSent(expected.size() + 2));
+  ASSERT_TRUE(second.delivery->waitUntilSettled(5s));
+  expected.emplace_back("offline");
+  expected.emplace_back("other");
+  EXPECT_EQ(second.sentNames(), expected);
+  const auto counts = second.delivery->counts();
+  EXPECT_EQ(counts.delivered, expected.size());
+  EXPECT_EQ(counts.resent, counts.keptOnDisk) << "what another process kept is not resent";
+  EXPECT_EQ(counts.restored, expected.size() - 1);
+  EXPECT_TRUE(pendingNames(dir.path()).empty());
 }
 
 TEST_F(DeliveryTest, DeletingLocalDataForgetsKeptWaitingAndInFlightRecords) {
@@ -297,42 +325,6 @@ TEST_F(DeliveryTest, DeletingLocalDataForgetsKeptWaitingAndInFlightRecords) {
   ASSERT_TRUE(rig.delivery->waitUntilSettled(5s));
   EXPECT_TRUE(pendingNames(dir.path()).empty());
   EXPECT_EQ(rig.delivery->counts().keptOnDisk, 1u) << "the offline one, before the deletion";
-}
-
-TEST_F(DeliveryTest, RecordsKeptOfflineOrAfterAFailureGoOutAtTheNextStartWhenTheNetworkComes) {
-  {
-    Rig first(dir.path());
-    first.send({"offline-1", "offline-2"}, false);
-    first.sync();
-    EXPECT_TRUE(first.fake->sent().empty()) << "a closed gate sends nothing";
-    first.send({"failed"});
-    ASSERT_TRUE(first.fake->waitForWaiting(1));
-    first.fake->fail();
-    ASSERT_TRUE(first.delivery->waitUntilSettled(5s));
-    EXPECT_EQ(first.delivery->counts().keptOnDisk, 3u);
-  }
-  EXPECT_EQ(pendingNames(dir.path()), (Names{"offline-1", "offline-2", "failed"}));
-  Rig second(dir.path(), {}, {}, /*restore=*/false);
-  second.fake->setResponder([](const ZHttpRequest&) { return answer(200, "ok"); });
-  detail::ZLogRecordQueue queue(second.delivery);
-  queue.restorePendingRecords();
-  queue.setBatchSize(1);
-  queue.setAvailableNetworking(false);  // the first report: offline
-  queue.enqueue(record("offline-3"));
-  ASSERT_TRUE(second.delivery->waitUntilSettled(5s));
-  // Another process of the app keeps one too, into the same file: not this run's to count.
-  ASSERT_EQ(detail::PendingStore(dir.path(), {}).keep({record("other")}).written, 1u);
-  second.sync();
-  EXPECT_TRUE(second.fake->sent().empty());
-  queue.setAvailableNetworking(true);
-  ASSERT_TRUE(second.fake->waitForSent(5));
-  ASSERT_TRUE(second.delivery->waitUntilSettled(5s));
-  EXPECT_EQ(second.sentNames(), (Names{"offline-1", "offline-2", "failed", "offline-3", "other"}));
-  const auto counts = second.delivery->counts();
-  EXPECT_EQ(counts.delivered, 5u);
-  EXPECT_EQ(counts.resent, counts.keptOnDisk) << "what another process kept is not resent";
-  EXPECT_EQ(counts.restored, 4u);
-  EXPECT_TRUE(pendingNames(dir.path()).empty());
 }
 
 TEST_F(DeliveryTest, ABurstPastTheMemoryLimitGoesToDiskInHandOverOrder) {
