@@ -141,14 +141,19 @@ TEST_F(DeliveryTest, OnlyTheExactBodyOkDeliversAndEveryOtherAnswerHasItsOutcome)
       {"garbage", answer(200, "o\xffk"), refused},
       {"empty", answer(200, ""), refused},
       {"server-error", answer(500, "busy", {{"Retry-After", "0"}}), refused},
+      {"not-implemented", answer(501, "", {{"Retry-After", "0"}}), refused},
+      {"no-status", answer(0, ""), refused},
       // A redirect is no verdict on the record: kept, and never followed.
       {"moved", answer(301, "<html>moved</html>", moved), kept},
       {"permanent", answer(308, "moved", moved), kept},
+      {"first-redirect", answer(300, ""), kept},
+      {"last-redirect", answer(399, ""), kept},
       {"reset", ZHttpFailure{"connection reset"}, kept},
       {"untrusted", ZHttpFailure{"certificate not trusted", true}, kept},
       // "Come back later": held, and sent again once the server's wait is over.
       {"too-many", answer(429, "slow down", {{"Retry-After", "0"}}), later},
       {"bad-gateway", answer(502, "bad gateway", {{"retry-after", "0"}}), later},
+      {"unavailable", answer(503, "", {{"Retry-After", "0"}}), later},
       {"gateway-timeout", answer(504, "", {{"Retry-After", "Thu, 01 Jan 2015 00:00:00 GMT"}}),
        later},
   };
@@ -177,7 +182,7 @@ TEST_F(DeliveryTest, OnlyTheExactBodyOkDeliversAndEveryOtherAnswerHasItsOutcome)
   }
 }
 
-TEST_F(DeliveryTest, KeptRecordsGoFirstAfterTheBackOffBehindOneProbe) {
+TEST_F(DeliveryTest, KeptAndHeldRecordsGoFirstBehindOneProbeOnceTheirWaitIsOver) {
   // Two redirects and a transport failure: kept on disk, one back-off for all three, and the
   // redirect said once. Newer records handed over meanwhile wait behind the kept ones, and the
   // oldest kept one goes alone first, as a probe.
@@ -186,6 +191,12 @@ TEST_F(DeliveryTest, KeptRecordsGoFirstAfterTheBackOffBehindOneProbe) {
     if (line.find("redirect") != std::string_view::npos) said->emplace_back(line);
   });
   Rig rig(dir.path(), {.first = 200ms, .jitter = 0});
+  const auto probeAfter = [&](std::size_t sent, Clock::time_point since, auto wait) {
+    ASSERT_TRUE(rig.fake->waitForSent(sent, 5s));
+    EXPECT_GE(Clock::now() - since, wait) << "nothing before the wait ends";
+    rig.sync();
+    EXPECT_EQ(rig.fake->waiting(), 1u) << "the probe goes alone";
+  };
   rig.send({"old-1", "old-2", "old-3"});
   ASSERT_TRUE(rig.fake->waitForWaiting(3));
   const auto failedAt = Clock::now();
@@ -193,88 +204,102 @@ TEST_F(DeliveryTest, KeptRecordsGoFirstAfterTheBackOffBehindOneProbe) {
   rig.fake->answer(307, "moved");
   rig.fake->fail();
   rig.send({"new-1", "new-2"});
-  ASSERT_TRUE(rig.fake->waitForSent(4));
-  EXPECT_GE(Clock::now() - failedAt, 200ms) << "nothing before the back-off ends";
-  rig.sync();
-  EXPECT_EQ(rig.fake->waiting(), 1u) << "the probe goes alone";
+  probeAfter(4, failedAt, 200ms);
   // A "come back later" without Retry-After: the next wait is twice the first.
   const auto probedAt = Clock::now();
   rig.fake->answer(429, "slow down");
-  ASSERT_TRUE(rig.fake->waitForSent(5));
-  EXPECT_GE(Clock::now() - probedAt, 400ms) << "the step doubles";
-  rig.sync();
-  EXPECT_EQ(rig.fake->waiting(), 1u) << "the probe goes alone";
+  probeAfter(5, probedAt, 400ms);
   rig.answerOk(5);
   ASSERT_TRUE(rig.delivery->waitUntilSettled(5s));
-  EXPECT_EQ(rig.sentNames(), (Names{"old-1", "old-2", "old-3", "old-1", "old-1", "old-2", "old-3",
-                                    "new-1", "new-2"}));
-  const auto counts = rig.delivery->counts();
-  EXPECT_EQ(counts.delivered, 5u);
-  EXPECT_EQ(counts.keptOnDisk, 3u);
-  EXPECT_EQ(counts.resent, 3u);
-  EXPECT_TRUE(pendingNames(dir.path()).empty());
   ZelvanorTracker::setDiagnostics(ZLogLevel::error);
   ASSERT_EQ(said->size(), 1u) << "said once";
   EXPECT_NE(said->front().find("HTTP 302"), std::string::npos) << said->front();
-}
 
-TEST_F(DeliveryTest, HeldRecordsWaitForRetryAfterThenGoOutAgainInTheOrderTheyWentOut) {
-  Rig rig(dir.path(), {.first = 1h, .jitter = 0});
+  // Held by "come back later" answered out of order: the server's wait, not the (reset) back-off,
+  // then they go out again in the order they went out, and a record handed over meanwhile waits.
   rig.send({"a", "b", "c"});
   ASSERT_TRUE(rig.fake->waitForWaiting(3));
-  // Answered out of order; later records handed over during the wait wait too.
   const auto busy = answer(503, "busy", {{"Retry-After", "1"}});
   const auto heldAt = Clock::now();
   rig.fake->answerNth(2, busy);
   rig.fake->answer(busy);
   rig.fake->answer(busy);
   rig.send({"d"});
-  ASSERT_TRUE(rig.fake->waitForSent(4, 5s));
-  EXPECT_GE(Clock::now() - heldAt, 1s) << "not before Retry-After";
-  rig.sync();
-  EXPECT_EQ(rig.fake->waiting(), 1u) << "the probe goes alone";
+  probeAfter(13, heldAt, 1s);
   rig.answerOk(4);
   ASSERT_TRUE(rig.delivery->waitUntilSettled(5s));
-  EXPECT_EQ(rig.sentNames(), (Names{"a", "b", "c", "a", "b", "c", "d"}));
-  EXPECT_EQ(rig.delivery->counts().delivered, 4u);
-  EXPECT_EQ(rig.delivery->counts().keptOnDisk, 0u);
+  EXPECT_EQ(rig.sentNames(), (Names{"old-1", "old-2", "old-3", "old-1", "old-1", "old-2", "old-3",
+                                    "new-1", "new-2", "a", "b", "c", "a", "b", "c", "d"}));
+  const auto counts = rig.delivery->counts();
+  EXPECT_EQ(counts.delivered, 9u);
+  EXPECT_EQ(counts.keptOnDisk, 3u) << "held records are not kept";
+  EXPECT_EQ(counts.resent, 3u);
+  EXPECT_TRUE(pendingNames(dir.path()).empty());
 }
 
-TEST_F(DeliveryTest, AWindowOfRequestsEachWithItsHandOversSettingsAndShutdownKeepsTheRestInOrder) {
-  Rig rig(dir.path());
-  constexpr std::size_t kWindow = HttpsDelivery::kMaxInFlight;
-  Names names;
-  for (std::size_t i = 0; i < kWindow + 3; ++i) names.push_back("r" + std::to_string(i));
-  rig.send(names);
-  // A sandbox switch and a new timeout apply to records handed over after them.
-  detail::settings().usingSandbox = true;
-  detail::settings().requestTimeout = 7.0;
-  rig.send({"sandbox"});
-  ASSERT_TRUE(rig.fake->waitForWaiting(kWindow));
-  rig.sync();
-  EXPECT_EQ(rig.fake->waiting(), kWindow) << "no more than the window";
-  rig.answerOk(4);
-  ASSERT_TRUE(rig.fake->waitForSent(kWindow + 4));
-  const auto first = rig.fake->sent().front();
-  EXPECT_EQ(first.method, "POST");
-  EXPECT_EQ(first.headers, (ZHttpHeaders{{"Content-Type", "application/json"}}));
-  EXPECT_EQ(*first.body, record("r0")) << "the one record, compact";
-  for (const auto& request : rig.fake->sent()) {
-    const bool sandbox = nameOf(request) == "sandbox";
-    EXPECT_EQ(request.url, kBase + (sandbox ? "/sandbox/sdk/track" : "/sdk/track"));
-    EXPECT_EQ(request.timeoutSeconds, sandbox ? 7.0 : 5.0);
+TEST_F(DeliveryTest, AWindowOfRequestsShutdownKeepsTheRestInOrderAndTheNextStartSendsThemOnline) {
+  Names expected;
+  {
+    Rig rig(dir.path());
+    constexpr std::size_t kWindow = HttpsDelivery::kMaxInFlight;
+    Names names;
+    for (std::size_t i = 0; i < kWindow + 3; ++i) names.push_back("r" + std::to_string(i));
+    rig.send(names);
+    // A sandbox switch and a new timeout apply to records handed over after them.
+    detail::settings().usingSandbox = true;
+    detail::settings().requestTimeout = 7.0;
+    rig.send({"sandbox"});
+    ASSERT_TRUE(rig.fake->waitForWaiting(kWindow));
+    rig.sync();
+    EXPECT_EQ(rig.fake->waiting(), kWindow) << "no more than the window";
+    rig.answerOk(4);
+    ASSERT_TRUE(rig.fake->waitForSent(kWindow + 4));
+    const auto first = rig.fake->sent().front();
+    EXPECT_EQ(first.method, "POST");
+    EXPECT_EQ(first.headers, (ZHttpHeaders{{"Content-Type", "application/json"}}));
+    EXPECT_EQ(*first.body, record("r0")) << "the one record, compact";
+    for (const auto& request : rig.fake->sent()) {
+      const bool sandbox = nameOf(request) == "sandbox";
+      EXPECT_EQ(request.url, kBase + (sandbox ? "/sandbox/sdk/track" : "/sdk/track"));
+      EXPECT_EQ(request.timeoutSeconds, sandbox ? 7.0 : 5.0);
+    }
+    rig.send({"waiting-1", "waiting-2"});
+    rig.sync();
+    // Cancelled in-flight ones first, in the order they went out, then the waiting, the unsent and
+    // one tracked after shutdown.
+    rig.delivery->shutdown({record("unsent")}, {});
+    rig.delivery->keepLate(record("late"));
+    expected.assign(names.begin() + 4, names.end());
+    for (const char* name : {"sandbox", "waiting-1", "waiting-2", "unsent", "late"})
+      expected.emplace_back(name);
+    EXPECT_EQ(pendingNames(dir.path()), expected);
+    EXPECT_EQ(rig.delivery->counts().delivered, 4u);
   }
-  rig.send({"waiting-1", "waiting-2"});
-  rig.sync();
-  // Cancelled in-flight ones first, in the order they went out, then the waiting, the unsent and
-  // one tracked after shutdown.
-  rig.delivery->shutdown({record("unsent")}, {});
-  rig.delivery->keepLate(record("late"));
-  Names expected(names.begin() + 4, names.end());
-  for (const char* name : {"sandbox", "waiting-1", "waiting-2", "unsent", "late"})
-    expected.emplace_back(name);
-  EXPECT_EQ(pendingNames(dir.path()), expected);
-  EXPECT_EQ(rig.delivery->counts().delivered, 4u);
+
+  // The next start: offline at first, so the restored records and one tracked meanwhile wait.
+  Rig second(dir.path(), {}, {}, /*restore=*/false);
+  second.fake->setResponder([](const ZHttpRequest&) { return answer(200, "ok"); });
+  detail::ZLogRecordQueue queue(second.delivery);
+  queue.restorePendingRecords();
+  queue.setBatchSize(1);
+  queue.setAvailableNetworking(false);  // the first report: offline
+  queue.enqueue(record("offline"));
+  ASSERT_TRUE(second.delivery->waitUntilSettled(5s));
+  // Another process of the app keeps one too, into the same file: not this run's to count.
+  ASSERT_EQ(detail::PendingStore(dir.path(), {}).keep({record("other")}).written, 1u);
+  second.sync();
+  EXPECT_TRUE(second.fake->sent().empty()) << "a closed gate sends nothing";
+  queue.setAvailableNetworking(true);
+  ASSERT_TRUE(second.fake->waitForSent(expected.size() + 2));
+  ASSERT_TRUE(second.delivery->waitUntilSettled(5s));
+  expected.emplace_back("offline");
+  expected.emplace_back("other");
+  EXPECT_EQ(second.sentNames(), expected);
+  const auto counts = second.delivery->counts();
+  EXPECT_EQ(counts.delivered, expected.size());
+  EXPECT_EQ(counts.resent, counts.keptOnDisk) << "what another process kept is not resent";
+  EXPECT_EQ(counts.restored, expected.size() - 1);
+  EXPECT_TRUE(pendingNames(dir.path()).empty());
 }
 
 TEST_F(DeliveryTest, DeletingLocalDataForgetsKeptWaitingAndInFlightRecords) {
@@ -300,42 +325,6 @@ TEST_F(DeliveryTest, DeletingLocalDataForgetsKeptWaitingAndInFlightRecords) {
   ASSERT_TRUE(rig.delivery->waitUntilSettled(5s));
   EXPECT_TRUE(pendingNames(dir.path()).empty());
   EXPECT_EQ(rig.delivery->counts().keptOnDisk, 1u) << "the offline one, before the deletion";
-}
-
-TEST_F(DeliveryTest, RecordsKeptOfflineOrAfterAFailureGoOutAtTheNextStartWhenTheNetworkComes) {
-  {
-    Rig first(dir.path());
-    first.send({"offline-1", "offline-2"}, false);
-    first.sync();
-    EXPECT_TRUE(first.fake->sent().empty()) << "a closed gate sends nothing";
-    first.send({"failed"});
-    ASSERT_TRUE(first.fake->waitForWaiting(1));
-    first.fake->fail();
-    ASSERT_TRUE(first.delivery->waitUntilSettled(5s));
-    EXPECT_EQ(first.delivery->counts().keptOnDisk, 3u);
-  }
-  EXPECT_EQ(pendingNames(dir.path()), (Names{"offline-1", "offline-2", "failed"}));
-  Rig second(dir.path(), {}, {}, /*restore=*/false);
-  second.fake->setResponder([](const ZHttpRequest&) { return answer(200, "ok"); });
-  detail::ZLogRecordQueue queue(second.delivery);
-  queue.restorePendingRecords();
-  queue.setBatchSize(1);
-  queue.setAvailableNetworking(false);  // the first report: offline
-  queue.enqueue(record("offline-3"));
-  ASSERT_TRUE(second.delivery->waitUntilSettled(5s));
-  // Another process of the app keeps one too, into the same file: not this run's to count.
-  ASSERT_EQ(detail::PendingStore(dir.path(), {}).keep({record("other")}).written, 1u);
-  second.sync();
-  EXPECT_TRUE(second.fake->sent().empty());
-  queue.setAvailableNetworking(true);
-  ASSERT_TRUE(second.fake->waitForSent(5));
-  ASSERT_TRUE(second.delivery->waitUntilSettled(5s));
-  EXPECT_EQ(second.sentNames(), (Names{"offline-1", "offline-2", "failed", "offline-3", "other"}));
-  const auto counts = second.delivery->counts();
-  EXPECT_EQ(counts.delivered, 5u);
-  EXPECT_EQ(counts.resent, counts.keptOnDisk) << "what another process kept is not resent";
-  EXPECT_EQ(counts.restored, 4u);
-  EXPECT_TRUE(pendingNames(dir.path()).empty());
 }
 
 TEST_F(DeliveryTest, ABurstPastTheMemoryLimitGoesToDiskInHandOverOrder) {
@@ -485,6 +474,22 @@ class ScriptedFlags final : public platform::ReachabilityFlagSource {
       std::make_shared<std::function<void(std::uint32_t)>>();
 };
 
+/// The states `reachability` publishes, by name, as they come (from any thread).
+struct Published {
+  explicit Published(detail::ZReachability& reachability) {
+    reachability.states().subscribe([this](const detail::NetworkState& s) {
+      std::lock_guard lock(mutex);
+      names.emplace_back(detail::rawValue(s));
+    });
+  }
+  Names get() {
+    std::lock_guard lock(mutex);
+    return names;
+  }
+  std::mutex mutex;
+  Names names;
+};
+
 TEST(ReachabilityTest, FirstReportAlwaysPublishesThenDedupesOnFlagsNotStates) {
   std::shared_ptr<std::function<void(std::uint32_t)>> change;
   auto reachability = std::make_shared<detail::ZReachability>([&] {
@@ -492,12 +497,7 @@ TEST(ReachabilityTest, FirstReportAlwaysPublishesThenDedupesOnFlagsNotStates) {
     change = source->change();
     return source;
   });
-  std::vector<std::string> seen;
-  std::mutex mutex;
-  reachability->states().subscribe([&](const detail::NetworkState& s) {
-    std::lock_guard lock(mutex);
-    seen.emplace_back(detail::rawValue(s));
-  });
+  Published seen(*reachability);
   reachability->startIfNeeded();
   reachability->startIfNeeded();  // only once
   reachability->waitForReports();
@@ -508,54 +508,43 @@ TEST(ReachabilityTest, FirstReportAlwaysPublishesThenDedupesOnFlagsNotStates) {
   (*change)(0x40000);  // a cellular bit without the reachable one
   reachability->pushFlags(0x40002);
   reachability->waitForReports();
-  std::lock_guard lock(mutex);
-  EXPECT_EQ(seen,
-            (std::vector<std::string>{"wifi", "offline", "wifi", "wifi", "offline", "mobile"}));
+  EXPECT_EQ(seen.get(), (Names{"wifi", "offline", "wifi", "wifi", "offline", "mobile"}));
   reachability->stop();
 }
 
 TEST(ReachabilityTest, WithoutAFlagSourceOnlyWifiIsSeenUntilTheHostReports) {
-  using detail::NetworkState;
   const std::vector<detail::ZReachability::SourceFactory> noWatch = {
       [] { return nullptr; },
       [] { return std::make_unique<ScriptedFlags>(0x0, /*canWatch=*/false); }};
   for (const auto& factory : noWatch) {
     auto reachability = std::make_shared<detail::ZReachability>(factory);
-    std::vector<NetworkState> seen;
-    reachability->states().subscribe([&](const NetworkState& s) { seen.push_back(s); });
+    Published seen(*reachability);
     reachability->startIfNeeded();
     reachability->waitForReports();
-    EXPECT_EQ(seen, (std::vector<NetworkState>{NetworkState::wifi}));
-
+    EXPECT_EQ(seen.get(), Names{"wifi"});
     // A host with no route watch (a phone app reporting its own flags) saying "offline" first:
     // the first report publishes even though its flags equal the initial 0.
     reachability->pushFlags(0x0);
     reachability->pushFlags(0x0);
-    EXPECT_EQ(seen, (std::vector<NetworkState>{NetworkState::wifi, NetworkState::offline}));
+    EXPECT_EQ(seen.get(), (Names{"wifi", "offline"}));
   }
 }
 
 TEST(ReachabilityTest, StoppingBeforeTheFirstReportPublishesNothingMadeUp) {
   // The first report is still queued when the SDK shuts down at once: it must not announce an
-  // offline the system never reported.
-  // The worker is held busy, so the first reading is certainly still queued at the stop.
+  // offline the system never reported. The worker is held busy, so the first reading is
+  // certainly still queued at the stop.
   auto worker = std::make_shared<support::SerialQueue>("test.worker", nullptr);
   std::promise<void> release;
   worker->async([gate = release.get_future().share()] { gate.wait(); });
   auto reachability = std::make_shared<detail::ZReachability>(
       [] { return std::make_unique<ScriptedFlags>(0x0); }, worker);
-  std::mutex mutex;
-  std::vector<detail::NetworkState> seen;
-  reachability->states().subscribe([&](const detail::NetworkState& s) {
-    std::lock_guard lock(mutex);
-    seen.push_back(s);
-  });
+  Published seen(*reachability);
   reachability->startIfNeeded();
   reachability->stop();
   release.set_value();
   reachability->waitForReports();
-  std::lock_guard lock(mutex);
-  EXPECT_EQ(seen, (std::vector<detail::NetworkState>{detail::NetworkState::wifi}));
+  EXPECT_EQ(seen.get(), Names{"wifi"});
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // A host's own HTTP client in place of the SDK's: whatever way it fails, every record still arrives
-// once it works; the first of two answers stands; the C form carries cookies.
+// once it works; the first of two answers stands; the C form carries requests, answers and cookies.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -24,43 +24,115 @@ namespace {
 
 using namespace std::chrono_literals;
 using Result = std::optional<ZHttpResult>;
+using Misbehave = std::function<Result(const ZHttpRequest&)>;
 
 const std::string kBase = "https://collector.test";
 const std::string kSyncAnswer =
     R"({"version":1,"status":{"code":"0000","msg":"ok"},"data":[{"cid":"cid-7","did":"did-7","sid":"sid-7"}]})";
+const ZHttpHeaders kSyncCookies = {{"Set-Cookie", "fa_cid=cid-7; Path=/"},
+                                   {"set-cookie", "fa_did=did-7"},
+                                   {"Set-Cookie", "fa_sid=sid-7; Max-Age=3600"}};
 
 bool isSync(std::string_view url) {
   return url.find("/sync") != std::string_view::npos;
 }
 
-/// A collector in memory behind the fake client: answers identity sync, and "ok" to records once
-/// healed; before that, `misbehave` decides. Notes which of the host's events arrived.
-class HostCollector {
+/// A host's client before a collector in memory: identity sync answers the triple, also as
+/// cookies; records get "ok" once healed, and before that what `misbehave` says (nothing: no
+/// answer ever). With `answerTwice`, every "ok" is followed by a late 503 from another thread.
+class HostClient final : public ZHttpClient {
  public:
-  explicit HostCollector(std::function<Result(const ZHttpRequest&)> misbehave) {
-    client->setResponder([this, misbehave](const ZHttpRequest& request) -> Result {
-      if (isSync(request.url)) return ZHttpResponse{200, {}, kSyncAnswer};
-      if (!healthy_.load()) return misbehave(request);
-      const auto record = decodeJson<ZLogRecord>(*request.body);
-      std::lock_guard lock(mutex_);
-      if (record && record->action.type == "event") delivered_.insert(record->action.name);
+  explicit HostClient(Misbehave misbehave, bool answerTwice = false)
+      : misbehave_(std::move(misbehave)), answerTwice_(answerTwice) {}
+  ~HostClient() override { joinLate(); }
+
+  void send(ZHttpRequest request, std::function<void(ZHttpResult)> done) override {
+    if (isSync(request.url)) return done(ZHttpResponse{200, kSyncCookies, kSyncAnswer});
+    std::unique_lock lock(mutex_);
+    ++attempts_;
+    if (!healed_) {
       changed_.notify_all();
-      return ZHttpResponse{200, {}, "ok"};
+      lock.unlock();
+      if (Result answer = misbehave_(request)) return done(std::move(*answer));
+      lock.lock();
+      return unanswered_.push_back(std::move(done));
+    }
+    ++delivered_;
+    for (const auto& [name, value] : request.headers) {
+      if (value.find("fa_sid=sid-7") != std::string::npos) ++withCookies_;
+    }
+    const auto record = decodeJson<ZLogRecord>(*request.body);
+    if (record && record->action.type == "event") events_.insert(record->action.name);
+    changed_.notify_all();
+    lock.unlock();
+    done(ZHttpResponse{200, {}, "ok"});
+    if (!answerTwice_) return;
+    lock.lock();
+    late_.emplace_back([done] { done(ZHttpResponse{503, {{"Retry-After", "0"}}, "late"}); });
+  }
+  void cancelAll() override {}
+
+  void heal() {
+    std::lock_guard lock(mutex_);
+    healed_ = true;
+  }
+  /// Waits until the records tried and the distinct events answered "ok" satisfy `ready`.
+  bool waitFor(const std::function<bool(int attempts, std::size_t events)>& ready) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, 20s, [&] {
+      return ready(attempts_, std::set<std::string>(events_.begin(), events_.end()).size());
     });
   }
-  void heal() { healthy_ = true; }
-  bool waitForDelivered(std::size_t count) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, 20s, [&] { return delivered_.size() >= count; });
+  void joinLate() {
+    std::vector<std::thread> late;
+    {
+      std::lock_guard lock(mutex_);
+      late.swap(late_);
+    }
+    for (auto& thread : late) thread.join();
   }
-  std::shared_ptr<testing::FakeHttpClient> client = std::make_shared<testing::FakeHttpClient>();
 
- private:
-  std::atomic<bool> healthy_{false};
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::set<std::string> delivered_;
+  int attempts_ = 0;
+  std::uint64_t delivered_ = 0;  ///< records answered "ok", the SDK's own among them
+  int withCookies_ = 0;
+  std::multiset<std::string> events_;
+
+ private:
+  Misbehave misbehave_;
+  bool answerTwice_;
+  bool healed_ = false;
+  std::vector<std::function<void(ZHttpResult)>> unanswered_;
+  std::vector<std::thread> late_;
 };
+
+/// The C form, in front of a HostClient: requests and answers are translated both ways.
+void sendThroughC(const zelvanor_http_request* request, zelvanor_http_exchange* exchange,
+                  void* user) {
+  ZHttpRequest translated{request->method,
+                          request->url,
+                          {},
+                          std::make_shared<const std::string>(request->body, request->body_length),
+                          request->timeout_seconds};
+  for (std::size_t i = 0; i < request->header_count; ++i) {
+    const std::string line = request->headers[i];
+    const auto colon = line.find(": ");
+    translated.headers.emplace_back(line.substr(0, colon), line.substr(colon + 2));
+  }
+  static_cast<HostClient*>(user)->send(std::move(translated), [exchange](ZHttpResult result) {
+    if (const auto* failure = std::get_if<ZHttpFailure>(&result)) {
+      return zelvanor_http_fail(exchange, failure->description.c_str(), failure->tls);
+    }
+    const auto& response = std::get<ZHttpResponse>(result);
+    std::vector<std::string> lines;
+    for (const auto& [name, value] : response.headers) lines.push_back(name + ": " + value);
+    std::vector<const char*> headers;
+    for (const auto& line : lines) headers.push_back(line.c_str());
+    zelvanor_http_answer(exchange, response.status, headers.data(), headers.size(),
+                         response.body.data(), response.body.size());
+  });
+}
 
 class HostClientTest : public ::testing::Test {
  protected:
@@ -79,9 +151,13 @@ class HostClientTest : public ::testing::Test {
     ZelvanorTracker::setEndpoints(ZEndpoints{});
     ZelvanorTracker::setPlatformFacts({});
   }
-  /// Starts with `client` (none: the one set through the C form), then tracks `count` events.
-  static void start(std::shared_ptr<ZHttpClient> client, int count = 0) {
-    if (client) ZelvanorTracker::setHttpClient(std::move(client));
+  /// Starts with `client` (through the C form with `viaC`), then tracks `count` events.
+  static void start(const std::shared_ptr<HostClient>& client, bool viaC, int count = 0) {
+    if (viaC) {
+      zelvanor_set_http_client(&sendThroughC, client.get());
+    } else {
+      ZelvanorTracker::setHttpClient(client);
+    }
     ZelvanorTracker::setRequired(ZConfiguration{.timeout = 10, .batchSize = 1})
         .setReachabilityFlags(0x2)
         .set(ZCommon({.serviceName = "host", .deployment = "production"}));
@@ -93,40 +169,61 @@ class HostClientTest : public ::testing::Test {
   testing::TempDir dir;
 };
 
-TEST_F(HostClientTest, EveryWayAClientFailsLosesNoRecord) {
+TEST_F(HostClientTest, EveryWayAClientFailsLosesNoRecordAndTheFirstAnswerStands) {
   const ZHttpResult busy = ZHttpResponse{503, {{"retry-after", "0"}}, "busy"};
   const ZHttpResult moved = ZHttpResponse{302, {{"Location", "https://elsewhere.test/"}}, ""};
+  const auto fails = [](const ZHttpRequest&) { return Result(ZHttpFailure{"reset"}); };
   const struct {
     const char* name;
-    std::function<Result(const ZHttpRequest&)> misbehave;
+    Misbehave misbehave;
+    bool viaC = false;
+    bool answerTwice = false;
   } rows[] = {
       {"throws from send", [](const ZHttpRequest&) -> Result { throw std::runtime_error("x"); }},
-      {"fails every request", [](const ZHttpRequest&) { return Result(ZHttpFailure{"reset"}); }},
+      {"fails every request", fails},
+      {"fails through the C form", fails, true},
       {"asks to come back later", [&](const ZHttpRequest&) { return Result(busy); }},
       {"redirects", [&](const ZHttpRequest&) { return Result(moved); }},
       // The records wait on disk for the next start.
       {"never answers", [](const ZHttpRequest&) { return Result(); }},
+      // A late second answer sends nothing again: from within send, then from another thread.
+      {"answers twice", fails, false, true},
   };
-  constexpr int kRecords = 20;
+  constexpr std::size_t kRecords = 20;
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     std::filesystem::remove_all(dir.path());
     std::filesystem::create_directories(dir.path());
-    HostCollector collector(row.misbehave);
-    start(collector.client, kRecords);
+    auto client = std::make_shared<HostClient>(row.misbehave, row.answerTwice);
+    start(client, row.viaC, kRecords);
     // Host events among the failed ones: the SDK's own install and launch go first.
-    ASSERT_TRUE(collector.client->waitForSent(8));
-    HostCollector next(row.misbehave);
+    ASSERT_TRUE(client->waitFor([](int attempts, std::size_t) { return attempts >= 8; }));
     if (std::string(row.name) == "never answers") {
       ZelvanorTracker::shutdown();
-      next.heal();
-      start(next.client);
-      EXPECT_TRUE(next.waitForDelivered(kRecords));
+      client = std::make_shared<HostClient>(row.misbehave);
+      client->heal();
+      start(client, row.viaC);
     } else {
-      collector.heal();
-      EXPECT_TRUE(collector.waitForDelivered(kRecords));
+      client->heal();
     }
+    // Answers reach the SDK's worker a moment after the client gave them.
+    EXPECT_TRUE(client->waitFor([](int, std::size_t events) { return events == kRecords; }));
+    const auto answered = [&] {
+      std::lock_guard lock(client->mutex_);
+      return client->delivered_;
+    };
+    for (int i = 0; i < 100 && ZelvanorTracker::counters().delivered < answered(); ++i) {
+      std::this_thread::sleep_for(10ms);
+    }
+    client->joinLate();
+    ZelvanorTracker::flushAndWait(1s);  // a second answer that counted would send again by now
+    const ZCounters counters = ZelvanorTracker::counters();
     ZelvanorTracker::shutdown();
+    std::lock_guard lock(client->mutex_);
+    EXPECT_EQ(counters.delivered, client->delivered_) << "the SDK's own events too";
+    EXPECT_EQ(counters.refused, 0u);
+    EXPECT_EQ(client->events_.size(), kRecords) << "each event once";
+    EXPECT_GT(client->withCookies_, 0) << "the SDK's cookie store sends what the sync answer set";
   }
 }
 
@@ -137,117 +234,18 @@ TEST_F(HostClientTest, ASecondIdentityRequestWaitsForTheFirstAndItsCookies) {
   client->setResponder([](const ZHttpRequest& request) {
     return isSync(request.url) ? Result() : Result(ZHttpResponse{200, {}, "ok"});
   });
-  start(client);
+  ZelvanorTracker::setHttpClient(client);
+  ZelvanorTracker::setRequired(ZConfiguration{.timeout = 10, .batchSize = 1})
+      .setReachabilityFlags(0x2)
+      .set(ZCommon({.serviceName = "host", .deployment = "production"}));
   ASSERT_TRUE(client->waitForWaiting(1));
   EXPECT_EQ(client->sent().size(), 1u) << "one identity request at a time";
-  client->answer(200, kSyncAnswer,
-                 {{"Set-Cookie", "fa_cid=cid-7"},
-                  {"Set-Cookie", "fa_did=did-7"},
-                  {"Set-Cookie", "fa_sid=sid-7"}});
+  client->answer(200, kSyncAnswer, kSyncCookies);
   EXPECT_TRUE(ZelvanorTracker::waitUntilReady(10s));
   ZelvanorTracker::shutdown();
   const auto sent = client->sent();
   EXPECT_EQ(std::count_if(sent.begin(), sent.end(), [](auto& r) { return isSync(r.url); }), 1)
-      << "the waiting request is not sent once the first answer gave the "
-         "triple";
-}
-
-/// Answers each record at once from within send, and a second time later from another thread.
-class AnswersTwice final : public ZHttpClient {
- public:
-  ~AnswersTwice() override { joinLate(); }
-  void joinLate() {
-    std::vector<std::thread> late;
-    {
-      std::lock_guard lock(mutex);
-      late.swap(late_);
-    }
-    for (auto& thread : late) thread.join();
-  }
-  void send(ZHttpRequest request, std::function<void(ZHttpResult)> done) override {
-    if (isSync(request.url)) return done(ZHttpResponse{200, {}, kSyncAnswer});
-    if (const auto record = decodeJson<ZLogRecord>(*request.body)) {
-      std::lock_guard lock(mutex);
-      ++requests;
-      if (record->action.type == "event") received.insert(record->action.name);
-    }
-    done(ZHttpResponse{200, {}, "ok"});
-    std::lock_guard lock(mutex);
-    late_.emplace_back([done] { done(ZHttpResponse{503, {{"Retry-After", "0"}}, "late"}); });
-  }
-  std::mutex mutex;
-  std::multiset<std::string> received;
-  std::uint64_t requests = 0;
-
- private:
-  std::vector<std::thread> late_;
-};
-
-TEST_F(HostClientTest, TheFirstAnswerStandsFromWithinSendOrAnotherThread) {
-  auto client = std::make_shared<AnswersTwice>();
-  start(client, 10);
-  // Answers reach the SDK's worker a moment after the client saw the request.
-  const auto settled = [&] {
-    const auto delivered = ZelvanorTracker::counters().delivered;
-    std::lock_guard lock(client->mutex);
-    return client->received.size() == 10 && delivered >= client->requests;
-  };
-  for (int i = 0; i < 1000 && !settled(); ++i) std::this_thread::sleep_for(5ms);
-  client->joinLate();
-  ZelvanorTracker::flushAndWait(1s);  // a second answer that counted would send again by now
-  const ZCounters counters = ZelvanorTracker::counters();
-  ZelvanorTracker::shutdown();
-  std::lock_guard lock(client->mutex);
-  EXPECT_EQ(counters.delivered, client->requests) << "the SDK's own events too";
-  EXPECT_EQ(counters.refused, 0u);
-  EXPECT_EQ(client->received.size(), 10u) << "a late second answer sends nothing again";
-  EXPECT_EQ(std::set<std::string>(client->received.begin(), client->received.end()).size(), 10u);
-}
-
-/// The C form: answers identity sync with the triple as cookies, fails the first record, then
-/// says "ok"; notes which records carried the cookies back.
-struct CHost {
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::set<std::string> delivered;
-  int recordRequests = 0;
-  int withCookies = 0;
-};
-
-void sendThroughC(const zelvanor_http_request* request, zelvanor_http_exchange* exchange,
-                  void* user) {
-  auto& host = *static_cast<CHost*>(user);
-  if (isSync(request->url)) {
-    const char* headers[] = {"Set-Cookie: fa_cid=cid-7; Path=/", "set-cookie: fa_did=did-7",
-                             "Set-Cookie: fa_sid=sid-7; Max-Age=3600"};
-    return zelvanor_http_answer(exchange, 200, headers, 3, kSyncAnswer.data(), kSyncAnswer.size());
-  }
-  std::unique_lock lock(host.mutex);
-  if (host.recordRequests++ == 0) {
-    lock.unlock();
-    return zelvanor_http_fail(exchange, "connection reset", 0);
-  }
-  for (std::size_t i = 0; i < request->header_count; ++i) {
-    if (std::string_view(request->headers[i]).find("fa_sid=sid-7") != std::string_view::npos) {
-      ++host.withCookies;
-    }
-  }
-  const auto record = decodeJson<ZLogRecord>(std::string_view(request->body, request->body_length));
-  if (record && record->action.type == "event") host.delivered.insert(record->action.name);
-  host.changed.notify_all();
-  lock.unlock();
-  zelvanor_http_answer(exchange, 200, nullptr, 0, "ok", 2);
-}
-
-TEST_F(HostClientTest, TheCFormCarriesRequestsAnswersAndCookies) {
-  CHost host;
-  zelvanor_set_http_client(&sendThroughC, &host);
-  start(nullptr, 10);
-  std::unique_lock lock(host.mutex);
-  EXPECT_TRUE(host.changed.wait_for(lock, 20s, [&] { return host.delivered.size() == 10; }));
-  EXPECT_GT(host.withCookies, 0) << "the SDK's cookie store sends what the sync answer set";
-  lock.unlock();
-  ZelvanorTracker::shutdown();
+      << "the waiting request is not sent once the first answer gave the triple";
 }
 
 }  // namespace

@@ -8,19 +8,29 @@ namespace zelvanor {
 namespace {
 
 using detail::ZLogRecordQueue;
+using Names = std::vector<std::string>;
 
 ZLogRecord numberedRecord(int n) {
   return ZLogRecord{.xid = {"c", "d", "s"}, .action = {"event", std::to_string(n), "tap"}};
 }
 
-std::string numbered(int n) {
-  return encodeJson(numberedRecord(n)).value();
+/// "from" to "to", as names.
+Names range(int from, int to) {
+  Names names;
+  for (int i = from; i <= to; ++i) names.push_back(std::to_string(i));
+  return names;
 }
 
 struct QueueTest : ::testing::Test {
-  std::vector<std::string> sentNames() const {
-    std::vector<std::string> names;
-    for (const auto& s : transport->sent()) names.push_back(s.record.action.name);
+  void enqueue(int from, int to, ZLogRecordQueue& into) {
+    for (int i = from; i <= to; ++i) into.enqueue(encodeJson(numberedRecord(i)).value());
+  }
+  void enqueue(int from, int to) { enqueue(from, to, queue); }
+  /// Names sent so far, each with "-" when it went out with the network gate closed.
+  Names sent() const {
+    Names names;
+    for (const auto& s : transport->sent())
+      names.push_back(s.record.action.name + (s.networkAvailable ? "" : "-"));
     return names;
   }
   std::shared_ptr<testing::RecordingTransport> transport =
@@ -28,101 +38,79 @@ struct QueueTest : ::testing::Test {
   ZLogRecordQueue queue{transport};
 };
 
-TEST_F(QueueTest, InitialBatchSizeFiveSendsOneRecordPerEnqueueFromTheFifth) {
+TEST_F(QueueTest, TheThresholdSlidesWithTheBatchSizeAndADrainTakesItsOwnLiterally) {
   ASSERT_EQ(queue.batchSize(), 5u);
-  for (int i = 1; i <= 4; ++i) queue.enqueue(numbered(i));
-  EXPECT_TRUE(transport->sent().empty());
-  queue.enqueue(numbered(5));
-  EXPECT_EQ(sentNames(), (std::vector<std::string>{"1"}));
-  queue.enqueue(numbered(6));
-  EXPECT_EQ(sentNames(), (std::vector<std::string>{"1", "2"}));
+  queue.setAvailableNetworking(true);
+  enqueue(1, 4);
+  EXPECT_EQ(sent(), Names{});
+  enqueue(5, 5);
+  EXPECT_EQ(sent(), range(1, 1)) << "one record per enqueue from the fifth";
+  enqueue(6, 6);
+  EXPECT_EQ(sent(), range(1, 2));
   EXPECT_EQ(queue.recordCount(), 4u);
   queue.flush();
-  EXPECT_EQ(sentNames(), (std::vector<std::string>{"1", "2", "3", "4", "5", "6"}));
   queue.flush();  // nothing left: nothing happens
-  EXPECT_EQ(transport->sent().size(), 6u);
-}
+  EXPECT_EQ(sent(), range(1, 6));
 
-TEST_F(QueueTest, BatchSizeOneSendsEachRecordAndZeroSendsEverything) {
   queue.setBatchSize(1);
-  queue.enqueue(numbered(1));
-  queue.enqueue(numbered(2));
-  EXPECT_EQ(sentNames(), (std::vector<std::string>{"1", "2"}));
-
+  enqueue(7, 8);
+  EXPECT_EQ(sent(), range(1, 8)) << "each record at once";
   queue.setBatchSize(3);
-  queue.enqueue(numbered(3));
-  queue.enqueue(numbered(4));
+  enqueue(9, 10);
   queue.setBatchSize(0);  // lowering sends nothing by itself
   EXPECT_EQ(queue.recordCount(), 2u);
-  queue.enqueue(numbered(5));
-  EXPECT_EQ(sentNames(), (std::vector<std::string>{"1", "2", "3", "4", "5"}));
-  EXPECT_EQ(queue.recordCount(), 0u);
+  enqueue(11, 11);
+  EXPECT_EQ(sent(), range(1, 11)) << "zero sends everything";
 
   // A drain's threshold is taken literally, except the all-ones one, which means zero.
   queue.setBatchSize(10);
-  for (int i = 6; i <= 9; ++i) queue.enqueue(numbered(i));
+  enqueue(12, 15);
   queue.drain(3);  // 4 >= 3: send one, 3 >= 3: send another, 2 < 3: stop
-  EXPECT_EQ(transport->sent().size(), 7u);
+  EXPECT_EQ(sent(), range(1, 13));
   queue.drain(ZLogRecordQueue::kNoThreshold);
   EXPECT_EQ(queue.recordCount(), 0u);
 }
 
-TEST_F(QueueTest, GateStateTravelsWithEachRecordAndRestoredRecordsWait) {
-  transport->setPending({numberedRecord(100), numberedRecord(101)});
-  queue.restorePendingRecords();
-  EXPECT_EQ(queue.recordCount(), 2u);
-  EXPECT_TRUE(transport->sent().empty()) << "restored records wait for the next threshold";
-  queue.setBatchSize(1);
-  queue.setAvailableNetworking(false);
-  queue.enqueue(numbered(1));
-  queue.setAvailableNetworking(true);
-  queue.enqueue(numbered(2));
-  const auto sent = transport->sent();
-  ASSERT_EQ(sent.size(), 4u);
-  EXPECT_EQ(sent[0].record.action.name, "100");
-  EXPECT_FALSE(sent[0].networkAvailable);
-  EXPECT_FALSE(sent[2].networkAvailable);
-  EXPECT_TRUE(sent[3].networkAvailable);
-}
-
-TEST_F(QueueTest, BeyondTheMemoryLimitRecordsWaitOnDiskAndStillLeaveOldestFirst) {
+TEST_F(QueueTest, RestoredAndSpilledRecordsWaitOnDiskAndLeaveOldestFirstWithTheGateState) {
   ZLogRecordQueue small(transport, /*maxRecordsInMemory=*/3);
   transport->setPending({numberedRecord(100), numberedRecord(101)});
   small.restorePendingRecords();
+  EXPECT_EQ(small.recordCount(), 2u);
   small.setBatchSize(1000);
-  small.setAvailableNetworking(true);
-  for (int i = 1; i <= 10; ++i) small.enqueue(numbered(i));
+  small.setAvailableNetworking(false);
+  enqueue(1, 10, small);
+  EXPECT_EQ(sent(), Names{}) << "restored records wait for the next threshold";
   EXPECT_LE(small.recordsInMemory(), 3u);
   EXPECT_GT(transport->spills(), 0);
   EXPECT_EQ(small.recordCount(), 12u) << "records on disk still count toward the threshold";
   small.drain(11);  // 12 >= 11: two leave, the oldest two (restored)
-  EXPECT_EQ(sentNames(), (std::vector<std::string>{"100", "101"}));
-  small.flush();
-  EXPECT_EQ(sentNames(), (std::vector<std::string>{"100", "101", "1", "2", "3", "4", "5", "6", "7",
-                                                   "8", "9", "10"}));
+  EXPECT_EQ(sent(), (Names{"100-", "101-"}));
+  small.setAvailableNetworking(true);
+  small.setBatchSize(1);
+  enqueue(11, 11, small);
+  Names expected = {"100-", "101-"};
+  for (const auto& name : range(1, 11)) expected.push_back(name);
+  EXPECT_EQ(sent(), expected);
   EXPECT_EQ(transport->waitingOnDisk(), 0u);
 }
 
 TEST_F(QueueTest, AfterShutdownTakesTheTableLateRecordsAndTemplatesAreHandedOverOnce) {
-  queue.enqueue(numbered(1));
-  queue.enqueue(numbered(2));
-  const auto taken = queue.takeRecords();
-  ASSERT_EQ(taken.size(), 2u);
+  enqueue(1, 2);
+  ASSERT_EQ(queue.takeRecords().size(), 2u);
   // A host thread still tracking: with batch size 5 this record would wait in a table that
   // nobody drains any more, and be lost. It is not sent either: delivery is shutting down.
-  queue.enqueue(numbered(3));
+  enqueue(3, 3);
   const auto late = transport->keptLate();
   ASSERT_EQ(late.size(), 1u);
   EXPECT_EQ(late[0].action.name, "3");
-  EXPECT_TRUE(sentNames().empty());
+  EXPECT_EQ(sent(), Names{});
   EXPECT_EQ(queue.recordCount(), 0u);
 
   queue.appendTemplate(ZLogTemplate{.free = "a"});
   queue.appendTemplate(ZLogTemplate{.free = "b"});
-  auto templates = queue.takeTemplates();
-  ASSERT_EQ(templates.size(), 2u);
-  EXPECT_EQ(templates[0].free, "a");
-  EXPECT_EQ(templates[1].free, "b");
+  Names templates;
+  for (const auto& t : queue.takeTemplates()) templates.push_back(t.free.value_or("?"));
+  EXPECT_EQ(templates, (Names{"a", "b"}));
   EXPECT_TRUE(queue.takeTemplates().empty()) << "handed over once";
 }
 
