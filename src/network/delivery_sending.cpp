@@ -111,7 +111,7 @@ void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
   }
   if (response && kind != AnswerKind::redirected) redirectReported_ = false;
   if (verdict) {
-    judged(*response, record);
+    judged(*response, record, kind == AnswerKind::delivered);
   } else if (stopped_.load()) {
     // Cancelled by shutdown, or an answer that keeps the record while shutdown waited for
     // answers: kept with the rest in its one write.
@@ -134,10 +134,10 @@ void HttpsDelivery::finished(network::HttpOutcome outcome, Next record) {
   notifyQueue();
 }
 
-void HttpsDelivery::judged(const network::HttpResponse& response, const Next& record) {
+void HttpsDelivery::judged(const network::HttpResponse& response, const Next& record,
+                           bool delivered) {
   // A verdict on the record: either way it leaves the disk and is not kept.
   if (record.ref) store_.answered(*record.ref);
-  const bool delivered = response.body == "ok";
   {
     std::lock_guard lock(mutex_);
     ++(delivered ? counts_.delivered : counts_.refused);

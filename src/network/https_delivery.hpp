@@ -117,8 +117,8 @@ class HttpsDelivery final : public RecordTransport,
   /// Goes on with startWaiting() in a later turn of the worker.
   void continueReadingLater();
   void finished(network::HttpOutcome outcome, Next record);
-  /// The collector judged the record: delivered or refused.
-  void judged(const network::HttpResponse& response, const Next& record);
+  /// The collector judged the record: delivered or refused (as classifyAnswer() said).
+  void judged(const network::HttpResponse& response, const Next& record, bool delivered);
   /// Says why a record is kept: a redirect (once until the collector answers otherwise) or a
   /// transport failure.
   void reportFailure(const network::HttpOutcome& outcome);
