@@ -13,8 +13,10 @@
 #include "pending.hpp"
 #include "script.hpp"
 #include "store/pending_store.hpp"
+#include "support/shared_tracker.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/json.hpp"
+#include "zelvanor/zelvanor.h"
 
 namespace zelvanor::cli {
 namespace {
@@ -82,6 +84,83 @@ TEST(CliScript, TheShippedExampleIsValid) {
   const Script script = parseScript(std::string(std::istreambuf_iterator<char>(in), {}));
   for (const auto& e : script.errors) ADD_FAILURE() << describe(e);
   EXPECT_EQ(script.steps.size(), 15u);
+}
+
+// A common block from a script is built as the C API builds one from the same text: through the
+// common block's constructor, which derives access_time from access_timestamp in the device's
+// zone and falls back to the bundle identifier for svcdomain. A given access_time or
+// request_timestamp is not the host's to give and does not survive.
+class CliAgreesWithTheCApi : public testing::SharedTrackerTest {
+ protected:
+  void SetUp() override {
+    SharedTrackerTest::SetUp();
+    setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.agree",
+                                    .appVersion = "1.0",
+                                    .dataDirectory = dir.path().string()});
+    ZelvanorTracker::setDevelopment();  // starts the shared instance
+    deliverTriple();
+    ZelvanorTracker::set(ZId{.appUserId = "u"});  // getData gives a record once ids are known
+  }
+};
+
+// The common block of the record in getData's text.
+ZCommon commonOf(const std::string& data) {
+  auto record = decodeJson<ZLogRecord>(data);
+  if (!record || !record->common) throw std::runtime_error("no common block in: " + data);
+  ZCommon common = *record->common;
+  common.requestTimeStamp.reset();  // the manager's own stamp, taken at getData
+  return common;
+}
+
+TEST_F(CliAgreesWithTheCApi, OnTheCommonBlocksDerivedMembers) {
+  const std::string action = R"({"type":"event","name":"n","kind":"k"})";
+  const auto throughTheCApi = [&](const std::string& json) {
+    char* text = nullptr;
+    EXPECT_EQ(zelvanor_set("common", json.c_str()), ZELVANOR_OK) << zelvanor_last_error();
+    EXPECT_EQ(zelvanor_set("action", action.c_str()), ZELVANOR_OK) << zelvanor_last_error();
+    EXPECT_EQ(zelvanor_get_data(&text), ZELVANOR_OK);
+    const std::string data = text ? text : "";
+    zelvanor_string_free(text);
+    return commonOf(data);
+  };
+  const auto throughTheScript = [&](const std::string& json) {
+    const Script script = parseScript(R"({"op":"set","block":"common","value":)" + json + "}\n" +
+                                      R"({"op":"set","block":"action","value":)" + action + "}\n" +
+                                      R"({"op":"getData"})");
+    EXPECT_TRUE(script.ok());
+    std::ostringstream out;
+    RunCounts counts;
+    for (const auto& step : script.steps) runStep(step, out, counts);
+    return commonOf(out.str());
+  };
+  const auto derived = [](std::int64_t stamp) {
+    return ZCommon(ZCommon::Fields{.accessTimeStamp = stamp}).accessTime;
+  };
+  struct Case {
+    std::string json;
+    std::optional<std::string> svcDomain;
+    std::optional<std::string> accessTime;
+  };
+  const std::vector<Case> cases = {
+      {R"({"service_name":"s","deployment":"d","access_timestamp":1700000000})",
+       "com.example.agree", derived(1700000000)},
+      {R"({"service_name":"s","deployment":"d","svcdomain":"example.org","access_timestamp":0,)"
+       R"("access_time":"given","request_timestamp":5})",
+       "example.org", derived(0)},
+      {R"({"service_name":"s","deployment":"d","access_time":"given"})", "com.example.agree",
+       std::nullopt},
+      {R"({"service_name":"s","deployment":"d","svcdomain":null,"url":"https://example.org/a"})",
+       "com.example.agree", std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.json);
+    const ZCommon fromScript = throughTheScript(c.json);
+    EXPECT_EQ(throughTheCApi(c.json), fromScript);
+    EXPECT_EQ(std::tuple(fromScript.serviceName, fromScript.svcDomain, fromScript.accessTime),
+              std::tuple("s", c.svcDomain, c.accessTime));
+  }
+  // The last case's other members come through as given.
+  EXPECT_EQ(throughTheScript(cases.back().json).url, "https://example.org/a");
 }
 
 // Each faulty line of the table names its fault; the table is data (tests/data/cli), every line
