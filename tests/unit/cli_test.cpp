@@ -37,13 +37,6 @@ const T& as(const ScriptStep& step) {
   return *value;
 }
 
-template <class T>
-const T& block(const ScriptStep& step) {
-  const T* value = std::get_if<T>(&as<op::Set>(step).value);
-  if (!value) throw std::runtime_error("line " + std::to_string(step.line) + ": other block");
-  return *value;
-}
-
 // ----- script ---------------------------------------------------------------------------------
 
 // Every op runs through the built tool against a server (cli_binary_test); here, what only the
@@ -56,27 +49,19 @@ TEST(CliScript, LinesAndValuesAreReadAsWritten) {
       "\n"
       "{\"op\":\"setTimeout\",\"value\":2.5}\r\n"
       "{\"op\":\"setBatchSize\",\"value\":0}\n"
-      "{\"op\":\"sleep\",\"ms\":100}\n"
-      R"({"op":"set","block":"buckets","value":[{"name":"b1"},{"name":"b2"}]})"
-      "\n"
-      R"({"op":"set","block":"free","value":"anything"})"
-      "\n"
       "{\"op\":\"track\",\"verbose\":true,\"disabled\":false}\n"
       "{\"op\":\"deleteLocalData\"}");
   for (const auto& e : script.errors) ADD_FAILURE() << describe(e);
-  ASSERT_EQ(script.steps.size(), 8u);
+  ASSERT_EQ(script.steps.size(), 5u);
   EXPECT_EQ(as<op::SetRequired>(script.steps[0]).configuration, (ZConfiguration{10, 3, true}));
   EXPECT_EQ(script.steps[0].line, 2u);
   EXPECT_EQ(script.steps[1].line, 4u) << "blank and comment lines still count";
   EXPECT_EQ(as<op::SetTimeout>(script.steps[1]).value, 2.5);
   EXPECT_EQ(as<op::SetBatchSize>(script.steps[2]).value, 0u);
-  EXPECT_EQ(as<op::Sleep>(script.steps[3]).ms, 100u);
-  EXPECT_EQ(block<std::vector<ZBucket>>(script.steps[4]).at(1).name, "b2");
-  EXPECT_EQ(block<std::string>(script.steps[5]), "anything");
-  EXPECT_TRUE(as<op::Track>(script.steps[6]).verbose);
-  EXPECT_FALSE(as<op::Track>(script.steps[6]).disabled);
-  as<op::DeleteLocalData>(script.steps[7]);
-  EXPECT_EQ(script.steps[7].line, 10u) << "a last line without a newline is read too";
+  EXPECT_TRUE(as<op::Track>(script.steps[3]).verbose);
+  EXPECT_FALSE(as<op::Track>(script.steps[3]).disabled);
+  as<op::DeleteLocalData>(script.steps[4]);
+  EXPECT_EQ(script.steps[4].line, 7u) << "a last line without a newline is read too";
 }
 
 TEST(CliScript, TheShippedExampleIsValid) {

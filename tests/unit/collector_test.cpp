@@ -33,10 +33,8 @@ using Headers = std::vector<std::pair<std::string, std::string>>;
 constexpr auto npos = std::string::npos;
 
 std::string readFile(const std::filesystem::path& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 ZLogRecord recordOfType(std::string type, std::string name) {
@@ -466,15 +464,9 @@ TEST_F(EventStoreTest, AStoreFromAnEarlierCollectorGainsTheNewColumns) {
   const auto file = dir_.path() / "old.sqlite";
   sqlite3* db = nullptr;
   ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(db,
-                         "CREATE TABLE events (id INTEGER PRIMARY KEY AUTOINCREMENT, received_at "
-                         "TEXT NOT NULL, action_type TEXT NOT NULL, action_name TEXT NOT NULL, "
-                         "action_kind TEXT NOT NULL, page TEXT NOT NULL, cid TEXT NOT NULL, did "
-                         "TEXT NOT NULL, sid TEXT NOT NULL, json TEXT NOT NULL);"
-                         "INSERT INTO events VALUES (1, '2024-01-01T00:00:00.000Z', 'event', "
-                         "'old', 'tap', '', 'c', 'd', 's', '{}');",
-                         nullptr, nullptr, nullptr),
-            SQLITE_OK);
+  const std::string schema =
+      readFile(std::filesystem::path(ZELVANOR_TEST_DATA_DIR) / "collector" / "events_v1.sql");
+  ASSERT_EQ(sqlite3_exec(db, schema.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
   sqlite3_close(db);
   collector::EventStore old;
   std::string error;
