@@ -11,8 +11,8 @@
 #include <algorithm>
 #include <fstream>
 #include <future>
+#include <iterator>
 #include <map>
-#include <sstream>
 #include <thread>
 
 #include "support/temp_dir.hpp"
