@@ -209,7 +209,7 @@ test("on 100,000 stored events and a live demo session the viewer lists, filters
   const second = await openViewer(t, base, { timezoneId: "Asia/Seoul" });
   const everything = await api(second, "/api/stats?status=all");
   for (const [name, value, columnIndex] of [["type", "video_meeting", 2], ["name", "purchase", 3], ["kind", "tap", 4],
-                                            ["page", "checkout", 5], ["cid", "cid-00007", 6], ["user", "user-00007", 7]]) {
+                                            ["page", "checkout", 5], ["cid", "cid-00000", 6], ["user", "user-00007", 7]]) {
     await second.goto(`${base}/?${name}=${value}`);
     await settled(second);
     assert.equal(await second.inputValue(`[data-testid=${name}-filter]`), value, name);
