@@ -50,10 +50,7 @@ class RecordingTransport final : public detail::RecordTransport {
     std::lock_guard lock(mutex_);
     networkChanges_.push_back(available);
   }
-  std::vector<bool> networkChanges() const {
-    std::lock_guard lock(mutex_);
-    return networkChanges_;
-  }
+  std::vector<bool> networkChanges() const { return locked(networkChanges_); }
   void spill(std::vector<std::string> records) override {
     std::lock_guard lock(mutex_);
     ++spills_;
@@ -77,38 +74,25 @@ class RecordingTransport final : public detail::RecordTransport {
     std::lock_guard lock(mutex_);
     pending_ = std::move(records);
   }
-  std::vector<Sent> sent() const {
-    std::lock_guard lock(mutex_);
-    return sent_;
-  }
+  std::vector<Sent> sent() const { return locked(sent_); }
   std::vector<std::string> sentActionKinds() const {
     std::lock_guard lock(mutex_);
     std::vector<std::string> kinds;
     for (const auto& s : sent_) kinds.push_back(s.record.action.kind);
     return kinds;
   }
-  std::vector<ZLogRecord> unsentAtShutdown() const {
-    std::lock_guard lock(mutex_);
-    return unsentAtShutdown_;
-  }
-  std::vector<ZLogRecord> keptLate() const {
-    std::lock_guard lock(mutex_);
-    return keptLate_;
-  }
-  int restoreCalls() const {
-    std::lock_guard lock(mutex_);
-    return restoreCalls_;
-  }
-  int spills() const {
-    std::lock_guard lock(mutex_);
-    return spills_;
-  }
-  std::size_t waitingOnDisk() const {
-    std::lock_guard lock(mutex_);
-    return onDisk_.size();
-  }
+  std::vector<ZLogRecord> unsentAtShutdown() const { return locked(unsentAtShutdown_); }
+  std::vector<ZLogRecord> keptLate() const { return locked(keptLate_); }
+  int restoreCalls() const { return locked(restoreCalls_); }
+  int spills() const { return locked(spills_); }
+  std::size_t waitingOnDisk() const { return locked(onDisk_).size(); }
 
  private:
+  template <class T>
+  T locked(const T& member) const {
+    std::lock_guard lock(mutex_);
+    return member;
+  }
   static ZLogRecord decode(const std::string& json) {
     auto decoded = decodeJson<ZLogRecord>(json);
     return decoded ? std::move(decoded).value() : ZLogRecord{};
