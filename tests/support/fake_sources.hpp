@@ -2,6 +2,7 @@
 // answers when told, and a network monitor whose state the test sets.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <limits>
@@ -114,21 +115,14 @@ class ManualIdentity final : public detail::IdentitySource {
   void retry() override { ++retries_; }
   int retries() const { return retries_.load(); }
   support::Cancellable fetchXid(std::function<void(const ZXid&)> onTriple) override {
-    {
-      std::lock_guard lock(mutex_);
-      ++fetches_;
-    }
+    ++fetches_;
     return subject_.subscribe(std::move(onTriple));
   }
   void deliver(const ZXid& xid) { subject_.send(xid); }
-  int fetches() const {
-    std::lock_guard lock(mutex_);
-    return fetches_;
-  }
+  int fetches() const { return fetches_.load(); }
 
  private:
-  mutable std::mutex mutex_;
-  int fetches_ = 0;
+  std::atomic<int> fetches_{0};
   std::atomic<int> retries_{0};
   support::PassthroughSubject<ZXid> subject_;
 };
