@@ -76,13 +76,14 @@ class DiagnosticsTest : public ::testing::Test {
     return {200, "ok", {}, trackDelayMs_.load()};
   }
 
-  void start(const std::string& syncBase, std::optional<std::string> caFile) {
+  void start(const std::string& syncBase, std::optional<std::string> caFile,
+             std::uint64_t batchSize = 1) {
     ZelvanorTracker::setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.diag",
                                                      .appVersion = "1.0",
                                                      .dataDirectory = appDir().string()});
     const std::string base = server_.baseUrl();
     ASSERT_TRUE(ZelvanorTracker::setEndpoints(ZEndpoints{base, base, syncBase, caFile}));
-    ZelvanorTracker::setRequired(ZConfiguration{.timeout = 5, .batchSize = 1})
+    ZelvanorTracker::setRequired(ZConfiguration{.timeout = 5, .batchSize = batchSize})
         .setReachabilityFlags(0x2)
         .set(ZId{.accessToken = kSecretToken, .appUserId = kSecretUser});
   }
@@ -144,7 +145,8 @@ TEST_F(DiagnosticsTest, EveryEventDroppedOrKeptSaysWhyWithoutASecretAndTheCounte
     std::ofstream(appDir() / "ZLogs.tmp", std::ios::binary) << frames;
   }
   ZelvanorTracker::setStoreLimits(ZStoreLimits{.maxBytesOnDisk = 4096});
-  start();
+  // Batches of three: the first takes the restored records from disk with one from memory.
+  start(server_.baseUrl(), server_.caFile().string(), /*batchSize=*/3);
   ASSERT_TRUE(ZelvanorTracker::waitUntilReady(10s));
 
   trackNamed("too-early");
@@ -152,16 +154,20 @@ TEST_F(DiagnosticsTest, EveryEventDroppedOrKeptSaysWhyWithoutASecretAndTheCounte
   ZelvanorTracker::set(ZCommon({.serviceName = "diag", .deployment = "production"}));
   ZelvanorTracker::set(ZPage{.id = "p", .name = "page", .title = "Page"}).track(false, false);
   said("no action block", ZLogLevel::error);
+  ASSERT_TRUE(ZelvanorTracker::flushAndWait(10s));  // the restored, install and launch
 
   trackNamed("refuse-me");
+  ZelvanorTracker::flush();
   const std::string refused = said("refused by the collector", ZLogLevel::error);
   EXPECT_NE(refused.find("HTTP 400"), std::string::npos);
   EXPECT_NE(refused.find("fail: record has no action kind more"), std::string::npos)
       << "the first bytes of the answer, on one line";
   trackNamed("echo-me");
+  ZelvanorTracker::flush();
   EXPECT_NE(said("HTTP 422", ZLogLevel::error).find("<hidden>"), std::string::npos);
 
   trackNamed("shown", /*verbose=*/true);
+  ZelvanorTracker::flush();
   const std::string verbose = said("\"shown\"", ZLogLevel::debug);
   EXPECT_NE(verbose.find("\"title\""), std::string::npos) << "the record's JSON";
   EXPECT_NE(verbose.find("<hidden>"), std::string::npos) << "its ids hidden";
@@ -173,8 +179,7 @@ TEST_F(DiagnosticsTest, EveryEventDroppedOrKeptSaysWhyWithoutASecretAndTheCounte
   for (int i = 0; i < 3; ++i) trackNamed("offline-" + std::to_string(i));
   ASSERT_TRUE(ZelvanorTracker::flushAndWait(10s));
   said("kept on disk: the network is offline", ZLogLevel::info);
-  ZelvanorTracker::setBatchSize(3);
-  trackNamed("waiting-1");
+  trackNamed("waiting-1");  // below the batch size: stays in memory
   const ZCounters c = ZelvanorTracker::counters();
   EXPECT_EQ(c.restored, 2u);
   EXPECT_EQ(c.refused, 2u);
