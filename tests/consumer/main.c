@@ -1,17 +1,13 @@
-#define _POSIX_C_SOURCE 200809L /* nanosleep */
-
 /* The C API from the installed headers: one event, then the next event's JSON. Usage:
  * consumer_c DATA_DIR (a directory with the identity cookie jar, as for the C++ consumer). */
 #include <stdio.h>
 #include <string.h>
-#include <time.h>
 
 #include "zelvanor/zelvanor.h"
 
 int main(int argc, char** argv) {
   zelvanor_platform_facts facts;
   char* text = NULL;
-  int attempt;
   if (argc < 2) return 2;
   memset(&facts, 0, sizeof facts);
   facts.bundle_identifier = "com.example.consumer";
@@ -27,15 +23,7 @@ int main(int argc, char** argv) {
     fprintf(stderr, "setup failed: %s\n", zelvanor_last_error());
     return 1;
   }
-  for (attempt = 0; attempt < 100; ++attempt) {
-    struct timespec pause = {0, 50000000L};
-    if (zelvanor_get_data(&text) != ZELVANOR_OK) return 1;
-    if (strcmp(text, "Zelvanor Status unstable not yet.") != 0) break;
-    zelvanor_string_free(text);
-    text = NULL;
-    nanosleep(&pause, NULL);
-  }
-  zelvanor_string_free(text);
+  if (zelvanor_wait_until_ready(5000) != 1) return 1; /* the triple, from the cookie jar */
   if (zelvanor_set("page", "{\"id\":\"consumer-c-page\",\"name\":\"home\",\"title\":\"Home\"}") ||
       zelvanor_set("action", "{\"type\":\"page_view\",\"name\":\"home\",\"kind\":\"view\"}")) {
     fprintf(stderr, "set failed: %s\n", zelvanor_last_error());

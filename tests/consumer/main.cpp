@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cstdio>
 #include <string>
-#include <thread>
 
 #include "zelvanor/tracker.hpp"
 
@@ -22,12 +21,7 @@ int main(int argc, char** argv) {
       .set(ZId{.appUserId = "consumer-user"});
 
   // The identity triple is read from the cookie jar on the SDK's own thread.
-  std::string data;
-  for (int attempt = 0; attempt < 100; ++attempt) {
-    data = ZelvanorTracker::getData();
-    if (data != "Zelvanor Status unstable not yet.") break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
+  if (!ZelvanorTracker::waitUntilReady(std::chrono::seconds(5))) return 4;
   ZelvanorTracker::set(ZPage{.id = "consumer-page", .name = "home", .title = "Home"})
       .set(ZAction(ZAction::ZActionType::pageView, "home", "view"))
       .track(false, false);

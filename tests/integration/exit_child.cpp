@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <thread>
 
 #include "zelvanor/tracker.hpp"
 
@@ -27,11 +26,7 @@ int main(int argc, char** argv) {
   ZelvanorTracker::setReachabilityFlags(0x2)
       .set(ZCommon({.serviceName = "exit", .deployment = "test"}))
       .set(ZId{.appUserId = "u"});
-  // Ready once getData can build a record (bounded wait).
-  for (int i = 0; i < 500 && ZelvanorTracker::getData() == "Zelvanor Status unstable not yet.";
-       ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  if (!ZelvanorTracker::waitUntilReady(std::chrono::seconds(5))) return 4;
   const int events = std::atoi(argv[4]);
   for (int i = 0; i < events; ++i) {
     ZelvanorTracker::set(ZAction("event", "exit-" + std::to_string(i), "tap")).track(false, false);

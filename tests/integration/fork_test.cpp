@@ -54,10 +54,7 @@ TEST(ForkTest, TheChildLeavesTheParentsSdkAlone) {
   ZelvanorTracker::setReachabilityFlags(0x2)
       .set(ZCommon({.serviceName = "fork", .deployment = "test"}))
       .set(ZId{.appUserId = "u"});
-  for (int i = 0; i < 500 && ZelvanorTracker::getData() == "Zelvanor Status unstable not yet.";
-       ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  ASSERT_TRUE(ZelvanorTracker::waitUntilReady(std::chrono::seconds(5)));
   // Three records wait in memory for the batch threshold.
   ZelvanorTracker::setBatchSize(10);
   for (int i = 0; i < 3; ++i) testing::track("parent-" + std::to_string(i));

@@ -119,7 +119,9 @@ class PrivacyTest : public ::testing::Test {
   std::atomic<int> syncs_{0};
 };
 
-TEST_F(PrivacyTest, CollectionOffSendsAndWritesNothingAndHoldsAcrossStartsUntilOn) {
+// Collection off, across starts, then on; then the app's data deleted while events are tracked, and
+// the "forget me" recipe (off, then delete).
+TEST_F(PrivacyTest, CollectionOffAndDeletingLocalDataLeaveNothingToSendAndStartOverFresh) {
   // Switched off before the first operation: not even the first start's sync request goes out.
   ZelvanorTracker::setCollectionEnabled(false);
   start();
@@ -133,7 +135,6 @@ TEST_F(PrivacyTest, CollectionOffSendsAndWritesNothingAndHoldsAcrossStartsUntilO
   EXPECT_EQ(counters.tracked, 4u);
   // Only the switch itself is written (and the store's lock file taken).
   EXPECT_EQ(filesIn(app()), (std::set<std::string>{"settings.json", "ZLogs.lock"}));
-  EXPECT_FALSE(holdsAppData(app()));
 
   // The next launch of the app (a fresh process: the settings file decides) stays off.
   ZelvanorTracker::shutdown();
@@ -145,18 +146,15 @@ TEST_F(PrivacyTest, CollectionOffSendsAndWritesNothingAndHoldsAcrossStartsUntilO
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   EXPECT_TRUE(server_.received().empty());
 
-  // On again: the identity is asked for, the install the common block announced is recorded,
-  // and events flow.
+  // On again: the identity is asked for (the server's first triple, c1), the install the common
+  // block announced is recorded, and events flow.
   ZelvanorTracker::setCollectionEnabled(true);
   track("on");
-  EXPECT_TRUE(eventually([&] { return arrived("\"on\"") && arrived("\"install\""); }));
+  ASSERT_TRUE(eventually([&] {
+    return arrived("\"on\"") && arrived("\"install\"") && fs::exists(app() + "/cookies.txt");
+  }));
   EXPECT_FALSE(arrived("off-") || arrived("still-off"));
-}
 
-TEST_F(PrivacyTest, DeleteLocalDataLeavesNoRecordCookieOrIdentityAndTheNextStartIsAFreshInstall) {
-  start();
-  ASSERT_TRUE(
-      eventually([&] { return arrived("\"install\"") && fs::exists(app() + "/cookies.txt"); }));
   // Records kept on disk (offline), and others tracked while the deletion runs.
   ZelvanorTracker::setReachabilityFlags(0);
   for (int i = 0; i < 3; ++i) track("kept-" + std::to_string(i));
@@ -167,8 +165,8 @@ TEST_F(PrivacyTest, DeleteLocalDataLeavesNoRecordCookieOrIdentityAndTheNextStart
   });
   ZelvanorTracker::deleteLocalData();
   racing.join();
-  // With collection on, the SDK starts over at once (a new triple, a fresh install); nothing of
-  // the old identity or its records is left.
+  // With collection on, the SDK starts over at once (a new triple, a fresh install); nothing of the
+  // old identity or its records is left.
   for (const std::string& payload : testing::pendingPayloads(app())) {
     EXPECT_EQ(payload.find("kept-"), std::string::npos);
     EXPECT_EQ(payload.find("\"c1\""), std::string::npos);
@@ -274,8 +272,8 @@ TEST(PrivacyCrash, KilledWhileDeletingLeavesAllOrNothing) {
   testing::TempDir dir;
   constexpr int kSegments = 1000;  // many files, so that kills land part way through
   std::mt19937 random(std::random_device{}());
-  // The kill moment closes in on where the deletion happens: after a kill that left everything
-  // the next one comes later, after one that left nothing it comes sooner.
+  // The kill moment closes in on where the deletion happens: after a kill that left everything the
+  // next one comes later, after one that left nothing it comes sooner.
   int earliest = 0, latest = 300000;
   for (int round = 0; round < 12; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));

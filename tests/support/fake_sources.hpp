@@ -2,6 +2,7 @@
 // answers when told, and a network monitor whose state the test sets.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <limits>
@@ -50,10 +51,7 @@ class RecordingTransport final : public detail::RecordTransport {
     std::lock_guard lock(mutex_);
     networkChanges_.push_back(available);
   }
-  std::vector<bool> networkChanges() const {
-    std::lock_guard lock(mutex_);
-    return networkChanges_;
-  }
+  std::vector<bool> networkChanges() const { return locked(networkChanges_); }
   void spill(std::vector<std::string> records) override {
     std::lock_guard lock(mutex_);
     ++spills_;
@@ -77,38 +75,25 @@ class RecordingTransport final : public detail::RecordTransport {
     std::lock_guard lock(mutex_);
     pending_ = std::move(records);
   }
-  std::vector<Sent> sent() const {
-    std::lock_guard lock(mutex_);
-    return sent_;
-  }
+  std::vector<Sent> sent() const { return locked(sent_); }
   std::vector<std::string> sentActionKinds() const {
     std::lock_guard lock(mutex_);
     std::vector<std::string> kinds;
     for (const auto& s : sent_) kinds.push_back(s.record.action.kind);
     return kinds;
   }
-  std::vector<ZLogRecord> unsentAtShutdown() const {
-    std::lock_guard lock(mutex_);
-    return unsentAtShutdown_;
-  }
-  std::vector<ZLogRecord> keptLate() const {
-    std::lock_guard lock(mutex_);
-    return keptLate_;
-  }
-  int restoreCalls() const {
-    std::lock_guard lock(mutex_);
-    return restoreCalls_;
-  }
-  int spills() const {
-    std::lock_guard lock(mutex_);
-    return spills_;
-  }
-  std::size_t waitingOnDisk() const {
-    std::lock_guard lock(mutex_);
-    return onDisk_.size();
-  }
+  std::vector<ZLogRecord> unsentAtShutdown() const { return locked(unsentAtShutdown_); }
+  std::vector<ZLogRecord> keptLate() const { return locked(keptLate_); }
+  int restoreCalls() const { return locked(restoreCalls_); }
+  int spills() const { return locked(spills_); }
+  std::size_t waitingOnDisk() const { return locked(onDisk_).size(); }
 
  private:
+  template <class T>
+  T locked(const T& member) const {
+    std::lock_guard lock(mutex_);
+    return member;
+  }
   static ZLogRecord decode(const std::string& json) {
     auto decoded = decodeJson<ZLogRecord>(json);
     return decoded ? std::move(decoded).value() : ZLogRecord{};
@@ -130,21 +115,14 @@ class ManualIdentity final : public detail::IdentitySource {
   void retry() override { ++retries_; }
   int retries() const { return retries_.load(); }
   support::Cancellable fetchXid(std::function<void(const ZXid&)> onTriple) override {
-    {
-      std::lock_guard lock(mutex_);
-      ++fetches_;
-    }
+    ++fetches_;
     return subject_.subscribe(std::move(onTriple));
   }
   void deliver(const ZXid& xid) { subject_.send(xid); }
-  int fetches() const {
-    std::lock_guard lock(mutex_);
-    return fetches_;
-  }
+  int fetches() const { return fetches_.load(); }
 
  private:
-  mutable std::mutex mutex_;
-  int fetches_ = 0;
+  std::atomic<int> fetches_{0};
   std::atomic<int> retries_{0};
   support::PassthroughSubject<ZXid> subject_;
 };

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 
 #include "platform/platform.hpp"
 #include "support/fake_sources.hpp"
@@ -29,14 +30,7 @@ ZCommon shopCommon() {
 class ManagerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.shop",
-                                    .appVersion = "2.0",
-                                    .os = "Linux",
-                                    .osVersion = "6.1",
-                                    .deviceModel = "Board",
-                                    .language = "ko",
-                                    .screen = ZScreenSize{390, 844},
-                                    .dataDirectory = dir.path().string()});
+    setFacts("2.0");
     fakes.settings = std::make_shared<platform::SettingsStore>(dir.path() / "settings.json");
   }
   void TearDown() override {
@@ -44,10 +38,26 @@ class ManagerTest : public ::testing::Test {
     setPlatformFacts({});
   }
 
+  void setFacts(std::optional<std::string> appVersion) {
+    setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.shop",
+                                    .appVersion = std::move(appVersion),
+                                    .os = "Linux",
+                                    .osVersion = "6.1",
+                                    .deviceModel = "Board",
+                                    .language = "ko",
+                                    .screen = ZScreenSize{390, 844},
+                                    .dataDirectory = dir.path().string()});
+  }
   std::shared_ptr<ZInternalLogManager> start(int configureCalls = 1) {
     manager = ZInternalLogManager::create(fakes.sources());
     for (int i = 0; i < configureCalls; ++i) manager->configure(ZConfiguration::defaults());
     return manager;
+  }
+  // A later start of the app: new sources around the same settings store.
+  void restart() {
+    if (manager) manager->stop();
+    fakes = FakeSources{.settings = fakes.settings};
+    start();
   }
   void deliverTriple() {
     fakes.identity->deliver(kTriple);
@@ -64,126 +74,105 @@ class ManagerTest : public ::testing::Test {
   std::shared_ptr<ZInternalLogManager> manager;
 };
 
+// The first start of an install, in a zone whose date is not UTC's: the install event carries
+// today's date there and the moment's timestamp, and the settings store keeps both.
 TEST_F(ManagerTest, FirstLaunchAfterSetRequiredYieldsInstallThenTwoLaunches) {
+  const testing::OtherDateZone far = testing::zoneWithAnotherDateThanUtc();
+  std::optional<testing::ScopedTimeZone> zone;
+  if (testing::kZonesFromTz) zone.emplace(far.rule);
+  const std::int64_t before = testing::nowSeconds();
   start(/*configureCalls=*/2);  // creation's defaults, then the host's setRequired
   deliverTriple();
   manager->setCommon(shopCommon());
+  const std::int64_t after = testing::nowSeconds();
+  manager->stop();  // no SDK thread runs while the zone is put back
+  zone.reset();
 
   const auto records = sentRecords();
-  ASSERT_EQ(records.size(), 3u);
-  EXPECT_EQ(fakes.transport->sentActionKinds(),
+  ASSERT_EQ(fakes.transport->sentActionKinds(),
             (std::vector<std::string>{"install", "launch", "launch"}));
   const ZLogRecord& install = records[0];
-  EXPECT_EQ(install.action, ZAction("app", "앱설치", "install"));
-  ASSERT_TRUE(install.app);
-  EXPECT_EQ(install.app->appInstall, true);
-  EXPECT_EQ(install.app->appLaunch, true);
-  ASSERT_TRUE(install.app->appInstallDate);
-  EXPECT_EQ(install.app->appInstallDate->size(), 10u);  // yyyy-MM-dd
-  ASSERT_TRUE(install.app->appInstallTimestamp);
-  EXPECT_EQ(records[1].action, ZAction("app", "앱실행", "launch"));
-  EXPECT_EQ(records[1].app, (ZApp{.appLaunch = true}));
+  ASSERT_TRUE(install.app && install.app->appInstallDate && install.app->appInstallTimestamp);
+  const std::int64_t at = *install.app->appInstallTimestamp;
+  EXPECT_GE(at, before);
+  EXPECT_LE(at, after);
+  EXPECT_EQ(install.app,
+            (ZApp{.appInstall = true,
+                  .appLaunch = true,
+                  .appInstallDate = testing::dateAt(at, testing::kZonesFromTz ? far.offset : 0),
+                  .appInstallTimestamp = at}));
   EXPECT_EQ(install.xid, kTriple);
   ASSERT_TRUE(install.common);
   EXPECT_TRUE(install.common->requestTimeStamp);
   EXPECT_EQ(install.ucid, (ZUcid{.id = "cid-1"}));
   EXPECT_EQ(fakes.settings->string("latestAppVersion"), "2.0");
   EXPECT_EQ(fakes.settings->string("appInstalledDate"), install.app->appInstallDate);
-  EXPECT_EQ(fakes.settings->integer("appInstalledTimestamp"), install.app->appInstallTimestamp);
+  EXPECT_EQ(fakes.settings->integer("appInstalledTimestamp"), at);
 }
 
-TEST_F(ManagerTest, InstallDateIsTodayInTheDevicesZoneWithTheMomentsTimestamp) {
-  ZELVANOR_SKIP_UNLESS_ZONES_FROM_TZ();
-  const testing::OtherDateZone far = testing::zoneWithAnotherDateThanUtc();
-  testing::ScopedTimeZone zone(far.rule);
-  const std::int64_t before = testing::nowSeconds();
-  start();
-  deliverTriple();
-  manager->setCommon(shopCommon());
-  const std::int64_t after = testing::nowSeconds();
-  manager->stop();  // no SDK thread runs while the zone is put back
-
-  const auto records = sentRecords();
-  ASSERT_FALSE(records.empty());
-  ASSERT_TRUE(records[0].app);
-  const ZApp& app = *records[0].app;
-  ASSERT_TRUE(app.appInstallDate);
-  ASSERT_TRUE(app.appInstallTimestamp);
-  // Either side of a midnight that passed while the test ran.
-  const std::string today = testing::dateAt(before, far.offset);
-  const std::string todayAfter = testing::dateAt(after, far.offset);
-  EXPECT_TRUE(*app.appInstallDate == today || *app.appInstallDate == todayAfter)
-      << *app.appInstallDate << " is not " << today;
-  EXPECT_GE(*app.appInstallTimestamp, before);
-  EXPECT_LE(*app.appInstallTimestamp, after);
-  EXPECT_EQ(testing::dateAt(*app.appInstallTimestamp, far.offset), *app.appInstallDate);
-}
-
-TEST_F(ManagerTest, AStoredInstallDateAndTimestampAreReused) {
-  // What an earlier install of this app left behind, without a version (its store was reset).
-  fakes.settings->setString("appInstalledDate", "2020-01-02");
-  fakes.settings->setInteger("appInstalledTimestamp", 1577923200);
-  start();
-  deliverTriple();
-  manager->setCommon(shopCommon());
-  const auto records = sentRecords();
-  ASSERT_FALSE(records.empty());
-  EXPECT_EQ(records[0].action.kind, "install");
-  EXPECT_EQ(records[0].app, (ZApp{.appInstall = true,
-                                  .appLaunch = true,
-                                  .appInstallDate = "2020-01-02",
-                                  .appInstallTimestamp = 1577923200}));
-  EXPECT_EQ(fakes.settings->string("appInstalledDate"), "2020-01-02");
-  EXPECT_EQ(fakes.settings->integer("appInstalledTimestamp"), 1577923200);
-}
-
-TEST_F(ManagerTest, WithoutAnAppVersionTheVersionIsUnknownVersion) {
-  setPlatformFacts(
-      ZPlatformFacts{.bundleIdentifier = "com.example.shop", .dataDirectory = dir.path().string()});
-  start();
-  EXPECT_EQ(manager->agent()->appVersion, "Unknown Version");
-  deliverTriple();
-  manager->setCommon(shopCommon());
-  EXPECT_EQ(fakes.transport->sentActionKinds(), (std::vector<std::string>{"install", "launch"}));
-  EXPECT_EQ(sentRecords().at(0).agent->appVersion, "Unknown Version");
-  EXPECT_EQ(fakes.settings->string("latestAppVersion"), "Unknown Version");
-
-  // The next start with no version either is a plain launch.
-  manager->stop();
-  fakes = FakeSources{.settings = fakes.settings};
-  start();
-  deliverTriple();
-  manager->setCommon(shopCommon());
-  EXPECT_EQ(fakes.transport->sentActionKinds(), (std::vector<std::string>{"launch"}));
-}
-
-TEST_F(ManagerTest, LaterLaunchAndUpdateFollowTheStoredVersion) {
-  fakes.settings->setString("latestAppVersion", "2.0");
-  start();
-  deliverTriple();
-  manager->setCommon(shopCommon());
-  EXPECT_EQ(fakes.transport->sentActionKinds(), (std::vector<std::string>{"launch"}));
-
-  manager->stop();
-  fakes = FakeSources{.settings = fakes.settings};
-  fakes.settings->setString("latestAppVersion", "1.9");
-  start();
-  deliverTriple();
-  manager->setCommon(shopCommon());
-  const auto records = sentRecords();
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0].action, ZAction("app", "앱업데이트", "update"));
-  EXPECT_EQ(records[0].app, (ZApp{.appUpdate = true}));
-  EXPECT_EQ(records[1].action.kind, "launch");
-  EXPECT_EQ(fakes.settings->string("latestAppVersion"), "2.0");
-}
-
-TEST_F(ManagerTest, WithoutASettingsStoreEveryStartLooksLikeAnInstall) {
-  fakes.settings.reset();
-  start();
-  deliverTriple();
-  manager->setCommon(shopCommon());
-  EXPECT_EQ(fakes.transport->sentActionKinds(), (std::vector<std::string>{"install", "launch"}));
+// What a start records follows what earlier starts left in the settings store, and the app
+// version the host gives ("Unknown Version" when it gives none).
+TEST_F(ManagerTest, LaunchUpdateAndInstallFollowTheStoredVersion) {
+  struct Case {
+    const char* name;
+    bool withStore;
+    std::optional<std::string> storedVersion, appVersion;
+    bool storedInstallDate;  // what an install left behind, without a version (a store reset)
+    std::vector<std::string> kinds;
+    std::optional<ZApp> firstApp;  // unset: a fresh install, whose date is today's
+  };
+  const Case cases[] = {
+      {"later launch", true, "2.0", "2.0", false, {"launch"}, ZApp{.appLaunch = true}},
+      {"update", true, "1.9", "2.0", false, {"update", "launch"}, ZApp{.appUpdate = true}},
+      {"no version", true, {}, {}, false, {"install", "launch"}, {}},
+      {"no version again", true, "Unknown Version", {}, false, {"launch"}, ZApp{.appLaunch = true}},
+      {"no settings store", false, {}, "2.0", false, {"install", "launch"}, {}},
+      {"stored install date",
+       true,
+       {},
+       "2.0",
+       true,
+       {"install", "launch"},
+       ZApp{.appInstall = true,
+            .appLaunch = true,
+            .appInstallDate = "2020-01-02",
+            .appInstallTimestamp = 1577923200}},
+  };
+  const std::map<std::string, ZAction> actions = {
+      {"install", ZAction("app", "앱설치", "install")},
+      {"update", ZAction("app", "앱업데이트", "update")},
+      {"launch", ZAction("app", "앱실행", "launch")}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    setFacts(c.appVersion);
+    fakes.settings = c.withStore ? std::make_shared<platform::SettingsStore>(
+                                       dir.path() / (std::string(c.name) + ".json"))
+                                 : nullptr;
+    if (c.storedVersion) fakes.settings->setString("latestAppVersion", *c.storedVersion);
+    if (c.storedInstallDate) {
+      fakes.settings->setString("appInstalledDate", "2020-01-02");
+      fakes.settings->setInteger("appInstalledTimestamp", 1577923200);
+    }
+    restart();
+    deliverTriple();
+    manager->setCommon(shopCommon());
+    const std::string version = c.appVersion.value_or("Unknown Version");
+    EXPECT_EQ(manager->agent()->appVersion, version);
+    ASSERT_EQ(fakes.transport->sentActionKinds(), c.kinds);
+    const auto records = sentRecords();
+    if (c.firstApp) {
+      EXPECT_EQ(records[0].app, c.firstApp);
+    }
+    for (const auto& record : records) {
+      EXPECT_EQ(record.action, actions.at(record.action.kind));
+      EXPECT_EQ(record.agent->appVersion, version);
+    }
+    if (c.withStore) {
+      EXPECT_EQ(fakes.settings->string("latestAppVersion"), version);
+      EXPECT_EQ(fakes.settings->string("appInstalledDate").value_or("") == "2020-01-02",
+                c.storedInstallDate);
+    }
+  }
 }
 
 TEST_F(ManagerTest, EventsBeforeTheTripleBecomeRecordsWithContextCurrentWhenItArrives) {
@@ -203,7 +192,11 @@ TEST_F(ManagerTest, EventsBeforeTheTripleBecomeRecordsWithContextCurrentWhenItAr
   // Context that arrives later is what the records carry.
   fakes.settings->setString("latestAppVersion", "2.0");
   manager->setCommon(shopCommon());  // runs launch detection, itself kept as a template
-  manager->setId(ZId{.accountId = "acct-9"});
+  // Id blocks merge member by member.
+  manager->setId(ZId{.accountId = "acct-9", .appUserId = "", .webIdEnabled = false});
+  manager->setId(ZId{.customId = "c9"});
+  EXPECT_EQ(manager->id(),
+            (ZId{.accountId = "acct-9", .appUserId = "", .webIdEnabled = false, .customId = "c9"}));
   deliverTriple();
 
   const auto records = sentRecords();
@@ -258,8 +251,23 @@ TEST_F(ManagerTest, AgentTimezoneIsTheDevicesWholeHoursWhenConfigured) {
   EXPECT_EQ(manager->agent()->timezone, "+5");
 }
 
-TEST_F(ManagerTest, NetworkStateFeedsTheAgentAndTheGate) {
-  start();
+// An app that starts offline: the transport must know, or it would not resend what it keeps
+// once the network comes. Without a triple the sync is asked again when the network returns (the
+// back-off's first step is 30 s); with one, never. The agent and the gate follow the state.
+TEST_F(ManagerTest, NetworkStateReachesTheTransportTheSyncTheAgentAndTheGate) {
+  fakes.network->states().send(NetworkState::offline);
+  start();  // the fake does not answer yet: no triple
+  manager->waitForIdentityWork();
+  EXPECT_EQ(fakes.transport->networkChanges(), (std::vector<bool>{false}));
+  EXPECT_EQ(fakes.identity->retries(), 0) << "nothing to gain while offline";
+  fakes.network->states().send(NetworkState::wifi);
+  manager->waitForIdentityWork();
+  EXPECT_EQ(fakes.identity->retries(), 1);
+  fakes.network->states().send(NetworkState::mobile);  // still online: no change to tell
+  manager->waitForIdentityWork();
+  EXPECT_EQ(fakes.identity->retries(), 1) << "online to online is no return";
+  EXPECT_EQ(fakes.transport->networkChanges(), (std::vector<bool>{false, true}));
+
   deliverTriple();
   fakes.settings->setString("latestAppVersion", "2.0");
   manager->setCommon(shopCommon());
@@ -268,6 +276,8 @@ TEST_F(ManagerTest, NetworkStateFeedsTheAgentAndTheGate) {
   manager->setAction(ZAction("event", "x", "offline-tap"));
   manager->track(false, false);
   fakes.network->states().send(NetworkState::mobile);
+  manager->waitForIdentityWork();
+  EXPECT_EQ(fakes.identity->retries(), 1) << "a known triple is not asked for again";
   manager->setAction(ZAction("event", "y", "mobile-tap"));
   manager->track(false, false);
 
@@ -278,50 +288,6 @@ TEST_F(ManagerTest, NetworkStateFeedsTheAgentAndTheGate) {
   EXPECT_EQ(sent[1].record.agent->networkState, "offline");
   EXPECT_TRUE(sent[2].networkAvailable);
   EXPECT_EQ(sent[2].record.agent->networkState, "mobile");
-}
-
-TEST_F(ManagerTest, TheFirstNetworkStateReachesTheTransportEvenWhenItIsOffline) {
-  // An app that starts offline: the transport must know, or it would not resend what it keeps
-  // once the network comes.
-  fakes.network->states().send(NetworkState::offline);
-  start();
-  EXPECT_EQ(fakes.transport->networkChanges(), (std::vector<bool>{false}));
-  fakes.network->states().send(NetworkState::wifi);
-  fakes.network->states().send(NetworkState::mobile);  // still online: no change to tell
-  EXPECT_EQ(fakes.transport->networkChanges(), (std::vector<bool>{false, true}));
-}
-
-TEST_F(ManagerTest, WithNoTripleTheSyncIsAskedAgainAtOnceWhenTheNetworkReturns) {
-  start();  // the fake never answers: no triple, and the back-off's first step is 30 s
-  manager->waitForIdentityWork();
-  EXPECT_EQ(fakes.identity->retries(), 0);
-  fakes.network->states().send(NetworkState::offline);
-  manager->waitForIdentityWork();
-  EXPECT_EQ(fakes.identity->retries(), 0) << "nothing to gain while offline";
-  fakes.network->states().send(NetworkState::wifi);
-  manager->waitForIdentityWork();
-  EXPECT_EQ(fakes.identity->retries(), 1);
-  fakes.network->states().send(NetworkState::mobile);
-  manager->waitForIdentityWork();
-  EXPECT_EQ(fakes.identity->retries(), 1) << "online to online is no return";
-
-  deliverTriple();
-  fakes.network->states().send(NetworkState::offline);
-  fakes.network->states().send(NetworkState::wifi);
-  manager->waitForIdentityWork();
-  EXPECT_EQ(fakes.identity->retries(), 1) << "a known triple is not asked for again";
-}
-
-// Which id becomes the ucid is the next test's.
-TEST_F(ManagerTest, IdBlocksMergeMemberByMember) {
-  start();
-  deliverTriple();
-  manager->setId(ZId{.accountId = "u1", .appUserId = "", .webIdEnabled = false});
-  manager->setId(ZId{.customId = "c9"});
-  const auto id = manager->id();
-  EXPECT_EQ(id->accountId, "u1");
-  EXPECT_EQ(id->customId, "c9");
-  EXPECT_EQ(id->webIdEnabled, false);
 }
 
 // A plain track encodes straight from the blocks where they live; a verbose one builds the whole
@@ -365,10 +331,8 @@ const std::pair<const char*, std::optional<std::string> ZId::*> kUcidOrder[] = {
 TEST_F(ManagerTest, UcidTakesTheFirstNonEmptyIdInItsOrder) {
   // A fresh start per case: the id merge never forgets a member.
   auto ucidFor = [&](const ZId& id) -> std::optional<std::string> {
-    if (manager) manager->stop();
-    fakes = FakeSources{.settings = fakes.settings};
     fakes.settings->setString("latestAppVersion", "2.0");
-    start();
+    restart();
     deliverTriple();
     manager->setId(id);
     manager->setCommon(shopCommon());
@@ -399,20 +363,6 @@ TEST_F(ManagerTest, UcidTakesTheFirstNonEmptyIdInItsOrder) {
   EXPECT_EQ(ucidFor(ZId{.appId = "a", .uuid = "u", .webId = "w", .adid = "d"}), kTriple.cid);
 }
 
-TEST_F(ManagerTest, LifecycleEventsRecordBackgroundAndLaunch) {
-  fakes.settings->setString("latestAppVersion", "2.0");
-  start();
-  deliverTriple();
-  manager->setCommon(shopCommon());
-  platform::lifecycleEvents().send(platform::LifecycleEvent::willResignActive);
-  platform::lifecycleEvents().send(platform::LifecycleEvent::willTerminate);
-  platform::lifecycleEvents().send(platform::LifecycleEvent::willEnterForeground);
-  EXPECT_EQ(fakes.transport->sentActionKinds(),
-            (std::vector<std::string>{"launch", "background", "background", "launch"}));
-  EXPECT_EQ(sentRecords()[1].app, (ZApp{.appExit = true}));
-  EXPECT_EQ(sentRecords()[1].action.name, "백그라운드");
-}
-
 TEST_F(ManagerTest, EachConfigureRecordsALaunchAndALifecycleEventOneRecordAfterRestoredOnes) {
   fakes.transport->setPending({ZLogRecord{.xid = kTriple, .action = {"a", "b", "restored"}}});
   start();
@@ -426,11 +376,17 @@ TEST_F(ManagerTest, EachConfigureRecordsALaunchAndALifecycleEventOneRecordAfterR
   fakes.settings->setString("latestAppVersion", "2.0");
   manager->setCommon(shopCommon());
   platform::lifecycleEvents().send(platform::LifecycleEvent::willEnterForeground);
+  platform::lifecycleEvents().send(platform::LifecycleEvent::willResignActive);
+  platform::lifecycleEvents().send(platform::LifecycleEvent::willTerminate);
   manager->queue().flush();
   EXPECT_EQ(fakes.transport->sentActionKinds(),
-            (std::vector<std::string>{"restored", "launch", "launch", "launch"}))
+            (std::vector<std::string>{"restored", "launch", "launch", "launch", "background",
+                                      "background"}))
       << "the restored record first, a launch for each of the two configures, and one (not "
-         "one per configure) for coming back to the foreground";
+         "one per configure) for each lifecycle event";
+  const ZLogRecord background = sentRecords().back();
+  EXPECT_EQ(background.app, (ZApp{.appExit = true}));
+  EXPECT_EQ(background.action, ZAction("app", "백그라운드", "background"));
 }
 
 }  // namespace
