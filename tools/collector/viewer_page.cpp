@@ -264,7 +264,16 @@ function addOlder(events) {
   updateTableState();
 }
 
+let reloading = 0;
 async function reload() {
+  ++reloading;
+  try {
+    await loadFirstPage();
+  } finally {
+    --reloading;
+  }
+}
+async function loadFirstPage() {
   const mine = ++generation;
   updateExportLinks();
   saveToAddress();
@@ -293,7 +302,9 @@ async function showOlder() {
 
 let polling = false;
 async function poll() {
-  if (polling || paused) return;
+  // A poll asks for what is newer than the page shown: none starts while a reload's page is on
+  // its way (it would ask from the old page's newest, or from 0, and add that to the new page).
+  if (polling || paused || reloading > 0) return;
   polling = true;
   const mine = generation;
   try {
