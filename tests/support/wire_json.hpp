@@ -15,14 +15,33 @@
 
 namespace zelvanor::testing_support {
 
-/// The text of tests/data/wire/<name>.
-inline std::string wireFixture(std::string_view name) {
-  const std::string path = std::string(ZELVANOR_TEST_DATA_DIR) + "/wire/" + std::string(name);
+/// The text of tests/data/<path>.
+inline std::string dataFile(std::string_view relative) {
+  const std::string path = std::string(ZELVANOR_TEST_DATA_DIR) + "/" + std::string(relative);
   std::ifstream in(path, std::ios::binary);
   if (!in) ADD_FAILURE() << "missing fixture " << path;
   std::ostringstream text;
   text << in.rdbuf();
   return text.str();
+}
+
+/// The text of tests/data/wire/<name>.
+inline std::string wireFixture(std::string_view name) {
+  return dataFile("wire/" + std::string(name));
+}
+
+/// The rows of a table in tests/data/<path>: tab-separated fields, one row a line; blank lines and
+/// lines starting with '#' are left out.
+inline std::vector<std::vector<std::string>> dataRows(std::string_view relative) {
+  std::vector<std::vector<std::string>> rows;
+  std::istringstream lines(dataFile(relative));
+  for (std::string line; std::getline(lines, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    auto& row = rows.emplace_back();
+    std::istringstream fields(line);
+    for (std::string field; std::getline(fields, field, '\t');) row.push_back(field);
+  }
+  return rows;
 }
 
 /// Structural equality, member order included (the encoder writes members in a fixed order and

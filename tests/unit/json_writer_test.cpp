@@ -146,14 +146,20 @@ TEST(StringScan, FirstMarkIsTheFirstByteThatNeedsAnEscape) {
 
 // ----- strings end to end -------------------------------------------------------------------
 
-// One or two special bytes at every pair of places in texts up to two words and a bit long:
-// escapes within a word, across word boundaries and in the tail (which the scan loads padded),
-// and bytes that are invalid UTF-8 on their own.
-TEST(JsonWriterString, EscapesEveryPlacementOfOneOrTwoSpecialBytes) {
+void expectMatchesTheReferences(const std::string& text) {
+  const auto result = writeString(text);
+  ASSERT_EQ(result.ok, referenceValidUtf8(text)) << testing::PrintToString(text);
+  if (!result.ok) return;
+  ASSERT_EQ(result.text, referenceString(text)) << testing::PrintToString(text);
+}
+
+TEST(JsonWriterString, EveryPlacementRandomTextAndLongTextMatchTheReferences) {
+  // One or two special bytes at every pair of places in texts up to two words and a bit long:
+  // escapes within a word, across word boundaries and in the tail (which the scan loads padded),
+  // and bytes that are invalid UTF-8 on their own.
   const char specials[] = {'"', '\\', '\0', '\x01', '\n', '\x1f', ' ', '/', '\x7f', '\x80', '\xc3'};
   for (std::size_t length = 0; length <= 17; ++length) {
     const std::string plain(length, 'x');
-    ASSERT_EQ(writeString(plain).text, referenceString(plain));
     for (std::size_t first = 0; first < length; ++first) {
       for (std::size_t second = first; second < length; ++second) {
         for (const char a : specials) {
@@ -161,21 +167,13 @@ TEST(JsonWriterString, EscapesEveryPlacementOfOneOrTwoSpecialBytes) {
             std::string text = plain;
             text[first] = a;
             text[second] = b;
-            const auto result = writeString(text);
-            ASSERT_EQ(result.ok, referenceValidUtf8(text)) << testing::PrintToString(text);
-            if (result.ok) {
-              ASSERT_EQ(result.text, referenceString(text)) << testing::PrintToString(text);
-            }
+            ASSERT_NO_FATAL_FAILURE(expectMatchesTheReferences(text));
           }
         }
       }
     }
   }
-}
-
-TEST(JsonWriterString, RandomTextMatchesTheReferences) {
   // Plain and special ASCII, whole UTF-8 sequences, and pieces of them (invalid on their own).
-  // (NUL is among the placements above.)
   const char* const pieces[] = {"a",
                                 "Z",
                                 " ",
@@ -198,22 +196,13 @@ TEST(JsonWriterString, RandomTextMatchesTheReferences) {
     std::string text;
     const auto count = random() % 24;
     for (unsigned i = 0; i < count; ++i) text += pieces[random() % std::size(pieces)];
-    const auto result = writeString(text);
-    ASSERT_EQ(result.ok, referenceValidUtf8(text)) << testing::PrintToString(text);
-    if (result.ok) {
-      ASSERT_EQ(result.text, referenceString(text)) << testing::PrintToString(text);
-    }
+    ASSERT_NO_FATAL_FAILURE(expectMatchesTheReferences(text));
   }
-}
-
-TEST(JsonWriterString, LongTextGrowsTheOutputAsItGoes) {
   // Every ASCII byte over and over: the escapes make the output far longer than the room the
   // writer first takes for the text.
   std::string text;
   for (int i = 0; i < 100000; ++i) text += static_cast<char>(i % 0x80);
-  const auto result = writeString(text);
-  EXPECT_TRUE(result.ok);
-  EXPECT_EQ(result.text, referenceString(text));
+  expectMatchesTheReferences(text);
 }
 
 // ----- the output buffer and structure ------------------------------------------------------
