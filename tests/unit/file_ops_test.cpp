@@ -13,19 +13,17 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
+
+#include "support/pending_files.hpp"
+#include "support/temp_dir.hpp"
 
 namespace zelvanor::platform {
 namespace {
 
 namespace fs = std::filesystem;
-
-std::string slurp(const fs::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
+using testing::slurp;
 
 unsigned modeOf(const fs::path& file) {
   struct stat info {};
@@ -33,21 +31,15 @@ unsigned modeOf(const fs::path& file) {
   return info.st_mode & 07777;
 }
 
-class FileOpsTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "zelvanor-fileops-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override {
-    std::error_code error;
-    fs::remove_all(dir_, error);
-  }
-  fs::path dir_;
+struct FileOpsTest : ::testing::Test {
+  testing::TempDir temp;
+  const fs::path dir_ = temp.path();
 };
 
-TEST_F(FileOpsTest, AppendCreatesPrivatelyAndReadGivesEverythingBack) {
+// Appends and whole writes are private and read back whole; nothing but a regular file is
+// written, read or removed through: a link's target stays as it was (or missing), and a FIFO
+// (which would block an ordinary open until someone reads it) is not waited on.
+TEST_F(FileOpsTest, WritesAreWholeAndPrivateAndGoOnlyThroughRegularFiles) {
   const fs::path file = dir_ / "f";
   EXPECT_FALSE(readWhole(file).has_value());
   std::string big(200000, 'x');  // larger than any single buffer on the way
@@ -56,12 +48,13 @@ TEST_F(FileOpsTest, AppendCreatesPrivatelyAndReadGivesEverythingBack) {
   ASSERT_TRUE(appendPrivate(file, big));
   EXPECT_EQ(modeOf(file), 0600u);
   EXPECT_EQ(readWhole(file), "head" + big);
-}
+  const fs::path settings = dir_ / "settings.json";
+  ASSERT_TRUE(writeWholePrivateAtomically(settings, "first, longer content"));
+  ASSERT_TRUE(writeWholePrivateAtomically(settings, "second"));
+  EXPECT_EQ(slurp(settings), "second");
+  EXPECT_EQ(modeOf(settings), 0600u);
+  EXPECT_FALSE(writeWholePrivateAtomically(dir_ / "missing-dir" / "f", "x"));
 
-// Nothing but a regular file is written, read or removed through: a link's target stays as it
-// was (or missing), and a FIFO (which would block an ordinary open until someone reads it) is not
-// waited on.
-TEST_F(FileOpsTest, OnlyRegularFilesAreWrittenReadOrRemoved) {
   const fs::path target = dir_ / "target";
   std::ofstream(target) << "secret";
   const fs::path link = dir_ / "link";
@@ -79,12 +72,23 @@ TEST_F(FileOpsTest, OnlyRegularFilesAreWrittenReadOrRemoved) {
   EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
   EXPECT_EQ(slurp(target), "secret");
   EXPECT_FALSE(fs::exists(dir_ / "missing")) << "a link's missing target is not created";
+  // A whole write replaces a link, never writing through it.
+  const fs::path jar = dir_ / "jar";
+  fs::create_symlink(target, jar);
+  ASSERT_TRUE(writeWholePrivateAtomically(jar, "cookies"));
+  EXPECT_FALSE(fs::is_symlink(fs::symlink_status(jar)));
+  EXPECT_EQ(slurp(jar), "cookies");
+  EXPECT_EQ(slurp(target), "secret");
 
   EXPECT_TRUE(removeFile(link));
   EXPECT_FALSE(fs::exists(fs::symlink_status(link)));
   EXPECT_EQ(slurp(target), "secret");
   EXPECT_TRUE(removeFile(link));  // nothing there: nothing left, so that is success
   EXPECT_FALSE(removeFile(dir_));
+  // No temporary files are left behind.
+  std::size_t entries = 0;
+  for ([[maybe_unused]] const auto& entry : fs::directory_iterator(dir_)) ++entries;
+  EXPECT_EQ(entries, 6u);
 }
 
 // A full disk, played by a file size limit: the append that does not fit is taken back whole,
@@ -160,29 +164,6 @@ TEST_F(FileOpsTest, AnAppendWaitingWhileTheFileIsMovedAsideGoesToTheNewFile) {
     EXPECT_EQ(slurp(file), "new|");
   }
   EXPECT_EQ(landed, 1) << "no round got the interleaving";
-}
-
-TEST_F(FileOpsTest, AtomicWriteReplacesWholeAndPrivately) {
-  const fs::path file = dir_ / "settings.json";
-  ASSERT_TRUE(writeWholePrivateAtomically(file, "first, longer content"));
-  ASSERT_TRUE(writeWholePrivateAtomically(file, "second"));
-  EXPECT_EQ(slurp(file), "second");
-  EXPECT_EQ(modeOf(file), 0600u);
-
-  const fs::path target = dir_ / "target";
-  std::ofstream(target) << "untouched";
-  const fs::path link = dir_ / "jar";
-  fs::create_symlink(target, link);
-  ASSERT_TRUE(writeWholePrivateAtomically(link, "cookies"));
-  EXPECT_FALSE(fs::is_symlink(fs::symlink_status(link)));
-  EXPECT_EQ(slurp(link), "cookies");
-  EXPECT_EQ(slurp(target), "untouched");
-
-  EXPECT_FALSE(writeWholePrivateAtomically(dir_ / "missing-dir" / "f", "x"));
-  // No temporary files are left behind.
-  std::size_t entries = 0;
-  for ([[maybe_unused]] const auto& entry : fs::directory_iterator(dir_)) ++entries;
-  EXPECT_EQ(entries, 3u);
 }
 
 }  // namespace

@@ -4,16 +4,13 @@
 #include "store/pending_frames.hpp"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <chrono>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <limits>
 #include <string>
 #include <vector>
 
+#include "support/pending_files.hpp"
 #include "support/temp_dir.hpp"
 
 namespace zelvanor::detail {
@@ -21,6 +18,9 @@ namespace {
 
 namespace fs = std::filesystem;
 using Kind = FramePiece::Kind;
+using testing::framed;
+using testing::rawLength;
+using testing::writeFile;
 
 struct Piece {
   Kind kind;
@@ -53,24 +53,12 @@ std::string record(const std::string& name, std::size_t padding = 0) {
   return R"({"action":{"name":")" + name + std::string(padding, 'x') + R"("}})";
 }
 
-std::string lengthField(std::int64_t length) {
-  std::string bytes(kFrameLengthSize, '\0');
-  std::memcpy(bytes.data(), &length, kFrameLengthSize);
-  return bytes;
-}
-
-std::string frames(const std::vector<std::string>& payloads) {
-  std::string out;
-  for (const auto& p : payloads) appendFrame(out, p);
-  return out;
-}
-
 TEST(ScanFrames, WholeFramesAndTornEnds) {
   const std::string a = record("a"), b = record("bb");
-  const std::string whole = frames({a, b});
+  const std::string whole = framed({a, b});
   // The layout files of earlier runs and other tools share: length in native order, then bytes.
-  EXPECT_EQ(whole, lengthField(static_cast<std::int64_t>(a.size())) + a +
-                       lengthField(static_cast<std::int64_t>(b.size())) + b);
+  EXPECT_EQ(whole, rawLength(static_cast<std::int64_t>(a.size())) + a +
+                       rawLength(static_cast<std::int64_t>(b.size())) + b);
   EXPECT_EQ(scanAll(whole), (std::vector<Piece>{{Kind::frame, 0, 8 + a.size(), a},
                                                 {Kind::frame, 8 + a.size(), 8 + b.size(), b}}));
   EXPECT_TRUE(scanAll("").empty());
@@ -97,17 +85,17 @@ TEST(ScanFrames, ADamagedLengthInTheMiddleIsSkippedAndTheNextFrameFound) {
     std::string bad;
   };
   const std::vector<Case> cases = {
-      {"negative", lengthField(-5) + "junk"},
-      {"zero", lengthField(0)},
-      {"huge", lengthField(std::int64_t{1} << 40) + "{x}"},
-      {"beyond the end", lengthField(100000) + "{\"y\":1}"},
-      {"just over the limit", lengthField(static_cast<std::int64_t>(kMaxFramePayload) + 1)},
-      {"the largest", lengthField(std::numeric_limits<std::int64_t>::max()) + "{}"},
-      {"the smallest", lengthField(std::numeric_limits<std::int64_t>::min()) + "{}"},
+      {"negative", rawLength(-5) + "junk"},
+      {"zero", rawLength(0)},
+      {"huge", rawLength(std::int64_t{1} << 40) + "{x}"},
+      {"beyond the end", rawLength(100000) + "{\"y\":1}"},
+      {"just over the limit", rawLength(static_cast<std::int64_t>(kMaxFramePayload) + 1)},
+      {"the largest", rawLength(std::numeric_limits<std::int64_t>::max()) + "{}"},
+      {"the smallest", rawLength(std::numeric_limits<std::int64_t>::min()) + "{}"},
   };
   for (const auto& c0 : cases) {
     SCOPED_TRACE(c0.name);
-    const std::string content = frames({a}) + c0.bad + frames({b, c});
+    const std::string content = framed({a}) + c0.bad + framed({b, c});
     const auto pieces = scanAll(content);
     ASSERT_EQ(pieces.size(), 4u);
     EXPECT_EQ(pieces[0].payload, a);
@@ -116,11 +104,6 @@ TEST(ScanFrames, ADamagedLengthInTheMiddleIsSkippedAndTheNextFrameFound) {
     EXPECT_EQ(pieces[2].offset, 8 + a.size() + c0.bad.size());
     EXPECT_EQ(pieces[3].payload, c);
   }
-}
-
-void writeFile(const fs::path& file, const std::string& content) {
-  std::ofstream out(file, std::ios::binary | std::ios::trunc);
-  out.write(content.data(), static_cast<std::streamsize>(content.size()));
 }
 
 std::vector<Piece> readFile(const fs::path& file, std::uint64_t offset = 0) {
@@ -144,9 +127,9 @@ TEST(PendingFileReader, ReadsFilesLargerThanItsWindowWithFramesAcrossRefills) {
   for (int i = 0; i < 700; ++i) {
     appendFrame(content, record("r" + std::to_string(i), static_cast<std::size_t>(i * 3 % 1500)));
     if (i == 300) appendFrame(content, record("big", 300u << 10));
-    if (i % 97 == 5) content += lengthField(-7) + "garbage";
+    if (i % 97 == 5) content += rawLength(-7) + "garbage";
   }
-  content += lengthField(4000) + "{\"torn\":";
+  content += rawLength(4000) + "{\"torn\":";
   writeFile(file, content);
   const auto whole = scanAll(content);
   const auto read = readFile(file);
@@ -169,37 +152,14 @@ TEST(PendingFileReader, AFalseStartAcrossARefillIsNoFrame) {
   const std::size_t window = 256u << 10;
   std::string content;
   appendFrame(content, record("first", window - 100));
-  content += lengthField(-1);
+  content += rawLength(-1);
   // Starts before the window's end and would end after it, with no "}" at its end.
-  content += lengthField(200) + "{" + std::string(199, 'q');
+  content += rawLength(200) + "{" + std::string(199, 'q');
   appendFrame(content, record("second"));
-  ASSERT_LT(content.find(lengthField(200)), window);
+  ASSERT_LT(content.find(rawLength(200)), window);
   writeFile(file, content);
   EXPECT_EQ(framesOf(readFile(file)), framesOf(scanAll(content)));
   EXPECT_EQ(framesOf(readFile(file)).size(), 2u);
-}
-
-TEST(PendingFileReader, RefusesWhatIsNoRegularFileWithoutWaiting) {
-#ifdef _WIN32
-  GTEST_SKIP() << "Windows has no FIFOs, and Wine shows Unix symbolic links as plain files";
-#else
-  testing::TempDir dir;
-  const fs::path target = dir.path() / "real";
-  writeFile(target, frames({record("a")}));
-  const fs::path fifo = dir.path() / "fifo";
-  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-  const fs::path link = dir.path() / "link";
-  fs::create_symlink(target, link);
-
-  const auto started = std::chrono::steady_clock::now();
-  for (const fs::path& path : {fifo, dir.path(), link, dir.path() / "missing"}) {
-    PendingFileReader reader;
-    EXPECT_FALSE(reader.open(path)) << path;
-    EXPECT_FALSE(reader.next().has_value()) << path;
-  }
-  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5));
-  EXPECT_EQ(readFile(target).size(), 1u);
-#endif
 }
 
 }  // namespace
