@@ -1,6 +1,5 @@
 #include "platform/file_ops.hpp"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -16,6 +15,7 @@
 #include <string>
 #include <thread>
 
+#include "support/lock_holder.hpp"
 #include "support/pending_files.hpp"
 #include "support/temp_dir.hpp"
 
@@ -128,36 +128,15 @@ TEST_F(FileOpsTest, AnAppendWaitingWhileTheFileIsMovedAsideGoesToTheNewFile) {
     fs::remove(file);
     fs::remove(aside);
     ASSERT_TRUE(appendPrivate(file, "old|"));
-    int go[2];
-    int locked[2];
-    ASSERT_EQ(::pipe(go), 0);
-    ASSERT_EQ(::pipe(locked), 0);
-    const std::string from = file.string();
-    const std::string to = aside.string();
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      const int fd = ::open(from.c_str(), O_RDWR);
-      struct flock whole {};
-      whole.l_type = F_WRLCK;
-      whole.l_whence = SEEK_SET;
-      if (fd < 0 || ::fcntl(fd, F_SETLKW, &whole) != 0) ::_exit(1);
-      char byte = 1;
-      if (::write(locked[1], &byte, 1) != 1 || ::read(go[0], &byte, 1) != 1) ::_exit(1);
-      // Moved while still held, as a start moves the file aside; exiting lets the lock go.
-      ::_exit(::rename(from.c_str(), to.c_str()) == 0 ? 0 : 1);
-    }
-    char byte = 0;
-    ASSERT_EQ(::read(locked[0], &byte, 1), 1);
+    testing::LockHeldByChild other(file);
+    ASSERT_TRUE(other.held());
     std::atomic<bool> appended{false};
     std::thread appender([&] { appended = appendPrivate(file, "new|"); });
     std::this_thread::sleep_for(std::chrono::milliseconds(20));  // it has opened and waits
-    ASSERT_EQ(::write(go[1], &byte, 1), 1);
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    // Moved while still held, as a start moves the file aside; then the lock is let go.
+    fs::rename(file, aside);
+    other.release();
     appender.join();
-    for (int fd : {go[0], go[1], locked[0], locked[1]}) ::close(fd);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     if (!appended) continue;
     ++landed;
     EXPECT_EQ(slurp(aside), "old|") << "nothing joins a file once it is moved aside";
