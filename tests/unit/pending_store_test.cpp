@@ -274,8 +274,8 @@ TEST_F(StoreTest, StartsRacingWithAppendsLoseNoneAndDuplicateNone) {
   std::atomic<bool> appending{true};
   std::thread appender([&] {
     PendingStore other(dir.path(), {});  // never opened: it owns nothing and only appends
-    for (int i = 0; i < kRecords; ++i)
-      EXPECT_EQ(other.keep({namedRecord(std::to_string(i))}).written, 1u);
+    for (const auto& record : records(numbered(0, kRecords)))
+      EXPECT_EQ(other.keep({record}).written, 1u);
     appending = false;
   });
   std::vector<std::string> sent;
@@ -291,9 +291,7 @@ TEST_F(StoreTest, StartsRacingWithAppendsLoseNoneAndDuplicateNone) {
   for (int starts = 0; appending && starts < 100000; ++starts) start();
   appender.join();
   start();
-  std::vector<std::string> expected;
-  for (int i = 0; i < kRecords; ++i) expected.push_back(std::to_string(i));
-  EXPECT_EQ(sent, expected);
+  EXPECT_EQ(sent, numbered(0, kRecords));
   EXPECT_TRUE(onDisk().empty());
 }
 
