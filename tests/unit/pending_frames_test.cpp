@@ -4,6 +4,7 @@
 #include "store/pending_frames.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <limits>
@@ -149,6 +150,22 @@ TEST(PendingFileReader, ReadsFilesLargerThanItsWindowWithFramesAcrossRefills) {
   ASSERT_FALSE(tail.empty());
   EXPECT_EQ(tail.front(), from);
   EXPECT_EQ(tail.size(), whole.size() - 400);
+}
+
+// What is no regular file is refused, and not waited on: a FIFO would block an ordinary open.
+TEST(PendingFileReader, RefusesWhatIsNoRegularFile) {
+#ifdef _WIN32
+  GTEST_SKIP() << "Windows has no FIFOs";
+#else
+  testing::TempDir dir;
+  const fs::path fifo = dir.path() / "fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  for (const fs::path& path : {fifo, dir.path()}) {
+    PendingFileReader reader;
+    EXPECT_FALSE(reader.open(path)) << path;
+    EXPECT_FALSE(reader.next().has_value()) << path;
+  }
+#endif
 }
 
 }  // namespace
