@@ -41,16 +41,8 @@ class SmallDisk {
   bool mounted_ = false;
 };
 
-std::string record(int i, std::size_t titleLength = 900) {
-  ZLogRecord value{.xid = {"c", "d", "s"}, .action = {"event", std::to_string(i), "tap"}};
-  value.page = ZPage{.id = std::to_string(i), .title = std::string(titleLength, 't')};
-  return encodeJson(value).value();
-}
-
-std::vector<std::string> keptNames(const std::filesystem::path& dir) {
-  std::vector<std::string> names;
-  for (const auto& kept : testing::pendingRecords(dir)) names.push_back(kept.action.name);
-  return names;
+std::string record(int i, std::size_t title) {
+  return testing::namedRecord(std::to_string(i), title);
 }
 
 // A disk too small for the records, and one that is read-only (for root only a read-only mount
@@ -86,16 +78,17 @@ TEST(FullDisk, RecordsTheDiskRefusesWaitInMemoryAndAreWrittenWhenThereIsRoom) {
     ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(20)));
     const auto counts = delivery->counts();
     EXPECT_LT(counts.keptOnDisk, static_cast<std::uint64_t>(records));
-    EXPECT_EQ(counts.keptOnDisk, keptNames(dir.path()).size()) << "only real writes count as kept";
+    EXPECT_EQ(counts.keptOnDisk, testing::pendingNames(dir.path()).size())
+        << "only real writes count as kept";
     EXPECT_EQ(counts.droppedForSpace, 0u) << "the memory limit allows keeping them all";
 
     ASSERT_TRUE(readOnly ? setReadOnly(false) : disk->grow());
     std::vector<std::string> expected;
     for (int i = 0; i < records; ++i) expected.push_back(std::to_string(i));
-    for (int i = 0; i < 100 && keptNames(dir.path()).size() < expected.size(); ++i) {
+    for (int i = 0; i < 100 && testing::pendingNames(dir.path()).size() < expected.size(); ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
-    EXPECT_EQ(keptNames(dir.path()), expected);
+    EXPECT_EQ(testing::pendingNames(dir.path()), expected);
     EXPECT_EQ(delivery->counts().keptOnDisk, expected.size());
     delivery->shutdown({}, {});
     http->shutdown();
@@ -109,9 +102,9 @@ TEST(FullDisk, AnsweredRecordsAreNotSentAgainAtALaterStart) {
   testing::TempDir dir;
   SmallDisk disk(dir.path());
   if (!disk.mounted()) GTEST_SKIP() << "tmpfs could not be mounted here";
-  std::string frames;
-  for (int i = 0; i < 40; ++i) detail::appendFrame(frames, record(i, 10));
-  ASSERT_TRUE(platform::appendPrivate(dir.path() / "ZLogs.tmp", frames));
+  std::vector<std::string> records;
+  for (int i = 0; i < 40; ++i) records.push_back(record(i, 10));
+  ASSERT_TRUE(platform::appendPrivate(dir.path() / "ZLogs.tmp", testing::framed(records)));
   auto sendAndAnswer = [&](std::uint64_t waiting, int answer) {
     detail::PendingStore store(dir.path(), {});
     EXPECT_EQ(store.open(), waiting);
@@ -145,7 +138,7 @@ TEST(FullDisk, ARecordLargerThanTheWholeAllowanceIsCountedAsDroppedNotAsKept) {
   const auto counts = delivery->counts();
   EXPECT_EQ(counts.keptOnDisk, 2u);
   EXPECT_EQ(counts.droppedForSpace, 1u);
-  EXPECT_EQ(keptNames(dir.path()), (std::vector<std::string>{"1", "3"}));
+  EXPECT_EQ(testing::pendingNames(dir.path()), (std::vector<std::string>{"1", "3"}));
   delivery->shutdown({}, {});
   http->shutdown();
 }

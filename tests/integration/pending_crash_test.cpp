@@ -6,11 +6,9 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <iterator>
 #include <optional>
 #include <random>
 #include <set>
@@ -20,6 +18,7 @@
 #include "store/pending_store.hpp"
 #include "support/child_host.hpp"
 #include "support/pending_files.hpp"
+#include "support/temp_dir.hpp"
 #include "zelvanor/json.hpp"
 
 namespace zelvanor::detail {
@@ -64,11 +63,6 @@ constexpr ZStoreLimits kRoomy{.maxBytesOnDisk = std::uint64_t{1} << 40};
   ::_exit(0);
 }
 
-std::string slurp(const fs::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
 void removeStoreFiles(const fs::path& dir) {
   for (const auto& entry : fs::directory_iterator(dir)) {
     if (entry.path().filename().string().rfind("ZLogs", 0) == 0) fs::remove(entry.path());
@@ -76,9 +70,8 @@ void removeStoreFiles(const fs::path& dir) {
 }
 
 TEST(PendingFileCrash, KilledWriterLeavesOnlyWholeRecordsInOrder) {
-  std::string pattern = (fs::temp_directory_path() / "zelvanor-crash-XXXXXX").string();
-  ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-  const fs::path dir = pattern;
+  testing::TempDir temp;
+  const fs::path dir = temp.path();
   const fs::path file = dir / PendingStore::kPendingFileName;
 
   std::mt19937 random(std::random_device{}());
@@ -102,7 +95,7 @@ TEST(PendingFileCrash, KilledWriterLeavesOnlyWholeRecordsInOrder) {
                 (WIFEXITED(status) && WEXITSTATUS(status) == 0));
 
     // Whole frames, then at most a torn end: never a damaged piece in between.
-    const std::string raw = slurp(file);
+    const std::string raw = testing::slurp(file);
     std::size_t frames = 0;
     bool torn = false, damaged = false;
     scanFrames(raw, 0, true, [&](const FramePiece& piece) {
@@ -136,9 +129,6 @@ TEST(PendingFileCrash, KilledWriterLeavesOnlyWholeRecordsInOrder) {
   std::cout << rounds << " kills, " << tornRounds << " left a torn last frame, " << restoredTotal
             << " records restored\n";
   EXPECT_GT(restoredTotal, 0u);
-
-  std::error_code error;
-  fs::remove_all(dir, error);
 }
 
 /// The whole SDK in a child host tracking with the network gate closed (zelvanor_crash_child).
@@ -152,24 +142,21 @@ testing::ChildHost trackingHost(const fs::path& dir, long long first,
 
 /// A directory for the SDK's files, with an identity from an earlier sync in its cookie jar, so
 /// that records are built without a server.
-fs::path crashDirectory() {
-  std::string pattern = (fs::temp_directory_path() / "zelvanor-crash-XXXXXX").string();
-  if (::mkdtemp(pattern.data()) == nullptr) return {};
-  const fs::path dir = pattern;
-  std::ofstream jar(dir / "cookies.txt");
-  for (const char* name : {"fa_cid", "fa_did", "fa_sid"}) {
-    jar << "127.0.0.1\tFALSE\t/\tTRUE\t4102444800\t" << name << "\tcrash-" << name << "\n";
+struct CrashDirectory : testing::TempDir {
+  CrashDirectory() {
+    std::ofstream jar(path() / "cookies.txt");
+    for (const char* name : {"fa_cid", "fa_did", "fa_sid"}) {
+      jar << "127.0.0.1\tFALSE\t/\tTRUE\t4102444800\t" << name << "\tcrash-" << name << "\n";
+    }
   }
-  return dir;
-}
+};
 
 // The whole SDK as the writer: a host process tracking as fast as it can (gate closed, so every
 // record goes to disk) is killed at random; each start takes over what the last one left and
 // carries on. Whatever a start finds decodes, and every record in it is one the host tracked.
 TEST(PendingFileCrash, TrackingHostKilledAtRandomLeavesAFileEveryStartCanRead) {
-  const fs::path dir = crashDirectory();
-  ASSERT_FALSE(dir.empty());
-
+  CrashDirectory temp;
+  const fs::path dir = temp.path();
   std::mt19937 random(std::random_device{}());
   std::uniform_int_distribution<int> delayMicros(0, 250000);
   std::size_t lastFileRecords = 0, recordsSeen = 0, rounds = 0;
@@ -204,8 +191,6 @@ TEST(PendingFileCrash, TrackingHostKilledAtRandomLeavesAFileEveryStartCanRead) {
   EXPECT_GT(lastFileRecords, 0u);
   std::cout << rounds << " kills of a tracking host; the store held " << recordsSeen
             << " records in all, the last " << lastFileRecords << "\n";
-  std::error_code error;
-  fs::remove_all(dir, error);
 }
 
 // A burst far beyond the memory limit, then kill -9 shortly after: what went beyond the limit
@@ -216,8 +201,8 @@ TEST(PendingFileCrash, AKillShortlyAfterABurstLosesAtMostTheMemoryLimit) {
   // the requests' window share the memory limit, and what goes beyond it goes to disk.
   for (const bool online : {false, true}) {
     SCOPED_TRACE(online ? "online" : "offline");
-    const fs::path dir = crashDirectory();
-    ASSERT_FALSE(dir.empty());
+    CrashDirectory temp;
+    const fs::path dir = temp.path();
     testing::ChildHost host = trackingHost(dir, 0, kBurst, online);
     ASSERT_TRUE(host.said("tracked")) << "the host did not finish its burst within 30 s";
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -240,8 +225,6 @@ TEST(PendingFileCrash, AKillShortlyAfterABurstLosesAtMostTheMemoryLimit) {
     std::cout << lost << " of a burst of " << kBurst << " lost to a kill 50 ms after it\n";
     EXPECT_LE(lost, static_cast<long long>(ZStoreLimits{}.maxRecordsInMemory) + 8)
         << "the memory limit and the requests in flight";
-    std::error_code error;
-    fs::remove_all(dir, error);
   }
 }
 

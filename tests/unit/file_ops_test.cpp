@@ -1,6 +1,5 @@
 #include "platform/file_ops.hpp"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -13,19 +12,18 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
+
+#include "support/lock_holder.hpp"
+#include "support/pending_files.hpp"
+#include "support/temp_dir.hpp"
 
 namespace zelvanor::platform {
 namespace {
 
 namespace fs = std::filesystem;
-
-std::string slurp(const fs::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
+using testing::slurp;
 
 unsigned modeOf(const fs::path& file) {
   struct stat info {};
@@ -33,21 +31,15 @@ unsigned modeOf(const fs::path& file) {
   return info.st_mode & 07777;
 }
 
-class FileOpsTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "zelvanor-fileops-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override {
-    std::error_code error;
-    fs::remove_all(dir_, error);
-  }
-  fs::path dir_;
+struct FileOpsTest : ::testing::Test {
+  testing::TempDir temp;
+  const fs::path dir_ = temp.path();
 };
 
-TEST_F(FileOpsTest, AppendCreatesPrivatelyAndReadGivesEverythingBack) {
+// Appends and whole writes are private and read back whole; nothing but a regular file is
+// written, read or removed through: a link's target stays as it was (or missing), and a FIFO
+// (which would block an ordinary open until someone reads it) is not waited on.
+TEST_F(FileOpsTest, WritesAreWholeAndPrivateAndGoOnlyThroughRegularFiles) {
   const fs::path file = dir_ / "f";
   EXPECT_FALSE(readWhole(file).has_value());
   std::string big(200000, 'x');  // larger than any single buffer on the way
@@ -56,12 +48,13 @@ TEST_F(FileOpsTest, AppendCreatesPrivatelyAndReadGivesEverythingBack) {
   ASSERT_TRUE(appendPrivate(file, big));
   EXPECT_EQ(modeOf(file), 0600u);
   EXPECT_EQ(readWhole(file), "head" + big);
-}
+  const fs::path settings = dir_ / "settings.json";
+  ASSERT_TRUE(writeWholePrivateAtomically(settings, "first, longer content"));
+  ASSERT_TRUE(writeWholePrivateAtomically(settings, "second"));
+  EXPECT_EQ(slurp(settings), "second");
+  EXPECT_EQ(modeOf(settings), 0600u);
+  EXPECT_FALSE(writeWholePrivateAtomically(dir_ / "missing-dir" / "f", "x"));
 
-// Nothing but a regular file is written, read or removed through: a link's target stays as it
-// was (or missing), and a FIFO (which would block an ordinary open until someone reads it) is not
-// waited on.
-TEST_F(FileOpsTest, OnlyRegularFilesAreWrittenReadOrRemoved) {
   const fs::path target = dir_ / "target";
   std::ofstream(target) << "secret";
   const fs::path link = dir_ / "link";
@@ -79,12 +72,23 @@ TEST_F(FileOpsTest, OnlyRegularFilesAreWrittenReadOrRemoved) {
   EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
   EXPECT_EQ(slurp(target), "secret");
   EXPECT_FALSE(fs::exists(dir_ / "missing")) << "a link's missing target is not created";
+  // A whole write replaces a link, never writing through it.
+  const fs::path jar = dir_ / "jar";
+  fs::create_symlink(target, jar);
+  ASSERT_TRUE(writeWholePrivateAtomically(jar, "cookies"));
+  EXPECT_FALSE(fs::is_symlink(fs::symlink_status(jar)));
+  EXPECT_EQ(slurp(jar), "cookies");
+  EXPECT_EQ(slurp(target), "secret");
 
   EXPECT_TRUE(removeFile(link));
   EXPECT_FALSE(fs::exists(fs::symlink_status(link)));
   EXPECT_EQ(slurp(target), "secret");
   EXPECT_TRUE(removeFile(link));  // nothing there: nothing left, so that is success
   EXPECT_FALSE(removeFile(dir_));
+  // No temporary files are left behind.
+  std::size_t entries = 0;
+  for ([[maybe_unused]] const auto& entry : fs::directory_iterator(dir_)) ++entries;
+  EXPECT_EQ(entries, 6u);
 }
 
 // A full disk, played by a file size limit: the append that does not fit is taken back whole,
@@ -124,65 +128,21 @@ TEST_F(FileOpsTest, AnAppendWaitingWhileTheFileIsMovedAsideGoesToTheNewFile) {
     fs::remove(file);
     fs::remove(aside);
     ASSERT_TRUE(appendPrivate(file, "old|"));
-    int go[2];
-    int locked[2];
-    ASSERT_EQ(::pipe(go), 0);
-    ASSERT_EQ(::pipe(locked), 0);
-    const std::string from = file.string();
-    const std::string to = aside.string();
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      const int fd = ::open(from.c_str(), O_RDWR);
-      struct flock whole {};
-      whole.l_type = F_WRLCK;
-      whole.l_whence = SEEK_SET;
-      if (fd < 0 || ::fcntl(fd, F_SETLKW, &whole) != 0) ::_exit(1);
-      char byte = 1;
-      if (::write(locked[1], &byte, 1) != 1 || ::read(go[0], &byte, 1) != 1) ::_exit(1);
-      // Moved while still held, as a start moves the file aside; exiting lets the lock go.
-      ::_exit(::rename(from.c_str(), to.c_str()) == 0 ? 0 : 1);
-    }
-    char byte = 0;
-    ASSERT_EQ(::read(locked[0], &byte, 1), 1);
+    testing::LockHeldByChild other(file);
+    ASSERT_TRUE(other.held());
     std::atomic<bool> appended{false};
     std::thread appender([&] { appended = appendPrivate(file, "new|"); });
     std::this_thread::sleep_for(std::chrono::milliseconds(20));  // it has opened and waits
-    ASSERT_EQ(::write(go[1], &byte, 1), 1);
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    // Moved while still held, as a start moves the file aside; then the lock is let go.
+    fs::rename(file, aside);
+    other.release();
     appender.join();
-    for (int fd : {go[0], go[1], locked[0], locked[1]}) ::close(fd);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     if (!appended) continue;
     ++landed;
     EXPECT_EQ(slurp(aside), "old|") << "nothing joins a file once it is moved aside";
     EXPECT_EQ(slurp(file), "new|");
   }
   EXPECT_EQ(landed, 1) << "no round got the interleaving";
-}
-
-TEST_F(FileOpsTest, AtomicWriteReplacesWholeAndPrivately) {
-  const fs::path file = dir_ / "settings.json";
-  ASSERT_TRUE(writeWholePrivateAtomically(file, "first, longer content"));
-  ASSERT_TRUE(writeWholePrivateAtomically(file, "second"));
-  EXPECT_EQ(slurp(file), "second");
-  EXPECT_EQ(modeOf(file), 0600u);
-
-  const fs::path target = dir_ / "target";
-  std::ofstream(target) << "untouched";
-  const fs::path link = dir_ / "jar";
-  fs::create_symlink(target, link);
-  ASSERT_TRUE(writeWholePrivateAtomically(link, "cookies"));
-  EXPECT_FALSE(fs::is_symlink(fs::symlink_status(link)));
-  EXPECT_EQ(slurp(link), "cookies");
-  EXPECT_EQ(slurp(target), "untouched");
-
-  EXPECT_FALSE(writeWholePrivateAtomically(dir_ / "missing-dir" / "f", "x"));
-  // No temporary files are left behind.
-  std::size_t entries = 0;
-  for ([[maybe_unused]] const auto& entry : fs::directory_iterator(dir_)) ++entries;
-  EXPECT_EQ(entries, 3u);
 }
 
 }  // namespace

@@ -27,46 +27,45 @@ namespace zelvanor::detail {
 namespace {
 
 namespace fs = std::filesystem;
-
-std::string recordJson(const std::string& name) {
-  return encodeJson(ZLogRecord{.xid = {"c", "d", "s"}, .action = {"event", name, "tap"}}).value();
-}
+using testing::framed;
+using testing::namedRecord;
+using testing::pendingNames;
+using testing::rawLength;
+using testing::writeFile;
 
 std::string nameOf(const std::string& json) {
   auto record = decodeJson<ZLogRecord>(json);
   return record ? record->action.name : "<undecodable>";
 }
 
-std::string frames(const std::vector<std::string>& payloads) {
-  std::string out;
-  for (const auto& payload : payloads) appendFrame(out, payload);
-  return out;
-}
-
-std::string rawLength(std::int64_t length) {
-  std::string out(sizeof length, '\0');
-  std::memcpy(out.data(), &length, sizeof length);
-  return out;
-}
-
-void writeFile(const fs::path& file, const std::string& content) {
-  std::ofstream out(file, std::ios::binary | std::ios::trunc);
-  out << content;
-}
-
-std::vector<std::string> names(const std::vector<std::string>& payloads) {
+/// "from", ..., "to - 1": the names of records numbered in that range.
+std::vector<std::string> numbered(int from, int to) {
   std::vector<std::string> out;
-  for (const auto& payload : payloads) out.push_back(nameOf(payload));
+  for (int i = from; i < to; ++i) out.push_back(std::to_string(i));
   return out;
 }
 
-/// What the store's record files take on disk, whatever the store itself counts.
+std::vector<std::string> records(const std::vector<std::string>& names) {
+  std::vector<std::string> out;
+  for (const auto& name : names) out.push_back(namedRecord(name));
+  return out;
+}
+
+/// The store's record files in `dir` ("ZLogs.tmp" and its segments), and what they take on disk
+/// whatever the store itself counts.
+std::vector<std::string> recordFiles(const fs::path& dir, std::uint64_t* bytes = nullptr) {
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(dir)) {
+    if (entry.path().filename().string().rfind("ZLogs.tmp", 0) != 0) continue;
+    names.push_back(entry.path().filename().string());
+    if (bytes) *bytes += platform::regularFileSize(entry.path()).value_or(0);
+  }
+  return names;
+}
+
 std::uint64_t filesOnDisk(const fs::path& dir) {
   std::uint64_t total = 0;
-  for (const auto& entry : fs::directory_iterator(dir)) {
-    if (entry.path().filename().string().rfind("ZLogs.tmp", 0) == 0)
-      total += platform::regularFileSize(entry.path()).value_or(0);
-  }
+  recordFiles(dir, &total);
   return total;
 }
 
@@ -85,7 +84,7 @@ std::vector<std::string> sendAll(PendingStore& store) {
 
 struct StoreTest : ::testing::Test {
   fs::path pendingFile() const { return dir.path() / "ZLogs.tmp"; }
-  std::vector<std::string> onDisk() const { return names(testing::pendingPayloads(dir.path())); }
+  std::vector<std::string> onDisk() const { return pendingNames(dir.path()); }
   /// Reads every record waiting to be sent, without answering any.
   static std::vector<PendingStore::Read> readAll(PendingStore& store) {
     std::vector<PendingStore::Read> out;
@@ -95,9 +94,16 @@ struct StoreTest : ::testing::Test {
   testing::TempDir dir;
 };
 
-TEST_F(StoreTest, ARestoredRecordLeavesTheDiskOnlyOnceAnsweredAndAKillResendsOnlyWhatWasInFlight) {
-  writeFile(pendingFile(),
-            frames({recordJson("1"), recordJson("2"), recordJson("3"), recordJson("4")}));
+// One store's life across kills: a restored record leaves the disk only once answered (a kill
+// resends only what was in flight) and goes out in this SDK's own encoding; spilled records
+// follow the restored ones; one that was not sent stays in its place with everything after it;
+// kept ones wait for a later start, in a file only the app may read.
+TEST_F(StoreTest, RecordsLeaveTheDiskOnlyOnceAnsweredAndTheRestWaitsInOrder) {
+  const std::string stored =
+      R"({"xid":{"cid":"c","did":"d","sid":"s"},"sdk":{"type":"production","version":"0.9.0",)"
+      R"("common_log_version":"1.2.0"},"action":{"type":"event","name":"1","kind":"k"},)"
+      R"("agreement":{"third_ad_agree":true},"page":null,"from_a_later_version":{"x":1}})";
+  writeFile(pendingFile(), framed({stored, namedRecord("2"), namedRecord("3"), namedRecord("4")}));
   {
     PendingStore store(dir.path(), {});
     ASSERT_EQ(store.open(), 4u);
@@ -106,57 +112,55 @@ TEST_F(StoreTest, ARestoredRecordLeavesTheDiskOnlyOnceAnsweredAndAKillResendsOnl
     auto second = store.next();
     auto third = store.next();
     ASSERT_TRUE(first && second && third);
-    EXPECT_EQ(nameOf(first->bytes), "1");
+    EXPECT_EQ(first->bytes, encodeJson(decodeJson<ZLogRecord>(stored).value()).value());
+    for (const char* dropped : {"third_ad_agree", "null", "from_a_later_version"})
+      EXPECT_EQ(first->bytes.find(dropped), std::string::npos) << dropped;
     store.answered(first->ref);
     store.answered(third->ref);  // answered out of order: "2" is still in flight
     // Killed here: the store is let go without any goodbye.
   }
-  EXPECT_EQ(onDisk(), (std::vector<std::string>{"2", "3", "4"}))
-      << "only the answered prefix left the disk";
+  EXPECT_EQ(onDisk(), numbered(2, 5)) << "only the answered prefix left the disk";
   PendingStore again(dir.path(), {});
   ASSERT_EQ(again.open(), 3u);
-  // Exactly the three are read: no further read comes to find the segment's end.
+  ASSERT_EQ(again.keep({namedRecord("kept")}).written, 1u);
+  ASSERT_EQ(again.spill(records({"s1", "s2"})), 2u);
+  // Exactly these are read: no further read comes to find a segment's end.
   std::vector<PendingStore::Read> reads;
-  for (int i = 0; i < 3; ++i) reads.push_back(again.next().value());
+  for (int i = 0; i < 5; ++i) reads.push_back(again.next().value());
   EXPECT_EQ(nameOf(reads[0].bytes), "2");
+  EXPECT_EQ(nameOf(reads[3].bytes), "s1") << "spilled behind the restored ones";
   EXPECT_GT(again.bytesOnDisk(), 0u);
   for (const auto& read : reads) again.answered(read.ref);
-  EXPECT_EQ(again.bytesOnDisk(), 0u) << "it falls as the answers come in";
-  EXPECT_TRUE(onDisk().empty());
-  std::vector<std::string> left;
-  for (const auto& entry : fs::directory_iterator(dir.path())) {
-    const auto name = entry.path().filename().string();
-    if (name.rfind("ZLogs.tmp", 0) == 0) left.push_back(name);
-  }
-  EXPECT_TRUE(left.empty()) << "an answered segment is removed";
-
-  // One that was not sent (a transport failure) stays, in its place, with everything after it.
+  EXPECT_EQ(again.bytesOnDisk(), filesOnDisk(dir.path())) << "it falls as the answers come in";
+  EXPECT_EQ(recordFiles(dir.path()), (std::vector<std::string>{"ZLogs.tmp"}))
+      << "answered segments are removed";
+  EXPECT_EQ(onDisk(), (std::vector<std::string>{"kept"})) << "kept for a later start";
   again.close();
-  writeFile(pendingFile(), frames({recordJson("5"), recordJson("6"), recordJson("7")}));
+
+  writeFile(pendingFile(), framed(records({"5", "6", "7"})));
   PendingStore third(dir.path(), {});
   ASSERT_EQ(third.open(), 3u);
+  // A pending file left readable by others (an older build, a careless tool) is tightened by the
+  // next append.
+  writeFile(pendingFile(), framed({namedRecord("loose")}));
+  ASSERT_EQ(::chmod(pendingFile().c_str(), 0644), 0);
+  ASSERT_EQ(third.keep({namedRecord("kept")}).written, 1u);
+  struct stat info {};
+  ASSERT_EQ(::stat(pendingFile().c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0600u);
   auto all = readAll(third);
   ASSERT_EQ(all.size(), 3u);
   third.answered(all[0].ref);
-  third.unsent(all[1].ref);
-  third.answered(all[2].ref);
-  EXPECT_EQ(onDisk(), (std::vector<std::string>{"6", "7"}));
-}
-
-TEST_F(StoreTest, RestoredRecordsAreSentInThisSdksOwnEncoding) {
-  const std::string stored =
-      R"({"xid":{"cid":"c","did":"d","sid":"s"},"sdk":{"type":"production","version":"0.9.0",)"
-      R"("common_log_version":"1.2.0"},"action":{"type":"event","name":"n","kind":"k"},)"
-      R"("agreement":{"third_ad_agree":true},"page":null,"from_a_later_version":{"x":1}})";
-  writeFile(pendingFile(), frames({stored}));
-  PendingStore store(dir.path(), {});
-  store.open();
-  auto read = store.next();
-  ASSERT_TRUE(read);
-  EXPECT_EQ(read->bytes, encodeJson(decodeJson<ZLogRecord>(stored).value()).value());
-  EXPECT_EQ(read->bytes.find("third_ad_agree"), std::string::npos);
-  EXPECT_EQ(read->bytes.find("null"), std::string::npos);
-  EXPECT_EQ(read->bytes.find("from_a_later_version"), std::string::npos);
+  third.unsent(all[1].ref);  // a transport failure
+  for (std::size_t i = 2; i < all.size(); ++i) third.answered(all[i].ref);
+  EXPECT_EQ(onDisk(), (std::vector<std::string>{"6", "7", "loose", "kept"}));
+  // Nor through a link planted at the path (file_ops_test has every kind), which gives a failed
+  // append, not a target created.
+  fs::remove(pendingFile());
+  fs::create_symlink(dir.path() / "missing", pendingFile());
+  PendingStore appender(dir.path(), {});  // never opened: it only appends to the pending file
+  EXPECT_EQ(appender.keep({namedRecord("2")}).written, 0u);
+  EXPECT_FALSE(fs::exists(dir.path() / "missing"));
 }
 
 TEST_F(StoreTest, TheDiskStaysWithinItsLimitByDroppingTheOldest) {
@@ -165,30 +169,46 @@ TEST_F(StoreTest, TheDiskStaysWithinItsLimitByDroppingTheOldest) {
   store.open();
   constexpr int kRecords = 2000;
   for (int i = 0; i < kRecords; i += 50) {
-    std::vector<std::string> batch;
-    for (int j = i; j < i + 50; ++j) batch.push_back(recordJson(std::to_string(j)));
+    const auto batch = records(numbered(i, i + 50));
     ASSERT_EQ(store.keep(batch).written, batch.size());
     EXPECT_LE(store.bytesOnDisk(), limits.maxBytesOnDisk);
     EXPECT_LE(filesOnDisk(dir.path()), limits.maxBytesOnDisk) << "the files themselves too";
   }
   const auto kept = onDisk();
   ASSERT_FALSE(kept.empty());
-  EXPECT_EQ(kept.back(), std::to_string(kRecords - 1)) << "the newest are kept";
   const int first = std::stoi(kept.front());
-  for (std::size_t i = 0; i < kept.size(); ++i) {
-    EXPECT_EQ(kept[i], std::to_string(first + static_cast<int>(i))) << "in order, no gaps";
-  }
+  EXPECT_EQ(kept, numbered(first, kRecords)) << "the newest, in order, no gaps";
   EXPECT_EQ(store.counts().droppedForSpace, static_cast<std::uint64_t>(first));
 }
 
-TEST_F(StoreTest, SpilledRecordsFollowTheRestoredOnesAndKeptOnesWaitForALaterStart) {
-  writeFile(pendingFile(), frames({recordJson("r1"), recordJson("r2")}));
-  PendingStore store(dir.path(), {});
-  ASSERT_EQ(store.open(), 2u);
-  ASSERT_EQ(store.keep({recordJson("kept")}).written, 1u);
-  ASSERT_EQ(store.spill({recordJson("s1"), recordJson("s2")}), 2u);
-  EXPECT_EQ(sendAll(store), (std::vector<std::string>{"r1", "r2", "s1", "s2"}));
-  EXPECT_EQ(onDisk(), (std::vector<std::string>{"kept"}));
+// What a test plants where one of the store's files belongs.
+enum class Thing { none, records, zerosBehind, lengthPastTheEnd, fifo, directory, link };
+
+void plant(const fs::path& at, Thing thing, const std::string& good) {
+  fs::remove(at);
+  const std::size_t junk = 1u << 20;  // four times the limit below
+  switch (thing) {
+    case Thing::none:
+      break;
+    case Thing::records:
+      writeFile(at, good);
+      break;
+    case Thing::zerosBehind:
+      writeFile(at, good + std::string(junk, '\0'));
+      break;
+    case Thing::lengthPastTheEnd:
+      writeFile(at, good + rawLength(1'000'000'000) + std::string(junk, 'x'));
+      break;
+    case Thing::fifo:
+      ASSERT_EQ(::mkfifo(at.c_str(), 0600), 0);
+      break;
+    case Thing::directory:
+      fs::create_directory(at);
+      break;
+    case Thing::link:
+      fs::create_symlink(at.parent_path() / "target", at);
+      break;
+  }
 }
 
 // Damaged or foreign things where the store's files belong: the good records all go out, nothing
@@ -196,75 +216,39 @@ TEST_F(StoreTest, SpilledRecordsFollowTheRestoredOnesAndKeptOnesWaitForALaterSta
 // is opened or waited on, and what stops the usual way is said.
 TEST_F(StoreTest, DamagedOrForeignFilesNeverHoldUpOrPushOutTheGoodRecords) {
   const ZStoreLimits limits{.maxBytesOnDisk = 256u << 10};
-  const std::string junk(1u << 20, '\0');  // four times the limit
-  struct Case {
+  struct Planted {
     const char* name;
-    std::function<void(const fs::path&, const std::string& good)> plant;
+    Thing thing;
+  };
+  struct Case {
+    std::vector<Planted> plants;
     const char* said;  // in a finding, or nothing to say
   };
   const std::vector<Case> cases{
-      {"zeros behind the pending file's records",
-       [&](const fs::path& d, const std::string& good) { writeFile(d / "ZLogs.tmp", good + junk); },
-       nullptr},
-      {"a length running past the end of a segment",
-       [&](const fs::path& d, const std::string& good) {
-         fs::remove(d / "ZLogs.tmp");
-         writeFile(d / "ZLogs.tmp.1",
-                   good + rawLength(1'000'000'000) + std::string(junk.size(), 'x'));
-       },
-       nullptr},
-      {"a FIFO at the lock",
-       [](const fs::path& d, const std::string&) {
-         ASSERT_EQ(::mkfifo((d / "ZLogs.lock").c_str(), 0600), 0);
-       },
-       "ZLogs.lock is a FIFO"},
-      {"a directory at the lock",
-       [](const fs::path& d, const std::string&) { fs::create_directory(d / "ZLogs.lock"); },
-       "ZLogs.lock is a directory"},
-      {"a link at the lock",
-       [](const fs::path& d, const std::string&) {
-         writeFile(d / "target", "");
-         fs::create_symlink(d / "target", d / "ZLogs.lock");
-       },
-       "ZLogs.lock is a symbolic link"},
-      {"a directory where the next segment goes",
-       [](const fs::path& d, const std::string&) { fs::create_directory(d / "ZLogs.tmp.1"); },
-       "ZLogs.tmp.1 is a directory"},
-      {"a FIFO at the pending file, a link and a directory among the segments",
-       [](const fs::path& d, const std::string& good) {
-         writeFile(d / "ZLogs.tmp.2", good);
-         fs::remove(d / "ZLogs.tmp");
-         ASSERT_EQ(::mkfifo((d / "ZLogs.tmp").c_str(), 0600), 0);
-         writeFile(d / "target", frames({recordJson("elsewhere")}));
-         fs::create_symlink(d / "target", d / "ZLogs.tmp.3");
-         fs::create_directory(d / "ZLogs.tmp.7");
-       },
+      {{{"ZLogs.tmp", Thing::zerosBehind}}, nullptr},
+      {{{"ZLogs.tmp", Thing::none}, {"ZLogs.tmp.1", Thing::lengthPastTheEnd}}, nullptr},
+      {{{"ZLogs.lock", Thing::fifo}}, "ZLogs.lock is a FIFO"},
+      {{{"ZLogs.lock", Thing::directory}}, "ZLogs.lock is a directory"},
+      {{{"ZLogs.lock", Thing::link}}, "ZLogs.lock is a symbolic link"},
+      {{{"ZLogs.tmp.1", Thing::directory}}, "ZLogs.tmp.1 is a directory"},
+      {{{"ZLogs.tmp.2", Thing::records},
+        {"ZLogs.tmp", Thing::fifo},
+        {"ZLogs.tmp.3", Thing::link},
+        {"ZLogs.tmp.7", Thing::directory}},
        "ZLogs.tmp is a FIFO"},
-      {"a link at the pending file",
-       [](const fs::path& d, const std::string& good) {
-         writeFile(d / "ZLogs.tmp.1", good);
-         fs::remove(d / "ZLogs.tmp");
-         fs::create_symlink(d / "target", d / "ZLogs.tmp");
-       },
+      {{{"ZLogs.tmp.1", Thing::records}, {"ZLogs.tmp", Thing::link}},
        "ZLogs.tmp is a symbolic link"},
   };
-  std::vector<std::string> goodNames;
-  std::vector<std::string> goodRecords;
-  for (int i = 0; i < 300; ++i) {
-    goodNames.push_back(std::to_string(i));
-    goodRecords.push_back(recordJson(goodNames.back()));
-  }
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  const auto goodNames = numbered(0, 300);
+  const std::string good = framed(records(goodNames));
+  const std::string elsewhere = framed({namedRecord("elsewhere")});
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    SCOPED_TRACE(::testing::Message() << "case " << i << ": " << cases[i].plants[0].name);
     testing::TempDir here;
     const fs::path d = here.path();
-    writeFile(d / "ZLogs.tmp", frames(goodRecords));
-    c.plant(d, frames(goodRecords));
-    const auto content = [&] {
-      std::ifstream in(d / "target", std::ios::binary);
-      return in ? std::string(std::istreambuf_iterator<char>(in), {}) : "<none>";
-    };
-    const std::string targetBefore = content();
+    writeFile(d / "ZLogs.tmp", good);
+    writeFile(d / "target", elsewhere);
+    for (const auto& [name, thing] : cases[i].plants) plant(d / name, thing, good);
     std::vector<std::string> said;
     {
       PendingStore store(d, limits);
@@ -273,35 +257,17 @@ TEST_F(StoreTest, DamagedOrForeignFilesNeverHoldUpOrPushOutTheGoodRecords) {
       EXPECT_EQ(sendAll(store), goodNames);
       EXPECT_EQ(store.counts().droppedForSpace, 0u);
       // Kept for later and found by the next start, whatever stands at the pending file.
-      EXPECT_EQ(store.keep({recordJson("kept")}).written, 1u);
+      EXPECT_EQ(store.keep({namedRecord("kept")}).written, 1u);
       said = store.takeFindings();
     }
     PendingStore later(d, limits);
     EXPECT_EQ(later.open(), 1u);
-    EXPECT_TRUE(!c.said || std::any_of(said.begin(), said.end(), [&](const std::string& line) {
-      return line.find(c.said) != std::string::npos;
+    const char* expected = cases[i].said;
+    EXPECT_TRUE(!expected || std::any_of(said.begin(), said.end(), [&](const std::string& line) {
+      return line.find(expected) != std::string::npos;
     })) << ::testing::PrintToString(said);
-    EXPECT_EQ(content(), targetBefore) << "a link's target is never touched";
+    EXPECT_EQ(testing::slurp(d / "target"), elsewhere) << "a link's target is never touched";
   }
-}
-
-// A pending file left readable by others (an older build, a careless tool) is tightened by the
-// next append.
-TEST_F(StoreTest, KeptRecordsGoOnlyIntoAPrivateFile) {
-  writeFile(pendingFile(), frames({recordJson("loose")}));
-  ASSERT_EQ(::chmod(pendingFile().c_str(), 0644), 0);
-  PendingStore store(dir.path(), {});
-  ASSERT_EQ(store.keep({recordJson("1")}).written, 1u);
-  struct stat info {};
-  ASSERT_EQ(::stat(pendingFile().c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 07777, 0600u);
-  EXPECT_EQ(onDisk(), (std::vector<std::string>{"loose", "1"}));
-  // Nor through a link planted at the path (file_ops_test has every kind), which gives a failed
-  // append, not a target created.
-  fs::remove(pendingFile());
-  fs::create_symlink(dir.path() / "missing", pendingFile());
-  EXPECT_EQ(store.keep({recordJson("2")}).written, 0u);
-  EXPECT_FALSE(fs::exists(dir.path() / "missing"));
 }
 
 // A start takes "ZLogs.tmp" over while another writer of the app keeps appending to it: across
@@ -311,8 +277,8 @@ TEST_F(StoreTest, StartsRacingWithAppendsLoseNoneAndDuplicateNone) {
   std::atomic<bool> appending{true};
   std::thread appender([&] {
     PendingStore other(dir.path(), {});  // never opened: it owns nothing and only appends
-    for (int i = 0; i < kRecords; ++i)
-      EXPECT_EQ(other.keep({recordJson(std::to_string(i))}).written, 1u);
+    for (const auto& record : records(numbered(0, kRecords)))
+      EXPECT_EQ(other.keep({record}).written, 1u);
     appending = false;
   });
   std::vector<std::string> sent;
@@ -328,9 +294,7 @@ TEST_F(StoreTest, StartsRacingWithAppendsLoseNoneAndDuplicateNone) {
   for (int starts = 0; appending && starts < 100000; ++starts) start();
   appender.join();
   start();
-  std::vector<std::string> expected;
-  for (int i = 0; i < kRecords; ++i) expected.push_back(std::to_string(i));
-  EXPECT_EQ(sent, expected);
+  EXPECT_EQ(sent, numbered(0, kRecords));
   EXPECT_TRUE(onDisk().empty());
 }
 
@@ -353,7 +317,7 @@ TEST_F(StoreTest, OnlyTheOwnerTakesTemplatesAndTakenOnesStayOnDiskUntilForgotten
     PendingStore other(dir.path(), {});
     const bool restored = other.open() != 0;
     const bool none = other.takeTemplates().empty();
-    const bool kept = other.keep({recordJson("from-the-other")}).written == 1;
+    const bool kept = other.keep({namedRecord("from-the-other")}).written == 1;
     ::_exit(!restored && none && kept && other.writeTemplates({"{\"b\":1}"}) ? 0 : 1);
   }
   int status = 0;
@@ -381,72 +345,65 @@ TEST_F(StoreTest, OnlyTheOwnerTakesTemplatesAndTakenOnesStayOnDiskUntilForgotten
   EXPECT_EQ(later.takeTemplates(), (std::vector<std::string>{"{\"c\":1}"}));
 }
 
-// A long run of payloads that are no record (a later build's, a damaged disk's) is read past in
-// bounded stretches, and a shutdown stops the reading where it is.
-TEST_F(StoreTest, ALongRunOfUnreadableFramesIsReadInStretchesAndShutdownLeavesTheRestOnDisk) {
+// Damaged frames never hold up the records around them: payloads this build cannot read (a later
+// build's, a damaged disk's) are moved aside as they were, within the quarantine's limit and each
+// counted; a long run of them is read past in bounded stretches, and a shutdown stops the reading
+// where it is. A damaged length is read past, and a last frame cut short by a kill is not counted.
+TEST_F(StoreTest, DamagedFramesAreMovedAsideOrReadPastInStretchesWithinTheQuarantinesLimit) {
   constexpr std::size_t kBad = 5000;
-  std::vector<std::string> payloads(kBad, "{\"a\":1}");
-  payloads.push_back(recordJson("behind"));
-  writeFile(pendingFile(), frames(payloads));
-  std::atomic<bool> stop{false};
-  {
-    PendingStore store(dir.path(), {});
-    store.setStopFlag(&stop);
-    ASSERT_EQ(store.open(), kBad + 1);
-    stop = true;
-    EXPECT_FALSE(store.next()) << "a shutdown does not wait for the whole run to be read past";
-    EXPECT_TRUE(store.readPaused());
-    store.close();
-  }
-  const auto left = testing::pendingPayloads(dir.path());
-  EXPECT_GE(left.size(), kBad) << "what was not read past stays on disk";
-  ASSERT_FALSE(left.empty());
-  EXPECT_EQ(nameOf(left.back()), "behind");
-
-  stop = false;
-  PendingStore store(dir.path(), {});
-  store.setStopFlag(&stop);
-  store.open();
-  std::optional<PendingStore::Read> read;
-  std::size_t stretches = 0;
-  while (stretches < 100 && !(read = store.next())) {
-    ASSERT_TRUE(store.readPaused()) << "nothing left only at the end";
-    ++stretches;
-  }
-  ASSERT_TRUE(read);
-  EXPECT_EQ(nameOf(read->bytes), "behind");
-  EXPECT_GE(stretches, kBad / PendingStore::kPiecesPerRead);
-  store.answered(read->ref);
-  EXPECT_FALSE(store.next());
-  EXPECT_FALSE(store.readPaused());
-  EXPECT_TRUE(onDisk().empty());
-}
-
-// Damaged frames never hold up the records around them: a payload this build cannot read is
-// moved aside as it was (within the quarantine's limit, each counted), a damaged length is read
-// past, and a last frame cut short by a kill is not counted.
-TEST_F(StoreTest, DamagedFramesAreMovedAsideOrReadPastWithinTheQuarantinesLimit) {
   const std::string later = R"({"xid":{"cid":"c","did":"d","sid":"s"},"action":{"type":"x"}})";
   std::vector<std::string> payloads{later};
   std::vector<std::string> good;
-  for (int i = 0; i < 100; ++i) {
+  for (std::size_t i = 0; i < kBad; ++i) {
     payloads.push_back("{\"a\":" + std::to_string(i) + "}");
-    if (i % 10 == 0) {
+    if (i % 10 == 0 && i < 100) {
       good.push_back(std::to_string(i));
-      payloads.push_back(recordJson(good.back()));
+      payloads.push_back(namedRecord(good.back()));
     }
   }
-  std::string content = frames(payloads) + rawLength(-5) + "garbage-after-a-negative-length";
-  content += frames({recordJson("last")}) + rawLength(1'000'000'000) + "oversized";
-  const std::string torn = frames({recordJson("torn")});
-  content += torn.substr(0, torn.size() / 2);
-  writeFile(pendingFile(), content);
-  PendingStore store(dir.path(), ZStoreLimits{.maxQuarantineBytes = 1024});
-  EXPECT_EQ(store.open(), payloads.size() + 1) << "every whole frame counts, the torn one does not";
+  std::string content = framed(payloads) + rawLength(-5) + "garbage-after-a-negative-length";
+  content += framed({namedRecord("last")}) + rawLength(1'000'000'000) + "oversized";
+  const std::string torn = framed({namedRecord("torn")});
+  writeFile(pendingFile(), content + torn.substr(0, torn.size() / 2));
   good.push_back("last");
-  EXPECT_EQ(sendAll(store), good);
-  EXPECT_EQ(store.counts().quarantined, 101u);
-  EXPECT_GE(store.counts().skippedPieces, 2u);  // the negative and the oversized length
+  const ZStoreLimits limits{.maxQuarantineBytes = 1024};
+  std::atomic<bool> stop{false};
+  PendingStore::Counts counts;
+  {
+    PendingStore store(dir.path(), limits);
+    store.setStopFlag(&stop);
+    EXPECT_EQ(store.open(), payloads.size() + 1) << "every whole frame counts, the torn one not";
+    auto first = store.next();
+    ASSERT_TRUE(first);
+    EXPECT_EQ(nameOf(first->bytes), good.front());
+    store.answered(first->ref);
+    stop = true;
+    EXPECT_FALSE(store.next()) << "a shutdown does not wait for the whole run to be read past";
+    EXPECT_TRUE(store.readPaused());
+    counts = store.counts();
+    store.close();
+  }
+  good.erase(good.begin());
+  EXPECT_GE(testing::pendingPayloads(dir.path()).size(), kBad - 10) << "what was not read past";
+  EXPECT_EQ(onDisk(), good);
+
+  PendingStore store(dir.path(), limits);  // a start with no stop flag at all
+  store.open();
+  std::vector<std::string> sent;
+  std::size_t stretches = 0;
+  for (int turns = 0; turns < 100; ++turns) {
+    auto read = store.next();
+    if (!read && !store.readPaused()) break;
+    stretches += read ? 0 : 1;
+    if (!read) continue;
+    sent.push_back(nameOf(read->bytes));
+    store.answered(read->ref);
+  }
+  EXPECT_EQ(sent, good);
+  EXPECT_GE(stretches, (kBad - 100) / PendingStore::kPiecesPerRead);
+  EXPECT_EQ(counts.quarantined + store.counts().quarantined, kBad + 1) << "each counted once";
+  // The negative and the oversized length.
+  EXPECT_GE(counts.skippedPieces + store.counts().skippedPieces, 2u);
   const auto size = platform::regularFileSize(dir.path() / "ZLogs.quarantine");
   ASSERT_TRUE(size);
   EXPECT_LE(*size, 1024u);
@@ -469,7 +426,7 @@ TEST_F(StoreTest, AnotherProcessKeepsWithinTheSharedFilesSizeAndDropsNothingWhen
   EXPECT_EQ(store.open(), 0u);
   for (int round = 0; round < 8; ++round) {
     std::vector<std::string> batch;
-    for (int i = 0; i < 40; ++i) batch.push_back(recordJson(std::to_string(round * 40 + i)));
+    for (int i = 0; i < 40; ++i) batch.push_back(namedRecord(std::to_string(round * 40 + i)));
     EXPECT_EQ(store.keep(batch).written, batch.size()) << "round " << round;
     // What the owner does at its start.
     fs::rename(pendingFile(), dir.path() / ("ZLogs.tmp." + std::to_string(round + 1)));
@@ -479,7 +436,7 @@ TEST_F(StoreTest, AnotherProcessKeepsWithinTheSharedFilesSizeAndDropsNothingWhen
   std::size_t written = 0;
   bool full = false;
   for (int i = 0; i < 1000 && !full; ++i) {
-    const auto kept = store.keep({recordJson("fill-" + std::to_string(i))});
+    const auto kept = store.keep({namedRecord("fill-" + std::to_string(i))});
     written += kept.written;
     full = kept.handled() == 0;
   }
@@ -496,7 +453,7 @@ TEST_F(StoreTest, AStartThatFindsTheStoreOrThePendingFileHeldTakesItOverOnceItIs
   for (const char* held : {"ZLogs.lock", "ZLogs.tmp"}) {
     SCOPED_TRACE(held);
     testing::TempDir here;
-    writeFile(here.path() / "ZLogs.tmp", frames({recordJson("r1"), recordJson("r2")}));
+    writeFile(here.path() / "ZLogs.tmp", framed({namedRecord("r1"), namedRecord("r2")}));
     testing::LockHeldByChild other(here.path() / held);
     ASSERT_TRUE(other.held());
     PendingStore store(here.path(), {});
@@ -504,7 +461,7 @@ TEST_F(StoreTest, AStartThatFindsTheStoreOrThePendingFileHeldTakesItOverOnceItIs
     EXPECT_TRUE(store.openUnfinished());
     const bool lockHeld = std::string(held) == "ZLogs.lock";
     if (lockHeld) {
-      EXPECT_EQ(store.spill({recordJson("s1")}), 1u) << "not dropped: the disk has room";
+      EXPECT_EQ(store.spill({namedRecord("s1")}), 1u) << "not dropped: the disk has room";
       EXPECT_EQ(store.retryOpen(), 0u);
     }
     other.release();

@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <ctime>
 #include <limits>
 #include <string>
 
 #include "platform/platform.hpp"
+#include "support/data_table.hpp"
 #include "support/scoped_time_zone.hpp"
 
 namespace zelvanor {
@@ -62,38 +64,22 @@ TEST(UtcOffset, IsExactOnEitherSideOfDaylightSavingChanges) {
   EXPECT_EQ(platform::secondsFromGMT(std::numeric_limits<std::int64_t>::max()), 0);
 }
 
-std::tm brokenDown(int year, int dayOfYear, int hour, int minute, int second) {
+/// "2024 64 14:07:09": a year, a day of the year (from 0) and a time of day.
+std::tm brokenDown(const std::string& text) {
   std::tm value{};
-  value.tm_year = year - 1900;
-  value.tm_yday = dayOfYear;
-  value.tm_hour = hour;
-  value.tm_min = minute;
-  value.tm_sec = second;
+  EXPECT_EQ(std::sscanf(text.c_str(), "%d %d %d:%d:%d", &value.tm_year, &value.tm_yday,
+                        &value.tm_hour, &value.tm_min, &value.tm_sec),
+            5)
+      << text;
+  value.tm_year -= 1900;
   return value;
 }
 
 TEST(UtcOffset, FromBrokenDownTimesCountsTheDayThenHoursMinutesAndSeconds) {
-  struct Row {
-    const char* label;
-    std::tm local;
-    std::tm utc;
-    long expected;
-  };
-  const Row rows[] = {
-      {"same day", brokenDown(2024, 64, 14, 7, 9), brokenDown(2024, 64, 5, 7, 9), 32400},
-      {"half hour", brokenDown(2024, 64, 10, 37, 9), brokenDown(2024, 64, 5, 7, 9), 19800},
-      {"with seconds", brokenDown(2024, 64, 4, 41, 48), brokenDown(2024, 64, 5, 7, 9), -1521},
-      {"local the next day", brokenDown(2024, 65, 0, 0, 0), brokenDown(2024, 64, 15, 0, 0), 32400},
-      {"local the day before", brokenDown(2024, 64, 19, 0, 0), brokenDown(2024, 65, 0, 0, 0),
-       -18000},
-      {"local in the new year", brokenDown(2024, 0, 8, 59, 59), brokenDown(2023, 364, 23, 59, 59),
-       32400},
-      {"local in the old leap year", brokenDown(2024, 365, 19, 0, 0), brokenDown(2025, 0, 0, 0, 0),
-       -18000},
-      {"zero", brokenDown(1970, 0, 0, 0, 0), brokenDown(1970, 0, 0, 0, 0), 0},
-  };
-  for (const auto& row : rows) {
-    EXPECT_EQ(platform::offsetBetween(row.local, row.utc), row.expected) << row.label;
+  for (const auto& row : dataTable("platform/utc_offsets.tsv")) {
+    EXPECT_EQ(platform::offsetBetween(brokenDown(row.at(0)), brokenDown(row.at(1))),
+              std::stol(row.at(2)))
+        << row[0] << " / " << row[1];
   }
 }
 
