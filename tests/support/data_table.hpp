@@ -1,6 +1,7 @@
 // Tables of (input, expected) rows kept as files under tests/data/: one row a line, its fields
 // separated by tabs; lines that are empty or start with "#" are notes. Within a field, \t, \r,
-// \n, \\ and \xHH stand for the byte they name (so that a field can hold a tab or edge spaces).
+// \n, \\ and \xHH stand for the byte they name (so that a field can hold a tab or edge spaces),
+// unless the table holds JSON text, whose own escapes are read as they stand.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -39,15 +40,19 @@ inline std::string unescaped(std::string_view field) {
   return out;
 }
 
-/// The rows of the table in tests/data/<name>, each a list of its unescaped fields.
-inline std::vector<std::vector<std::string>> dataTable(const std::string& name) {
+enum class Escapes { read, keep };
+
+/// The rows of the table in tests/data/<name>, each a list of its fields.
+inline std::vector<std::vector<std::string>> dataTable(const std::string& name,
+                                                       Escapes escapes = Escapes::read) {
   std::vector<std::vector<std::string>> rows;
   for (std::string_view line : dataLines(name)) {
     if (line.empty() || line.front() == '#') continue;
     std::vector<std::string> row;
     for (std::size_t at = 0;;) {
       const auto tab = line.find('\t', at);
-      row.push_back(unescaped(line.substr(at, tab - at)));
+      const std::string_view field = line.substr(at, tab - at);
+      row.push_back(escapes == Escapes::read ? unescaped(field) : std::string(field));
       if (tab == std::string_view::npos) break;
       at = tab + 1;
     }

@@ -30,20 +30,6 @@ inline std::string wireFixture(std::string_view name) {
   return dataFile("wire/" + std::string(name));
 }
 
-/// The rows of a table in tests/data/<path>: tab-separated fields, one row a line; blank lines and
-/// lines starting with '#' are left out.
-inline std::vector<std::vector<std::string>> dataRows(std::string_view relative) {
-  std::vector<std::vector<std::string>> rows;
-  std::istringstream lines(dataFile(relative));
-  for (std::string line; std::getline(lines, line);) {
-    if (line.empty() || line[0] == '#') continue;
-    auto& row = rows.emplace_back();
-    std::istringstream fields(line);
-    for (std::string field; std::getline(fields, field, '\t');) row.push_back(field);
-  }
-  return rows;
-}
-
 /// Structural equality, member order included (the encoder writes members in a fixed order and
 /// the fixtures follow it): both texts parsed and written back compactly. A float never equals
 /// an integer, as their compact forms differ.

@@ -18,6 +18,7 @@
 
 #include "model/field_tables.hpp"
 #include "support/scoped_time_zone.hpp"
+#include "support/data_table.hpp"
 #include "support/wire_json.hpp"
 #include "support/wire_samples.hpp"
 #include "zelvanor/json.hpp"
@@ -71,7 +72,7 @@ const std::map<std::string, Result<std::string> (*)(std::string_view)> kTypes = 
 };
 
 TEST(CodecCases, EachTextReadsAndWritesBackOrFailsAsTheTableSays) {
-  const auto rows = testing_support::dataRows("codec/cases.tsv");
+  const auto rows = testing::dataTable("codec/cases.tsv", testing::Escapes::keep);
   ASSERT_GT(rows.size(), 50u);
   for (const auto& row : rows) {
     ASSERT_EQ(row.size(), 3u);
