@@ -17,8 +17,8 @@
 #include <vector>
 
 #include "model/field_tables.hpp"
-#include "support/scoped_time_zone.hpp"
 #include "support/data_table.hpp"
+#include "support/scoped_time_zone.hpp"
 #include "support/wire_json.hpp"
 #include "support/wire_samples.hpp"
 #include "zelvanor/json.hpp"
