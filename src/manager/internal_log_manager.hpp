@@ -183,7 +183,6 @@ class ZInternalLogManager : public std::enable_shared_from_this<ZInternalLogMana
   std::optional<ZXid> xid_;
   std::optional<ZAgent> agent_;
   std::optional<ZId> id_;
-  std::optional<ZCommon> common_;  // never assigned: the host's common block is commonForRecords_
   bool ready_ = false;  // mirrors readySubject_, but changes atomically with the templates
   ZLogRecordBuilder builder_;
   ZLogRecordQueue queue_;

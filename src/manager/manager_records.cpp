@@ -245,11 +245,9 @@ ZELVANOR_BUILDER_SETTER(appendViewImpressionContents, std::vector<ZViewImpressio
 #undef ZELVANOR_BUILDER_SETTER
 
 ZUcid ZInternalLogManager::deriveUcidLocked() const {
+  // The ucid never names the service, even when the common block does: its service fields stay
+  // absent, as collectors have always received it.
   ZUcid ucid;
-  if (common_) {
-    ucid.serviceName = common_->serviceName;
-    ucid.serviceId = common_->serviceId;
-  }
   if (id_) {
     for (const auto* candidate :
          {&id_->appUserId, &id_->accountId, &id_->plovaUserId, &id_->hestroUserId, &id_->tunqaId,
