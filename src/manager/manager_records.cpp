@@ -267,17 +267,23 @@ RecordContext ZInternalLogManager::contextLocked(std::optional<ZCommon> common) 
 }
 
 void ZInternalLogManager::track(bool verbose, bool disabled) {
-  const HeldDiagnostics held;  // said once mutex_ is released
-  const HeldRecords records(*this);
-  std::lock_guard lock(mutex_);
-  trackLocked(verbose, disabled);
+  {
+    const HeldDiagnostics held;  // said once mutex_ is released
+    const HeldRecords records(*this);
+    std::lock_guard lock(mutex_);
+    trackLocked(verbose, disabled);
+  }
+  queue_.keepPaceWithDisk();
 }
 
 void ZInternalLogManager::track(ZLogTemplate blocks, bool verbose, bool disabled) {
-  const HeldDiagnostics held;  // said once mutex_ is released
-  const HeldRecords records(*this);
-  std::lock_guard lock(mutex_);
-  trackBlocksLocked(std::move(blocks), verbose, disabled);
+  {
+    const HeldDiagnostics held;  // said once mutex_ is released
+    const HeldRecords records(*this);
+    std::lock_guard lock(mutex_);
+    trackBlocksLocked(std::move(blocks), verbose, disabled);
+  }
+  queue_.keepPaceWithDisk();
 }
 
 void ZInternalLogManager::trackLocked(bool verbose, bool disabled) {

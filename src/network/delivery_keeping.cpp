@@ -143,6 +143,7 @@ void HttpsDelivery::shutdown(std::vector<std::string> unsent, std::vector<std::s
     std::lock_guard lock(mutex_);
     if (stopped_.exchange(true)) return;
   }
+  inboxTaken_.notify_all();  // a host pacing itself by the disk goes on
   // A request the collector has already answered but whose answer is still on its way would be
   // kept and sent again at the next start. A short grace lets those answers land; anything slower
   // is cancelled, so exit stays quick.

@@ -98,6 +98,17 @@ std::uint64_t HttpsDelivery::recordsHeld() const {
          toDiskInInbox_.load(std::memory_order_relaxed);
 }
 
+void HttpsDelivery::keepPaceWithDisk() {
+  if (toDiskInInbox_.load() < limits_.maxRecordsInMemory || worker_->isCurrent()) return;
+  std::unique_lock lock(mutex_);
+  if (stopped_.load() || paceGivenUpAt_ == inboxesTaken_) return;
+  const std::uint64_t takenBefore = inboxesTaken_;
+  const bool caughtUp = inboxTaken_.wait_for(lock, kPaceLimit, [&] {
+    return stopped_.load() || toDiskInInbox_.load() < limits_.maxRecordsInMemory;
+  });
+  if (!caughtUp && inboxesTaken_ == takenBefore) paceGivenUpAt_ = inboxesTaken_;
+}
+
 void HttpsDelivery::setListener(std::function<void(std::uint64_t)> listener) {
   std::lock_guard lock(mutex_);
   listener_ = std::move(listener);
@@ -243,6 +254,11 @@ void HttpsDelivery::drainInbox() {
     }
   }
   toDiskInInbox_ -= std::min(toDiskInInbox_.load(), toDisk);
+  {
+    std::lock_guard lock(mutex_);
+    ++inboxesTaken_;
+  }
+  inboxTaken_.notify_all();
   draining_.clear();  // every record was moved out: the capacity is what is kept
   notifyQueue();
 }

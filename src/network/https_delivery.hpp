@@ -17,12 +17,12 @@
 #include <vector>
 
 #include "network/http_api.hpp"
-#include "transport/http_client.hpp"
 #include "platform/thread_priority.hpp"
-#include "store/pending_store.hpp"
 #include "queue/record_transport.hpp"
+#include "store/pending_store.hpp"
 #include "support/retry_policy.hpp"
 #include "support/serial_queue.hpp"
+#include "transport/http_client.hpp"
 
 namespace zelvanor::detail {
 
@@ -42,6 +42,7 @@ class HttpsDelivery final : public RecordTransport,
   void restore(std::function<void(std::uint64_t)> restored) override;
   std::uint64_t room() const override;
   std::uint64_t recordsHeld() const override;
+  void keepPaceWithDisk() override;
   void setListener(std::function<void(std::uint64_t)> listener) override;
   void send(std::uint64_t fromDisk, std::vector<std::string> records,
             bool networkAvailable) override;
@@ -166,6 +167,12 @@ class HttpsDelivery final : public RecordTransport,
   bool drainQueued_ = false;    ///< guarded by mutex_: a drainInbox task is queued
   /// How long a woken worker lets hand-overs gather before it takes them.
   static constexpr std::chrono::microseconds kGatherWindow{500};
+  /// The longest a host waits in keepPaceWithDisk() for writes that make no progress; it then
+  /// waits no more until the worker has taken a hand-over again (a hung disk costs it once).
+  static constexpr std::chrono::milliseconds kPaceLimit{250};
+  std::condition_variable inboxTaken_;
+  std::uint64_t inboxesTaken_ = 0;       ///< guarded by mutex_: drainInbox() runs so far
+  std::uint64_t paceGivenUpAt_ = ~0ULL;  ///< guarded by mutex_: inboxesTaken_ when a wait timed out
   std::atomic<std::uint64_t> bytesOnDisk_{0};
   // Worker only.
   PendingStore store_;

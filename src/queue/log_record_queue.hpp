@@ -38,6 +38,8 @@ class ZLogRecordQueue {
   /// oldest until fewer remain. So a batch size of 5 keeps four records waiting and sends one per
   /// further enqueue.
   void enqueue(std::string record);
+  /// After enqueue(), with no lock held: waits while the disk is far behind (see the transport).
+  void keepPaceWithDisk() { state_->transport->keepPaceWithDisk(); }
   /// Appends records built from templates an earlier run kept, through the pending store: they
   /// wait on disk, behind everything enqueued so far, and the transport then forgets those
   /// templates. Called with none when all of them were dropped.

@@ -44,6 +44,11 @@ class RecordTransport {
   /// Records handed over that are in memory: taken for the network and not yet answered, or on
   /// their way to disk and not yet written. The queue counts them against its memory limit.
   virtual std::uint64_t recordsHeld() const { return 0; }
+  /// Called on a host's thread with no SDK lock held, after it tracked: while more than the
+  /// memory limit waits to be written to disk, waits (bounded) for the writes to catch up. A host
+  /// tracking faster than the disk takes records would otherwise hold an unbounded backlog in
+  /// memory, all of it lost to a kill.
+  virtual void keepPaceWithDisk() {}
   /// Runs on an SDK thread, with no lock held, when room frees up, and with the number of
   /// records waiting on disk (the oldest) that were dropped for space.
   virtual void setListener(std::function<void(std::uint64_t droppedFromDisk)> listener) = 0;
