@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <set>
 #include <thread>
 
@@ -38,6 +39,7 @@ class CollectorDeliveryTest : public ::testing::Test {
   }
   void TearDown() override {
     ZelvanorTracker::shutdown();
+    ZelvanorTracker::setStoreLimits(ZStoreLimits{});
     detail::setRetryTimings({});
     collector_.reset();
   }
@@ -52,7 +54,7 @@ class CollectorDeliveryTest : public ::testing::Test {
   /// Starts the SDK as a host does at launch: servers, configuration, its user's ids and the common
   /// block, which is what install and launch detection waits for. `offline` reports no network
   /// before anything else is known.
-  void startSdk(bool offline = false) {
+  void startSdk(bool offline = false, std::uint64_t batchSize = 1) {
     ZelvanorTracker::setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.shop",
                                                      .appVersion = "1.0",
                                                      .dataDirectory = appDir().string()});
@@ -60,7 +62,7 @@ class CollectorDeliveryTest : public ::testing::Test {
     ASSERT_TRUE(
         ZelvanorTracker::setEndpoints(ZEndpoints{base, base, base, collector_->caFile().string()}));
     ZelvanorTracker::setReachabilityFlags(offline ? 0 : kReachable)
-        .setRequired(ZConfiguration{.timeout = 2, .batchSize = 1})
+        .setRequired(ZConfiguration{.timeout = 2, .batchSize = batchSize})
         .set(ZId{.appUserId = "user-7"})
         .set(ZCommon({.serviceName = "shop", .deployment = "production"}));
   }
@@ -188,6 +190,33 @@ TEST_F(CollectorDeliveryTest, WhatAnOfflineDroppingOrDownCollectorMissedArrivesL
   for (std::size_t i = first.size(); i < all.size(); ++i) EXPECT_EQ(all[i].xid, kept);
   EXPECT_EQ(collector_->counters().syncRequests, 0u);
   EXPECT_TRUE(eventually([&] { return !pendingFile(); }));
+}
+
+TEST_F(CollectorDeliveryTest, BeyondTheMemoryLimitRecordsWaitOnDiskAndAFlushSendsThemOldestFirst) {
+  ZelvanorTracker::setStoreLimits(ZStoreLimits{.maxRecordsInMemory = 10});
+  // A threshold far above what is tracked: nothing goes out before the flush.
+  startSdk(/*offline=*/false, /*batchSize=*/1000);
+  ASSERT_TRUE(ZelvanorTracker::waitUntilReady(std::chrono::seconds(10)));
+  constexpr int kTracked = 300;
+  for (int i = 0; i < kTracked; ++i) {
+    char name[16];
+    std::snprintf(name, sizeof name, "capped-%03d", i);
+    track(name);
+  }
+  const ZCounters waiting = ZelvanorTracker::counters();
+  EXPECT_LE(waiting.waitingInMemory, 10u);
+  EXPECT_GE(waiting.waitingOnDisk, static_cast<std::uint64_t>(kTracked - 10));
+  ASSERT_TRUE(ZelvanorTracker::flush().flushAndWait(std::chrono::seconds(60)));
+
+  Names arrived;
+  for (const auto& e : waitForEvents(kTracked, "capped-", true)) arrived.push_back(e.actionName);
+  ASSERT_EQ(arrived.size(), static_cast<std::size_t>(kTracked)) << "every one, none twice";
+  // Oldest first: parallel connections may swap neighbours, never more than a window apart.
+  constexpr int kConnections = 8;
+  for (int position = 0; position < kTracked; ++position) {
+    const int index = std::stoi(arrived[static_cast<std::size_t>(position)].substr(7));
+    EXPECT_LT(std::abs(index - position), 2 * kConnections) << arrived[position];
+  }
 }
 
 }  // namespace
