@@ -1,8 +1,8 @@
 // The SDK against a real local collector over HTTPS on loopback, through the public facade only:
-// a collector that refuses, drops connections or is down, a sync server that gives no triple, an
-// app that starts offline. Each "start" is a fresh shared instance over the same data directory,
-// as the next launch of a host app would be. The back-off is shortened to a fifth of a second so
-// that the tests wait for it.
+// an app that starts offline while the sync server gives no triple, then a collector that
+// refuses, drops connections or is down. Each "start" is a fresh shared instance over the same data
+// directory, as the next launch of a host app would be. The back-off is shortened to a fifth of a
+// second so that the tests wait for it.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -54,7 +54,7 @@ class CollectorDeliveryTest : public ::testing::Test {
   /// Starts the SDK as a host does at launch: servers, configuration, its user's ids and the common
   /// block, which is what install and launch detection waits for. `offline` reports no network
   /// before anything else is known.
-  void startSdk(std::uint64_t batchSize = 1, bool offline = false) {
+  void startSdk(bool offline = false, std::uint64_t batchSize = 1) {
     ZelvanorTracker::setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.shop",
                                                      .appVersion = "1.0",
                                                      .dataDirectory = appDir().string()});
@@ -106,14 +106,36 @@ class CollectorDeliveryTest : public ::testing::Test {
   std::unique_ptr<Collector> collector_;
 };
 
-TEST_F(CollectorDeliveryTest, RefusalsAreDroppedAndWhatADroppingOrDownCollectorMissedArrivesLater) {
-  startSdk();
-  // Each of the two configuration passes subscribes once more: two launch events.
-  const auto first = waitForEvents(3);
-  ASSERT_EQ(sortedNames(first), sorted({"앱설치", "앱실행", "앱실행"}));
+TEST_F(CollectorDeliveryTest, WhatAnOfflineDroppingOrDownCollectorMissedArrivesLaterRefusalsNever) {
+  // Offline is the first thing known about the network, before the triple and any record; the
+  // sync server answers without a triple at first.
+  collector_->setSyncAnswer(std::string("{\"busy\":true}"));
+  startSdk(/*offline=*/true);
+  for (const char* name : {"early-1", "early-2"}) {
+    ZelvanorTracker::set(ZPage{.id = "p1", .name = "home", .title = "Home"});
+    track(name);
+  }
+  // The sync server is asked again: the events tracked before the triple are built with it, and
+  // kept while offline.
+  std::this_thread::sleep_for(300ms);
+  collector_->setSyncAnswer(std::nullopt);
+  EXPECT_TRUE(eventually([&] { return pendingFile(); }));
+  EXPECT_GE(collector_->counters().syncRequests, 2u);
+  EXPECT_EQ(collector_->counters().trackRequests, 0u) << "nothing goes out while offline";
+
+  // The network comes: what was kept goes out in this run, without a threshold or a restart, with
+  // one issued triple, and context set before the triple arrived in the records. Each of the two
+  // configuration passes subscribes once more: two launch events.
+  ZelvanorTracker::setReachabilityFlags(kReachable);
+  const auto first = waitForEvents(5);
+  ASSERT_EQ(sortedNames(first), sorted({"앱설치", "앱실행", "앱실행", "early-1", "early-2"}));
   const auto issued = collector_->issuedTriples();
+  EXPECT_NE(std::find(issued.begin(), issued.end(), first.front().xid), issued.end());
   for (const auto& e : first) {
-    EXPECT_NE(std::find(issued.begin(), issued.end(), e.xid), issued.end()) << e.xid.cid;
+    EXPECT_EQ(e.xid, first.front().xid);
+    if (e.actionName.rfind("early-", 0) == 0) {
+      EXPECT_EQ(e.page, "home");
+    }
   }
   // An answer other than "ok" drops the record for good.
   collector_->setTrackAnswer("fail");
@@ -160,9 +182,9 @@ TEST_F(CollectorDeliveryTest, RefusalsAreDroppedAndWhatADroppingOrDownCollectorM
   startCollector(port);
   startSdk();
   track("second-start");
-  const auto all = waitForEvents(9 + down.size());
-  Names expected = {"앱설치",    "앱실행",    "앱실행",    "앱실행",      "앱실행",
-                    "offline-1", "offline-2", "offline-3", "second-start"};
+  const auto all = waitForEvents(11 + down.size());
+  Names expected = {"앱설치",  "앱실행",    "앱실행",    "앱실행",    "앱실행",      "early-1",
+                    "early-2", "offline-1", "offline-2", "offline-3", "second-start"};
   expected.insert(expected.end(), downNames.begin(), downNames.end());
   EXPECT_EQ(sortedNames(all), sorted(expected));
   for (std::size_t i = first.size(); i < all.size(); ++i) EXPECT_EQ(all[i].xid, kept);
@@ -170,41 +192,10 @@ TEST_F(CollectorDeliveryTest, RefusalsAreDroppedAndWhatADroppingOrDownCollectorM
   EXPECT_TRUE(eventually([&] { return !pendingFile(); }));
 }
 
-TEST_F(CollectorDeliveryTest, AnAppOfflineWithoutATripleSendsWhatItKeptWithItsContextWhenBothCome) {
-  // Offline is the first thing known about the network, before the triple and any record; the
-  // sync server answers without a triple at first.
-  collector_->setSyncAnswer(std::string("{\"busy\":true}"));
-  startSdk(1, /*offline=*/true);
-  for (const char* name : {"early-1", "early-2"}) {
-    ZelvanorTracker::set(ZPage{.id = "p1", .name = "home", .title = "Home"});
-    track(name);
-  }
-  // The sync server is asked again: the events tracked before the triple are built with it, and
-  // kept while offline.
-  std::this_thread::sleep_for(300ms);
-  collector_->setSyncAnswer(std::nullopt);
-  EXPECT_TRUE(eventually([&] { return pendingFile(); }));
-  EXPECT_GE(collector_->counters().syncRequests, 2u);
-  EXPECT_EQ(collector_->counters().trackRequests, 0u) << "nothing goes out while offline";
-
-  // The network comes: what was kept goes out in this run, without a threshold or a restart, with
-  // one triple, and context set before the triple arrived in the records.
-  ZelvanorTracker::setReachabilityFlags(kReachable);
-  const auto events = waitForEvents(5);
-  EXPECT_EQ(sortedNames(events), sorted({"앱설치", "앱실행", "앱실행", "early-1", "early-2"}));
-  for (const auto& e : events) {
-    EXPECT_EQ(e.xid, events.front().xid);
-    if (e.actionName.rfind("early-", 0) == 0) {
-      EXPECT_EQ(e.page, "home");
-    }
-  }
-  EXPECT_FALSE(events.front().xid.cid.empty());
-}
-
 TEST_F(CollectorDeliveryTest, BeyondTheMemoryLimitRecordsWaitOnDiskAndAFlushSendsThemOldestFirst) {
   ZelvanorTracker::setStoreLimits(ZStoreLimits{.maxRecordsInMemory = 10});
   // A threshold far above what is tracked: nothing goes out before the flush.
-  startSdk(1000);
+  startSdk(/*offline=*/false, /*batchSize=*/1000);
   ASSERT_TRUE(ZelvanorTracker::waitUntilReady(std::chrono::seconds(10)));
   constexpr int kTracked = 300;
   for (int i = 0; i < kTracked; ++i) {

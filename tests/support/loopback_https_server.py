@@ -1,16 +1,8 @@
 #!/usr/bin/env python3
-"""Runs a command beside an HTTPS server on loopback, for tests of a client built for another
-system (the Windows build under Wine). The certificate is made for this run by a throwaway CA.
-
-  loopback_https_server.py COMMAND...
-
-The command finds the server through its environment:
-  ZELVANOR_TEST_HTTPS_PORT    the server's port (https://localhost:PORT)
-  ZELVANOR_TEST_CA_FILE       the CA that issued the server's certificate (PEM)
-  ZELVANOR_TEST_STRANGER_PORT the same server with a certificate from another CA, on a port of
-                              its own (Wine pools connections across sessions by host and port)
-  ZELVANOR_TEST_REFUSED_PORT  a loopback port nothing listens on
-Exits with the command's status."""
+"""loopback_https_server.py COMMAND...: runs COMMAND beside an HTTPS server on loopback whose
+certificate a throwaway CA issued for this run, and exits with its status. It finds the server
+through its environment (see main). Python's own server, so that a client built for another
+system (the Windows build under Wine) can be tested against it too."""
 import http.server
 import os
 import socket
@@ -59,21 +51,27 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.end_headers()
         self.wfile.write(body)
 
-    def do_GET(self):
-        if self.path == "/ok":
+    def do_GET(self, body=b""):
+        if self.path.startswith("/echo"):  # what arrived: request line, some headers, body
+            seen = "".join(f"{name}: {self.headers[name]}\n"
+                           for name in ("Content-Type", "Expect", "Cookie") if name in self.headers)
+            self.answer(200, f"{self.command} {self.path}\n{seen}".encode() + body)
+        elif self.path == "/ok":
             self.answer(200, b"ok")
-        elif self.path == "/cookies":
-            self.answer(503, b"later", [("Set-Cookie", "a=1; Path=/"),
-                                        ("Set-Cookie", "b=2; Path=/"), ("Retry-After", "120")])
         elif self.path == "/redirect":
             port = self.server.server_address[1]
-            self.answer(302, b"moved", [("Location", f"https://localhost:{port}/ok")])
+            self.answer(302, b"moved", [
+                ("Location", f"https://localhost:{port}/ok"), ("Retry-After", "7"),
+                ("Set-Cookie", "fa_cid=c1; Path=/; Max-Age=3600; Secure"),
+                ("Set-Cookie", "fa_did=d1; Path=/; Max-Age=3600"),
+                ("Set-Cookie", "scoped=s; Path=/only; Max-Age=3600"),
+                ("Set-Cookie", "session=x; Path=/")])
         elif self.path == "/posted":
             self.answer(200, str(Handler.posted).encode())
         elif self.path == "/big":
             self.answer(200, b"x" * (2 << 20))
         elif self.path == "/hang":
-            time.sleep(10)  # longer than any test waits for a cancellation
+            time.sleep(10)  # longer than any test waits for a timeout or a cancellation
             self.answer(200, b"late")
         else:
             self.answer(404, b"")
@@ -81,7 +79,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def do_POST(self):
         body = self.rfile.read(int(self.headers.get("Content-Length", "0")))
         Handler.posted += len(body)
-        self.answer(200, body, [("X-Content-Type", self.headers.get("Content-Type", ""))])
+        self.do_GET(body)
 
 
 class Server(http.server.ThreadingHTTPServer):
@@ -105,6 +103,8 @@ def serve(directory):
 def main():
     with tempfile.TemporaryDirectory() as directory:
         server = serve(os.path.join(directory, "trusted"))
+        # The same server with a certificate from another CA, on a port of its own (Wine pools
+        # connections across sessions by host and port).
         stranger = serve(os.path.join(directory, "stranger"))
         with socket.socket() as probe:  # bound, then closed: nothing listens there
             probe.bind(("127.0.0.1", 0))

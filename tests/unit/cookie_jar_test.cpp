@@ -29,6 +29,7 @@ TEST(CookieJarTest, EarlierBuildsLinesLoadAndOnlyDatedCookiesAreSaved) {
   // As earlier builds filed them: HttpOnly marks, an IPv6 literal without brackets, a host as it
   // was spelled, a line ended by CRLF, comments and debris.
   std::filesystem::copy_file(std::string(ZELVANOR_TEST_DATA_DIR) + "/http/cookies.txt", file);
+  const std::string dated = "127.0.0.1\tFALSE\t/sync\tFALSE\t4102444800\tfa_did\td\n";
   {
     CookieJar jar(file);
     jar.load();
@@ -37,24 +38,33 @@ TEST(CookieJarTest, EarlierBuildsLinesLoadAndOnlyDatedCookiesAreSaved) {
     EXPECT_EQ(offered(jar, "https://other.example.com/sync?v=1"), "fa_cid=named");
     EXPECT_EQ(offered(jar, "https://SYNC.example.org/sync?v=1"), "domain=d");
     EXPECT_EQ(offered(jar, "https://[::2]/sync?v=1"), "");
+    EXPECT_TRUE(jar.take(
+        "https://127.0.0.1:8443/sync",
+        {"fa_did=d; Expires=Fri, 01 Jan 2100 00:00:00 GMT; Path=/sync", "gone=x; Max-Age=0"}));
     jar.save();
   }
-  std::string saved;
-  {  // closed before the file is removed below: Windows refuses to remove an open file
+  const auto saved = [&] {  // closed at once: Windows refuses to remove an open file
     std::ifstream in(file);
-    saved.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  };
+  const std::string expected =
+      "# Netscape HTTP Cookie File\n"
+      "#HttpOnly_sync.example.com\tFALSE\t/\tTRUE\t4102444800\tfa_cid\th\n"
+      "::1\tFALSE\t/\tTRUE\t4102444800\tfa_cid\tv6\n"
+      "other.example.com\tFALSE\t/\tTRUE\t4102444800\tfa_cid\tnamed\n"
+      ".example.org\tTRUE\t/\tFALSE\t4102444800\tdomain\td\n" +
+      dated;
+  EXPECT_EQ(saved(), expected) << "no session, expired or commented cookie";
+  // A fresh jar from the saved file offers the HttpOnly cookie and the path's again, and writes
+  // the same file back.
+  {
+    CookieJar again(file);
+    again.load();
+    EXPECT_EQ(offered(again, "https://sync.example.com/sync"), "fa_cid=h");
+    EXPECT_EQ(offered(again, "https://127.0.0.1/sync/x"), "fa_did=d");
+    again.save();
   }
-  EXPECT_EQ(saved,
-            "# Netscape HTTP Cookie File\n"
-            "#HttpOnly_sync.example.com\tFALSE\t/\tTRUE\t4102444800\tfa_cid\th\n"
-            "::1\tFALSE\t/\tTRUE\t4102444800\tfa_cid\tv6\n"
-            "other.example.com\tFALSE\t/\tTRUE\t4102444800\tfa_cid\tnamed\n"
-            ".example.org\tTRUE\t/\tFALSE\t4102444800\tdomain\td\n")
-      << "no session, expired or commented cookie";
-  // A fresh jar from the saved file offers the HttpOnly cookie again.
-  CookieJar again(file);
-  again.load();
-  EXPECT_EQ(offered(again, "https://sync.example.com/sync"), "fa_cid=h");
+  EXPECT_EQ(saved(), expected);
 
   // A jar without a file never writes one.
   std::filesystem::remove(file);

@@ -1,7 +1,6 @@
 // The cookie store and the HTTP-date reading on their own, as tables (in tests/data/http/): the
 // date forms and the leniency browsers allow, Retry-After's two forms, what a Set-Cookie may set
-// and where the cookie goes back, the store's bounds, and the jar lines libcurl wrote before the
-// SDK had its own store.
+// and where the cookie goes back, and the store's bounds. The jar file's lines are the jar's test.
 #include "transport/cookie_store.hpp"
 
 #include <gtest/gtest.h>
@@ -60,6 +59,11 @@ TEST(CookieStore, SetCookieIsStoredAndSentBackAsBrowsersDo) {
   store.setFromHeader("https://h.test/", "n=" + longValue, kNow);
   store.setFromHeader("https://h.test/", "m=" + longValue + "v", kNow);
   EXPECT_EQ(store.cookieHeaderFor("https://h.test/", kNow), "n=" + longValue);
+  // The jar gets the dated cookies while they live, as libcurl wrote them.
+  store.setFromHeader("https://h.test/", "dated=1; Max-Age=100", kNow);
+  EXPECT_EQ(store.jarLines(kNow + seconds(99)),
+            std::vector<std::string>{"h.test\tFALSE\t/\tFALSE\t1700000100\tdated\t1"});
+  EXPECT_TRUE(store.jarLines(kNow + seconds(100)).empty()) << "expired by then";
 }
 
 TEST(CookieStore, BoundsDropTheLeastRecentlySetPerDomainAndInAll) {
@@ -85,32 +89,6 @@ TEST(CookieStore, BoundsDropTheLeastRecentlySetPerDomainAndInAll) {
   EXPECT_EQ(store.cookieHeaderFor("https://h.test/", kNow), "") << "the oldest domain went first";
   store.clear();
   EXPECT_EQ(store.size(), 0u);
-}
-
-TEST(CookieStore, JarLinesAsLibcurlWroteThemLoadAndOnlyDatedLiveCookiesAreWritten) {
-  CookieStore store;
-  // Lines as a reader keeping their ends would hand them over (one has a CRLF).
-  for (const auto& line : testing::dataLines("http/cookies.txt"))
-    store.addJarLine(line + "\n", kNow);
-  EXPECT_EQ(store.cookieHeaderFor("https://sync.example.com/sync", kNow), "fa_cid=h; session=s");
-  EXPECT_EQ(store.cookieHeaderFor("https://a.b.example.org/", kNow), "domain=d");
-  store.setFromHeader("https://127.0.0.1:8443/sync", "fa_did=d; Max-Age=100; Path=/sync", kNow);
-
-  const std::vector<std::string> expected = {
-      "#HttpOnly_sync.example.com\tFALSE\t/\tTRUE\t4102444800\tfa_cid\th",
-      "::1\tFALSE\t/\tTRUE\t4102444800\tfa_cid\tv6",
-      "other.example.com\tFALSE\t/\tTRUE\t4102444800\tfa_cid\tnamed",
-      ".example.org\tTRUE\t/\tFALSE\t4102444800\tdomain\td",
-      "127.0.0.1\tFALSE\t/sync\tFALSE\t1700000100\tfa_did\td",
-  };
-  EXPECT_EQ(store.jarLines(kNow), expected);
-  EXPECT_EQ(store.jarLines(kNow + seconds(100)).size(), 4u) << "expired by then";
-
-  CookieStore reloaded;
-  for (const auto& line : expected) reloaded.addJarLine(line, kNow);
-  EXPECT_EQ(reloaded.jarLines(kNow), expected);
-  EXPECT_EQ(reloaded.cookiesFor("https://127.0.0.1/sync", kNow),
-            store.cookiesFor("https://127.0.0.1/sync", kNow));
 }
 
 }  // namespace
