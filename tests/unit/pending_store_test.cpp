@@ -86,7 +86,9 @@ TEST_F(StoreTest, RecordsLeaveTheDiskOnlyOnceAnsweredAndTheRestWaitsInOrder) {
   const std::string stored =
       R"({"xid":{"cid":"c","did":"d","sid":"s"},"sdk":{"type":"production","version":"0.9.0",)"
       R"("common_log_version":"1.2.0"},"action":{"type":"event","name":"1","kind":"k"},)"
-      R"("agreement":{"third_ad_agree":true},"page":null,"from_a_later_version":{"x":1}})";
+      R"("agreement":{"third_ad_agree":true},"click":null,"from_a_later_version":{"x":1},)"
+      R"("page":{"id":"p","name":"n","title":"t"},"usage":{"duration":3,"scroll_percent":0.25},)"
+      R"("free":"f"})";
   writeFile(pendingFile(), framed({stored, namedRecord("2"), namedRecord("3"), namedRecord("4")}));
   {
     PendingStore store(dir.path(), {});
@@ -137,6 +139,11 @@ TEST_F(StoreTest, RecordsLeaveTheDiskOnlyOnceAnsweredAndTheRestWaitsInOrder) {
   third.answered(third.next().value().ref);
   EXPECT_FALSE(third.next());
   EXPECT_EQ(onDisk(), (Names{"6", "7", "loose", "kept"}));
+  // Nor through a link planted at the path, which gives a failed append, not a target created.
+  fs::remove(pendingFile());
+  fs::create_symlink(dir.path() / "missing", pendingFile());
+  EXPECT_EQ(PendingStore(dir.path(), {}).keep({namedRecord("2")}).written, 0u);
+  EXPECT_FALSE(fs::exists(dir.path() / "missing"));
 }
 
 TEST_F(StoreTest, TheDiskStaysWithinItsLimitByDroppingTheOldest) {
