@@ -61,7 +61,7 @@ std::uint64_t filesOnDisk(const fs::path& dir, Names* names = nullptr) {
 /// each; their names.
 Names sendAll(PendingStore& store, std::size_t* pauses = nullptr) {
   Names sent;
-  for (int turns = 0; turns < 1000; ++turns) {
+  for (int turns = 0; turns < 100000; ++turns) {
     auto read = store.next();
     if (!read && !store.readPaused()) break;
     if (!read && pauses) ++*pauses;
