@@ -8,6 +8,7 @@
 #include <atomic>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "platform/file_ops.hpp"
@@ -183,12 +184,8 @@ void plant(const fs::path& at, Thing thing, const std::string& good) {
 // is opened, waited on or written through, and what stops the usual way is said.
 TEST_F(StoreTest, DamagedOrForeignFilesNeverHoldUpOrPushOutTheGoodRecords) {
   const ZStoreLimits limits{.maxBytesOnDisk = 256u << 10};
-  struct Planted {
-    const char* name;
-    Thing thing;
-  };
   struct Case {
-    std::vector<Planted> plants;
+    std::vector<std::pair<const char*, Thing>> plants;
     const char* said;  // in a finding, or nothing to say
   };
   const std::vector<Case> cases{
@@ -209,7 +206,7 @@ TEST_F(StoreTest, DamagedOrForeignFilesNeverHoldUpOrPushOutTheGoodRecords) {
   const std::string good = framed(records(numbered(0, 300)));
   const std::string elsewhere = framed({namedRecord("elsewhere")});
   for (std::size_t i = 0; i < cases.size(); ++i) {
-    SCOPED_TRACE(::testing::Message() << "case " << i << ": " << cases[i].plants[0].name);
+    SCOPED_TRACE(::testing::Message() << "case " << i << ": " << cases[i].plants[0].first);
     testing::TempDir here;
     const fs::path d = here.path();
     writeFile(d / "ZLogs.tmp", good);
