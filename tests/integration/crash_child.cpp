@@ -43,8 +43,8 @@ void start(char** argv, const std::string& mode, bool toCollector) {
                  toCollector ? std::optional<std::string>(argv[4]) : std::nullopt});
   const bool gateOpen = (toCollector && mode != "offline") || mode == "burst-online";
   ZelvanorTracker::setRequired(ZConfiguration{.timeout = toCollector ? 5.0 : 1.0, .batchSize = 1})
-      .setReachabilityFlags(gateOpen ? 0x2 : 0)
-      .flush();
+      .setReachabilityFlags(gateOpen ? 0x2 : 0);
+  if (toCollector) ZelvanorTracker::flush();
   // Templates become records only with a common block.
   if (mode == "offline" || (!toCollector && mode != "erase"))
     ZelvanorTracker::set(ZCommon({.serviceName = "crash", .deployment = "production"}));
