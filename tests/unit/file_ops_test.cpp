@@ -4,18 +4,15 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
 
-#include "support/lock_holder.hpp"
+#include "support/child_host.hpp"
 #include "support/pending_files.hpp"
 #include "support/temp_dir.hpp"
 
@@ -25,11 +22,7 @@ namespace {
 namespace fs = std::filesystem;
 using testing::slurp;
 
-unsigned modeOf(const fs::path& file) {
-  struct stat info {};
-  EXPECT_EQ(::lstat(file.c_str(), &info), 0);
-  return info.st_mode & 07777;
-}
+constexpr auto kPrivate = fs::perms::owner_read | fs::perms::owner_write;
 
 struct FileOpsTest : ::testing::Test {
   testing::TempDir temp;
@@ -46,13 +39,13 @@ TEST_F(FileOpsTest, WritesAreWholeAndPrivateAndGoOnlyThroughRegularFiles) {
   big[123456] = '\0';
   ASSERT_TRUE(appendPrivate(file, "head"));
   ASSERT_TRUE(appendPrivate(file, big));
-  EXPECT_EQ(modeOf(file), 0600u);
+  EXPECT_EQ(fs::status(file).permissions(), kPrivate);
   EXPECT_EQ(readWhole(file), "head" + big);
   const fs::path settings = dir_ / "settings.json";
   ASSERT_TRUE(writeWholePrivateAtomically(settings, "first, longer content"));
   ASSERT_TRUE(writeWholePrivateAtomically(settings, "second"));
   EXPECT_EQ(slurp(settings), "second");
-  EXPECT_EQ(modeOf(settings), 0600u);
+  EXPECT_EQ(fs::status(settings).permissions(), kPrivate);
   EXPECT_FALSE(writeWholePrivateAtomically(dir_ / "missing-dir" / "f", "x"));
 
   const fs::path target = dir_ / "target";
@@ -95,24 +88,19 @@ TEST_F(FileOpsTest, WritesAreWholeAndPrivateAndGoOnlyThroughRegularFiles) {
 // so the file stays a run of whole appends. The limit is per process, hence the child.
 TEST_F(FileOpsTest, AppendThatDoesNotFitIsTakenBackWhole) {
   const fs::path file = dir_ / "f";
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
+  testing::ChildHost child([&] {
     ::signal(SIGXFSZ, SIG_IGN);
     const rlimit limit{10000, 10000};
     if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) ::_exit(2);
-    const std::string chunk(3000, 'c');
     int appended = 0;
-    while (appendPrivate(file, chunk)) {
+    while (appendPrivate(file, std::string(3000, 'c'))) {
       if (++appended > 10) ::_exit(3);
     }
     // One more that would fit again after a smaller one failed.
     ::_exit(appended == 3 && appendPrivate(file, std::string(1000, 'd')) ? 0 : 4);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  ASSERT_EQ(WEXITSTATUS(status), 0);
+  });
+  const int status = child.wait();
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   EXPECT_EQ(slurp(file), std::string(9000, 'c') + std::string(1000, 'd'));
 }
 
@@ -128,14 +116,14 @@ TEST_F(FileOpsTest, AnAppendWaitingWhileTheFileIsMovedAsideGoesToTheNewFile) {
     fs::remove(file);
     fs::remove(aside);
     ASSERT_TRUE(appendPrivate(file, "old|"));
-    testing::LockHeldByChild other(file);
-    ASSERT_TRUE(other.held());
+    auto other = testing::lockHeldByChild(file);
+    ASSERT_TRUE(other.said("held"));
     std::atomic<bool> appended{false};
     std::thread appender([&] { appended = appendPrivate(file, "new|"); });
     std::this_thread::sleep_for(std::chrono::milliseconds(20));  // it has opened and waits
     // Moved while still held, as a start moves the file aside; then the lock is let go.
     fs::rename(file, aside);
-    other.release();
+    other.kill();
     appender.join();
     if (!appended) continue;
     ++landed;

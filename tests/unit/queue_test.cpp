@@ -22,10 +22,10 @@ Names range(int from, int to) {
 }
 
 struct QueueTest : ::testing::Test {
-  void enqueue(int from, int to, ZLogRecordQueue& into) {
-    for (int i = from; i <= to; ++i) into.enqueue(encodeJson(numberedRecord(i)).value());
+  void enqueue(int from, int to, ZLogRecordQueue* into = nullptr) {
+    for (int i = from; i <= to; ++i)
+      (into ? *into : queue).enqueue(encodeJson(numberedRecord(i)).value());
   }
-  void enqueue(int from, int to) { enqueue(from, to, queue); }
   /// Names sent so far, each with "-" when it went out with the network gate closed.
   Names sent() const {
     Names names;
@@ -39,7 +39,6 @@ struct QueueTest : ::testing::Test {
 };
 
 TEST_F(QueueTest, TheThresholdSlidesWithTheBatchSizeAndADrainTakesItsOwnLiterally) {
-  ASSERT_EQ(queue.batchSize(), 5u);
   queue.setAvailableNetworking(true);
   enqueue(1, 4);
   EXPECT_EQ(sent(), Names{});
@@ -78,7 +77,7 @@ TEST_F(QueueTest, RestoredAndSpilledRecordsWaitOnDiskAndLeaveOldestFirstWithTheG
   EXPECT_EQ(small.recordCount(), 2u);
   small.setBatchSize(1000);
   small.setAvailableNetworking(false);
-  enqueue(1, 10, small);
+  enqueue(1, 10, &small);
   EXPECT_EQ(sent(), Names{}) << "restored records wait for the next threshold";
   EXPECT_LE(small.recordsInMemory(), 3u);
   EXPECT_GT(transport->spills(), 0);
@@ -87,9 +86,9 @@ TEST_F(QueueTest, RestoredAndSpilledRecordsWaitOnDiskAndLeaveOldestFirstWithTheG
   EXPECT_EQ(sent(), (Names{"100-", "101-"}));
   small.setAvailableNetworking(true);
   small.setBatchSize(1);
-  enqueue(11, 11, small);
-  Names expected = {"100-", "101-"};
-  for (const auto& name : range(1, 11)) expected.push_back(name);
+  enqueue(11, 11, &small);
+  Names expected = range(1, 11);
+  expected.insert(expected.begin(), {"100-", "101-"});
   EXPECT_EQ(sent(), expected);
   EXPECT_EQ(transport->waitingOnDisk(), 0u);
 }
