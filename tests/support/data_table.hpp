@@ -7,16 +7,25 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace zelvanor::testing {
 
-/// The lines of tests/data/<name> as they are (a "\r" before a "\n" is kept).
-inline std::vector<std::string> dataLines(const std::string& name) {
+/// The text of tests/data/<name>.
+inline std::string dataText(const std::string& name) {
   std::ifstream in(std::string(ZELVANOR_TEST_DATA_DIR) + "/" + name, std::ios::binary);
   if (!in) ADD_FAILURE() << "missing tests/data/" << name;
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+/// The lines of tests/data/<name> as they are (a "\r" before a "\n" is kept).
+inline std::vector<std::string> dataLines(const std::string& name) {
+  std::istringstream in(dataText(name));
   std::vector<std::string> lines;
   for (std::string line; std::getline(in, line);) lines.push_back(line);
   return lines;

@@ -53,13 +53,8 @@ class ScopedTimeZone {
   std::optional<std::string> previous_;
 };
 
-// Zones given as POSIX rules, so they need no zone database: each follows today's rules of the
-// zone it is named after.
-inline constexpr const char* kZoneUtc = "UTC0";
-inline constexpr const char* kZoneSeoul = "KST-9";
+// A zone given as a POSIX rule, so that it needs no zone database.
 inline constexpr const char* kZoneKolkata = "IST-5:30";
-inline constexpr const char* kZoneStJohns = "NST3:30NDT,M3.2.0,M11.1.0";
-inline constexpr const char* kZoneNewYork = "EST5EDT,M3.2.0,M11.1.0";
 
 inline std::int64_t nowSeconds() {
   using namespace std::chrono;

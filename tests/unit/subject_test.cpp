@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
+#include <future>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -20,31 +20,21 @@ TEST(CurrentValueSubjectTest, TheCurrentValueNeverArrivesAfterANewerOne) {
   // state current at subscription reached the subscriber after the newer one, the SDK would
   // believe the stale state until the network changed again.
   CurrentValueSubject<int> subject(0);
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool handingOverCurrent = false;
-  bool newerSent = false;
-  std::vector<int> seen;
-
+  std::promise<void> handingOverCurrent;
   std::thread sender([&] {
-    std::unique_lock lock(mutex);
-    changed.wait(lock, [&] { return handingOverCurrent; });
-    lock.unlock();
+    handingOverCurrent.get_future().wait();
     subject.send(1);
-    lock.lock();
-    newerSent = true;
-    changed.notify_all();
   });
-
+  std::mutex mutex;
+  std::vector<int> seen;
   subject.subscribe([&](const int& value) {
-    std::unique_lock lock(mutex);
     if (value == 0) {
-      handingOverCurrent = true;
-      changed.notify_all();
+      handingOverCurrent.set_value();
       // Give a racing send every chance to overtake this delivery; a correct subject holds it
-      // back until this returns, so the wait times out.
-      changed.wait_for(lock, 300ms, [&] { return newerSent; });
+      // back until this returns.
+      std::this_thread::sleep_for(300ms);
     }
+    std::lock_guard lock(mutex);
     seen.push_back(value);
   });
   sender.join();

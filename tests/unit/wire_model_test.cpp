@@ -5,48 +5,37 @@
 // missing from a field table shows up here without the test naming it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <set>
+#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "model/field_tables.hpp"
-#include "support/wire_json.hpp"
 #include "support/wire_samples.hpp"
 #include "zelvanor/json.hpp"
 
 namespace zelvanor {
 namespace {
 
-using testing_support::sameJson;
-using testing_support::topLevelMembers;
-using testing_support::wireFixture;
-using testing_support::withMember;
-using testing_support::wrongTypeFor;
-using Kind = CodecError::Kind;
+using namespace testing_support;
 
+// The error's kind and key path, or "ok".
 template <class T>
-::testing::AssertionResult decodesTo(std::string_view json, const T& expected) {
+std::string errorOf(const std::string& json) {
   auto decoded = decodeJson<T>(json);
-  if (!decoded) return ::testing::AssertionFailure() << decoded.error().describe();
-  if (*decoded == expected) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << "decoded value differs in " << json;
-}
-
-template <class T>
-void expectError(const std::string& json, Kind kind, const std::string& path) {
-  auto decoded = decodeJson<T>(json);
-  ASSERT_FALSE(decoded) << json;
-  EXPECT_EQ(decoded.error().kind, kind) << decoded.error().describe();
-  EXPECT_EQ(decoded.error().path, path) << decoded.error().describe();
+  if (decoded) return "ok";
+  return toString(decoded.error().kind) + std::string(" at ") + decoded.error().path;
 }
 
 // The round trip cannot see a key bound to the wrong member of the same type: the tables list
 // members in declaration order, so such a key shows as a step back in the members' addresses.
 template <class T>
-::testing::AssertionResult keysFollowDeclarationOrder(const T& value) {
+bool keysFollowDeclarationOrder(const T& value) {
   std::vector<std::uintptr_t> places;
   const auto place = [&](const auto& field) {
     if constexpr (requires { field.member; }) {
@@ -54,10 +43,7 @@ template <class T>
     }
   };
   std::apply([&](const auto&... fields) { (place(fields), ...); }, detail::FieldTable<T>::fields);
-  for (std::size_t i = 1; i < places.size(); ++i) {
-    if (places[i] <= places[i - 1]) return ::testing::AssertionFailure() << "key " << i;
-  }
-  return ::testing::AssertionSuccess();
+  return std::adjacent_find(places.begin(), places.end(), std::greater_equal<>()) == places.end();
 }
 
 // Keys the empty value writes are the required ones: each fails by name when missing or null;
@@ -68,13 +54,13 @@ void checkKeys(const std::string& full, const std::string& empty) {
   for (const auto& [key, value] : topLevelMembers(empty)) required.insert(key);
   for (const auto& [key, value] : topLevelMembers(full)) {
     SCOPED_TRACE(key);
-    expectError<T>(withMember(full, key, wrongTypeFor(value)), Kind::typeMismatch, key);
+    EXPECT_EQ(errorOf<T>(withMember(full, key, wrongTypeFor(value))), "type mismatch at " + key);
     if (required.count(key)) {
-      expectError<T>(withMember(full, key, std::nullopt), Kind::keyNotFound, key);
-      expectError<T>(withMember(full, key, "null"), Kind::valueNotFound, key);
+      EXPECT_EQ(errorOf<T>(withMember(full, key, std::nullopt)), "key not found at " + key);
+      EXPECT_EQ(errorOf<T>(withMember(full, key, "null")), "value not found at " + key);
     } else {
-      EXPECT_TRUE(decodesTo(withMember(full, key, "null"),
-                            *decodeJson<T>(withMember(full, key, std::nullopt))));
+      EXPECT_TRUE(decodeJson<T>(withMember(full, key, "null")).value() ==
+                  decodeJson<T>(withMember(full, key, std::nullopt)).value());
     }
   }
 }
@@ -82,10 +68,8 @@ void checkKeys(const std::string& full, const std::string& empty) {
 template <class T>
 void checkEncoding(const std::string& name, const T& full) {
   SCOPED_TRACE(name);
-  auto json = encodeJson(full);
-  ASSERT_TRUE(json) << json.error().describe();
-  EXPECT_TRUE(sameJson(wireFixture(name + ".full.json"), *json));
-  EXPECT_TRUE(sameJson(wireFixture(name + ".empty.json"), *encodeJson(T{})));
+  EXPECT_EQ(minified(wireFixture(name + ".full.json")), minified(encodeJson(full).value()));
+  EXPECT_EQ(minified(wireFixture(name + ".empty.json")), minified(*encodeJson(T{})));
   EXPECT_TRUE(keysFollowDeclarationOrder(full));
 }
 
@@ -96,57 +80,39 @@ void checkReading(const std::string& name, const std::optional<T>& full) {
   SCOPED_TRACE(name);
   const std::string fullText = wireFixture(name + ".full.json");
   const std::string emptyText = wireFixture(name + ".empty.json");
-  if (full) {
-    EXPECT_TRUE(decodesTo(fullText, *full));
-  }
-  EXPECT_TRUE(decodesTo(emptyText, T{}));
+  EXPECT_TRUE(!full || decodeJson<T>(fullText).value() == *full);
+  EXPECT_TRUE(decodeJson<T>(emptyText).value() == T{});
   checkKeys<T>(fullText, emptyText);
 }
 
-template <class T>
-void checkCodable(const std::string& name) {
-  checkEncoding(name, samples::full<T>(name));
-  checkReading<T>(name, std::nullopt);
+// Each type with its fixtures' name, in the order given.
+template <class... T>
+void checkCodables(std::istringstream names) {
+  std::string name;
+  ((names >> name, checkEncoding(name, samples::full<T>(name)), checkReading<T>(name, {})), ...);
 }
 
 TEST(Wire, EveryTypeReadsAndWritesItsFixtures) {
-  checkCodable<ZSDK>("ZSDK");
-  checkCodable<ZCommon>("ZCommon");
-  checkCodable<ZAgent>("ZAgent");
-  checkCodable<ZId>("ZId");
-  checkCodable<ZAgreement>("ZAgreement");
-  checkCodable<ZApp>("ZApp");
-  checkCodable<ZUtm>("ZUtm");
-  checkCodable<ZBucket>("ZBucket");
-  checkCodable<ZPage>("ZPage");
-  checkCodable<ZClick>("ZClick");
-  checkCodable<ZUsage>("ZUsage");
-  checkCodable<ZLocation>("ZLocation");
-  checkCodable<ZPromotion>("ZPromotion");
-  checkCodable<ZViewImpressionContent>("ZViewImpressionContent");
-  checkCodable<ZStatus>("ZStatus");
-  checkCodable<ZSearch>("ZSearch");
-  checkCodable<ZPurchase>("ZPurchase");
-  checkCodable<ZChat>("ZChat");
-  checkCodable<ZVideoMeeting>("ZVideoMeeting");
-  checkCodable<ZDomain>("ZDomain");
-  checkCodable<ZAction>("ZAction");
-  checkCodable<ZXid>("ZXid");
-  checkCodable<ZUcid>("ZUcid");
-  checkCodable<ZLogRecord>("ZLogRecord");
+  checkCodables<ZSDK, ZCommon, ZAgent, ZId, ZAgreement, ZApp, ZUtm, ZBucket, ZPage, ZClick, ZUsage,
+                ZLocation, ZPromotion, ZViewImpressionContent, ZStatus, ZSearch, ZPurchase, ZChat,
+                ZVideoMeeting, ZDomain, ZAction, ZXid, ZUcid, ZLogRecord>(std::istringstream(
+      "ZSDK ZCommon ZAgent ZId ZAgreement ZApp ZUtm ZBucket ZPage ZClick ZUsage ZLocation "
+      "ZPromotion ZViewImpressionContent ZStatus ZSearch ZPurchase ZChat ZVideoMeeting ZDomain "
+      "ZAction ZXid ZUcid ZLogRecord"));
   checkEncoding<ZLogTemplate>("ZLogTemplate", samples::logTemplate());
   // Read only: the collector's answers.
-  const auto status = samples::responseStatus();
+  const ZHTTPResponseStatus status{.code = "200", .message = "OK"};
   checkReading<ZHTTPResponseStatus>("ZHTTPResponseStatus", status);
   checkReading<ZHTTPResultEmpty>("ZHTTPResultEmpty", ZHTTPResultEmpty{});
   using Empty = ZHTTPResult<ZHTTPResultEmpty>;
   checkReading<Empty>("ZHTTPResult_Empty",
                       Empty{.version = 1, .status = status, .data = ZHTTPResultEmpty{}});
   using XidList = ZHTTPResult<std::vector<ZXid>>;
-  checkReading<XidList>("ZHTTPResult_XidList",
-                        XidList{.version = 9007199254740993,
-                                .status = status,
-                                .data = std::vector<ZXid>{samples::xid(), ZXid{}}});
+  checkReading<XidList>(
+      "ZHTTPResult_XidList",
+      XidList{.version = 9007199254740993,
+              .status = status,
+              .data = std::vector<ZXid>{{.cid = "cid-1", .did = "did-2", .sid = "sid-3"}, {}}});
 }
 
 }  // namespace
