@@ -40,14 +40,10 @@ static int contains(const char* text, const char* part) {
 static void expect(zelvanor_status status, zelvanor_status expected, const char* part1,
                    const char* part2, int line) {
   const char* message = zelvanor_last_error();
-  int named = expected == ZELVANOR_OK
-                  ? message[0] == '\0'
-                  : (!part1 || contains(message, part1)) && (!part2 || contains(message, part2));
-  if (status != expected || !named) {
-    ++failures;
-    fprintf(stderr, "capi_test.c:%d: status %d (expected %d), message \"%s\" (should name %s %s)\n",
-            line, (int)status, (int)expected, message, part1, part2);
-  }
+  check(status == expected && (expected == ZELVANOR_OK ? message[0] == '\0'
+                                                       : (!part1 || contains(message, part1)) &&
+                                                             (!part2 || contains(message, part2))),
+        message[0] ? message : "a status other than expected, or an error left behind", line);
 }
 #define EXPECT(call, expected, part1, part2) expect((call), (expected), (part1), (part2), __LINE__)
 #define EXPECT_OK(call) expect((call), ZELVANOR_OK, NULL, NULL, __LINE__)
@@ -106,10 +102,7 @@ static void expect_parts(const char* text, const char* present, const char* abse
     while (list && *list) {
       size_t length = strcspn(list, "|");
       snprintf(part, sizeof part, "%.*s", (int)length, list);
-      if (contains(text ? text : "", part) != want) {
-        ++failures;
-        fprintf(stderr, "capi_test.c:%d: %s %s\n", line, want ? "missing" : "unwanted", part);
-      }
+      check(contains(text ? text : "", part) == want, part, line); /* missing, or unwanted */
       list += length + (list[length] == '|');
     }
   }
