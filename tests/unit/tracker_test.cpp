@@ -96,6 +96,11 @@ TEST_F(TrackerTest, SettingsCallsStartTheSdkOnlyWhenNeededAndOverwriteEachOther)
   EXPECT_EQ(detail::settings().requestTimeout, 10.0);
   EXPECT_FALSE(detail::settings().usingSandbox);
   EXPECT_EQ(detail::sharedIfRunning()->queue().batchSize(), 3u);
+
+  ZelvanorTracker::setTimeout(-1).setBatchSize(0).useSandboxEnvironment();
+  EXPECT_EQ(detail::settings().requestTimeout, -1.0) << "no range check";
+  EXPECT_EQ(detail::sharedIfRunning()->queue().batchSize(), 0u);
+  EXPECT_TRUE(detail::settings().usingSandbox);
 }
 
 TEST_F(TrackerTest, AStartDuringAnotherThreadsShutdownLosesNoRecord) {
