@@ -2,22 +2,17 @@
 // records every request: the collection switch, deleting the app's data (also with the process
 // killed part way), the before-send hook, and extra headers and a proxy.
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <functional>
 #include <random>
 #include <set>
 #include <thread>
 
 #include "manager/local_data.hpp"
-#include "store/pending_frames.hpp"
+#include "support/child_host.hpp"
 #include "support/connect_proxy.hpp"
 #include "support/pending_files.hpp"
 #include "support/sdk_host.hpp"
@@ -98,16 +93,17 @@ class PrivacyTest : public ::testing::Test {
         .set(ZCommon({.serviceName = "shop", .deployment = "production"}));
   }
 
-  /// Bodies of the track requests that arrived, in arrival order.
-  std::vector<std::string> tracked() const {
+  /// Bodies of the track requests that arrived since the `from`th request, in arrival order.
+  std::vector<std::string> tracked(std::size_t from = 0) const {
     std::vector<std::string> bodies;
-    for (const auto& request : server_.received()) {
-      if (request.path == "/sdk/track") bodies.push_back(request.body);
+    const auto received = server_.received();
+    for (std::size_t i = from; i < received.size(); ++i) {
+      if (received[i].path == "/sdk/track") bodies.push_back(received[i].body);
     }
     return bodies;
   }
-  bool arrived(const std::string& part) const {
-    const auto bodies = tracked();
+  bool arrived(const std::string& part, std::size_t from = 0) const {
+    const auto bodies = tracked(from);
     return std::any_of(bodies.begin(), bodies.end(),
                        [&](const std::string& body) { return body.find(part) != body.npos; });
   }
@@ -181,24 +177,7 @@ TEST_F(PrivacyTest, CollectionOffAndDeletingLocalDataLeaveNothingToSendAndStartO
   ZelvanorTracker::shutdown();
   EXPECT_FALSE(holdsAppData(app())) << ::testing::PrintToString(filesIn(app()));
 
-  // The next start, collection on: a fresh install with a triple never seen before; nothing kept
-  // before the deletions is ever sent.
-  const int syncsBefore = syncs_.load();
-  ZelvanorTracker::setCollectionEnabled(true);
-  start();
-  track("after");
-  ASSERT_TRUE(eventually([&] { return arrived("\"after\""); }));
-  const auto bodies = tracked();
-  // Triples are numbered as the server issued them: this one came after the deletions.
-  EXPECT_TRUE(std::any_of(bodies.begin(), bodies.end(), [&](const std::string& body) {
-    const auto cid = body.find("\"cid\":\"c");
-    return body.find("\"install\"") != body.npos && cid != body.npos &&
-           std::atoi(body.c_str() + cid + 8) > syncsBefore;
-  }));
-  EXPECT_FALSE(arrived("kept-"));
-}
-
-TEST_F(PrivacyTest, HeadersProxyAndTheBeforeSendHookApplyToEveryRequestAndBadOnesAreRefused) {
+  // Headers and proxies that are refused change nothing.
   const ZEndpoints before = ZelvanorTracker::endpoints();
   const std::vector<ZEndpoints> refused = {
       {.headers = {{"Content-Type", "text/plain"}}},  // the SDK's own
@@ -214,6 +193,9 @@ TEST_F(PrivacyTest, HeadersProxyAndTheBeforeSendHookApplyToEveryRequestAndBadOne
     EXPECT_EQ(ZelvanorTracker::endpoints(), before);
   }
 
+  // The next start, collection on, through a proxy with the host's headers and a before-send
+  // hook: a fresh install with a triple never seen before; nothing kept before the deletions is
+  // ever sent.
   std::atomic<int> calls{0};
   ZelvanorTracker::setBeforeSend([&](ZLogRecord& record) {
     ++calls;
@@ -227,29 +209,37 @@ TEST_F(PrivacyTest, HeadersProxyAndTheBeforeSendHookApplyToEveryRequestAndBadOne
   });
   testing::ConnectProxy proxy;
   ASSERT_GT(proxy.port(), 0);
+  const int syncsBefore = syncs_.load();
+  const std::size_t from = server_.received().size();
+  ZelvanorTracker::setCollectionEnabled(true);
   // Install and launch wait for the triple and meet the hook on the SDK's worker; "public" and
   // "secret" meet it on this thread.
   start(ZEndpoints{.headers = {{"X-Tenant", "acme"}, {"Authorization", "Bearer t0k"}},
                    .proxy = "http://user:pw@127.0.0.1:" + std::to_string(proxy.port())});
-  ASSERT_TRUE(eventually([&] { return arrived("\"install\""); }));
+  ASSERT_TRUE(eventually([&] { return arrived("\"install\"", from); }));
   track("public");
   track("secret");
   ASSERT_TRUE(ZelvanorTracker::flushAndWait(std::chrono::seconds(5)));
-  EXPECT_TRUE(arrived("\"public\"") && arrived("masked"));
-  EXPECT_FALSE(arrived("\"secret\"") || arrived("user-7"));
+  const auto bodies = tracked(from);
+  // Triples are numbered as the server issued them: this one came after the deletions.
+  EXPECT_TRUE(std::any_of(bodies.begin(), bodies.end(), [&](const std::string& body) {
+    const auto cid = body.find("\"cid\":\"c");
+    return body.find("\"install\"") != body.npos && cid != body.npos &&
+           std::atoi(body.c_str() + cid + 8) > syncsBefore;
+  }));
+  EXPECT_TRUE(arrived("\"public\"", from) && arrived("masked", from));
+  EXPECT_FALSE(arrived("kept-") || arrived("\"secret\"") || arrived("user-7", from));
   EXPECT_GE(calls.load(), 4);
   EXPECT_EQ(ZelvanorTracker::counters().dropped.beforeSend, 1u);
   const auto received = server_.received();
-  ASSERT_GE(received.size(), 2u);  // the sync request and the records
-  for (const auto& request : received) {
-    EXPECT_EQ(request.headers.count("X-Tenant"), 1u) << request.path;
-    EXPECT_EQ(request.headers.find("Authorization")->second, "Bearer t0k");
+  ASSERT_GE(received.size(), from + 2);  // the sync request and the records
+  for (std::size_t i = from; i < received.size(); ++i) {
+    EXPECT_EQ(received[i].headers.count("X-Tenant"), 1u) << received[i].path;
+    EXPECT_EQ(received[i].headers.find("Authorization")->second, "Bearer t0k");
   }
-  const auto tunnels = proxy.tunnels();
-  ASSERT_FALSE(tunnels.empty());
-  const std::string serverPort = server_.baseUrl().substr(server_.baseUrl().rfind(':') + 1);
-  for (const auto& tunnel : tunnels) {
-    EXPECT_EQ(tunnel.target, "127.0.0.1:" + serverPort);
+  ASSERT_FALSE(proxy.tunnels().empty());
+  for (const auto& tunnel : proxy.tunnels()) {
+    EXPECT_EQ("https://" + tunnel.target, server_.baseUrl());
     EXPECT_EQ(tunnel.authorization, "Basic dXNlcjpwdw==");  // user:pw
   }
 
@@ -280,39 +270,19 @@ TEST(PrivacyCrash, KilledWhileDeletingLeavesAllOrNothing) {
     const fs::path app = dir.path() / ("app" + std::to_string(round));
     fs::create_directories(app);
     for (int n = 1; n <= kSegments; ++n) {
-      std::string frame;
-      detail::appendFrame(frame, R"({"seq":)" + std::to_string(n) + "}");
-      std::ofstream(app / ("ZLogs.tmp." + std::to_string(n)), std::ios::binary) << frame;
+      std::ofstream(app / ("ZLogs.tmp." + std::to_string(n)), std::ios::binary)
+          << testing::framed({testing::namedRecord(std::to_string(n))});
     }
     std::ofstream(app / "cookies.txt") << "127.0.0.1\tFALSE\t/\tTRUE\t4102444800\tfa_cid\tc\n";
     std::ofstream(app / "settings.json") << R"({"latestAppVersion":"1.0"})"
                                          << "\n";
 
-    int out[2];
-    ASSERT_EQ(::pipe(out), 0);
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      ::dup2(out[1], STDOUT_FILENO);
-      ::execl(ZELVANOR_CRASH_CHILD, ZELVANOR_CRASH_CHILD, app.c_str(), "erase", nullptr);
-      ::_exit(127);
-    }
-    ::close(out[1]);
     // Killed at a random moment after the deletion starts (or, now and then, just before).
-    std::string said;
-    char buffer[64];
-    pollfd ready{out[0], POLLIN, 0};
-    while (said.find("erasing") == std::string::npos && ::poll(&ready, 1, 10000) > 0) {
-      const ssize_t got = ::read(out[0], buffer, sizeof buffer);
-      if (got <= 0) break;
-      said.append(buffer, static_cast<std::size_t>(got));
-    }
-    ::close(out[0]);
+    testing::ChildHost child({ZELVANOR_CRASH_CHILD, app.string(), "erase"});
+    ASSERT_TRUE(child.said("erasing"));
     const int delay = std::uniform_int_distribution<int>(earliest, latest)(random);
     std::this_thread::sleep_for(std::chrono::microseconds(delay));
-    ::kill(child, SIGKILL);
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    child.kill();
 
     // What the next start does before it reads anything.
     detail::local_data::finishInterruptedErase(app);

@@ -15,14 +15,28 @@
 namespace zelvanor {
 namespace {
 
-TEST(ManagerConcurrencyTest, EveryEventExactlyOnceWhileTheTripleArrives) {
-  constexpr int kThreads = 4;
-  constexpr int kEventsPerThread = 150;
+constexpr int kThreads = 4;
+
+// A manager over fake sources that keep settings (a fresh install) in a data directory of its own.
+class ManagerConcurrencyTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setPlatformFacts(ZPlatformFacts{.appVersion = "1.0", .dataDirectory = dir.path().string()});
+    fakes.settings = std::make_shared<platform::SettingsStore>(dir.path() / "fake-settings.json");
+    manager = detail::ZInternalLogManager::create(fakes.sources());
+    manager->configure(ZConfiguration::defaults());
+  }
+  void TearDown() override {
+    manager->stop();
+    setPlatformFacts({});
+  }
   testing::TempDir dir;
-  setPlatformFacts(ZPlatformFacts{.appVersion = "1.0", .dataDirectory = dir.path().string()});
   testing::FakeSources fakes;
-  auto manager = detail::ZInternalLogManager::create(fakes.sources());
-  manager->configure(ZConfiguration::defaults());
+  std::shared_ptr<detail::ZInternalLogManager> manager;
+};
+
+TEST_F(ManagerConcurrencyTest, EveryEventExactlyOnceWhileTheTripleArrives) {
+  constexpr int kEventsPerThread = 150;
   manager->setCommon(ZCommon({.serviceName = "svc", .deployment = "dev"}));
 
   std::mutex eventMutex;  // a host keeps each event's set + track together
@@ -70,18 +84,9 @@ TEST(ManagerConcurrencyTest, EveryEventExactlyOnceWhileTheTripleArrives) {
       it->second = index;
     }
   }
-  manager->stop();
-  setPlatformFacts({});
 }
 
-TEST(ManagerConcurrencyTest, CommonBlocksSetAtOnceOnAFreshInstallMakeOneInstallEvent) {
-  constexpr int kThreads = 4;
-  testing::TempDir dir;
-  setPlatformFacts(ZPlatformFacts{.appVersion = "1.0", .dataDirectory = dir.path().string()});
-  testing::FakeSources fakes;
-  fakes.settings = std::make_shared<platform::SettingsStore>(dir.path() / "settings.json");
-  auto manager = detail::ZInternalLogManager::create(fakes.sources());
-  manager->configure(ZConfiguration::defaults());
+TEST_F(ManagerConcurrencyTest, CommonBlocksSetAtOnceOnAFreshInstallMakeOneInstallEvent) {
   fakes.identity->deliver(ZXid{"c", "d", "s"});
   manager->waitForIdentityWork();
 
@@ -99,20 +104,14 @@ TEST(ManagerConcurrencyTest, CommonBlocksSetAtOnceOnAFreshInstallMakeOneInstallE
   for (const auto& sent : fakes.transport->sent()) ++kinds[sent.record.action.kind];
   EXPECT_EQ(kinds["install"], 1);
   EXPECT_EQ(kinds["launch"], kThreads);
-  manager->stop();
-  setPlatformFacts({});
 }
 
 // Host threads that come and go while the SDK starts and stops under them: each one leaves an
 // error message, decodes JSON and tracks with diagnostics on before it exits. Thread exit must
 // find nothing thread-local to destroy (MinGW destroys it after the storage is gone: a crash at
 // thread exit on Windows).
-TEST(ManagerConcurrencyTest, ThreadsStartingAndStoppingTheSdkExitCleanly) {
+TEST_F(ManagerConcurrencyTest, ThreadsStartingAndStoppingTheSdkExitCleanly) {
   constexpr int kRounds = 6;
-  constexpr int kThreads = 6;
-  testing::TempDir dir;
-  ZelvanorTracker::setPlatformFacts(
-      ZPlatformFacts{.appVersion = "1.0", .dataDirectory = dir.path().string()});
   // A closed loopback port: nothing is delivered, records stay on disk.
   ASSERT_TRUE(ZelvanorTracker::setEndpoints(
       {"https://127.0.0.1:9", "https://127.0.0.1:9", "https://127.0.0.1:9", std::nullopt}));
@@ -147,7 +146,6 @@ TEST(ManagerConcurrencyTest, ThreadsStartingAndStoppingTheSdkExitCleanly) {
   zelvanor_set_diagnostics(ZELVANOR_LOG_ERROR, nullptr, nullptr);
   EXPECT_EQ(errorsSeen.load(), kRounds * kThreads);
   EXPECT_GT(lines.load(), 0);
-  ZelvanorTracker::setPlatformFacts({});
 }
 
 }  // namespace
