@@ -100,10 +100,7 @@ test("on 100,000 stored events and a live demo session the viewer lists, filters
   const legend = await page.locator("[data-testid=type-counts] li").evaluateAll((lis) => Object.fromEntries(
       lis.map((li) => [li.dataset.type, Number(li.querySelector(".n").textContent.replace(/,/g, ""))])));
   assert.deepEqual(legend, { ...Object.fromEntries(stats.types.map((s) => [s.type, s.count])), refused: 2 });
-  assert.equal(sum(Object.values(legend)), generated + 2);
-  const drawn = await bars();
-  assert.equal(sum(drawn), inLastHour(stats));
-  assert.ok(drawn.filter((n) => n > 0).length >= 55, "the made-up hour fills the chart");
+  assert.equal(sum(await bars()), inLastHour(stats));
   // Each bar stacks one segment per type the store counts in its minute, in the store's order, in
   // that type's legend colour (asked again if the minute turned between the page's counts and these).
   await waitFor("bars stacked by type in the legend's colours", async () => {
@@ -117,7 +114,8 @@ test("on 100,000 stored events and a live demo session the viewer lists, filters
       return [...document.querySelectorAll("#chart g.bar")].map((g) => [...g.querySelectorAll("rect:not(:last-child)")]
           .map((r) => `${types[getComputedStyle(r).fill]} `).join(""));
     });
-    return JSON.stringify(seen) === JSON.stringify(want) && new Set(want.join("").split(" ")).size >= 6;
+    // The made-up hour fills the chart, with five types at least.
+    return JSON.stringify(seen) === JSON.stringify(want) && want.filter(Boolean).length >= 55 && new Set(want.join("").split(" ")).size >= 6;
   });
 
   // Live: the demo session runs while the page is open (its polls run in the browser's own

@@ -257,8 +257,7 @@ TEST_F(CollectorTest, ARestartKeepsItsCertificateAndItsEventsPrivately) {
   for (const auto& name : database) fs::remove(data() / name);
   sqlite3* db = nullptr;
   ASSERT_EQ(sqlite3_open((data() / database[0]).c_str(), &db), SQLITE_OK);
-  const std::string schema =
-      readFile(fs::path(ZELVANOR_TEST_DATA_DIR) / "collector" / "events_v1.sql");
+  const auto schema = readFile(fs::path(ZELVANOR_TEST_DATA_DIR) / "collector" / "events_v1.sql");
   ASSERT_EQ(sqlite3_exec(db, schema.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
   sqlite3_close(db);
   restart();
