@@ -16,6 +16,7 @@
 #include "script.hpp"
 #include "store/pending_store.hpp"
 #include "support/data_table.hpp"
+#include "support/pending_files.hpp"
 #include "support/shared_tracker.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/json.hpp"
@@ -32,11 +33,6 @@ const fs::path kExample = fs::path(ZELVANOR_SOURCE_DIR) / "tools" / "cli" / "exa
 
 const std::string kAction =
     R"({"op":"set","block":"action","value":{"type":"event","name":"n","kind":"k"}})";
-
-std::string slurp(const fs::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 // Every op runs through the built tool against a server (cli_binary_test); here, what only the
 // reader shows. Each faulty line of the table (tests/data/cli) is reported with its own number
@@ -83,8 +79,7 @@ TEST_F(CliAgreesWithTheCApi, OnEachCommonBlockOfTheScript) {
   deliverTriple();
   ZelvanorTracker::set(ZId{.appUserId = "u"});  // getData gives a record once ids are known
   const std::regex stamp(R"("request_timestamp": \d+,?)");  // getData's own, taken as it is called
-  std::istringstream lines(slurp(kData / "cli" / "common.jsonl"));
-  for (std::string line; std::getline(lines, line);) {
+  for (const std::string& line : testing::dataLines("cli/common.jsonl")) {
     if (line.find(R"("block":"common")") == npos) continue;
     SCOPED_TRACE(line);
     const std::string value = line.substr(line.find(R"("value":)") + 8);
@@ -124,7 +119,7 @@ TEST(CliPending, FixturesAreSplitAsTheSdkReadsThemAndShownUnchanged) {
     SCOPED_TRACE(row.at(0));
     const std::array counts = {std::stoul(row.at(1)), std::stoul(row.at(2)), std::stoul(row.at(3)),
                                std::stoul(row.at(4))};
-    const std::string content = slurp(kData / "cli" / row[0]);
+    const std::string content = testing::slurp(kData / "cli" / row[0]);
     const PendingReport report = inspectPending(content);
     EXPECT_EQ((std::array{report.frames(), report.undecodable(), report.skipped(), report.torn()}),
               counts);
@@ -136,7 +131,7 @@ TEST(CliPending, FixturesAreSplitAsTheSdkReadsThemAndShownUnchanged) {
     const auto stamp = fs::file_time_type::clock::now() - std::chrono::hours(1);
     fs::last_write_time(file, stamp);
     const CliRun shown = run({"pending", "show", file.string()});
-    EXPECT_EQ(slurp(file), content);
+    EXPECT_EQ(testing::slurp(file), content);
     EXPECT_EQ(fs::last_write_time(file), stamp);
     EXPECT_EQ(shown.code, counts[1] + counts[2] + counts[3] == 0 ? kOk : kInvalid);
     EXPECT_NE(shown.out.find(row.at(5)), npos) << shown.out;
@@ -163,7 +158,6 @@ TEST(CliPending, FixturesAreSplitAsTheSdkReadsThemAndShownUnchanged) {
     // A skipped piece is read past; a torn end is cut off when the start counts the records.
     EXPECT_EQ(store.counts().skippedPieces, report.skipped() + report.torn());
   }
-  EXPECT_TRUE(inspectPending("").pieces.empty());
 }
 
 // Each command line of the table (tests/data/cli/commands.txt) gives its exit code and says what

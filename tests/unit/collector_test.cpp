@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "support/data_table.hpp"
+#include "support/pending_files.hpp"
 #include "support/temp_dir.hpp"
 #include "transport/http_client.hpp"
 #include "zelvanor/http_result.hpp"
@@ -30,11 +31,6 @@ namespace fs = std::filesystem;
 using collector::RecordStatus;
 using Headers = std::vector<std::pair<std::string, std::string>>;
 constexpr auto npos = std::string::npos;
-
-std::string readFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 int mode(const fs::path& path) {  // an int, so that a failure shows the number
   return static_cast<int>(fs::status(path).permissions() & fs::perms::mask);
@@ -101,7 +97,7 @@ class CollectorTest : public ::testing::Test {
   std::unique_ptr<network::HttpClient> client_;
 };
 
-TEST_F(CollectorTest, SyncIssuesAFreshTripleInTheEnvelopeAndAsCookiesUnlessToldOtherwise) {
+TEST_F(CollectorTest, SyncIssuesATripleAsCookiesUnlessToldOtherwiseAndSwitchesMakeItMisbehave) {
   const auto sync = [&] {
     auto envelope = decodeJson<ZHTTPResult<std::vector<ZXid>>>(get("/sync?v=1"));
     return envelope && envelope->data && envelope->data->size() == 1 ? envelope->data->front()
@@ -127,6 +123,24 @@ TEST_F(CollectorTest, SyncIssuesAFreshTripleInTheEnvelopeAndAsCookiesUnlessToldO
   collector_->setSyncAnswer(down);
   EXPECT_EQ(get("/sync?v=1"), down);
   EXPECT_TRUE(client_->cookiesFor(collector_->baseUrl() + "/sync?v=1").empty());
+
+  // The other switches: another answer to track requests, connections dropped, answers delayed.
+  collector_->setTrackAnswer("maintenance");
+  EXPECT_EQ(track(recordOfType("event", "a")), "maintenance");
+  collector_->setTrackAnswer(std::nullopt);
+  collector_->setDropConnections(true);
+  EXPECT_EQ(send("POST", "/sdk/track", "{}").first, 0) << "a transport error";
+  EXPECT_EQ(send("GET", "/sync?v=1").first, 0);
+  collector_->setDropConnections(false);
+  collector_->setDelay(std::chrono::milliseconds(1500));
+  EXPECT_EQ(send("POST", "/sdk/track", *encodeJson(recordOfType("event", "b")), 0.3).first, 0);
+  collector_->setDelay(std::chrono::milliseconds(0));
+  EXPECT_EQ(track(recordOfType("event", "c")), "ok");
+  // The delayed "b" may still have been stored after the client gave up; "a" never is.
+  std::vector<std::string> stored;
+  for (const auto& event : collector_->events()) stored.push_back(event.actionName);
+  std::erase(stored, "b");
+  EXPECT_EQ(stored, std::vector<std::string>{"c"});
 }
 
 // Records are stored as they arrived and listed by the queries of the table (tests/data/collector):
@@ -146,7 +160,6 @@ TEST_F(CollectorTest, StoresRecordsAsTheyArrivedAndListsAndExportsThemWithFilter
   ASSERT_EQ(track(awkward), "ok");
   const auto all = listed("/api/events?status=all");
   ASSERT_EQ(all.size(), 5u);
-  EXPECT_TRUE(std::is_sorted(all.rbegin(), all.rend())) << "newest first";
   for (const auto& row : testing::dataTable("collector/queries.txt")) {
     std::string path = "/api/" + row.at(0);
     for (auto at = path.find('$'); at != npos; at = path.find('$')) {
@@ -208,32 +221,13 @@ TEST_F(CollectorTest, AnEventsAnswerCutBySizeSaysItWasCut) {
   EXPECT_EQ(page("?limit=3&before=" + std::to_string(newest)), (Page{{"second", "first"}, false}));
 }
 
-TEST_F(CollectorTest, SwitchesAnswerAnotherBodyDropConnectionsOrDelay) {
-  collector_->setTrackAnswer("maintenance");
-  EXPECT_EQ(track(recordOfType("event", "a")), "maintenance");
-  collector_->setTrackAnswer(std::nullopt);
-  collector_->setDropConnections(true);
-  EXPECT_EQ(send("POST", "/sdk/track", "{}").first, 0) << "a transport error";
-  EXPECT_EQ(send("GET", "/sync?v=1").first, 0);
-  collector_->setDropConnections(false);
-  collector_->setDelay(std::chrono::milliseconds(1500));
-  EXPECT_EQ(send("POST", "/sdk/track", *encodeJson(recordOfType("event", "b")), 0.3).first, 0);
-  collector_->setDelay(std::chrono::milliseconds(0));
-  EXPECT_EQ(track(recordOfType("event", "c")), "ok");
-  // The delayed "b" may still have been stored after the client gave up; "a" never is.
-  std::vector<std::string> stored;
-  for (const auto& event : collector_->events()) stored.push_back(event.actionName);
-  std::erase(stored, "b");
-  EXPECT_EQ(stored, std::vector<std::string>{"c"});
-}
-
 // A restart keeps the certificate and the events; the key, the directory it made and the
 // database (even one left readable by others) are the owner's alone. A certificate cut short (a
 // crash while it was written) is made anew, not a start that fails. A database an earlier
 // collector made gains the columns it lacks.
 TEST_F(CollectorTest, ARestartKeepsItsCertificateAndItsEventsPrivately) {
   EXPECT_EQ(track(recordOfType("event", "kept")), "ok");
-  const std::string certificate = readFile(collector_->caFile());
+  const std::string certificate = testing::slurp(collector_->caFile());
   collector_.reset();
   const std::vector<std::string> database = {"events.sqlite", "events.sqlite-wal",
                                              "events.sqlite-shm"};
@@ -241,7 +235,7 @@ TEST_F(CollectorTest, ARestartKeepsItsCertificateAndItsEventsPrivately) {
     if (fs::exists(data() / name)) fs::permissions(data() / name, fs::perms(0644));
   }
   restart();
-  EXPECT_EQ(readFile(collector_->caFile()), certificate);
+  EXPECT_EQ(testing::slurp(collector_->caFile()), certificate);
   EXPECT_EQ(track(recordOfType("event", "tap")), "ok");
   EXPECT_EQ(listed("/api/events").size(), 2u);
   EXPECT_EQ(std::pair(mode(data() / "key.pem"), mode(data())), std::pair(0600, 0700));
@@ -250,14 +244,15 @@ TEST_F(CollectorTest, ARestartKeepsItsCertificateAndItsEventsPrivately) {
   collector_.reset();
   std::ofstream(data() / "cert.pem", std::ios::trunc) << "-----BEGIN";
   restart();
-  EXPECT_NE(readFile(collector_->caFile()), certificate);
+  EXPECT_NE(testing::slurp(collector_->caFile()), certificate);
   EXPECT_EQ(listed("/api/events").size(), 2u);
 
   collector_.reset();
   for (const auto& name : database) fs::remove(data() / name);
   sqlite3* db = nullptr;
   ASSERT_EQ(sqlite3_open((data() / database[0]).c_str(), &db), SQLITE_OK);
-  const auto schema = readFile(fs::path(ZELVANOR_TEST_DATA_DIR) / "collector" / "events_v1.sql");
+  const auto schema =
+      testing::slurp(fs::path(ZELVANOR_TEST_DATA_DIR) / "collector" / "events_v1.sql");
   ASSERT_EQ(sqlite3_exec(db, schema.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
   sqlite3_close(db);
   restart();
@@ -299,8 +294,7 @@ TEST_F(CollectorTest, RefusedBodiesAreKeptWithTheirReasonAndForeignOriginsAreNot
       kept.emplace(kept.begin(), row[5], row[6],
                    status >= 413 ? "" : body.substr(0, collector::EventStore::kRefusedBodyBytes));
   }
-  EXPECT_EQ(listed("/api/events").size(),
-            static_cast<std::size_t>(accepted));  // accepted only, unless asked
+  EXPECT_EQ(listed("/api/events").size(), accepted);  // accepted only, unless asked
   const std::string text = get("/api/events?status=refused");
   simdjson::dom::parser parser;
   decltype(kept) refused;
