@@ -11,12 +11,19 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "zelvanor/http_client.hpp"
 
 namespace zelvanor::testing {
+
+/// A header from its "Name: value" line.
+inline std::pair<std::string, std::string> header(std::string_view line) {
+  const auto colon = line.find(": ");
+  return {std::string(line.substr(0, colon)), std::string(line.substr(colon + 2))};
+}
 
 class FakeHttpClient final : public ZHttpClient {
  public:
@@ -79,9 +86,6 @@ class FakeHttpClient final : public ZHttpClient {
   }
   bool answer(int status, std::string body, ZHttpHeaders headers = {}) {
     return answer(ZHttpResponse{status, std::move(headers), std::move(body)});
-  }
-  bool fail(std::string description = "connection reset", bool tls = false) {
-    return answer(ZHttpFailure{std::move(description), tls});
   }
 
   std::vector<ZHttpRequest> sent() const {

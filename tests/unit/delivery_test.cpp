@@ -14,6 +14,7 @@
 #include "network/identity_sync.hpp"
 #include "network/reachability.hpp"
 #include "queue/log_record_queue.hpp"
+#include "support/data_table.hpp"
 #include "support/fake_http_client.hpp"
 #include "support/pending_files.hpp"
 #include "support/settings.hpp"
@@ -44,10 +45,6 @@ Names pendingNames(const std::filesystem::path& dir) {
   Names names;
   for (const auto& r : testing::pendingRecords(dir)) names.push_back(r.action.name);
   return names;
-}
-
-ZHttpResult answer(int status, std::string body, ZHttpHeaders headers = {}) {
-  return ZHttpResponse{status, std::move(headers), std::move(body)};
 }
 
 /// A delivery as the SDK builds one: the session and the delivery share one worker, and the
@@ -125,59 +122,33 @@ TEST_F(DeliveryTest, TheServersAreCheckedAndJoinedWhenSet) {
 }
 
 TEST_F(DeliveryTest, OnlyTheExactBodyOkDeliversAndEveryOtherAnswerHasItsOutcome) {
-  enum Outcome { delivered, refused, kept, later };
-  struct Row {
-    std::string name;
-    ZHttpResult answer;
-    Outcome outcome;
-  };
-  const ZHttpHeaders moved = {{"Location", kBase + "/elsewhere"}};
-  const std::vector<Row> rows = {
-      // The status is never looked at: "come back later" or a redirect with ok delivers too.
-      {"busy-ok", answer(503, "ok"), delivered},
-      {"moved-ok", answer(301, "ok", moved), delivered},
-      {"upper", answer(200, "OK"), refused},
-      {"newline", answer(200, "ok\n"), refused},
-      {"garbage", answer(200, "o\xffk"), refused},
-      {"empty", answer(200, ""), refused},
-      {"server-error", answer(500, "busy", {{"Retry-After", "0"}}), refused},
-      {"not-implemented", answer(501, "", {{"Retry-After", "0"}}), refused},
-      {"no-status", answer(0, ""), refused},
-      // A redirect is no verdict on the record: kept, and never followed.
-      {"moved", answer(301, "<html>moved</html>", moved), kept},
-      {"permanent", answer(308, "moved", moved), kept},
-      {"first-redirect", answer(300, ""), kept},
-      {"last-redirect", answer(399, ""), kept},
-      {"reset", ZHttpFailure{"connection reset"}, kept},
-      {"untrusted", ZHttpFailure{"certificate not trusted", true}, kept},
-      // "Come back later": held, and sent again once the server's wait is over.
-      {"too-many", answer(429, "slow down", {{"Retry-After", "0"}}), later},
-      {"bad-gateway", answer(502, "bad gateway", {{"retry-after", "0"}}), later},
-      {"unavailable", answer(503, "", {{"Retry-After", "0"}}), later},
-      {"gateway-timeout", answer(504, "", {{"Retry-After", "Thu, 01 Jan 2015 00:00:00 GMT"}}),
-       later},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (const auto& row : testing::dataTable("http/answer_outcomes.tsv")) {
+    SCOPED_TRACE(row[0]);
+    const std::string& outcome = row[1];
+    ZHttpResult result = ZHttpFailure{row[3], row[2] == "tls"};
+    if (row[2] != "fail" && row[2] != "tls") {
+      const auto headers = row.size() > 4 ? ZHttpHeaders{testing::header(row[4])} : ZHttpHeaders{};
+      result = ZHttpResponse{std::stoi(row[2]), headers, row[3]};
+    }
     testing::TempDir rowDir;
     // The back-off of its own would outlast the test: only the server's wait brings one back.
     Rig rig(rowDir.path(), {.first = 1h, .jitter = 0});
-    rig.send({row.name});
+    rig.send({row[0]});
     ASSERT_TRUE(rig.fake->waitForWaiting(1));
-    rig.fake->answer(row.answer);
-    if (row.outcome == later) {
+    rig.fake->answer(result);
+    if (outcome == "later") {
       ASSERT_TRUE(rig.fake->waitForWaiting(1, 5s)) << "not asked again after Retry-After";
       rig.fake->answer(200, "ok");
     }
     ASSERT_TRUE(rig.delivery->waitUntilSettled(5s));
     const auto counts = rig.delivery->counts();
-    EXPECT_EQ(counts.delivered, row.outcome == delivered || row.outcome == later ? 1u : 0u);
-    EXPECT_EQ(counts.refused, row.outcome == refused ? 1u : 0u);
-    EXPECT_EQ(counts.keptOnDisk, row.outcome == kept ? 1u : 0u);
-    EXPECT_EQ(pendingNames(rowDir.path()), row.outcome == kept ? Names{row.name} : Names{});
+    EXPECT_EQ(counts.delivered, outcome == "delivered" || outcome == "later" ? 1u : 0u);
+    EXPECT_EQ(counts.refused, outcome == "refused" ? 1u : 0u);
+    EXPECT_EQ(counts.keptOnDisk, outcome == "kept" ? 1u : 0u);
+    EXPECT_EQ(pendingNames(rowDir.path()), outcome == "kept" ? Names{row[0]} : Names{});
     rig.sync();
     const auto sent = rig.fake->sent();
-    EXPECT_EQ(sent.size(), row.outcome == later ? 2u : 1u) << "none asked again, none followed";
+    EXPECT_EQ(sent.size(), outcome == "later" ? 2u : 1u) << "none asked again, none followed";
     for (const auto& request : sent) EXPECT_EQ(request.url, kBase + "/sdk/track");
   }
 }
@@ -202,7 +173,7 @@ TEST_F(DeliveryTest, KeptAndHeldRecordsGoFirstBehindOneProbeOnceTheirWaitIsOver)
   const auto failedAt = Clock::now();
   rig.fake->answer(302, "", {{"Location", kBase + "/elsewhere"}});
   rig.fake->answer(307, "moved");
-  rig.fake->fail();
+  rig.fake->answer(ZHttpFailure{"connection reset"});
   rig.send({"new-1", "new-2"});
   probeAfter(4, failedAt, 200ms);
   // A "come back later" without Retry-After: the next wait is twice the first.
@@ -219,7 +190,7 @@ TEST_F(DeliveryTest, KeptAndHeldRecordsGoFirstBehindOneProbeOnceTheirWaitIsOver)
   // then they go out again in the order they went out, and a record handed over meanwhile waits.
   rig.send({"a", "b", "c"});
   ASSERT_TRUE(rig.fake->waitForWaiting(3));
-  const auto busy = answer(503, "busy", {{"Retry-After", "1"}});
+  const ZHttpResponse busy{503, {{"Retry-After", "1"}}, "busy"};
   const auto heldAt = Clock::now();
   rig.fake->answerNth(2, busy);
   rig.fake->answer(busy);
@@ -278,7 +249,7 @@ TEST_F(DeliveryTest, AWindowOfRequestsShutdownKeepsTheRestInOrderAndTheNextStart
 
   // The next start: offline at first, so the restored records and one tracked meanwhile wait.
   Rig second(dir.path(), {}, {}, /*restore=*/false);
-  second.fake->setResponder([](const ZHttpRequest&) { return answer(200, "ok"); });
+  second.fake->setResponder([](const ZHttpRequest&) { return ZHttpResponse{200, {}, "ok"}; });
   detail::ZLogRecordQueue queue(second.delivery);
   queue.restorePendingRecords();
   queue.setBatchSize(1);
@@ -312,7 +283,7 @@ TEST_F(DeliveryTest, DeletingLocalDataForgetsKeptWaitingAndInFlightRecords) {
   rig.delivery->deleteLocalData();
   EXPECT_TRUE(pendingNames(dir.path()).empty());
   // Answers for requests sent before keep nothing and hold nothing back.
-  rig.fake->fail();
+  rig.fake->answer(ZHttpFailure{"connection reset"});
   rig.fake->answer(503, "busy", {{"Retry-After", "3600"}});
   while (rig.fake->answer(301, "", {})) {
   }
@@ -357,7 +328,7 @@ TEST_F(DeliveryTest, RecordsTrackedOrHandedOverWhileShutdownRunsAreKeptOrSentAnd
   // whatever the moment the table is taken. What other threads hand over meanwhile is sent or
   // kept. (Limits out of the way: a slow machine tracks many.)
   Rig rig(dir.path(), {}, ZStoreLimits{.maxBytesOnDisk = 1u << 30});
-  rig.fake->setResponder([](const ZHttpRequest&) { return answer(200, "ok"); });
+  rig.fake->setResponder([](const ZHttpRequest&) { return ZHttpResponse{200, {}, "ok"}; });
   detail::ZLogRecordQueue queue(rig.delivery, 1u << 30);
   queue.setBatchSize(1'000'000);
   constexpr int kCap = 200'000;
@@ -409,7 +380,7 @@ TEST_F(DeliveryTest, IdentityComesFromAllThreeCookiesOrElseFromTheServer) {
   std::mutex mutex;
   rig.fake->setResponder([&](const ZHttpRequest&) {
     std::lock_guard lock(mutex);
-    return answer(200, sync, cookies);
+    return ZHttpResponse{200, cookies, sync};
   });
   auto identity = std::make_shared<detail::IdentitySync>(rig.http);
   std::vector<ZXid> seen;  // every current subscriber receives every triple
@@ -441,37 +412,29 @@ TEST_F(DeliveryTest, IdentityComesFromAllThreeCookiesOrElseFromTheServer) {
 
   // An answer publishes its first triple, whatever its status code; one without a triple, nothing.
   const std::size_t published = seen.size();
-  for (
-      const char* body :
-      {R"({"version":1,"status":{"code":"9999","msg":"error"},"data":[{"cid":"a","did":"b","sid":"c"}]})",
-       R"({"version":1,"status":{"code":"0000","msg":"ok"},"data":[]})",
-       R"({"version":1,"status":{"code":"0000","msg":"ok"}})",
-       R"({"version":1,"status":{"code":"0000","message":"ok"},"data":[{"cid":"x","did":"y","sid":"z"}]})",
-       "<html>"}) {
-    identity->handleAnswer(body);
-  }
+  for (const auto& row : testing::dataTable("http/id_sync_answers.txt", testing::Escapes::keep))
+    identity->handleAnswer(row[0]);
   ASSERT_EQ(seen.size(), published + 1);
   EXPECT_EQ(seen.back(), (ZXid{"a", "b", "c"}));
 }
 
+using Watch = std::shared_ptr<std::function<void(std::uint32_t)>>;
+
+/// Flags read once as `initial`, then changed by calling the test's `watch` (none: cannot watch).
 class ScriptedFlags final : public platform::ReachabilityFlagSource {
  public:
-  explicit ScriptedFlags(std::optional<std::uint32_t> initial, bool canWatch = true)
-      : initial_(initial), canWatch_(canWatch) {}
+  ScriptedFlags(std::optional<std::uint32_t> initial, Watch watch)
+      : initial_(initial), watch_(std::move(watch)) {}
   std::optional<std::uint32_t> currentFlags() override { return initial_; }
   bool start(std::function<void(std::uint32_t)> onChange) override {
-    if (!canWatch_) return false;
-    *change_ = std::move(onChange);
-    return true;
+    if (watch_) *watch_ = std::move(onChange);
+    return watch_ != nullptr;
   }
   void stop() override {}
-  std::shared_ptr<std::function<void(std::uint32_t)>> change() const { return change_; }
 
  private:
   std::optional<std::uint32_t> initial_;
-  bool canWatch_;
-  std::shared_ptr<std::function<void(std::uint32_t)>> change_ =
-      std::make_shared<std::function<void(std::uint32_t)>>();
+  Watch watch_;
 };
 
 /// The states `reachability` publishes, by name, as they come (from any thread).
@@ -491,11 +454,9 @@ struct Published {
 };
 
 TEST(ReachabilityTest, FirstReportAlwaysPublishesThenDedupesOnFlagsNotStates) {
-  std::shared_ptr<std::function<void(std::uint32_t)>> change;
-  auto reachability = std::make_shared<detail::ZReachability>([&] {
-    auto source = std::make_unique<ScriptedFlags>(std::nullopt);  // unreadable: counts as 0
-    change = source->change();
-    return source;
+  auto change = std::make_shared<std::function<void(std::uint32_t)>>();
+  auto reachability = std::make_shared<detail::ZReachability>([change] {
+    return std::make_unique<ScriptedFlags>(std::nullopt, change);  // unreadable: counts as 0
   });
   Published seen(*reachability);
   reachability->startIfNeeded();
@@ -514,8 +475,7 @@ TEST(ReachabilityTest, FirstReportAlwaysPublishesThenDedupesOnFlagsNotStates) {
 
 TEST(ReachabilityTest, WithoutAFlagSourceOnlyWifiIsSeenUntilTheHostReports) {
   const std::vector<detail::ZReachability::SourceFactory> noWatch = {
-      [] { return nullptr; },
-      [] { return std::make_unique<ScriptedFlags>(0x0, /*canWatch=*/false); }};
+      [] { return nullptr; }, [] { return std::make_unique<ScriptedFlags>(0x0, nullptr); }};
   for (const auto& factory : noWatch) {
     auto reachability = std::make_shared<detail::ZReachability>(factory);
     Published seen(*reachability);
@@ -538,7 +498,8 @@ TEST(ReachabilityTest, StoppingBeforeTheFirstReportPublishesNothingMadeUp) {
   std::promise<void> release;
   worker->async([gate = release.get_future().share()] { gate.wait(); });
   auto reachability = std::make_shared<detail::ZReachability>(
-      [] { return std::make_unique<ScriptedFlags>(0x0); }, worker);
+      [] { return std::make_unique<ScriptedFlags>(0x0, std::make_shared<Watch::element_type>()); },
+      worker);
   Published seen(*reachability);
   reachability->startIfNeeded();
   reachability->stop();

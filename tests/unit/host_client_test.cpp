@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
@@ -14,6 +15,7 @@
 
 #include "manager/default_sources.hpp"
 #include "support/fake_http_client.hpp"
+#include "support/sdk_host.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/json.hpp"
 #include "zelvanor/tracker.hpp"
@@ -27,11 +29,10 @@ using Result = std::optional<ZHttpResult>;
 using Misbehave = std::function<Result(const ZHttpRequest&)>;
 
 const std::string kBase = "https://collector.test";
-const std::string kSyncAnswer =
-    R"({"version":1,"status":{"code":"0000","msg":"ok"},"data":[{"cid":"cid-7","did":"did-7","sid":"sid-7"}]})";
-const ZHttpHeaders kSyncCookies = {{"Set-Cookie", "fa_cid=cid-7; Path=/"},
-                                   {"set-cookie", "fa_did=did-7"},
-                                   {"Set-Cookie", "fa_sid=sid-7; Max-Age=3600"}};
+using testing::kSyncAnswer;  // the triple c, d, s, also set as cookies:
+const ZHttpHeaders kSyncCookies = {{"Set-Cookie", "fa_cid=c; Path=/"},
+                                   {"set-cookie", "fa_did=d"},
+                                   {"Set-Cookie", "fa_sid=s; Max-Age=3600"}};
 
 bool isSync(std::string_view url) {
   return url.find("/sync") != std::string_view::npos;
@@ -58,9 +59,8 @@ class HostClient final : public ZHttpClient {
       return unanswered_.push_back(std::move(done));
     }
     ++delivered_;
-    for (const auto& [name, value] : request.headers) {
-      if (value.find("fa_sid=sid-7") != std::string::npos) ++withCookies_;
-    }
+    for (const auto& [name, value] : request.headers)
+      if (value.find("fa_sid=s") != std::string::npos) ++withCookies_;
     const auto record = decodeJson<ZLogRecord>(*request.body);
     if (record && record->action.type == "event") events_.insert(record->action.name);
     changed_.notify_all();
@@ -95,7 +95,7 @@ class HostClient final : public ZHttpClient {
   std::mutex mutex_;
   std::condition_variable changed_;
   int attempts_ = 0;
-  std::uint64_t delivered_ = 0;  ///< records answered "ok", the SDK's own among them
+  std::atomic<std::uint64_t> delivered_ = 0;  ///< records answered "ok", the SDK's own among them
   int withCookies_ = 0;
   std::multiset<std::string> events_;
 
@@ -116,11 +116,9 @@ void sendThroughC(const zelvanor_http_request* request, zelvanor_http_exchange* 
                           std::make_shared<const std::string>(request->body, request->body_length),
                           request->timeout_seconds};
   for (std::size_t i = 0; i < request->header_count; ++i) {
-    const std::string line = request->headers[i];
-    const auto colon = line.find(": ");
-    translated.headers.emplace_back(line.substr(0, colon), line.substr(colon + 2));
+    translated.headers.push_back(testing::header(request->headers[i]));
   }
-  static_cast<HostClient*>(user)->send(std::move(translated), [exchange](ZHttpResult result) {
+  static_cast<ZHttpClient*>(user)->send(std::move(translated), [exchange](ZHttpResult result) {
     if (const auto* failure = std::get_if<ZHttpFailure>(&result)) {
       return zelvanor_http_fail(exchange, failure->description.c_str(), failure->tls);
     }
@@ -152,7 +150,7 @@ class HostClientTest : public ::testing::Test {
     ZelvanorTracker::setPlatformFacts({});
   }
   /// Starts with `client` (through the C form with `viaC`), then tracks `count` events.
-  static void start(const std::shared_ptr<HostClient>& client, bool viaC, int count = 0) {
+  static void start(const std::shared_ptr<ZHttpClient>& client, bool viaC = false, int count = 0) {
     if (viaC) {
       zelvanor_set_http_client(&sendThroughC, client.get());
     } else {
@@ -161,9 +159,7 @@ class HostClientTest : public ::testing::Test {
     ZelvanorTracker::setRequired(ZConfiguration{.timeout = 10, .batchSize = 1})
         .setReachabilityFlags(0x2)
         .set(ZCommon({.serviceName = "host", .deployment = "production"}));
-    for (int i = 0; i < count; ++i) {
-      ZelvanorTracker::set(ZAction("event", "e" + std::to_string(i), "tap")).track(false, false);
-    }
+    for (int i = 0; i < count; ++i) testing::track("e" + std::to_string(i));
   }
 
   testing::TempDir dir;
@@ -205,19 +201,14 @@ TEST_F(HostClientTest, EveryWayAClientFailsLosesNoRecordAndTheFirstAnswerStands)
     }
     // Answers reach the SDK's worker a moment after the client gave them.
     EXPECT_TRUE(client->waitFor([](int, std::size_t events) { return events == kRecords; }));
-    const auto answered = [&] {
-      std::lock_guard lock(client->mutex_);
-      return client->delivered_;
-    };
-    for (int i = 0; i < 100 && ZelvanorTracker::counters().delivered < answered(); ++i) {
-      std::this_thread::sleep_for(10ms);
-    }
+    testing::eventually(
+        [&] { return ZelvanorTracker::counters().delivered >= client->delivered_; });
     client->joinLate();
     ZelvanorTracker::flushAndWait(1s);  // a second answer that counted would send again by now
     const ZCounters counters = ZelvanorTracker::counters();
     ZelvanorTracker::shutdown();
     std::lock_guard lock(client->mutex_);
-    EXPECT_EQ(counters.delivered, client->delivered_) << "the SDK's own events too";
+    EXPECT_EQ(counters.delivered, client->delivered_.load()) << "the SDK's own events too";
     EXPECT_EQ(counters.refused, 0u);
     EXPECT_EQ(client->events_.size(), kRecords) << "each event once";
     EXPECT_GT(client->withCookies_, 0) << "the SDK's cookie store sends what the sync answer set";
@@ -231,10 +222,7 @@ TEST_F(HostClientTest, ASecondIdentityRequestWaitsForTheFirstAndItsCookies) {
   client->setResponder([](const ZHttpRequest& request) {
     return isSync(request.url) ? Result() : Result(ZHttpResponse{200, {}, "ok"});
   });
-  ZelvanorTracker::setHttpClient(client);
-  ZelvanorTracker::setRequired(ZConfiguration{.timeout = 10, .batchSize = 1})
-      .setReachabilityFlags(0x2)
-      .set(ZCommon({.serviceName = "host", .deployment = "production"}));
+  start(client);
   ASSERT_TRUE(client->waitForWaiting(1));
   EXPECT_EQ(client->sent().size(), 1u) << "one identity request at a time";
   client->answer(200, kSyncAnswer, kSyncCookies);
