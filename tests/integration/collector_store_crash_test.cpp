@@ -163,10 +163,8 @@ testing::ChildHost storeChild(const fs::path& appDir, const Collector& server, c
 
 /// The records named `prefix`... that waited on disk in `appDir`, in sending order.
 std::vector<std::string> waitingNamed(const fs::path& appDir, const std::string& prefix) {
-  std::vector<std::string> names;
-  for (const auto& record : testing::pendingRecords(appDir)) {
-    if (record.action.name.rfind(prefix, 0) == 0) names.push_back(record.action.name);
-  }
+  auto names = testing::pendingNames(appDir);
+  std::erase_if(names, [&](const std::string& name) { return name.rfind(prefix, 0) != 0; });
   return names;
 }
 
@@ -177,9 +175,8 @@ std::multiset<std::string> delivered(const Collector& server, const std::string&
   std::multiset<std::string> names;
   for (int i = 0; i < 200; ++i) {
     names.clear();
-    for (const auto& event : server.events(collector::EventQuery{.limit = 1'000'000})) {
+    for (const auto& event : server.events(collector::EventQuery{.limit = 1'000'000}))
       if (event.actionName.rfind(prefix, 0) == 0) names.insert(event.actionName);
-    }
     if (std::set<std::string>(names.begin(), names.end()).size() >= count) break;
     if (flushing) ZelvanorTracker::flush();
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
