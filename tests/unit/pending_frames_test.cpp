@@ -99,6 +99,7 @@ TEST(PendingFileReader, ReadsFilesLargerThanItsWindowAndOnlyRegularFiles) {
   appendFrame(content, namedRecord("first", window - 300));
   content += rawLength(-1) + rawLength(200) + "{" + std::string(199, 'q');
   ASSERT_LT(content.find(rawLength(200)), window);
+  ASSERT_GT(content.size(), window) << "the false start must end past the window";
   // Then about 1.3 MiB of frames of many sizes, one larger than the read window, so that frames
   // straddle every refill; damaged pieces sit among them.
   for (int i = 0; i < 700; ++i) {
