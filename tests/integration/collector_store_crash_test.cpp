@@ -163,10 +163,8 @@ testing::ChildHost storeChild(const fs::path& appDir, const Collector& server, c
 
 /// The records named `prefix`... that waited on disk in `appDir`, in sending order.
 std::vector<std::string> waitingNamed(const fs::path& appDir, const std::string& prefix) {
-  std::vector<std::string> names;
-  for (const auto& record : testing::pendingRecords(appDir)) {
-    if (record.action.name.rfind(prefix, 0) == 0) names.push_back(record.action.name);
-  }
+  auto names = testing::pendingNames(appDir);
+  std::erase_if(names, [&](const std::string& name) { return name.rfind(prefix, 0) != 0; });
   return names;
 }
 
@@ -177,9 +175,8 @@ std::multiset<std::string> delivered(const Collector& server, const std::string&
   std::multiset<std::string> names;
   for (int i = 0; i < 200; ++i) {
     names.clear();
-    for (const auto& event : server.events(collector::EventQuery{.limit = 1'000'000})) {
+    for (const auto& event : server.events(collector::EventQuery{.limit = 1'000'000}))
       if (event.actionName.rfind(prefix, 0) == 0) names.insert(event.actionName);
-    }
     if (std::set<std::string>(names.begin(), names.end()).size() >= count) break;
     if (flushing) ZelvanorTracker::flush();
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -206,15 +203,8 @@ fs::path seededAppDirectory(const testing::TempDir& dir, int count,
   const fs::path appDir = dir.path() / ("app-" + prefix);
   fs::create_directories(appDir);
   std::vector<std::string> records;
-  for (int i = 0; i < count; ++i) {
-    const std::string n = std::to_string(i);
-    const ZLogRecord record{
-        .xid = {"cid-" + n, "did", "sid"},
-        .sdk = ZSDK{DeploymentType::production, "0.9.0", "1.2.0"},
-        .action = {"event", prefix + n, "restored"},
-        .page = ZPage{.id = n, .name = "seed", .title = std::string(100 + i % 400, 'p')}};
-    records.push_back(encodeJson(record).value());
-  }
+  for (int i = 0; i < count; ++i)
+    records.push_back(testing::namedRecord(prefix + std::to_string(i), 100 + i % 400));
   testing::writeFile(appDir / "ZLogs.tmp", testing::framed(records));
   return appDir;
 }
@@ -243,12 +233,11 @@ TEST_F(StoreCrash, KillsDuringRestoreSendingAndShutdownLoseNothingThatWasOnDisk)
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 
   const auto sent = delivered(server, "seed-");
-  const auto waiting = waitingNamed(appDir, "seed-");
-  std::set<std::string> kept(sent.begin(), sent.end());
-  kept.insert(waiting.begin(), waiting.end());
+  const std::set<std::string> distinct(sent.begin(), sent.end());
+  std::set<std::string> kept = distinct;
+  for (const auto& name : waitingNamed(appDir, "seed-")) kept.insert(name);
   EXPECT_EQ(kept.size(), static_cast<std::size_t>(kSeeds))
       << "records that were on disk are neither delivered nor kept";
-  const std::set<std::string> distinct(sent.begin(), sent.end());
   // Only that the runs sent something: how much depends on the machine's load.
   EXPECT_GT(distinct.size(), static_cast<std::size_t>(kSeeds / 10)) << "the backlog went out";
   // Every end of a run (a kill, or a shutdown in the child, which restarts about every 250 ms)
@@ -313,10 +302,10 @@ TEST_F(StoreCrash, WhatStandsInTheWayAtAStartHoldsNoRecordBack) {
       ASSERT_EQ(::mkfifo((appDir / "ZLogs.lock").c_str(), 0600), 0);
     }
     std::mutex linesLock;
-    std::vector<std::string> errors;
+    std::string said;  // the error lines
     ZelvanorTracker::setDiagnostics(ZLogLevel::error, [&](ZLogLevel, std::string_view line) {
       std::lock_guard lock(linesLock);
-      errors.emplace_back(line);
+      said.append(line).append("\n");
     });
     startHere(appDir, server, server.baseUrl());
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -329,34 +318,26 @@ TEST_F(StoreCrash, WhatStandsInTheWayAtAStartHoldsNoRecordBack) {
               static_cast<std::size_t>(kBacklog));
     EXPECT_TRUE(testing::pendingRecords(appDir).empty());
     std::lock_guard lock(linesLock);
-    const std::string said = ::testing::PrintToString(errors);
     EXPECT_TRUE(held || said.find("ZLogs.lock is a FIFO") != std::string::npos) << said;
   }
 }
 
-class SmallDisk {
- public:
-  explicit SmallDisk(const std::filesystem::path& at) : at_(at) {
-    mounted_ = ::mount("zelvanor-test", at.c_str(), "tmpfs", 0, "size=64k,mode=0700") == 0;
-  }
+/// A 64 KiB tmpfs mounted over `at` for as long as it lives.
+struct SmallDisk {
+  explicit SmallDisk(const fs::path& at)
+      : at(at),
+        mounted(::mount("zelvanor-test", at.c_str(), "tmpfs", 0, "size=64k,mode=0700") == 0) {}
   ~SmallDisk() {
-    if (mounted_) ::umount2(at_.c_str(), MNT_DETACH);
+    if (mounted) ::umount2(at.c_str(), MNT_DETACH);
   }
-  bool mounted() const { return mounted_; }
   /// Read-only, or writable again with room for everything.
-  bool setReadOnly(bool readOnly) {
-    return ::mount(nullptr, at_.c_str(), nullptr, MS_REMOUNT | (readOnly ? MS_RDONLY : 0),
+  bool setReadOnly(bool readOnly) const {
+    return ::mount(nullptr, at.c_str(), nullptr, MS_REMOUNT | (readOnly ? MS_RDONLY : 0),
                    "size=4m") == 0;
   }
-
- private:
-  std::filesystem::path at_;
-  bool mounted_ = false;
+  const fs::path at;
+  const bool mounted;
 };
-
-std::string record(int i, std::size_t title) {
-  return testing::namedRecord(std::to_string(i), title);
-}
 
 // A disk too small for the records, and one that is read-only (for root only a read-only mount
 // refuses a write; otherwise the directory's mode bits do): only what was really written counts
@@ -370,7 +351,7 @@ TEST(FullDisk, RecordsTheDiskRefusesWaitInMemoryAndAreWrittenWhenThereIsRoom) {
     std::optional<SmallDisk> disk;
     if (root) {
       disk.emplace(dir.path());
-      if (!disk->mounted()) GTEST_SKIP() << "tmpfs could not be mounted here";
+      if (!disk->mounted) GTEST_SKIP() << "tmpfs could not be mounted here";
     }
     const auto setReadOnly = [&](bool on) {
       return root ? disk->setReadOnly(on) : ::chmod(dir.path().c_str(), on ? 0500 : 0700) == 0;
@@ -384,9 +365,12 @@ TEST(FullDisk, RecordsTheDiskRefusesWaitInMemoryAndAreWrittenWhenThereIsRoom) {
     // Full: about 300 KB, far more than the disk holds. Record 3 is larger than the whole
     // allowance: it can never be kept, so it is counted as dropped only, not also as kept.
     const int records = readOnly ? 20 : 300;
+    std::vector<std::string> expected;  // what must be on disk in the end
     for (int i = 0; i < records; ++i) {
-      std::vector<std::string> one{record(i, i == 3 ? 2 << 20 : readOnly ? 10 : 900)};
-      delivery->send(0, std::move(one), /*networkAvailable=*/false);
+      if (i != 3) expected.push_back(std::to_string(i));
+      const std::size_t title = i == 3 ? 2 << 20 : readOnly ? 10 : 900;
+      delivery->send(0, {testing::namedRecord(std::to_string(i), title)},
+                     /*networkAvailable=*/false);
     }
     ASSERT_TRUE(delivery->waitUntilSettled(std::chrono::seconds(20)));
     const auto counts = delivery->counts();
@@ -396,10 +380,6 @@ TEST(FullDisk, RecordsTheDiskRefusesWaitInMemoryAndAreWrittenWhenThereIsRoom) {
     EXPECT_LE(counts.droppedForSpace, 1u) << "the memory limit allows keeping the others";
 
     ASSERT_TRUE(setReadOnly(false));
-    std::vector<std::string> expected;
-    for (int i = 0; i < records; ++i) {
-      if (i != 3) expected.push_back(std::to_string(i));
-    }
     for (int i = 0; i < 100 && testing::pendingNames(dir.path()).size() < expected.size(); ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
@@ -417,18 +397,16 @@ TEST(FullDisk, AnsweredRecordsAreNotSentAgainAtALaterStart) {
   if (::geteuid() != 0) GTEST_SKIP() << "mounting a small tmpfs needs root";
   testing::TempDir dir;
   SmallDisk disk(dir.path());
-  if (!disk.mounted()) GTEST_SKIP() << "tmpfs could not be mounted here";
+  if (!disk.mounted) GTEST_SKIP() << "tmpfs could not be mounted here";
   std::vector<std::string> records;
-  for (int i = 0; i < 40; ++i) records.push_back(record(i, 10));
+  for (int i = 0; i < 40; ++i) records.push_back(testing::namedRecord(std::to_string(i), 10));
   ASSERT_TRUE(platform::appendPrivate(dir.path() / "ZLogs.tmp", testing::framed(records)));
   auto sendAndAnswer = [&](std::uint64_t waiting, int answer) {
     detail::PendingStore store(dir.path(), {});
     EXPECT_EQ(store.open(), waiting);
     if (waiting == 40) {
       // Full from here on.
-      std::ofstream filler(dir.path() / "filler", std::ios::binary);
-      const std::string block(4096, 'f');
-      for (int i = 0; i < 64 && filler; ++i) filler.write(block.data(), block.size()).flush();
+      testing::writeFile(dir.path() / "filler", std::string(64 << 10, 'f'));
     }
     for (int i = 0; i < answer; ++i) {
       auto read = store.next();

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <limits>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/pending_files.hpp"
@@ -21,16 +22,12 @@ namespace {
 namespace fs = std::filesystem;
 using Kind = FramePiece::Kind;
 using testing::framed;
+using testing::namedRecord;
 using testing::rawLength;
 using testing::writeFile;
 
-struct Piece {
-  Kind kind;
-  std::uint64_t offset;
-  std::uint64_t size;
-  std::string payload;
-  friend bool operator==(const Piece&, const Piece&) = default;
-};
+/// A piece as kind, offset, size and payload, which outlives the bytes it was read from.
+using Piece = std::tuple<Kind, std::uint64_t, std::uint64_t, std::string>;
 
 Piece own(const FramePiece& p) {
   return {p.kind, p.offset, p.size, std::string(p.payload)};
@@ -43,14 +40,10 @@ std::vector<Piece> scanAll(std::string_view bytes) {
   return pieces;
 }
 
-std::string record(const std::string& name, std::size_t padding = 0) {
-  return R"({"action":{"name":")" + name + std::string(padding, 'x') + R"("}})";
-}
-
 // Every piece, exactly: whole frames, a torn end (a kill, or the zero-filled tail a filesystem
 // may leave after a power cut) and a damaged length in the middle, read past to the next frame.
 TEST(ScanFrames, WholeFramesTornEndsAndDamagedLengthsReadPast) {
-  const std::string a = record("a"), b = record("bb"), whole = framed({a, b});
+  const std::string a = namedRecord("a"), b = namedRecord("bb"), whole = framed({a, b});
   // The layout files of earlier runs and other tools share: length in native order, then bytes.
   EXPECT_EQ(whole, rawLength(static_cast<std::int64_t>(a.size())) + a +
                        rawLength(static_cast<std::int64_t>(b.size())) + b);
@@ -103,14 +96,15 @@ TEST(PendingFileReader, ReadsFilesLargerThanItsWindowAndOnlyRegularFiles) {
   // and would end after it, with no "}" at its end, and must be judged on the whole file.
   const std::size_t window = 256u << 10;
   std::string content;
-  appendFrame(content, record("first", window - 100));
+  appendFrame(content, namedRecord("first", window - 300));
   content += rawLength(-1) + rawLength(200) + "{" + std::string(199, 'q');
   ASSERT_LT(content.find(rawLength(200)), window);
+  ASSERT_GT(content.size(), window) << "the false start must end past the window";
   // Then about 1.3 MiB of frames of many sizes, one larger than the read window, so that frames
   // straddle every refill; damaged pieces sit among them.
   for (int i = 0; i < 700; ++i) {
-    appendFrame(content, record("r" + std::to_string(i), static_cast<std::size_t>(i * 3 % 1500)));
-    if (i == 300) appendFrame(content, record("big", 300u << 10));
+    appendFrame(content, namedRecord("r" + std::to_string(i), i * 3 % 1500));
+    if (i == 300) appendFrame(content, namedRecord("big", 300u << 10));
     if (i % 97 == 5) content += rawLength(-7) + "garbage";
   }
   content += rawLength(4000) + "{\"torn\":";
@@ -118,11 +112,12 @@ TEST(PendingFileReader, ReadsFilesLargerThanItsWindowAndOnlyRegularFiles) {
   const auto whole = scanAll(content);
   const auto read = readFile(file);
   EXPECT_EQ(read, whole);
-  EXPECT_EQ(std::count_if(read.begin(), read.end(), [](auto& p) { return p.kind == Kind::frame; }),
+  EXPECT_EQ(std::count_if(read.begin(), read.end(),
+                          [](auto& p) { return std::get<Kind>(p) == Kind::frame; }),
             702);
 
   // From a frame's start, as after a cursor: the same pieces from there on.
-  EXPECT_EQ(readFile(file, whole[400].offset),
+  EXPECT_EQ(readFile(file, std::get<1>(whole[400])),
             std::vector<Piece>(whole.begin() + 400, whole.end()));
 #ifndef _WIN32
   // What is no regular file is refused, and not waited on: a FIFO would block an ordinary open.

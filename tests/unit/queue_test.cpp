@@ -99,17 +99,13 @@ TEST_F(QueueTest, AfterShutdownTakesTheTableLateRecordsAndTemplatesAreHandedOver
   // A host thread still tracking: with batch size 5 this record would wait in a table that
   // nobody drains any more, and be lost. It is not sent either: delivery is shutting down.
   enqueue(3, 3);
-  const auto late = transport->keptLate();
-  ASSERT_EQ(late.size(), 1u);
-  EXPECT_EQ(late[0].action.name, "3");
+  EXPECT_EQ(transport->keptLate(), std::vector{numberedRecord(3)});
   EXPECT_EQ(sent(), Names{});
   EXPECT_EQ(queue.recordCount(), 0u);
 
-  queue.appendTemplate(ZLogTemplate{.free = "a"});
-  queue.appendTemplate(ZLogTemplate{.free = "b"});
-  Names templates;
-  for (const auto& t : queue.takeTemplates()) templates.push_back(t.free.value_or("?"));
-  EXPECT_EQ(templates, (Names{"a", "b"}));
+  const std::vector<ZLogTemplate> templates{{.free = "a"}, {.free = "b"}};
+  for (const auto& t : templates) queue.appendTemplate(t);
+  EXPECT_EQ(queue.takeTemplates(), templates);
   EXPECT_TRUE(queue.takeTemplates().empty()) << "handed over once";
 }
 
