@@ -231,9 +231,8 @@ TEST_F(CollectorTest, ARestartKeepsItsCertificateAndItsEventsPrivately) {
   collector_.reset();
   const std::vector<std::string> database = {"events.sqlite", "events.sqlite-wal",
                                              "events.sqlite-shm"};
-  for (const auto& name : database) {
+  for (const auto& name : database)
     if (fs::exists(data() / name)) fs::permissions(data() / name, fs::perms(0644));
-  }
   restart();
   EXPECT_EQ(testing::slurp(collector_->caFile()), certificate);
   EXPECT_EQ(track(recordOfType("event", "tap")), "ok");
@@ -338,11 +337,7 @@ TEST(EventStoreTest, TimesRiseWithIdsUnderConcurrentWritersAndOnlyTheNewestRefus
   const auto stored = store.list({.limit = 5000, .oldestFirst = true, .status = RecordStatus::all});
   ASSERT_EQ(std::pair(stored.size(), store.count()),
             std::pair(std::size_t(accepted + kKept), accepted));
-  const auto fall =
-      std::adjacent_find(stored.begin(), stored.end(),
-                         [](const auto& a, const auto& b) { return b.receivedAt < a.receivedAt; });
-  EXPECT_TRUE(fall == stored.end()) << "id " << (fall + 1)->id << " at " << (fall + 1)->receivedAt
-                                    << " after id " << fall->id << " at " << fall->receivedAt;
+  EXPECT_TRUE(std::ranges::is_sorted(stored, {}, &collector::StoredEvent::receivedAt));
   std::vector<std::int64_t> newest, kept;
   for (const auto& ids : refusedIds) newest.insert(newest.end(), ids.begin(), ids.end());
   std::sort(newest.rbegin(), newest.rend());
