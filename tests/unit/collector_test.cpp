@@ -162,9 +162,8 @@ TEST_F(CollectorTest, StoresRecordsAsTheyArrivedAndListsAndExportsThemWithFilter
   ASSERT_EQ(all.size(), 5u);
   for (const auto& row : testing::dataTable("collector/queries.txt")) {
     std::string path = "/api/" + row.at(0);
-    for (auto at = path.find('$'); at != npos; at = path.find('$')) {
+    for (auto at = path.find('$'); at != npos; at = path.find('$'))
       path.replace(at, 2, std::to_string(all.at(path.at(at + 1) - '0')));
-    }
     if (row.at(1).starts_with("!")) {
       EXPECT_NE(get(path).find(row[1].substr(1)), npos) << path;
       continue;
@@ -208,9 +207,8 @@ TEST_F(CollectorTest, AnEventsAnswerCutBySizeSaysItWasCut) {
     const auto answered = reader.Get("/api/events" + query);
     auto answer = parser.parse(answered ? answered->body : "");
     Page names;
-    for (auto event : answer["events"].get_array()) {
+    for (auto event : answer["events"].get_array())
       names.first.emplace_back(std::string_view(event["record"]["action"]["name"]));
-    }
     EXPECT_EQ(answer["truncated"].get(names.second), simdjson::SUCCESS) << query;
     return names;
   };
@@ -250,8 +248,7 @@ TEST_F(CollectorTest, ARestartKeepsItsCertificateAndItsEventsPrivately) {
   for (const auto& name : database) fs::remove(data() / name);
   sqlite3* db = nullptr;
   ASSERT_EQ(sqlite3_open((data() / database[0]).c_str(), &db), SQLITE_OK);
-  const auto schema =
-      testing::slurp(fs::path(ZELVANOR_TEST_DATA_DIR) / "collector" / "events_v1.sql");
+  const auto schema = testing::dataText("collector/events_v1.sql");
   ASSERT_EQ(sqlite3_exec(db, schema.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
   sqlite3_close(db);
   restart();
@@ -297,11 +294,10 @@ TEST_F(CollectorTest, RefusedBodiesAreKeptWithTheirReasonAndForeignOriginsAreNot
   const std::string text = get("/api/events?status=refused");
   simdjson::dom::parser parser;
   decltype(kept) refused;
-  for (auto event : parser.parse(text)["events"].get_array()) {
+  for (auto event : parser.parse(text)["events"].get_array())
     refused.emplace_back(std::string_view(event["refused"]["reason"]),
                          std::string_view(event["refused"]["path"]),
                          std::string_view(event["body"]));
-  }
   EXPECT_EQ(refused, kept);
   const auto counters = collector_->counters();
   EXPECT_EQ(std::pair(counters.storedRecords, counters.rejectedRecords),
