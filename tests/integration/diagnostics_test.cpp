@@ -17,7 +17,6 @@
 #include "support/https_test_server.hpp"
 #include "support/pending_files.hpp"
 #include "support/temp_dir.hpp"
-#include "zelvanor/json.hpp"
 #include "zelvanor/tracker.hpp"
 
 namespace zelvanor {
@@ -243,9 +242,9 @@ TEST_F(DiagnosticsTest, ReadinessAndFlushAndWaitEndWithTheAnswersOrWithTheirTime
   for (int i = 0; i < 20; ++i) trackNamed("answered-" + std::to_string(i));
   ASSERT_TRUE(ZelvanorTracker::flushAndWait(10s));
   EXPECT_EQ(ZelvanorTracker::counters().awaitingAnswer, 0u);
-  const auto received = server_.received();
-  EXPECT_EQ(std::count_if(received.begin(), received.end(),
-                          [](const auto& r) { return r.body.find("\"answered-") != r.body.npos; }),
+  EXPECT_EQ(std::ranges::count_if(
+                server_.received(),
+                [](const auto& r) { return r.body.find("\"answered-") != r.body.npos; }),
             20)
       << "every record had its answer when the wait ended";
 

@@ -8,7 +8,6 @@
 #include <chrono>
 #include <cstdlib>
 
-#include "api/shared_instance.hpp"
 #include "support/sdk_host.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/tracker.hpp"

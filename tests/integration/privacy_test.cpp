@@ -233,7 +233,6 @@ TEST_F(PrivacyTest, CollectionOffAndDeletingLocalDataLeaveNothingToSendAndStartO
   EXPECT_TRUE(eventually([&] { return arrived("\"direct\""); }));
   ::unsetenv("https_proxy");
   EXPECT_EQ(proxy.tunnels().size(), tunnelsBefore);
-  ZelvanorTracker::shutdown();
 }
 
 // A host killed at any moment while it deletes its data: the next start finds either all of it

@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <fstream>
 #include <future>
-#include <iterator>
 #include <map>
 #include <sstream>
 #include <thread>
