@@ -36,10 +36,7 @@ constexpr const char* kSecretSync =
 constexpr const char* kSecretToken = "token-SECRET-91c2";
 constexpr const char* kSecretUser = "user-SECRET-55d0";
 
-struct Line {
-  ZLogLevel level;
-  std::string text;
-};
+using Line = std::pair<ZLogLevel, std::string>;  // a line's level and text
 
 class DiagnosticsTest : public ::testing::Test {
  protected:
@@ -50,7 +47,7 @@ class DiagnosticsTest : public ::testing::Test {
     ZelvanorTracker::setDiagnostics(ZLogLevel::debug, [this](ZLogLevel level, std::string_view l) {
       static_cast<void>(ZelvanorTracker::getData());  // takes the lock a track holds
       std::lock_guard lock(mutex_);
-      lines_.push_back(Line{level, std::string(l)});
+      lines_.emplace_back(level, l);
     });
     server_.setResponder([this](const ReceivedRequest& request) { return answer(request); });
   }
@@ -102,10 +99,10 @@ class DiagnosticsTest : public ::testing::Test {
   /// The text of the first line holding `part` (waited for a few seconds), said at `level`.
   std::string said(const std::string& part, ZLogLevel level) {
     for (int i = 0; i < 250; ++i) {
-      for (const Line& line : lines()) {
-        if (line.text.find(part) == std::string::npos) continue;
-        EXPECT_EQ(line.level, level) << line.text;
-        return line.text;
+      for (const auto& [saidAt, text] : lines()) {
+        if (text.find(part) == std::string::npos) continue;
+        EXPECT_EQ(saidAt, level) << text;
+        return text;
       }
       std::this_thread::sleep_for(20ms);
     }
@@ -114,7 +111,7 @@ class DiagnosticsTest : public ::testing::Test {
   }
   int linesWith(const std::string& part) {
     return static_cast<int>(std::ranges::count_if(
-        lines(), [&](const Line& line) { return line.text.find(part) != std::string::npos; }));
+        lines(), [&](const Line& line) { return line.second.find(part) != std::string::npos; }));
   }
 
   testing::TempDir dir_;
@@ -201,9 +198,7 @@ TEST_F(DiagnosticsTest, EveryEventDroppedOrKeptSaysWhyWithoutASecretAndTheCounte
 TEST_F(DiagnosticsTest, TlsAndIdentitySyncFailuresAreNamed) {
   // The sync server's certificate is trusted, the collector's is not.
   HttpsTestServer syncServer;
-  syncServer.setResponder([](const ReceivedRequest&) {
-    return CannedResponse{200, kSecretSync, {}, 0};
-  });
+  syncServer.setResponder([this](const ReceivedRequest& request) { return answer(request); });
   start(syncServer.baseUrl(), syncServer.caFile().string());
   ASSERT_TRUE(ZelvanorTracker::waitUntilReady(10s));
   ZelvanorTracker::set(ZCommon({.serviceName = "diag", .deployment = "production"}));
@@ -214,9 +209,8 @@ TEST_F(DiagnosticsTest, TlsAndIdentitySyncFailuresAreNamed) {
 
   // Nothing listens where the sync server should be.
   HttpsTestServer gone;
-  const std::string goneBase = gone.baseUrl();
   gone.stop();
-  start(goneBase, server_.caFile().string());
+  start(gone.baseUrl(), server_.caFile().string());
   said("identity sync failed", ZLogLevel::warning);
   EXPECT_FALSE(ZelvanorTracker::waitUntilReady(50ms));
 }
