@@ -26,15 +26,13 @@ class RecordingTransport final : public detail::RecordTransport {
   // Restored records come back as the real transport counts them: waiting on disk, read back
   // when the queue sends them. Spilled ones wait behind them.
   void restore(std::function<void(std::uint64_t)> restored) override {
-    std::uint64_t count = 0;
-    {
+    restored([this] {  // counted under the lock, reported outside it
       std::lock_guard lock(mutex_);
       ++restoreCalls_;
       for (auto& record : std::exchange(pending_, {}))
         onDisk_.push_back(encodeJson(record).value());
-      count = onDisk_.size();
-    }
-    restored(count);
+      return onDisk_.size();
+    }());
   }
   std::uint64_t room() const override { return std::numeric_limits<std::uint64_t>::max(); }
   void setListener(std::function<void(std::uint64_t)>) override {}
@@ -65,9 +63,8 @@ class RecordingTransport final : public detail::RecordTransport {
     std::lock_guard lock(mutex_);
     return std::exchange(keptTemplates_, {});
   }
-  void shutdown(std::vector<std::string> unsent, std::vector<std::string> templates) override {
+  void shutdown(std::vector<std::string>, std::vector<std::string> templates) override {
     std::lock_guard lock(mutex_);
-    for (auto& record : unsent) unsentAtShutdown_.push_back(decode(record));
     keptTemplates_ = std::move(templates);
   }
 
@@ -77,12 +74,10 @@ class RecordingTransport final : public detail::RecordTransport {
   }
   std::vector<Sent> sent() const { return locked(sent_); }
   std::vector<std::string> sentActionKinds() const {
-    std::lock_guard lock(mutex_);
     std::vector<std::string> kinds;
-    for (const auto& s : sent_) kinds.push_back(s.record.action.kind);
+    for (const auto& s : sent()) kinds.push_back(s.record.action.kind);
     return kinds;
   }
-  std::vector<ZLogRecord> unsentAtShutdown() const { return locked(unsentAtShutdown_); }
   std::vector<ZLogRecord> keptLate() const { return locked(keptLate_); }
   int restoreCalls() const { return locked(restoreCalls_); }
   int spills() const { return locked(spills_); }
@@ -102,7 +97,6 @@ class RecordingTransport final : public detail::RecordTransport {
   std::vector<Sent> sent_;
   std::vector<ZLogRecord> pending_;
   std::deque<std::string> onDisk_;
-  std::vector<ZLogRecord> unsentAtShutdown_;
   std::vector<ZLogRecord> keptLate_;
   std::vector<std::string> keptTemplates_;
   int restoreCalls_ = 0;

@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <fstream>
 #include <future>
-#include <iterator>
 #include <map>
 #include <sstream>
 #include <thread>
@@ -162,9 +161,8 @@ TEST_F(CollectorTest, StoresRecordsAsTheyArrivedAndListsAndExportsThemWithFilter
   ASSERT_EQ(all.size(), 5u);
   for (const auto& row : testing::dataTable("collector/queries.txt")) {
     std::string path = "/api/" + row.at(0);
-    for (auto at = path.find('$'); at != npos; at = path.find('$')) {
+    for (auto at = path.find('$'); at != npos; at = path.find('$'))
       path.replace(at, 2, std::to_string(all.at(path.at(at + 1) - '0')));
-    }
     if (row.at(1).starts_with("!")) {
       EXPECT_NE(get(path).find(row[1].substr(1)), npos) << path;
       continue;
@@ -208,9 +206,8 @@ TEST_F(CollectorTest, AnEventsAnswerCutBySizeSaysItWasCut) {
     const auto answered = reader.Get("/api/events" + query);
     auto answer = parser.parse(answered ? answered->body : "");
     Page names;
-    for (auto event : answer["events"].get_array()) {
+    for (auto event : answer["events"].get_array())
       names.first.emplace_back(std::string_view(event["record"]["action"]["name"]));
-    }
     EXPECT_EQ(answer["truncated"].get(names.second), simdjson::SUCCESS) << query;
     return names;
   };
@@ -231,9 +228,8 @@ TEST_F(CollectorTest, ARestartKeepsItsCertificateAndItsEventsPrivately) {
   collector_.reset();
   const std::vector<std::string> database = {"events.sqlite", "events.sqlite-wal",
                                              "events.sqlite-shm"};
-  for (const auto& name : database) {
+  for (const auto& name : database)
     if (fs::exists(data() / name)) fs::permissions(data() / name, fs::perms(0644));
-  }
   restart();
   EXPECT_EQ(testing::slurp(collector_->caFile()), certificate);
   EXPECT_EQ(track(recordOfType("event", "tap")), "ok");
@@ -251,8 +247,7 @@ TEST_F(CollectorTest, ARestartKeepsItsCertificateAndItsEventsPrivately) {
   for (const auto& name : database) fs::remove(data() / name);
   sqlite3* db = nullptr;
   ASSERT_EQ(sqlite3_open((data() / database[0]).c_str(), &db), SQLITE_OK);
-  const auto schema =
-      testing::slurp(fs::path(ZELVANOR_TEST_DATA_DIR) / "collector" / "events_v1.sql");
+  const auto schema = testing::dataText("collector/events_v1.sql");
   ASSERT_EQ(sqlite3_exec(db, schema.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
   sqlite3_close(db);
   restart();
@@ -298,11 +293,10 @@ TEST_F(CollectorTest, RefusedBodiesAreKeptWithTheirReasonAndForeignOriginsAreNot
   const std::string text = get("/api/events?status=refused");
   simdjson::dom::parser parser;
   decltype(kept) refused;
-  for (auto event : parser.parse(text)["events"].get_array()) {
+  for (auto event : parser.parse(text)["events"].get_array())
     refused.emplace_back(std::string_view(event["refused"]["reason"]),
                          std::string_view(event["refused"]["path"]),
                          std::string_view(event["body"]));
-  }
   EXPECT_EQ(refused, kept);
   const auto counters = collector_->counters();
   EXPECT_EQ(std::pair(counters.storedRecords, counters.rejectedRecords),
@@ -338,11 +332,7 @@ TEST(EventStoreTest, TimesRiseWithIdsUnderConcurrentWritersAndOnlyTheNewestRefus
   const auto stored = store.list({.limit = 5000, .oldestFirst = true, .status = RecordStatus::all});
   ASSERT_EQ(std::pair(stored.size(), store.count()),
             std::pair(std::size_t(accepted + kKept), accepted));
-  const auto fall =
-      std::adjacent_find(stored.begin(), stored.end(),
-                         [](const auto& a, const auto& b) { return b.receivedAt < a.receivedAt; });
-  EXPECT_TRUE(fall == stored.end()) << "id " << (fall + 1)->id << " at " << (fall + 1)->receivedAt
-                                    << " after id " << fall->id << " at " << fall->receivedAt;
+  EXPECT_TRUE(std::ranges::is_sorted(stored, {}, &collector::StoredEvent::receivedAt));
   std::vector<std::int64_t> newest, kept;
   for (const auto& ids : refusedIds) newest.insert(newest.end(), ids.begin(), ids.end());
   std::sort(newest.rbegin(), newest.rend());
