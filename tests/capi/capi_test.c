@@ -269,10 +269,9 @@ static void test_blocks_and_refusals(void) {
  * wait in a segment ("ZLogs.tmp.<n>"). The console sink stays silent throughout: every step
  * succeeds. */
 static void test_tracking_and_restart(void) {
-  line_log console;
+  line_log console = {0};
   char name[32];
   int i, in_segment = 0;
-  memset(&console, 0, sizeof console);
   zelvanor_set_console_log_sink(console_line, &console);
   track_named("p-tracked", 0);
   track_named("p-disabled", 1);
@@ -370,10 +369,9 @@ static void test_events_and_batches(void) {
  * the before-send hook, collection off and the erasure of local data. */
 static void test_diagnostics_and_privacy(http_log* http) {
   const char* tenant[] = {"X-Tenant: acme"};
-  line_log diagnostics;
+  line_log diagnostics = {0};
   zelvanor_counters counters;
   int ready_calls = 0, hook_calls = 0;
-  memset(&diagnostics, 0, sizeof diagnostics);
   EXPECT_OK(zelvanor_set_diagnostics(ZELVANOR_LOG_INFO, diagnostics_line, &diagnostics));
   zelvanor_set_batch_size(1); /* a fresh start: no common block yet */
   zelvanor_set_reachability_flags(0);
@@ -436,13 +434,12 @@ static void remove_data_dir(void) {
 
 int main(void) {
   const char* temp = getenv("TMPDIR");
-  http_log http;
+  http_log http = {0};
   if (!temp) temp = getenv("TEMP");
   /* The SDK makes the directory; the name is this run's own. */
   snprintf(data_dir, sizeof data_dir, "%s/zelvanor-capi-%lu-%d", temp ? temp : "/tmp",
            (unsigned long)time(NULL), (int)(clock() % 100000));
   atexit(remove_data_dir);
-  memset(&http, 0, sizeof http);
   EXPECT_OK(zelvanor_set_platform_facts(&kFacts));
   zelvanor_set_http_client(host_send, &http);
   /* Port 9 (discard): nothing there; the host client answers instead. */
