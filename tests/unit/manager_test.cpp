@@ -2,9 +2,7 @@
 // identity triple, context merges, getData.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <map>
 
 #include "platform/platform.hpp"
 #include "support/fake_sources.hpp"
@@ -43,10 +41,9 @@ class ManagerTest : public ::testing::Test {
                                     .appVersion = std::move(appVersion),
                                     .dataDirectory = dir.path().string()});
   }
-  std::shared_ptr<ZInternalLogManager> start(int configureCalls = 1) {
+  void start(int configureCalls = 1) {
     manager = ZInternalLogManager::create(fakes.sources());
     for (int i = 0; i < configureCalls; ++i) manager->configure(ZConfiguration::defaults());
-    return manager;
   }
   // A later start of the app: new sources around the same settings store.
   void restart(int configureCalls = 1) {
