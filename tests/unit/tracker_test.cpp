@@ -144,27 +144,20 @@ TEST_F(TrackerTest, AShutdownFromAnOnReadyCallbackKeepsEverythingBeforeItReturns
     ZelvanorTracker::set(ZAction("event", "before-" + std::to_string(i), "tap"))
         .track(false, false);
   }
-  struct Seen {
-    bool flushed = true;
-    std::vector<std::string> kept;
-  };
-  std::promise<Seen> done;
+  std::promise<std::pair<bool, std::vector<std::string>>> done;  // flushed, then what was kept
   ZelvanorTracker::onReady([&] {
     ZelvanorTracker::set(ZAction("event", "in-callback", "tap")).track(false, false);
-    Seen seen;
     // Answers are taken on this thread: waiting for them here could only time out.
-    seen.flushed = ZelvanorTracker::flushAndWait(std::chrono::seconds(5));
+    const bool flushed = ZelvanorTracker::flushAndWait(std::chrono::seconds(5));
     ZelvanorTracker::shutdown();
-    seen.kept = keptEvents();
-    done.set_value(std::move(seen));
+    done.set_value({flushed, keptEvents()});
   });
   identity->deliver(ZXid{"c", "d", "s"});
   auto result = done.get_future();
   ASSERT_EQ(result.wait_for(std::chrono::seconds(20)), std::future_status::ready);
-  const Seen seen = result.get();
-  EXPECT_FALSE(seen.flushed);
-  EXPECT_EQ(seen.kept,
-            (std::vector<std::string>{"before-0", "before-1", "before-2", "in-callback"}));
+  EXPECT_EQ(result.get(),
+            std::make_pair(false, std::vector<std::string>{"before-0", "before-1", "before-2",
+                                                           "in-callback"}));
 }
 
 TEST_F(TrackerTest, ATrackFromAnOnReadyCallbackWhileAnotherThreadShutsDownDoesNotHangEither) {
