@@ -50,13 +50,17 @@ class CollectorTest : public ::testing::Test {
 
   // A collector (again) on the same data directory, and a client without cookies.
   void restart() {
-    client_.reset();
-    collector_.reset();
+    stop();
     collector_ = std::make_unique<collector::Collector>(
         collector::Collector::Options{.dataDirectory = data()});
     std::string error;
     ASSERT_TRUE(collector_->start(&error)) << error;
     newClient();
+  }
+  // The client first: a connection it keeps alive would hold the server's stop for seconds.
+  void stop() {
+    client_.reset();
+    collector_.reset();
   }
   void newClient() {
     client_ = std::make_unique<network::HttpClient>(
@@ -225,7 +229,7 @@ TEST_F(CollectorTest, AnEventsAnswerCutBySizeSaysItWasCut) {
 TEST_F(CollectorTest, ARestartKeepsItsCertificateAndItsEventsPrivately) {
   EXPECT_EQ(track(recordOfType("event", "kept")), "ok");
   const std::string certificate = testing::slurp(collector_->caFile());
-  collector_.reset();
+  stop();
   const std::vector<std::string> database = {"events.sqlite", "events.sqlite-wal",
                                              "events.sqlite-shm"};
   for (const auto& name : database)
@@ -237,13 +241,13 @@ TEST_F(CollectorTest, ARestartKeepsItsCertificateAndItsEventsPrivately) {
   EXPECT_EQ(std::pair(mode(data() / "key.pem"), mode(data())), std::pair(0600, 0700));
   for (const auto& name : database) EXPECT_EQ(mode(data() / name), 0600) << name;
 
-  collector_.reset();
+  stop();
   std::ofstream(data() / "cert.pem", std::ios::trunc) << "-----BEGIN";
   restart();
   EXPECT_NE(testing::slurp(collector_->caFile()), certificate);
   EXPECT_EQ(listed("/api/events").size(), 2u);
 
-  collector_.reset();
+  stop();
   for (const auto& name : database) fs::remove(data() / name);
   sqlite3* db = nullptr;
   ASSERT_EQ(sqlite3_open((data() / database[0]).c_str(), &db), SQLITE_OK);
