@@ -87,15 +87,15 @@ class CollectorTest : public ::testing::Test {
   // The ids of the events an events API request lists, in its order.
   std::vector<std::int64_t> listed(const std::string& path) {
     const std::string text = get(path);
-    simdjson::dom::parser parser;
     std::vector<std::int64_t> ids;
-    for (auto event : parser.parse(text)["events"].get_array()) ids.push_back(event["id"]);
+    for (auto event : parser_.parse(text)["events"].get_array()) ids.push_back(event["id"]);
     return ids;
   }
 
   testing::TempDir dir_;
   std::unique_ptr<collector::Collector> collector_;
   std::unique_ptr<network::HttpClient> client_;
+  simdjson::dom::parser parser_;  // each answer read before the next is parsed
 };
 
 // One collector walked through what a client, the viewer and its owner do to it, each step checked.
@@ -201,9 +201,8 @@ TEST_F(CollectorTest, SyncsStoresRefusesListsCutsAndRestarts) {
   collector_->setDelay(std::chrono::milliseconds(0));
   EXPECT_EQ(listed("/api/events").size(), accepted);  // accepted only, unless asked
   const std::string text = get("/api/events?status=refused");
-  simdjson::dom::parser parser;
   decltype(kept) refused;
-  for (auto event : parser.parse(text)["events"].get_array())
+  for (auto event : parser_.parse(text)["events"].get_array())
     refused.emplace_back(std::string_view(event["refused"]["reason"]),
                          std::string_view(event["refused"]["path"]),
                          std::string_view(event["body"]));
@@ -217,7 +216,6 @@ TEST_F(CollectorTest, SyncsStoresRefusesListsCutsAndRestarts) {
   // crash while it was written) is made anew, not a start that fails. A database an earlier
   // collector made gains the columns it lacks.
   const std::string certificate = testing::slurp(collector_->caFile());
-  stop();
   const std::vector<std::string> database = {"events.sqlite", "events.sqlite-wal",
                                              "events.sqlite-shm"};
   for (const auto& name : database)
@@ -229,7 +227,6 @@ TEST_F(CollectorTest, SyncsStoresRefusesListsCutsAndRestarts) {
   EXPECT_EQ(std::pair(mode(data() / "key.pem"), mode(data())), std::pair(0600, 0700));
   for (const auto& name : database) EXPECT_EQ(mode(data() / name), 0600) << name;
 
-  stop();
   std::ofstream(data() / "cert.pem", std::ios::trunc) << "-----BEGIN";
   restart();
   EXPECT_NE(testing::slurp(collector_->caFile()), certificate);
@@ -265,7 +262,7 @@ TEST_F(CollectorTest, SyncsStoresRefusesListsCutsAndRestarts) {
   using Page = std::pair<std::vector<std::string>, bool>;
   const auto page = [&](const std::string& query) {
     const auto answered = reader.Get("/api/events?page=big" + query);
-    auto answer = parser.parse(answered ? answered->body : "");
+    auto answer = parser_.parse(answered ? answered->body : "");
     Page names;
     for (auto event : answer["events"].get_array())
       names.first.emplace_back(std::string_view(event["record"]["action"]["name"]));
