@@ -14,16 +14,15 @@
 #include <vector>
 
 #include "api/shared_instance.hpp"
-#include "support/https_test_server.hpp"
 #include "support/pending_files.hpp"
-#include "support/temp_dir.hpp"
-#include "zelvanor/tracker.hpp"
+#include "support/sdk_host.hpp"
 
 namespace zelvanor {
 namespace {
 
 using namespace std::chrono_literals;
 using ::testing::AllOf;
+constexpr auto npos = std::string::npos;
 using testing::CannedResponse;
 using ::testing::HasSubstr;
 using testing::HttpsTestServer;
@@ -61,28 +60,24 @@ class DiagnosticsTest : public ::testing::Test {
   CannedResponse answer(const ReceivedRequest& request) const {
     if (request.path.rfind("/sync", 0) == 0) return {200, kSecretSync, {}, syncDelayMs_.load()};
     // The record's action name picks the answer.
-    if (request.body.find("\"refuse-me\"") != std::string::npos)
+    if (request.body.find("\"refuse-me\"") != npos)
       return {400, "fail: record has no action kind\nmore", {}, 0};
     // A collector that echoes what it refused: the id block first, then the whole record.
-    if (request.body.find("\"echo-me\"") != std::string::npos) {
+    if (request.body.find("\"echo-me\"") != npos) {
       const auto idBlock = request.body.find("\"id\":");
       return {422, "refused " + request.body.substr(idBlock) + " in " + request.body, {}, 0};
     }
     return {200, "ok", {}, trackDelayMs_.load()};
   }
 
-  void start(const std::string& syncBase, std::optional<std::string> caFile,
-             std::uint64_t batchSize = 1) {
-    ZelvanorTracker::setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.diag",
-                                                     .appVersion = "1.0",
-                                                     .dataDirectory = appDir().string()});
-    const std::string base = server_.baseUrl();
-    ASSERT_TRUE(ZelvanorTracker::setEndpoints(ZEndpoints{base, base, syncBase, caFile}));
+  // The SDK pointed at the collector (and at its identity sync too, unless `endpoints` names
+  // another), with a secret token and user id.
+  void start(ZEndpoints endpoints = {}, std::uint64_t batchSize = 1) {
+    ASSERT_TRUE(testing::pointAt(server_, appDir(), std::move(endpoints)));
     ZelvanorTracker::setRequired(ZConfiguration{.timeout = 5, .batchSize = batchSize})
         .setReachabilityFlags(0x2)
         .set(ZId{.accessToken = kSecretToken, .appUserId = kSecretUser});
   }
-  void start() { start(server_.baseUrl(), server_.caFile().string()); }
 
   static void trackNamed(const std::string& name, bool verbose = false) {
     ZelvanorTracker::set(ZPage{.id = "p", .name = "page", .title = "Page"})
@@ -111,7 +106,7 @@ class DiagnosticsTest : public ::testing::Test {
   }
   int linesWith(const std::string& part) {
     return static_cast<int>(std::ranges::count_if(
-        lines(), [&](const Line& line) { return line.second.find(part) != std::string::npos; }));
+        lines(), [&](const Line& line) { return line.second.find(part) != npos; }));
   }
 
   testing::TempDir dir_;
@@ -122,17 +117,28 @@ class DiagnosticsTest : public ::testing::Test {
   std::vector<Line> lines_;
 };
 
-// One run meets every outcome: each drop or keep is said once (without a secret), and the
-// counters add up.
-TEST_F(DiagnosticsTest, EveryEventDroppedOrKeptSaysWhyWithoutASecretAndTheCountersAddUp) {
+// One run meets every outcome: readiness that waits for a late identity sync, each drop or keep
+// said once (without a secret), waits that end with the answers or at their timeout, and counters
+// that add up.
+TEST_F(DiagnosticsTest, EveryEventDroppedOrKeptSaysWhyWithoutASecretAndEveryWaitEnds) {
   // Two records an earlier run left behind.
   std::filesystem::create_directories(appDir());
   std::ofstream(appDir() / "ZLogs.tmp", std::ios::binary)
       << testing::framed({testing::namedRecord("earlier-1"), testing::namedRecord("earlier-2")});
   ZelvanorTracker::setStoreLimits(ZStoreLimits{.maxBytesOnDisk = 4096});
   // Batches of three: the first takes the restored records from disk with one from memory.
-  start(server_.baseUrl(), server_.caFile().string(), /*batchSize=*/3);
+  syncDelayMs_ = 1500;
+  start({}, /*batchSize=*/3);
+  std::atomic<int> calls{0};
+  ZelvanorTracker::onReady([&] { ++calls; });
+  EXPECT_FALSE(ZelvanorTracker::waitUntilReady(100ms));
+  EXPECT_EQ(calls.load(), 0);
   ASSERT_TRUE(ZelvanorTracker::waitUntilReady(10s));
+  for (int i = 0; i < 100 && calls.load() == 0; ++i) std::this_thread::sleep_for(10ms);
+  // Once ready, a new callback runs at once, on the caller's thread; each runs once.
+  std::thread::id ranOn;
+  ZelvanorTracker::onReady([&] { ranOn = std::this_thread::get_id(); });
+  EXPECT_EQ(std::pair(ranOn, calls.load()), std::pair(std::this_thread::get_id(), 1));
 
   trackNamed("too-early");
   EXPECT_THAT(said("no common block", ZLogLevel::error), HasSubstr("too-early"));
@@ -140,6 +146,10 @@ TEST_F(DiagnosticsTest, EveryEventDroppedOrKeptSaysWhyWithoutASecretAndTheCounte
   ZelvanorTracker::set(ZPage{.id = "p", .name = "page", .title = "Page"}).track(false, false);
   said("no action block", ZLogLevel::error);
   ASSERT_TRUE(ZelvanorTracker::flushAndWait(10s));  // the restored, install and launch
+  EXPECT_EQ(std::ranges::count_if(server_.received(),
+                                  [](const auto& r) { return r.body.find("\"earlier-") != npos; }),
+            2)
+      << "every record had its answer when the wait ended";
 
   trackNamed("refuse-me");
   ZelvanorTracker::flush();
@@ -152,13 +162,25 @@ TEST_F(DiagnosticsTest, EveryEventDroppedOrKeptSaysWhyWithoutASecretAndTheCounte
 
   trackNamed("shown", /*verbose=*/true);
   ZelvanorTracker::flush();
-  const std::string verbose = said("\"shown\"", ZLogLevel::debug);
-  EXPECT_THAT(verbose, AllOf(HasSubstr("\"title\""), HasSubstr("<hidden>")))
+  EXPECT_THAT(said("\"shown\"", ZLogLevel::debug),
+              AllOf(HasSubstr("\"title\""), HasSubstr("<hidden>")))
       << "the record's JSON, its ids hidden";
   said("record delivered", ZLogLevel::debug);
   ASSERT_TRUE(ZelvanorTracker::flushAndWait(10s));
 
-  // Offline: kept on disk, and below the batch size in memory. The counters add up.
+  // The collector hangs: the wait gives up at its timeout, not before and not much after.
+  trackDelayMs_ = 3000;
+  trackNamed("hanging");
+  const auto before = std::chrono::steady_clock::now();
+  EXPECT_FALSE(ZelvanorTracker::flushAndWait(400ms));
+  const auto waited = std::chrono::steady_clock::now() - before;
+  EXPECT_GE(waited, 400ms);
+  EXPECT_LT(waited, 2500ms);
+  EXPECT_EQ(ZelvanorTracker::counters().awaitingAnswer, 1u);
+  trackDelayMs_ = 0;
+
+  // Offline: kept on disk, and below the batch size in memory. The wait takes in the hanging
+  // answer too. The counters add up.
   ZelvanorTracker::setReachabilityFlags(0);
   for (int i = 0; i < 3; ++i) trackNamed("offline-" + std::to_string(i));
   ASSERT_TRUE(ZelvanorTracker::flushAndWait(10s));
@@ -170,8 +192,8 @@ TEST_F(DiagnosticsTest, EveryEventDroppedOrKeptSaysWhyWithoutASecretAndTheCounte
                                   c.dropped.noAction, c.waitingInMemory, c.awaitingAnswer}),
       (std::vector<std::uint64_t>{2, 2, 3, 1, 1, 1, 0}));
   EXPECT_GT(c.bytesOnDisk, 0u);
-  // The verbose one, the two restored ones, and the SDK's own install and launch events.
-  EXPECT_GE(c.delivered, 1u + 2u + 2u);
+  // The verbose one, the hanging one, the two restored ones, and the install and launch events.
+  EXPECT_GE(c.delivered, 1u + 1u + 2u + 2u);
   const std::uint64_t drops = c.dropped.noCommonBlock + c.dropped.noAction +
                               c.dropped.incompleteContext + c.dropped.unencodable +
                               c.dropped.storageFull + c.dropped.unreadable;
@@ -199,7 +221,7 @@ TEST_F(DiagnosticsTest, TlsAndIdentitySyncFailuresAreNamed) {
   // The sync server's certificate is trusted, the collector's is not.
   HttpsTestServer syncServer;
   syncServer.setResponder([this](const ReceivedRequest& request) { return answer(request); });
-  start(syncServer.baseUrl(), syncServer.caFile().string());
+  start({.identitySync = syncServer.baseUrl(), .caBundleFile = syncServer.caFile().string()});
   ASSERT_TRUE(ZelvanorTracker::waitUntilReady(10s));
   ZelvanorTracker::set(ZCommon({.serviceName = "diag", .deployment = "production"}));
   trackNamed("untrusted");
@@ -208,49 +230,10 @@ TEST_F(DiagnosticsTest, TlsAndIdentitySyncFailuresAreNamed) {
   ZelvanorTracker::shutdown();
 
   // Nothing listens where the sync server should be.
-  HttpsTestServer gone;
-  gone.stop();
-  start(gone.baseUrl(), server_.caFile().string());
+  server_.stop();
+  start();
   said("identity sync failed", ZLogLevel::warning);
   EXPECT_FALSE(ZelvanorTracker::waitUntilReady(50ms));
-}
-
-TEST_F(DiagnosticsTest, ReadinessAndFlushAndWaitEndWithTheAnswersOrWithTheirTimeout) {
-  syncDelayMs_ = 1500;
-  start();
-  std::atomic<int> calls{0};
-  ZelvanorTracker::onReady([&] { ++calls; });
-  EXPECT_FALSE(ZelvanorTracker::waitUntilReady(100ms));
-  EXPECT_EQ(calls.load(), 0);
-  EXPECT_TRUE(ZelvanorTracker::waitUntilReady(10s));
-  for (int i = 0; i < 100 && calls.load() == 0; ++i) std::this_thread::sleep_for(10ms);
-  EXPECT_EQ(calls.load(), 1);
-  // Once ready, a new callback runs at once, on the caller's thread.
-  std::thread::id ranOn;
-  ZelvanorTracker::onReady([&] { ranOn = std::this_thread::get_id(); });
-  EXPECT_EQ(ranOn, std::this_thread::get_id());
-  EXPECT_EQ(calls.load(), 1) << "each callback runs once";
-
-  ZelvanorTracker::set(ZCommon({.serviceName = "diag", .deployment = "production"}));
-  ZelvanorTracker::setBatchSize(100);
-  for (int i = 0; i < 20; ++i) trackNamed("answered-" + std::to_string(i));
-  ASSERT_TRUE(ZelvanorTracker::flushAndWait(10s));
-  EXPECT_EQ(ZelvanorTracker::counters().awaitingAnswer, 0u);
-  EXPECT_EQ(std::ranges::count_if(
-                server_.received(),
-                [](const auto& r) { return r.body.find("\"answered-") != r.body.npos; }),
-            20)
-      << "every record had its answer when the wait ended";
-
-  // The collector hangs: the wait gives up at its timeout, not before and not much after.
-  trackDelayMs_ = 3000;
-  trackNamed("hanging");
-  const auto before = std::chrono::steady_clock::now();
-  EXPECT_FALSE(ZelvanorTracker::flushAndWait(400ms));
-  const auto waited = std::chrono::steady_clock::now() - before;
-  EXPECT_GE(waited, 400ms);
-  EXPECT_LT(waited, 2500ms);
-  EXPECT_EQ(ZelvanorTracker::counters().awaitingAnswer, 1u);
 }
 
 }  // namespace

@@ -29,7 +29,7 @@ HttpsTestServer::HttpsTestServer() : impl_(std::make_unique<Impl>()) {
   if (std::system(command.c_str()) != 0) return;
   impl_->server = std::make_unique<httplib::SSLServer>(certificate_.c_str(), key.c_str());
   auto handler = [this](const httplib::Request& request, httplib::Response& response) {
-    ReceivedRequest got{request.method, request.target, {}, request.body};
+    ReceivedRequest got{request.target, {}, request.body};
     for (const auto& [name, value] : request.headers) got.headers.emplace(name, value);
     std::function<CannedResponse(const ReceivedRequest&)> respond;
     {

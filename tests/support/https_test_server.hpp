@@ -17,7 +17,6 @@
 namespace zelvanor::testing {
 
 struct ReceivedRequest {
-  std::string method;
   std::string path;  ///< with the query
   std::multimap<std::string, std::string> headers;
   std::string body;

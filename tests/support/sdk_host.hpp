@@ -27,15 +27,17 @@ inline CannedResponse syncThenOk(const ReceivedRequest& request, int delayMs = 0
   return CannedResponse{200, "ok", {}, delayMs};
 }
 
-/// Points the SDK at `server` for all three servers, with `dataDir` as the app's data directory and
-/// the rest of `endpoints` as given. Nothing starts yet.
+/// Points the SDK at `server` for both collectors, and for identity sync and trusted roots unless
+/// `endpoints` names them, with `dataDir` as the app's data directory and the rest of `endpoints`
+/// as given. Nothing starts yet.
 inline bool pointAt(const HttpsTestServer& server, const std::filesystem::path& dataDir,
                     ZEndpoints endpoints = {}) {
   ZelvanorTracker::setPlatformFacts(ZPlatformFacts{.bundleIdentifier = "com.example.host",
                                                    .appVersion = "1.0",
                                                    .dataDirectory = dataDir.string()});
-  endpoints.production = endpoints.sandbox = endpoints.identitySync = server.baseUrl();
-  endpoints.caBundleFile = server.caFile().string();
+  endpoints.production = endpoints.sandbox = server.baseUrl();
+  if (endpoints.identitySync.empty()) endpoints.identitySync = server.baseUrl();
+  if (!endpoints.caBundleFile) endpoints.caBundleFile = server.caFile().string();
   return ZelvanorTracker::setEndpoints(endpoints);
 }
 
