@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <ctime>
 #include <optional>
 #include <string>
 
@@ -60,9 +59,9 @@ inline std::int64_t nowSeconds() {
 
 /// The calendar date, yyyy-MM-dd, of `unixSeconds` on a clock `offset` seconds ahead of UTC.
 inline std::string dateAt(std::int64_t unixSeconds, long offset) {
-  const std::time_t at = static_cast<std::time_t>(unixSeconds + offset);
+  const time_t at = static_cast<time_t>(unixSeconds + offset);
   char text[16];
-  std::strftime(text, sizeof text, "%Y-%m-%d", std::gmtime(&at));
+  ::strftime(text, sizeof text, "%Y-%m-%d", ::gmtime(&at));
   return text;
 }
 

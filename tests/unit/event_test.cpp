@@ -36,9 +36,8 @@ class EventTest : public testing::SharedTrackerTest {
     std::vector<std::string> lines;
     for (const auto& r : hostRecords()) {
       std::string buckets = r.buckets ? "" : "-";
-      for (const auto& bucket : r.buckets.value_or(std::vector<ZBucket>{})) {
+      for (const auto& bucket : r.buckets.value_or(std::vector<ZBucket>{}))
         buckets += (buckets.empty() ? "" : ",") + *bucket.name;
-      }
       lines.push_back(r.action.name + " page=" + (r.page ? r.page->id : "-") + " click=" +
                       (r.click ? r.click->layer1.value_or("?") : "-") + " buckets=" + buckets +
                       " " + r.xid.sid + " " + (r.common ? r.common->serviceName : "-"));

@@ -284,7 +284,6 @@ TEST_F(ManagerTest, EachConfigureRecordsALaunchAndALifecycleEventOneRecordAfterR
   manager->configure(ZConfiguration{.timeout = 2, .batchSize = 2, .usingSandboxEnvironment = true});
   EXPECT_EQ(fakes.identity->fetches(), 2);
   EXPECT_EQ(fakes.transport->restoreCalls(), 1);
-  EXPECT_EQ(manager->queue().batchSize(), 2u);
 
   deliverTriple();
   fakes.settings->setString("latestAppVersion", "2.0");
