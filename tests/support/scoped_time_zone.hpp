@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <optional>
 #include <string>
 
@@ -53,9 +52,6 @@ class ScopedTimeZone {
   std::optional<std::string> previous_;
 };
 
-// A zone given as a POSIX rule, so that it needs no zone database.
-inline constexpr const char* kZoneKolkata = "IST-5:30";
-
 inline std::int64_t nowSeconds() {
   using namespace std::chrono;
   return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
@@ -63,11 +59,9 @@ inline std::int64_t nowSeconds() {
 
 /// The calendar date, yyyy-MM-dd, of `unixSeconds` on a clock `offset` seconds ahead of UTC.
 inline std::string dateAt(std::int64_t unixSeconds, long offset) {
-  using namespace std::chrono;
-  const year_month_day date{floor<days>(sys_seconds(seconds(unixSeconds + offset)))};
+  const time_t at = static_cast<time_t>(unixSeconds + offset);
   char text[16];
-  std::snprintf(text, sizeof text, "%04d-%02u-%02u", static_cast<int>(date.year()),
-                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()));
+  ::strftime(text, sizeof text, "%Y-%m-%d", ::gmtime(&at));
   return text;
 }
 

@@ -40,12 +40,6 @@ class SharedTrackerTest : public ::testing::Test {
   void setCommon() {
     ZelvanorTracker::set([] { return ZCommon({.serviceName = "svc", .deployment = "dev"}); });
   }
-  /// Started (setDevelopment starts the shared instance), the triple known, the common block set.
-  void becomeReady() {
-    ZelvanorTracker::setDevelopment();
-    deliverTriple();
-    setCommon();
-  }
   /// The records sent so far, without the SDK's own app events.
   std::vector<ZLogRecord> hostRecords() const {
     std::vector<ZLogRecord> records;

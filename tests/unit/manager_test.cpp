@@ -2,9 +2,13 @@
 // identity triple, context merges, getData.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <filesystem>
+#include <thread>
 
 #include "platform/platform.hpp"
+#include "support/data_table.hpp"
 #include "support/fake_sources.hpp"
 #include "support/scoped_time_zone.hpp"
 #include "support/temp_dir.hpp"
@@ -67,72 +71,56 @@ class ManagerTest : public ::testing::Test {
 };
 
 // What a start records follows what earlier starts left in the settings store, and the app
-// version the host gives ("Unknown Version" when it gives none). In a zone whose date is not
+// version the host gives ("Unknown Version" when it gives none): tests/data/manager/launches.tsv
+// has the cases. In a zone whose date is not
 // UTC's: a fresh install's event carries today's date there and the moment's timestamp, and the
 // settings store keeps both.
 TEST_F(ManagerTest, InstallUpdateAndLaunchFollowTheStoredVersion) {
-  struct Case {
-    const char* name;
-    int configures;  // 2: creation's defaults, then the host's setRequired
-    bool withStore;
-    std::optional<std::string> storedVersion, appVersion;
-    bool storedInstallDate;  // what an install left behind, without a version (a store reset)
-    std::vector<std::string> kinds;
-    std::optional<ZApp> firstApp;  // unset: a fresh install, whose date is today's
-  };
-  const ZApp storedInstall{.appInstall = true,
-                           .appLaunch = true,
-                           .appInstallDate = "2020-01-02",
-                           .appInstallTimestamp = 1577923200};
-  const Case cases[] = {
-      {"first launch", 2, true, {}, "2.0", false, {"install", "launch", "launch"}, {}},
-      {"later launch", 1, true, "2.0", "2.0", false, {"launch"}, ZApp{.appLaunch = true}},
-      {"update", 1, true, "1.9", "2.0", false, {"update", "launch"}, ZApp{.appUpdate = true}},
-      {"no version", 1, true, {}, {}, false, {"install", "launch"}, {}},
-      {"unknown again", 1, true, "Unknown Version", {}, false, {"launch"}, ZApp{.appLaunch = true}},
-      {"no settings store", 1, false, {}, "2.0", false, {"install", "launch"}, {}},
-      {"stored install date", 1, true, {}, "2.0", true, {"install", "launch"}, storedInstall},
-  };
   const testing::OtherDateZone far = testing::zoneWithAnotherDateThanUtc();
   std::optional<testing::ScopedTimeZone> zone;
   if (testing::kZonesFromTz) zone.emplace(far.rule);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    setFacts(c.appVersion);
-    fakes.settings = c.withStore ? std::make_shared<platform::SettingsStore>(
-                                       dir.path() / (std::string(c.name) + ".json"))
-                                 : nullptr;
-    if (c.storedVersion) fakes.settings->setString("latestAppVersion", *c.storedVersion);
-    if (c.storedInstallDate) {
+  for (const auto& row : testing::dataTable("manager/launches.tsv")) {
+    SCOPED_TRACE(row.at(0));
+    const auto given = [&](int i) -> std::optional<std::string> {
+      return row.at(i) == "-" ? std::nullopt : std::optional(row.at(i));
+    };
+    setFacts(given(4));
+    fakes.settings =
+        row.at(2) == "yes"
+            ? std::make_shared<platform::SettingsStore>(dir.path() / (row.at(0) + ".json"))
+            : nullptr;
+    if (given(3)) fakes.settings->setString("latestAppVersion", *given(3));
+    if (row.at(5) == "yes") {
       fakes.settings->setString("appInstalledDate", "2020-01-02");
       fakes.settings->setInteger("appInstalledTimestamp", 1577923200);
     }
     const std::int64_t before = testing::nowSeconds();
-    restart(c.configures);
+    restart(std::stoi(row.at(1)));
     deliverTriple();
     manager->setCommon(shopCommon());
     const std::int64_t after = testing::nowSeconds();
     manager->stop();  // no SDK thread runs while the zone is put back
-    const std::string version = c.appVersion.value_or("Unknown Version");
+    const std::string version = given(4).value_or("Unknown Version");
     EXPECT_EQ(manager->agent()->appVersion, version);
     // The device's zone in whole hours, taken when configured.
     if (testing::kZonesFromTz) {
       EXPECT_EQ(manager->agent()->timezone, far.offset > 0 ? "+14" : "-12");
     }
-    ASSERT_EQ(fakes.transport->sentActionKinds(), c.kinds);
+    std::string kinds;
+    for (const auto& kind : fakes.transport->sentActionKinds()) kinds += "," + kind;
+    ASSERT_EQ(kinds, "," + row.at(6));
     const ZLogRecord first = sentRecords()[0];
     const std::int64_t at = first.app->appInstallTimestamp.value_or(0);
-    EXPECT_EQ(first.app, c.firstApp.value_or(ZApp{.appInstall = true,
-                                                  .appLaunch = true,
-                                                  .appInstallDate = testing::dateAt(
-                                                      at, testing::kZonesFromTz ? far.offset : 0),
-                                                  .appInstallTimestamp = at}));
-    EXPECT_TRUE(c.firstApp || (at >= before && at <= after)) << at;  // a fresh install's moment
-    EXPECT_EQ(first.xid, kTriple);
+    const std::string fresh = *encodeJson(
+        ZApp{.appInstall = true,
+             .appLaunch = true,
+             .appInstallDate = testing::dateAt(at, testing::kZonesFromTz ? far.offset : 0),
+             .appInstallTimestamp = at});
+    EXPECT_EQ(*encodeJson(*first.app), given(7).value_or(fresh));
+    EXPECT_TRUE(given(7) || (at >= before && at <= after)) << at;  // a fresh install's moment
     EXPECT_TRUE(first.common->requestTimeStamp);
-    EXPECT_EQ(first.ucid, (ZUcid{.id = "cid-1"}));
-    if (c.withStore) {
-      const bool installed = c.kinds[0] == "install";
+    if (fakes.settings) {
+      const bool installed = kinds.starts_with(",install");
       EXPECT_EQ(fakes.settings->string("latestAppVersion"), version);
       EXPECT_EQ(fakes.settings->string("appInstalledDate"),
                 installed ? first.app->appInstallDate : std::nullopt);
@@ -179,33 +167,24 @@ TEST_F(ManagerTest, EventsBeforeTheTripleBecomeRecordsWithContextCurrentWhenItAr
   }
   EXPECT_EQ(manager->queue().templateCount(), 0u);
 
-  // After the triple, records are stamped and sent directly.
-  manager->setAction(ZAction("event", "after", "tap"));
-  manager->track(false, false);
-  ASSERT_EQ(sentRecords().size(), 4u);
-  EXPECT_TRUE(sentRecords().back().common->requestTimeStamp);
-
   // A second configuration pass asked the sync server again and got another triple: records
-  // from then on carry the later one.
+  // from then on carry the later one, stamped and built at once, the ids still giving the ucid.
+  // A plain track encodes straight from the blocks where they live; a verbose one builds the whole
+  // record first. Both must send the same record, every block of the event and the id in it.
   const ZXid later{"cid-2", "did-2", "sid-2"};
   fakes.identity->deliver(later);
   manager->waitForIdentityWork();
-  manager->setAction(ZAction("event", "after-second-triple", "tap"));
-  manager->track(false, false);
-  ASSERT_EQ(sentRecords().size(), 5u);
-  EXPECT_EQ(sentRecords().back().xid, later);
-  EXPECT_EQ(sentRecords().back().ucid->id, "acct-9");
-
-  // A plain track encodes straight from the blocks where they live; a verbose one builds the whole
-  // record first. Both must send the same record, every block of the event and the id in it.
   manager->setId(samples::id());
   const ZLogTemplate blocks = samples::logTemplate();
   manager->track(blocks, false, false);
   manager->track(blocks, true, false);
   const auto all = sentRecords();
-  ASSERT_EQ(all.size(), 7u);
-  ZLogRecord plain = all[5];
-  const ZLogRecord& built = all[6];
+  ASSERT_EQ(all.size(), 5u);
+  ZLogRecord plain = all[3];
+  const ZLogRecord& built = all[4];
+  EXPECT_TRUE(plain.common->requestTimeStamp && built.common->requestTimeStamp);
+  EXPECT_EQ(built.xid, later);
+  EXPECT_NE(built.ucid->id, later.cid);
   plain.common->requestTimeStamp = built.common->requestTimeStamp;
   EXPECT_EQ(plain, built);
   // The event's blocks as they read back from the wire (some members are never written).
@@ -305,8 +284,6 @@ TEST_F(ManagerTest, EachConfigureRecordsALaunchAndALifecycleEventOneRecordAfterR
   manager->configure(ZConfiguration{.timeout = 2, .batchSize = 2, .usingSandboxEnvironment = true});
   EXPECT_EQ(fakes.identity->fetches(), 2);
   EXPECT_EQ(fakes.transport->restoreCalls(), 1);
-  EXPECT_EQ(manager->queue().recordCount(), 1u);
-  EXPECT_EQ(manager->queue().batchSize(), 2u);
 
   deliverTriple();
   fakes.settings->setString("latestAppVersion", "2.0");
@@ -321,6 +298,27 @@ TEST_F(ManagerTest, EachConfigureRecordsALaunchAndALifecycleEventOneRecordAfterR
       << "the restored record first, a launch for each of the two configures, and one (not "
          "one per configure) for each lifecycle event";
   EXPECT_EQ(sentRecords().back().app, (ZApp{.appExit = true}));
+}
+
+// Host threads that set the common block at once on a fresh install: one install event between
+// them, and a launch each.
+TEST_F(ManagerTest, CommonBlocksSetAtOnceOnAFreshInstallMakeOneInstallEvent) {
+  constexpr int kThreads = 4;
+  start();
+  deliverTriple();
+  std::atomic<int> waiting{kThreads};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&] {
+      waiting.fetch_sub(1);
+      while (waiting.load() > 0) std::this_thread::yield();
+      manager->setCommon(shopCommon());
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  const auto kinds = fakes.transport->sentActionKinds();
+  EXPECT_EQ(std::ranges::count(kinds, "install"), 1);
+  EXPECT_EQ(std::ranges::count(kinds, "launch"), kThreads);
 }
 
 }  // namespace

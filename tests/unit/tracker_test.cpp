@@ -1,5 +1,5 @@
-// The static facade: chaining, when the shared instance starts, and how configuration calls
-// overwrite each other.
+// The static facade: chaining, when the shared instance starts, how configuration calls
+// overwrite each other, and starts, shutdowns and host threads racing each other.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -15,6 +15,7 @@
 #include "support/shared_tracker.hpp"
 #include "zelvanor/json.hpp"
 #include "zelvanor/tracker.hpp"
+#include "zelvanor/zelvanor.h"
 
 namespace zelvanor {
 namespace {
@@ -47,27 +48,7 @@ class TrackerTest : public testing::SharedTrackerTest {
   }
 };
 
-TEST_F(TrackerTest, ChainedCallsProduceOneRecordWithTheDefaultSdkBlock) {
-  becomeReady();
-  ZelvanorTracker::setDevelopment()
-      .set([] { return ZPage{.id = "p", .name = "home", .title = "Home"}; })
-      .set(ZBucket{.name = "b1"})
-      .set([] { return std::vector<ZBucket>{{.name = "b2"}}; })
-      .set([] { return std::string("ignored"); })
-      .set(ZAction(ZAction::ZActionType::pageView, "home", "view"))
-      .track(false, false);
-  ZelvanorTracker::setProduction().set(ZAction("e", "n", "k")).track(false, false);
-  const auto records = hostRecords();  // batch size 1 by default: each sent at once
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0].page->name, "home");
-  EXPECT_EQ(records[0].buckets->size(), 2u);
-  EXPECT_FALSE(records[0].free) << "the text set is dropped";
-  EXPECT_EQ(records[0].sdk, (ZSDK{DeploymentType::development, std::string(kSdkVersion),
-                                  std::string(kCommonLogVersion)}));
-  EXPECT_EQ(records[1].sdk.type, DeploymentType::production);
-}
-
-TEST_F(TrackerTest, SettingsCallsStartTheSdkOnlyWhenNeededAndOverwriteEachOther) {
+TEST_F(TrackerTest, SettingsCallsStartTheSdkOnlyWhenNeededOverwriteEachOtherAndChain) {
   // Switches do not start the SDK; the start applies the defaults over them.
   ZelvanorTracker::turnOffConsoleLogs();
   ZelvanorTracker::setTimeout(30);
@@ -85,6 +66,26 @@ TEST_F(TrackerTest, SettingsCallsStartTheSdkOnlyWhenNeededAndOverwriteEachOther)
   EXPECT_TRUE(runningDuringCall);
   EXPECT_EQ(detail::settings().requestTimeout, 5.0);
   EXPECT_EQ(detail::sharedIfRunning()->queue().batchSize(), 1u);
+
+  // Chained calls make one record, with the SDK block of the deployment type set last.
+  deliverTriple();
+  setCommon();
+  ZelvanorTracker::setDevelopment()
+      .set([] { return ZPage{.id = "p", .name = "home", .title = "Home"}; })
+      .set(ZBucket{.name = "b1"})
+      .set([] { return std::vector<ZBucket>{{.name = "b2"}}; })
+      .set([] { return std::string("ignored"); })
+      .set(ZAction(ZAction::ZActionType::pageView, "home", "view"))
+      .track(false, false);
+  ZelvanorTracker::setProduction().set(ZAction("e", "n", "k")).track(false, false);
+  const auto records = hostRecords();  // batch size 1 by default: each sent at once
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[0].page->name, "home");
+  EXPECT_EQ(records[0].buckets->size(), 2u);
+  EXPECT_FALSE(records[0].free) << "the text set is dropped";
+  EXPECT_EQ(records[0].sdk, (ZSDK{DeploymentType::development, std::string(kSdkVersion),
+                                  std::string(kCommonLogVersion)}));
+  EXPECT_EQ(records[1].sdk.type, DeploymentType::production);
 
   detail::shutdownShared();
   runningDuringCall = false;
@@ -184,6 +185,46 @@ TEST_F(TrackerTest, ATrackFromAnOnReadyCallbackWhileAnotherThreadShutsDownDoesNo
     std::abort();  // the SDK's locks stay held: no later test could run
   }
   EXPECT_TRUE(tracked);
+}
+
+// Host threads that come and go while the SDK starts and stops under them: each one leaves an
+// error message, decodes JSON and tracks with diagnostics on before it exits. Thread exit must
+// find nothing thread-local to destroy (MinGW destroys it after the storage is gone: a crash at
+// thread exit on Windows).
+TEST_F(TrackerTest, ThreadsStartingAndStoppingTheSdkExitCleanly) {
+  constexpr int kRounds = 6;
+  constexpr int kThreads = 4;
+  std::atomic<int> lines{0};
+  ASSERT_EQ(zelvanor_set_diagnostics(
+                ZELVANOR_LOG_DEBUG,
+                [](int, const char*, size_t, void* count) {
+                  static_cast<std::atomic<int>*>(count)->fetch_add(1);
+                },
+                &lines),
+            ZELVANOR_OK);
+  std::atomic<int> errorsSeen{0};
+  for (int round = 0; round < kRounds; ++round) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&, t] {
+        if (zelvanor_set("page", R"({"id":"p","name":"p","title":7})") != ZELVANOR_OK &&
+            std::string_view(zelvanor_last_error()).find("title") != std::string_view::npos) {
+          errorsSeen.fetch_add(1);
+        }
+        zelvanor_event* event = zelvanor_event_new();
+        zelvanor_event_set(event, "page", R"({"id":"p","name":"p","title":"P"})");
+        zelvanor_event_set(event, "action", R"({"type":"page_view","name":"p","kind":"view"})");
+        zelvanor_event_track(event, 1, 0);
+        zelvanor_event_free(event);
+        if (t == 0) zelvanor_shutdown();
+      });
+    }
+    for (auto& thread : threads) thread.join();
+  }
+  zelvanor_shutdown();
+  zelvanor_set_diagnostics(ZELVANOR_LOG_ERROR, nullptr, nullptr);
+  EXPECT_EQ(errorsSeen.load(), kRounds * kThreads);
+  EXPECT_GT(lines.load(), 0);
 }
 
 }  // namespace
