@@ -11,12 +11,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <span>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -35,8 +38,7 @@ const std::filesystem::path dataDir = scratch.path() / "data";
 
 // A call's status by name, and the message it left ("" after a success).
 std::string outcome(zelvanor_status status) {
-  static const char* const names[] = {"OK",       "INVALID_ARGUMENT", "JSON",
-                                      "REJECTED", "OUT_OF_MEMORY",    "INTERNAL"};
+  static const char* const names[] = {"OK", "ARG", "JSON", "REJECTED", "MEMORY", "INTERNAL"};
   return std::string(names[status]) + ": " + zelvanor_last_error();
 }
 const std::string kOk = "OK: ";
@@ -50,9 +52,7 @@ std::string dataFile(const std::string& name) {
   std::ifstream in(dataDir / name, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), {}};
 }
-std::string pending() {
-  return dataFile("ZLogs.tmp");
-}
+const auto pending = [] { return dataFile("ZLogs.tmp"); };
 
 // Waits up to about ten seconds for the file to hold `part`.
 bool fileComesToHold(const std::string& name, const std::string& part) {
@@ -64,14 +64,11 @@ bool fileComesToHold(const std::string& name, const std::string& part) {
 
 // The '|'-separated parts that `text` gets wrong ("" when none): each must be in it, one that
 // starts with '!' must not.
-std::string wrongParts(const std::string& text, std::string_view parts) {
-  std::string wrong;
-  for (std::size_t at = 0; at <= parts.size();) {
-    const std::size_t end = std::min(parts.find('|', at), parts.size());
-    const std::string_view part = parts.substr(at, end - at);
+std::string wrongParts(const std::string& text, const std::string& parts) {
+  std::string wrong, part;
+  for (std::istringstream in(parts); std::getline(in, part, '|');) {
     const bool absent = part.starts_with('!');
-    if (has(text, part.substr(absent)) == absent) wrong.append(part).append(" ");
-    at = end + 1;
+    if (has(text, part.substr(absent)) == absent) wrong += part + " ";
   }
   return wrong;
 }
@@ -135,18 +132,20 @@ void hostSend(const zelvanor_http_request* request, zelvanor_http_exchange* exch
   }
   const std::string body(request->body, request->body_length);
   http.posts++;
-  for (std::size_t i = 0; i < request->header_count; ++i) {
-    http.tenantPosts += std::string_view(request->headers[i]) == "X-Tenant: acme";
-  }
+  const auto isTenant = [](const char* header) {
+    return header == std::string_view("X-Tenant: acme");
+  };
+  http.tenantPosts +=
+      std::ranges::count_if(std::span(request->headers, request->header_count), isTenant);
   http.kept += has(body, "\"keep-me\"");
   http.dropped += has(body, "\"drop-me\"") || has(body, "\"swap-me\"");
   zelvanor_http_answer(exchange, 200, nullptr, 0, "ok", 2);  // the collector's "delivered"
 }
 
-struct Diagnostics {
-  int errors = 0;
-  std::string last;
-};
+// Keeps the error lines a sink is given, one a line.
+void keepErrors(int level, const char* line, std::size_t length, void* errors) {
+  if (level == ZELVANOR_LOG_ERROR) static_cast<std::string*>(errors)->append(line, length) += '\n';
+}
 
 // Drops "drop-me", replaces "swap-me" with text that is no record (which drops it too).
 int beforeSend(const char* json, std::size_t, char** replacement, void* calls) {
@@ -161,6 +160,8 @@ int beforeSend(const char* json, std::size_t, char** replacement, void* calls) {
 // ----- scenarios -------------------------------------------------------------------------------
 
 const char* const kCommon = R"({"service_name":"shop","deployment":"dev"})";
+const char* const kEventTwice = R"({"type":"event","name":"event-twice","kind":"k"})";
+const char* const kEventDisabled = R"({"type":"event","name":"event-disabled","kind":"k"})";
 
 // Tracks a page with this id and an event action with this name.
 void trackNamed(const std::string& name, int disabled = 0) {
@@ -171,10 +172,36 @@ void trackNamed(const std::string& name, int disabled = 0) {
   zelvanor_track(0, disabled);
 }
 
-// Every block kind, accepted or refused, goes into one record, completed as in C++ (svcdomain
-// from the bundle id, access_time derived, the app version fact in the agent); a refusal names
-// the call, the kind of fault and the key path, and changes nothing. getData uses the blocks up.
-void blocksAndRefusals() {
+TEST(CApi, OneHostThroughEveryEntryPoint) {
+  const std::string dataDirText = dataDir.string();
+  // The bundle id, the app version, the detected os, os version, device model and language, the
+  // data directory and a 390 x 844 screen.
+  const zelvanor_platform_facts facts = {
+      "com.example.capi",  "2.3.4", nullptr, nullptr, nullptr, nullptr,
+      dataDirText.c_str(), 1,       390,     844};
+  const char* https = "https://127.0.0.1:9";
+  const char* tenant[] = {"X-Tenant: acme"};
+  std::string console, errors;
+  zelvanor_counters counters;
+  int readyCalls = 0, hookCalls = 0;
+  EXPECT_EQ(outcome(zelvanor_set_platform_facts(&facts)), kOk);
+  zelvanor_set_http_client(hostSend, nullptr);
+  // Port 9 (discard): nothing there; the host client answers instead.
+  EXPECT_EQ(outcome(zelvanor_set_endpoints(https, https, https, nullptr)), kOk);
+  EXPECT_EQ(outcome(zelvanor_set_required(
+                R"({"timeout":2,"batchSize":1000,"usingSandboxEnvironment":true,"extra":[1]})")),
+            kOk);
+  zelvanor_use_general_envrionment();
+  zelvanor_set_timeout(2.0);
+  zelvanor_set_reachability_flags(ZELVANOR_REACHABLE);
+  EXPECT_EQ(outcome(zelvanor_set("id", R"({"app_user_id":"user-42"})")), kOk);
+  EXPECT_EQ(zelvanor_wait_until_ready(10000), 1);
+  EXPECT_EQ(http.syncs, 1);  // the sync's cookies
+  zelvanor_set_reachability_flags(0);
+
+  // Every block kind, accepted or refused, goes into one record, completed as in C++ (svcdomain
+  // from the bundle id, access_time derived, the app version fact in the agent); a refusal names
+  // the call, the kind of fault and the key path, and changes nothing. getData uses the blocks up.
   makeCalls("shared_calls.tsv", nullptr);
   zelvanor_set_production();
   EXPECT_EQ(wrongParts(currentData(),
@@ -185,16 +212,12 @@ void blocksAndRefusals() {
             "");
   EXPECT_EQ(currentData(), "Can't make logRecord.");
   zelvanor_set_development();
-}
 
-// Tracks reach the pending file at flush (not before: batch size 1000). Store limits set after a
-// shutdown apply at the next start: with room for two records in memory, the newest of a backlog
-// wait in a segment ("ZLogs.tmp.<n>"). The console sink stays silent throughout: every step
-// succeeds.
-void trackingAndRestart() {
-  int consoleLines = 0;
-  zelvanor_set_console_log_sink([](const char*, std::size_t, void* n) { ++*static_cast<int*>(n); },
-                                &consoleLines);
+  // Tracks reach the pending file at flush (not before: batch size 1000). Store limits set after a
+  // shutdown apply at the next start: with room for two records in memory, the newest of a
+  // backlog wait in a segment ("ZLogs.tmp.<n>"). The console stays silent: every step succeeds.
+  zelvanor_set_console_log_sink(
+      [](const char* line, std::size_t n, void* to) { keepErrors(0, line, n, to); }, &console);
   trackNamed("p-tracked");
   trackNamed("p-disabled", 1);
   EXPECT_EQ(outcome(zelvanor_post_lifecycle_event(ZELVANOR_WILL_RESIGN_ACTIVE)), kOk);
@@ -202,7 +225,6 @@ void trackingAndRestart() {
   zelvanor_flush();
   zelvanor_shutdown();  // waits for the SDK's threads; whatever is undelivered is on disk now
   EXPECT_EQ(wrongParts(pending(), "\"p-tracked\"|\"background\"|!p-disabled"), "");
-
   zelvanor_set_store_limits(2, 0, 0, 0);
   zelvanor_set_batch_size(1000);  // starts the SDK; records wait in memory until a flush
   zelvanor_set_reachability_flags(0);
@@ -217,30 +239,25 @@ void trackingAndRestart() {
   zelvanor_flush();
   zelvanor_shutdown();
   zelvanor_set_store_limits(0, 0, 0, 0);
-  EXPECT_EQ(consoleLines, 0);
+  EXPECT_EQ(console, "");
   zelvanor_set_console_log_sink(nullptr, nullptr);
-}
 
-// Events carry their own blocks: tracking leaves the shared blocks alone and the event reusable.
-// Batch size 2 keeps one record waiting and sends the older ones as each new one comes.
-void eventsAndBatches() {
+  // Events carry their own blocks (see the table): tracking leaves the shared blocks alone and
+  // the event reusable with a new action. Batch size 2 keeps one record waiting and sends the
+  // older ones as each new one comes.
   zelvanor_event* event = zelvanor_event_new();
   ASSERT_NE(event, nullptr);
-  const auto setAction = [&](const std::string& name) {
-    const std::string action = R"({"type":"event","name":")" + name + R"(","kind":"k"})";
-    EXPECT_EQ(outcome(zelvanor_event_set(event, "action", action.c_str())), kOk);
-  };
   zelvanor_set_reachability_flags(0);
   EXPECT_EQ(outcome(zelvanor_set("common", kCommon)), kOk);  // starts the SDK
   EXPECT_EQ(outcome(zelvanor_set("id", R"({"app_user_id":"user-42"})")), kOk);
   EXPECT_EQ(zelvanor_wait_until_ready(10000), 1);
   makeCalls("event_calls.tsv", event);
   EXPECT_EQ(outcome(zelvanor_event_track(event, 0, 0)), kOk);
-  setAction("event-twice");  // the event keeps its other blocks
+  EXPECT_EQ(outcome(zelvanor_event_set(event, "action", kEventTwice)), kOk);
   EXPECT_EQ(outcome(zelvanor_event_track(event, 0, 0)), kOk);
   EXPECT_TRUE(fileComesToHold("ZLogs.tmp", "\"event-once\""));  // no flush: the batch size sent it
   EXPECT_EQ(wrongParts(pending(), "!event-twice"), "");
-  setAction("event-disabled");
+  EXPECT_EQ(outcome(zelvanor_event_set(event, "action", kEventDisabled)), kOk);
   EXPECT_EQ(outcome(zelvanor_event_track(event, 0, 1)), kOk);
   zelvanor_event_free(event);
   zelvanor_event_free(nullptr);
@@ -251,32 +268,17 @@ void eventsAndBatches() {
                        "\"event-once\"|\"event-twice\"|\"p-event\"|\"event-bucket-a\"|"
                        "\"event-bucket-b\"|!p-event-first|!p-event-bad|!event-disabled|!ignored"),
             "");
-}
 
-// Diagnostics, counters, readiness; then online through the host client with the host's header,
-// the before-send hook, collection off and the erasure of local data.
-void diagnosticsAndPrivacy() {
-  const char* tenant[] = {"X-Tenant: acme"};
-  Diagnostics diagnostics;
-  zelvanor_counters counters;
-  int readyCalls = 0, hookCalls = 0;
-  EXPECT_EQ(outcome(zelvanor_set_diagnostics(
-                ZELVANOR_LOG_INFO,
-                [](int level, const char* line, std::size_t length, void* to) {
-                  auto& diagnostics = *static_cast<Diagnostics*>(to);
-                  diagnostics.last.assign(line, length);
-                  diagnostics.errors += level == ZELVANOR_LOG_ERROR;
-                },
-                &diagnostics)),
-            kOk);
+  // Diagnostics, counters, readiness.
+  EXPECT_EQ(outcome(zelvanor_set_diagnostics(ZELVANOR_LOG_INFO, keepErrors, &errors)), kOk);
   zelvanor_set_batch_size(1);  // a fresh start: no common block yet
   zelvanor_set_reachability_flags(0);
   EXPECT_EQ(zelvanor_wait_until_ready(5000), 1);  // the triple comes from the kept cookies
   zelvanor_on_ready([](void* calls) { ++*static_cast<int*>(calls); }, &readyCalls);
   EXPECT_EQ(readyCalls, 1);  // already ready: at once, on this thread
   trackNamed("before-common");
-  EXPECT_EQ(diagnostics.errors, 1);
-  EXPECT_EQ(wrongParts(diagnostics.last, "no common block|before-common"), "");
+  EXPECT_EQ(std::ranges::count(errors, '\n'), 1);
+  EXPECT_EQ(wrongParts(errors, "no common block|before-common"), "");
   EXPECT_EQ(outcome(zelvanor_set("common", kCommon)), kOk);
   trackNamed("offline-1");
   EXPECT_EQ(zelvanor_flush_and_wait(5000), 1);  // offline: kept on disk is an outcome
@@ -285,6 +287,8 @@ void diagnosticsAndPrivacy() {
   EXPECT_TRUE(counters.awaiting_answer == 0 && counters.tracked >= 2 && counters.bytes_on_disk > 0);
   EXPECT_EQ(outcome(zelvanor_set_diagnostics(ZELVANOR_LOG_ERROR, nullptr, nullptr)), kOk);
 
+  // Online through the host client with the host's header, the before-send hook, collection off
+  // and the erasure of local data.
   EXPECT_EQ(outcome(zelvanor_set_request_headers(tenant, 1)), kOk);
   EXPECT_EQ(outcome(zelvanor_set_proxy("socks5h://user:pw@127.0.0.1:1080")), kOk);
   EXPECT_EQ(outcome(zelvanor_set_proxy(nullptr)), kOk);
@@ -301,7 +305,6 @@ void diagnosticsAndPrivacy() {
   // The host client carried the kept record with the host's header and was answered 200.
   EXPECT_TRUE(counters.delivered >= 1 && http.tenantPosts >= 1);
   EXPECT_TRUE(http.posts == http.tenantPosts && http.kept == 1 && http.dropped == 0);
-
   zelvanor_delete_local_data();  // collection off: nothing comes back
   EXPECT_FALSE(std::filesystem::exists(dataDir / "ZLogs.tmp"));
   EXPECT_FALSE(std::filesystem::exists(dataDir / "cookies.txt"));
@@ -311,34 +314,7 @@ void diagnosticsAndPrivacy() {
   zelvanor_shutdown();
   EXPECT_EQ(outcome(zelvanor_get_counters(&counters)), kOk);
   EXPECT_EQ(counters.tracked, 0u);  // not running
-}
 
-TEST(CApi, OneHostThroughEveryEntryPoint) {
-  const std::string dataDirText = dataDir.string();
-  // The bundle id, the app version, the detected os, os version, device model and language, the
-  // data directory and a 390 x 844 screen.
-  const zelvanor_platform_facts facts = {
-      "com.example.capi",  "2.3.4", nullptr, nullptr, nullptr, nullptr,
-      dataDirText.c_str(), 1,       390,     844};
-  EXPECT_EQ(outcome(zelvanor_set_platform_facts(&facts)), kOk);
-  zelvanor_set_http_client(hostSend, nullptr);
-  // Port 9 (discard): nothing there; the host client answers instead.
-  const char* https = "https://127.0.0.1:9";
-  EXPECT_EQ(outcome(zelvanor_set_endpoints(https, https, https, nullptr)), kOk);
-  EXPECT_EQ(outcome(zelvanor_set_required(
-                R"({"timeout":2,"batchSize":1000,"usingSandboxEnvironment":true,"extra":[1]})")),
-            kOk);
-  zelvanor_use_general_envrionment();
-  zelvanor_set_timeout(2.0);
-  zelvanor_set_reachability_flags(ZELVANOR_REACHABLE);
-  EXPECT_EQ(outcome(zelvanor_set("id", R"({"app_user_id":"user-42"})")), kOk);
-  EXPECT_EQ(zelvanor_wait_until_ready(10000), 1);
-  EXPECT_EQ(http.syncs, 1);  // the sync's cookies
-  zelvanor_set_reachability_flags(0);
-  blocksAndRefusals();
-  trackingAndRestart();
-  eventsAndBatches();
-  diagnosticsAndPrivacy();
   // The process ends with the SDK running and a record in memory: the exit hook keeps it (in
   // zelvanor.dll, whose threads Windows has ended by then, it must let them go, not hang).
   zelvanor_set_batch_size(1000);
