@@ -9,7 +9,6 @@
 // cookies and each collection request with 200. Offline (reachability 0) records go to the pending
 // file of a private data directory, which the test reads.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
@@ -18,7 +17,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <span>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -34,7 +32,7 @@ namespace {
 // that call) has kept the last record: the process ends with the SDK running (see the end of the
 // test). The SDK makes the data directory inside it.
 const zelvanor::testing::TempDir scratch;
-const std::filesystem::path dataDir = scratch.path() / "data";
+const std::string dataDir = (scratch.path() / "data").string();
 
 // A call's status by name, and the message it left ("" after a success).
 std::string outcome(zelvanor_status status) {
@@ -49,10 +47,9 @@ bool has(const std::string& text, std::string_view part) {
 
 // The data directory's file `name` ("" when it is not there).
 std::string dataFile(const std::string& name) {
-  std::ifstream in(dataDir / name, std::ios::binary);
+  std::ifstream in(std::filesystem::path(dataDir) / name, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), {}};
 }
-const auto pending = [] { return dataFile("ZLogs.tmp"); };
 
 // Waits up to about ten seconds for the file to hold `part`.
 bool fileComesToHold(const std::string& name, const std::string& part) {
@@ -86,7 +83,7 @@ std::string currentData() {
 zelvanor_status call(const std::string& name, const char* a, const char* b, zelvanor_event* event) {
   if (name == "set") return zelvanor_set(a, b);
   if (name == "event_set") return zelvanor_event_set(event, a, b);
-  if (name == "event_track") return zelvanor_event_track(event, 0, 0);
+  if (name == "event_track") return zelvanor_event_track(event, 0, std::atoi(a));
   if (name == "set_required") return zelvanor_set_required(a);
   if (name == "post_lifecycle_event") return zelvanor_post_lifecycle_event(std::atoi(a));
   if (name == "get_data") return zelvanor_get_data(nullptr);
@@ -132,11 +129,9 @@ void hostSend(const zelvanor_http_request* request, zelvanor_http_exchange* exch
   }
   const std::string body(request->body, request->body_length);
   http.posts++;
-  const auto isTenant = [](const char* header) {
-    return header == std::string_view("X-Tenant: acme");
-  };
-  http.tenantPosts +=
-      std::ranges::count_if(std::span(request->headers, request->header_count), isTenant);
+  for (std::size_t i = 0; i < request->header_count; ++i) {
+    http.tenantPosts += std::string_view(request->headers[i]) == "X-Tenant: acme";
+  }
   http.kept += has(body, "\"keep-me\"");
   http.dropped += has(body, "\"drop-me\"") || has(body, "\"swap-me\"");
   zelvanor_http_answer(exchange, 200, nullptr, 0, "ok", 2);  // the collector's "delivered"
@@ -160,8 +155,6 @@ int beforeSend(const char* json, std::size_t, char** replacement, void* calls) {
 // ----- scenarios -------------------------------------------------------------------------------
 
 const char* const kCommon = R"({"service_name":"shop","deployment":"dev"})";
-const char* const kEventTwice = R"({"type":"event","name":"event-twice","kind":"k"})";
-const char* const kEventDisabled = R"({"type":"event","name":"event-disabled","kind":"k"})";
 
 // Tracks a page with this id and an event action with this name.
 void trackNamed(const std::string& name, int disabled = 0) {
@@ -173,12 +166,11 @@ void trackNamed(const std::string& name, int disabled = 0) {
 }
 
 TEST(CApi, OneHostThroughEveryEntryPoint) {
-  const std::string dataDirText = dataDir.string();
   // The bundle id, the app version, the detected os, os version, device model and language, the
   // data directory and a 390 x 844 screen.
   const zelvanor_platform_facts facts = {
-      "com.example.capi",  "2.3.4", nullptr, nullptr, nullptr, nullptr,
-      dataDirText.c_str(), 1,       390,     844};
+      "com.example.capi", "2.3.4", nullptr, nullptr, nullptr, nullptr,
+      dataDir.c_str(),    1,       390,     844};
   const char* https = "https://127.0.0.1:9";
   const char* tenant[] = {"X-Tenant: acme"};
   std::string console, errors;
@@ -221,10 +213,10 @@ TEST(CApi, OneHostThroughEveryEntryPoint) {
   trackNamed("p-tracked");
   trackNamed("p-disabled", 1);
   EXPECT_EQ(outcome(zelvanor_post_lifecycle_event(ZELVANOR_WILL_RESIGN_ACTIVE)), kOk);
-  EXPECT_EQ(wrongParts(pending(), "!p-tracked"), "");
+  EXPECT_EQ(wrongParts(dataFile("ZLogs.tmp"), "!p-tracked"), "");
   zelvanor_flush();
   zelvanor_shutdown();  // waits for the SDK's threads; whatever is undelivered is on disk now
-  EXPECT_EQ(wrongParts(pending(), "\"p-tracked\"|\"background\"|!p-disabled"), "");
+  EXPECT_EQ(wrongParts(dataFile("ZLogs.tmp"), "\"p-tracked\"|\"background\"|!p-disabled"), "");
   zelvanor_set_store_limits(2, 0, 0, 0);
   zelvanor_set_batch_size(1000);  // starts the SDK; records wait in memory until a flush
   zelvanor_set_reachability_flags(0);
@@ -252,19 +244,13 @@ TEST(CApi, OneHostThroughEveryEntryPoint) {
   EXPECT_EQ(outcome(zelvanor_set("id", R"({"app_user_id":"user-42"})")), kOk);
   EXPECT_EQ(zelvanor_wait_until_ready(10000), 1);
   makeCalls("event_calls.tsv", event);
-  EXPECT_EQ(outcome(zelvanor_event_track(event, 0, 0)), kOk);
-  EXPECT_EQ(outcome(zelvanor_event_set(event, "action", kEventTwice)), kOk);
-  EXPECT_EQ(outcome(zelvanor_event_track(event, 0, 0)), kOk);
   EXPECT_TRUE(fileComesToHold("ZLogs.tmp", "\"event-once\""));  // no flush: the batch size sent it
-  EXPECT_EQ(wrongParts(pending(), "!event-twice"), "");
-  EXPECT_EQ(outcome(zelvanor_event_set(event, "action", kEventDisabled)), kOk);
-  EXPECT_EQ(outcome(zelvanor_event_track(event, 0, 1)), kOk);
+  EXPECT_EQ(wrongParts(dataFile("ZLogs.tmp"), "!event-twice"), "");
   zelvanor_event_free(event);
   zelvanor_event_free(nullptr);
-  EXPECT_EQ(outcome(zelvanor_set("action", R"({"type":"event","name":"shared","kind":"k"})")), kOk);
   EXPECT_EQ(wrongParts(currentData(), "\"p-shared\"|!p-event|!event-bucket"), "");
   zelvanor_shutdown();  // no flush: shutdown keeps the record the batch size held back
-  EXPECT_EQ(wrongParts(pending(),
+  EXPECT_EQ(wrongParts(dataFile("ZLogs.tmp"),
                        "\"event-once\"|\"event-twice\"|\"p-event\"|\"event-bucket-a\"|"
                        "\"event-bucket-b\"|!p-event-first|!p-event-bad|!event-disabled|!ignored"),
             "");
@@ -306,8 +292,8 @@ TEST(CApi, OneHostThroughEveryEntryPoint) {
   EXPECT_TRUE(counters.delivered >= 1 && http.tenantPosts >= 1);
   EXPECT_TRUE(http.posts == http.tenantPosts && http.kept == 1 && http.dropped == 0);
   zelvanor_delete_local_data();  // collection off: nothing comes back
-  EXPECT_FALSE(std::filesystem::exists(dataDir / "ZLogs.tmp"));
-  EXPECT_FALSE(std::filesystem::exists(dataDir / "cookies.txt"));
+  EXPECT_FALSE(std::filesystem::exists(std::filesystem::path(dataDir) / "ZLogs.tmp"));
+  EXPECT_FALSE(std::filesystem::exists(std::filesystem::path(dataDir) / "cookies.txt"));
   zelvanor_set_before_send(nullptr, nullptr);
   zelvanor_set_collection_enabled(1);
   EXPECT_EQ(outcome(zelvanor_set_request_headers(nullptr, 0)), kOk);
