@@ -54,9 +54,8 @@ std::string dataFile(const std::string& name) {
 
 // Waits up to about ten seconds for the file to hold `part`.
 bool fileComesToHold(const std::string& name, const std::string& part) {
-  for (int i = 0; i < 200 && !has(dataFile(name), part); ++i) {
+  for (int i = 0; i < 200 && !has(dataFile(name), part); ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
   return has(dataFile(name), part);
 }
 
@@ -130,9 +129,8 @@ void hostSend(const zelvanor_http_request* request, zelvanor_http_exchange* exch
   }
   const std::string body(request->body, request->body_length);
   http.posts++;
-  for (std::size_t i = 0; i < request->header_count; ++i) {
+  for (std::size_t i = 0; i < request->header_count; ++i)
     http.tenantPosts += std::string_view(request->headers[i]) == "X-Tenant: acme";
-  }
   http.kept += has(body, "\"keep-me\"");
   http.dropped += has(body, "\"drop-me\"") || has(body, "\"swap-me\"");
   zelvanor_http_answer(exchange, 200, nullptr, 0, "ok", 2);  // the collector's "delivered"
@@ -147,9 +145,8 @@ void keepErrors(int level, const char* line, std::size_t length, void* errors) {
 int beforeSend(const char* json, std::size_t, char** replacement, void* calls) {
   ++*static_cast<int*>(calls);
   if (std::strstr(json, "\"drop-me\"")) return 0;
-  if (std::strstr(json, "\"swap-me\"") && (*replacement = static_cast<char*>(std::malloc(8)))) {
+  if (std::strstr(json, "\"swap-me\"") && (*replacement = static_cast<char*>(std::malloc(8))))
     std::memcpy(*replacement, "[1,2]", 6);
-  }
   return 1;
 }
 
