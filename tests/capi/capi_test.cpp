@@ -194,8 +194,8 @@ TEST(CApi, OneHostThroughEveryEntryPoint) {
   makeCalls("shared_calls.tsv", nullptr);
   zelvanor_set_production();
   EXPECT_EQ(wrongParts(currentData(),
-                       "\"p-home\"|\"production\"|\"cid-capi\"|\"user-42\"|\"carrier-x\"|"
-                       "\"newsletter\"|\"bucket-a\"|\"bucket-b\"|\"bucket-c\"|\"2.3.4\"|"
+                       "\"p-home\"|\"production\"|\"cid-capi\"|\"user-42\"|carrier-x|newsletter|"
+                       "\"bucket-a\"|\"bucket-b\"|\"bucket-c\"|\"2.3.4\"|\"(390.0, 844.0)\"|"
                        "\"com.example.capi\"|\"access_time\"|\"request_timestamp\"|\"shop\"|"
                        "!p-first|!\"free\"|!anything|!p-bad|!shop-bad|!bucket-bad-ok"),
             "");
