@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <fstream>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -60,19 +59,6 @@ void killAtRandom(
   }
 }
 
-/// The whole SDK in a child host over `dir`, tracking (zelvanor_crash_child).
-testing::ChildHost trackingHost(const fs::path& dir, const std::string& mode, long long arg) {
-  return testing::ChildHost({ZELVANOR_CRASH_CHILD, dir.string(), mode, std::to_string(arg)});
-}
-
-/// A directory for the SDK's files, with an identity from an earlier sync in its cookie jar, so
-/// that records are built without a server.
-struct CrashDirectory : testing::TempDir {
-  CrashDirectory() {
-    testing::writeFile(path() / "cookies.txt", testing::dataText("crash/cookies.txt"));
-  }
-};
-
 /// The sequence numbers of the host's records waiting in `dir`, in sending order. Each must be
 /// whole and its own: its page is its action's, its title as long as the host made it.
 std::vector<long long> trackedWaiting(const fs::path& dir) {
@@ -92,10 +78,6 @@ std::vector<long long> trackedWaiting(const fs::path& dir) {
   return seqs;
 }
 
-bool inOrderOnce(const std::vector<long long>& seqs) {
-  return std::adjacent_find(seqs.begin(), seqs.end(), std::greater_equal<>()) == seqs.end();
-}
-
 // The whole SDK as the writer: a host tracking as fast as it can (gate closed, so every record
 // goes to disk; some records span many pages) is killed at random; each start takes over what the
 // last one left and carries on. And a burst far beyond the memory limit, then kill -9 shortly
@@ -109,13 +91,20 @@ TEST(PendingFileCrash, HostsKilledAtRandomLeaveOnlyWholeRecordsAndLoseAtMostTheM
   constexpr long long kBurst = 20000;
   for (const std::string mode : {"track", "burst", "burst-online"}) {
     SCOPED_TRACE(mode);
-    CrashDirectory temp;
+    // An identity from an earlier sync in the cookie jar, so that records are built without a
+    // server.
+    testing::TempDir temp;
     const fs::path dir = temp.path();
+    testing::writeFile(dir / "cookies.txt", testing::dataText("crash/cookies.txt"));
     const bool burst = mode != "track";
     long long first = 0;
     killAtRandom(
         burst ? 1 : 12, burst ? 50000 : 0, burst ? 50000 : 250000,
-        [&] { return trackingHost(dir, mode, burst ? kBurst : first += 10'000'000); },
+        [&] {
+          const long long arg = burst ? kBurst : first += 10'000'000;
+          return testing::ChildHost(
+              {ZELVANOR_CRASH_CHILD, dir.string(), mode, std::to_string(arg)});
+        },
         burst ? "tracked" : "tracking",
         [&] {
           for (const auto& entry : fs::directory_iterator(dir)) {
@@ -128,7 +117,8 @@ TEST(PendingFileCrash, HostsKilledAtRandomLeaveOnlyWholeRecordsAndLoseAtMostTheM
           }
           auto kept = trackedWaiting(dir);
           // In tracking order (online, kept ones follow spilled ones).
-          EXPECT_TRUE(mode == "burst-online" || inOrderOnce(kept));
+          EXPECT_TRUE(mode == "burst-online" ||
+                      std::ranges::adjacent_find(kept, std::greater_equal<>()) == kept.end());
           if (!burst) return;
           std::sort(kept.begin(), kept.end());
           const auto lost = kBurst - (std::unique(kept.begin(), kept.end()) - kept.begin());

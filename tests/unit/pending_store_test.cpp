@@ -3,7 +3,6 @@
 // file of ours is ever read or waited on.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <sstream>
