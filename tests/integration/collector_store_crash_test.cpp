@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <fstream>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -29,6 +28,7 @@
 #include "store/pending_frames.hpp"
 #include "store/pending_store.hpp"
 #include "support/child_host.hpp"
+#include "support/data_table.hpp"
 #include "support/pending_files.hpp"
 #include "support/temp_dir.hpp"
 #include "zelvanor/json.hpp"
@@ -42,37 +42,22 @@ using collector::Collector;
 using detail::FramePiece;
 
 /// Starts the whole SDK in a child host over `dir` (zelvanor_crash_child) for each of `rounds`,
-/// kills it at a random moment up to `latest` after it says `word`, then runs `check`.
+/// kills it at a random moment from `earliest` to `latest` after it says `word`, then runs `check`.
 void killAtRandom(
-    int rounds, int latestMicros, const std::function<testing::ChildHost()>& start,
-    const char* word, const std::function<void()>& check = [] {}) {
+    int rounds, int earliestMicros, int latestMicros,
+    const std::function<testing::ChildHost()>& start, const char* word,
+    const std::function<void()>& check = [] {}) {
   std::mt19937 random(std::random_device{}());
   for (int round = 0; round < rounds; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
     testing::ChildHost host = start();
     ASSERT_TRUE(host.said(word)) << "the host did not get going within 30 s";
-    const int delay = std::uniform_int_distribution<int>(0, latestMicros)(random);
+    const int delay = std::uniform_int_distribution<int>(earliestMicros, latestMicros)(random);
     std::this_thread::sleep_for(std::chrono::microseconds(delay));
     ASSERT_TRUE(host.kill());
     check();
   }
 }
-
-/// The whole SDK in a child host over `dir`, tracking (zelvanor_crash_child).
-testing::ChildHost trackingHost(const fs::path& dir, const std::string& mode, long long arg) {
-  return testing::ChildHost({ZELVANOR_CRASH_CHILD, dir.string(), mode, std::to_string(arg)});
-}
-
-/// A directory for the SDK's files, with an identity from an earlier sync in its cookie jar, so
-/// that records are built without a server.
-struct CrashDirectory : testing::TempDir {
-  CrashDirectory() {
-    std::ofstream jar(path() / "cookies.txt");
-    for (const char* name : {"fa_cid", "fa_did", "fa_sid"}) {
-      jar << "127.0.0.1\tFALSE\t/\tTRUE\t4102444800\t" << name << "\tcrash-" << name << "\n";
-    }
-  }
-};
 
 /// The sequence numbers of the host's records waiting in `dir`, in sending order. Each must be
 /// whole and its own: its page is its action's, its title as long as the host made it.
@@ -93,60 +78,59 @@ std::vector<long long> trackedWaiting(const fs::path& dir) {
   return seqs;
 }
 
-bool inOrderOnce(const std::vector<long long>& seqs) {
-  return std::adjacent_find(seqs.begin(), seqs.end(), std::greater_equal<>()) == seqs.end();
-}
-
 // The whole SDK as the writer: a host tracking as fast as it can (gate closed, so every record
 // goes to disk; some records span many pages) is killed at random; each start takes over what the
-// last one left and carries on. Every file holds whole frames with at most a torn end (a kernel
-// that gave up a write between pages, or a start appending behind a torn end, would show here);
-// whatever a start finds decodes, and every record in it is one the host tracked, in order, once.
-TEST(PendingFileCrash, TrackingHostKilledAtRandomLeavesOnlyWholeRecordsInOrder) {
-  CrashDirectory temp;
-  const fs::path dir = temp.path();
-  long long first = 0;
-  killAtRandom(
-      12, 250000, [&] { return trackingHost(dir, "track", first += 10'000'000); }, "tracking",
-      [&] {
-        for (const auto& entry : fs::directory_iterator(dir)) {
-          if (entry.path().filename().string().rfind("ZLogs.tmp", 0) != 0) continue;
-          bool torn = false;
-          detail::scanFrames(testing::slurp(entry.path()), 0, true, [&](const FramePiece& piece) {
-            EXPECT_FALSE(torn || piece.kind == FramePiece::Kind::skipped) << entry.path();
-            torn = piece.kind == FramePiece::Kind::torn;
-          });
-        }
-        EXPECT_TRUE(inOrderOnce(trackedWaiting(dir)));
-      });
-  // A last start finds every record the files hold waiting to be sent.
-  const auto payloads = testing::pendingPayloads(dir).size();
-  detail::PendingStore last(dir, ZStoreLimits{.maxBytesOnDisk = std::uint64_t{1} << 40});
-  EXPECT_EQ(last.open(), payloads);
-  last.close();
-  EXPECT_GT(payloads, 0u) << "nothing is ever answered here, so what the rounds kept is on disk";
-}
-
-// A burst far beyond the memory limit, then kill -9 shortly after: what went beyond the limit
-// was on its way to disk, in order, and is there.
-TEST(PendingFileCrash, AKillShortlyAfterABurstLosesAtMostTheMemoryLimit) {
+// last one left and carries on. And a burst far beyond the memory limit, then kill -9 shortly
+// after: what went beyond the limit was on its way to disk, in order, and is there. Offline every
+// record goes to disk; online (a collector refusing connections) the queue and the requests'
+// window share the memory limit, and what goes beyond it goes to disk. Every file holds whole
+// frames with at most a torn end (a kernel that gave up a write between pages, or a start
+// appending behind a torn end, would show here); whatever a start finds decodes, and every record
+// in it is one the host tracked, once.
+TEST(PendingFileCrash, HostsKilledAtRandomLeaveOnlyWholeRecordsAndLoseAtMostTheMemoryLimit) {
   constexpr long long kBurst = 20000;
-  // Offline every record goes to disk; online (a collector refusing connections) the queue and
-  // the requests' window share the memory limit, and what goes beyond it goes to disk.
-  for (const std::string mode : {"burst", "burst-online"}) {
+  for (const std::string mode : {"track", "burst", "burst-online"}) {
     SCOPED_TRACE(mode);
-    CrashDirectory temp;
-    testing::ChildHost host = trackingHost(temp.path(), mode, kBurst);
-    ASSERT_TRUE(host.said("tracked")) << "the host did not finish its burst within 30 s";
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    ASSERT_TRUE(host.kill());
-    auto kept = trackedWaiting(temp.path());
-    // Offline they reach the disk in tracking order (online, kept ones follow spilled ones).
-    EXPECT_TRUE(mode != "burst" || inOrderOnce(kept));
-    std::sort(kept.begin(), kept.end());
-    const auto lost = kBurst - (std::unique(kept.begin(), kept.end()) - kept.begin());
-    EXPECT_LE(lost, static_cast<long long>(ZStoreLimits{}.maxRecordsInMemory) + 8)
-        << "the memory limit and the requests in flight";
+    // An identity from an earlier sync in the cookie jar, so that records are built without a
+    // server.
+    testing::TempDir temp;
+    const fs::path dir = temp.path();
+    testing::writeFile(dir / "cookies.txt", testing::dataText("crash/cookies.txt"));
+    const bool burst = mode != "track";
+    long long first = 0;
+    killAtRandom(
+        burst ? 1 : 12, burst ? 50000 : 0, burst ? 50000 : 250000,
+        [&] {
+          const long long arg = burst ? kBurst : first += 10'000'000;
+          return testing::ChildHost(
+              {ZELVANOR_CRASH_CHILD, dir.string(), mode, std::to_string(arg)});
+        },
+        burst ? "tracked" : "tracking",
+        [&] {
+          for (const auto& entry : fs::directory_iterator(dir)) {
+            if (entry.path().filename().string().rfind("ZLogs.tmp", 0) != 0) continue;
+            bool torn = false;
+            detail::scanFrames(testing::slurp(entry.path()), 0, true, [&](const FramePiece& p) {
+              EXPECT_FALSE(torn || p.kind == FramePiece::Kind::skipped) << entry.path();
+              torn = p.kind == FramePiece::Kind::torn;
+            });
+          }
+          auto kept = trackedWaiting(dir);
+          // In tracking order (online, kept ones follow spilled ones).
+          EXPECT_TRUE(mode == "burst-online" ||
+                      std::ranges::adjacent_find(kept, std::greater_equal<>()) == kept.end());
+          if (!burst) return;
+          std::sort(kept.begin(), kept.end());
+          const auto lost = kBurst - (std::unique(kept.begin(), kept.end()) - kept.begin());
+          EXPECT_LE(lost, static_cast<long long>(ZStoreLimits{}.maxRecordsInMemory) + 8)
+              << "the memory limit and the requests in flight";
+        });
+    // A last start finds every record the files hold waiting to be sent.
+    const auto payloads = testing::pendingPayloads(dir).size();
+    detail::PendingStore last(dir, ZStoreLimits{.maxBytesOnDisk = std::uint64_t{1} << 40});
+    EXPECT_EQ(last.open(), payloads);
+    last.close();
+    EXPECT_GT(payloads, 0u) << "nothing is ever answered here, so what the rounds kept is on disk";
   }
 }
 
@@ -225,7 +209,7 @@ TEST_F(StoreCrash, KillsDuringRestoreSendingAndShutdownLoseNothingThatWasOnDisk)
   server.setDelay(std::chrono::milliseconds(10));
 
   killAtRandom(
-      kKills, 700000, [&] { return storeChild(appDir, server, "send"); }, "started");
+      kKills, 0, 700000, [&] { return storeChild(appDir, server, "send"); }, "started");
   server.setDelay(std::chrono::milliseconds(0));
   testing::ChildHost last = storeChild(appDir, server, "finish");
   ASSERT_TRUE(last.said("started"));
@@ -247,58 +231,29 @@ TEST_F(StoreCrash, KillsDuringRestoreSendingAndShutdownLoseNothingThatWasOnDisk)
       << "sent twice beyond what was in flight";
 }
 
-// Events tracked before the triple was known (the sync server unreachable at the first launch) are
-// kept at exit as templates. A later start killed while it holds them (still templates, or
-// already records waiting on disk, in tracking order) loses none of them, and the start after that
-// delivers each exactly once.
-TEST_F(StoreCrash, TemplatesKeptByAnEarlierRunSurviveAKillBeforeAndAfterBecomingRecords) {
-  for (const std::string mode : {"unknown-triple", "offline"}) {
+// What an earlier run left, whatever stands in the way at the next start, is delivered once:
+// events tracked before the triple was known (the sync server unreachable at the first launch)
+// kept at exit as templates, with a later start killed while it holds them (still templates, or
+// already records waiting on disk, in tracking order); or a backlog on disk while the last run
+// still shuts down (the store is held; the backlog goes out once the lock is let go, with no
+// flush) or a FIFO stands where the lock belongs (the store's own test has every kind of thing in
+// every place), which an error line names.
+TEST_F(StoreCrash, WhatAnEarlierRunLeftIsDeliveredOnceWhateverStandsInTheWay) {
+  for (const std::string mode : {"unknown-triple", "offline", "held", "fifo"}) {
     SCOPED_TRACE(mode);
-    const std::string prefix = mode + "-kept-";
-    const fs::path appDir = dir.path() / mode;
-    fs::create_directories(appDir);
-
-    startHere(appDir, server, "https://127.0.0.1:9");  // nothing answers there
+    const std::string prefix = mode + "-";
+    const bool templates = mode == "unknown-triple" || mode == "offline";
+    const fs::path appDir = seededAppDirectory(dir, templates ? 0 : 300, prefix);
     std::vector<std::string> tracked;
-    for (int i = 0; i < 20; ++i) {
-      tracked.push_back(prefix + std::to_string(i));
-      ZelvanorTracker::set(ZAction("event", tracked.back(), "tap")).track(false, false);
+    for (int i = 0; i < (templates ? 20 : 300); ++i) tracked.push_back(prefix + std::to_string(i));
+    if (templates) {
+      startHere(appDir, server, "https://127.0.0.1:9");  // nothing answers there
+      for (const auto& name : tracked)
+        ZelvanorTracker::set(ZAction("event", name, "tap")).track(false, false);
+      ZelvanorTracker::shutdown();
+      ASSERT_TRUE(fs::exists(appDir / "ZTemplates.tmp"));
     }
-    ZelvanorTracker::shutdown();
-    ASSERT_TRUE(fs::exists(appDir / "ZTemplates.tmp"));
-
-    testing::ChildHost child = storeChild(appDir, server, mode.c_str());
-    ASSERT_TRUE(child.said("started")) << "the host did not start";
-    // Killed while it holds them as templates (it takes them right after its start), or once
-    // the records built from them wait on disk, where they stay in tracking order.
-    std::this_thread::sleep_for(std::chrono::seconds(1));
-    for (int i = 0; i < 200 && mode == "offline" && waitingNamed(appDir, prefix) != tracked; ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_TRUE(child.kill());
-    if (mode == "offline") {
-      EXPECT_EQ(waitingNamed(appDir, prefix), tracked);
-    }
-
-    startHere(appDir, server, server.baseUrl());
-    const auto sent = delivered(server, prefix, tracked.size());
-    ZelvanorTracker::shutdown();
-    EXPECT_EQ(sent, std::multiset<std::string>(tracked.begin(), tracked.end()));
-  }
-}
-
-// What can stand in the way at a start: the last run still shutting down (the store is held, and
-// its backlog goes out once the lock is let go), or a FIFO where the lock belongs (the store's own
-// test has every kind of thing in every place, and junk behind the records). Every seed is
-// delivered in this run, and a lasting obstacle is named in an error line.
-TEST_F(StoreCrash, WhatStandsInTheWayAtAStartHoldsNoRecordBack) {
-  for (const bool held : {true, false}) {
-    SCOPED_TRACE(held ? "the last run holds the store" : "a FIFO at the lock");
-    constexpr int kBacklog = 300;
-    const std::string prefix = std::string(held ? "held" : "fifo") + "-seed-";
-    const fs::path appDir = seededAppDirectory(dir, kBacklog, prefix);
-    auto lastRun = testing::lockHeldByChild(appDir / (held ? "ZLogs.lock" : "unused.lock"));
-    ASSERT_TRUE(lastRun.said("held"));
-    if (!held) {
+    if (mode == "fifo") {
       ASSERT_EQ(::mkfifo((appDir / "ZLogs.lock").c_str(), 0600), 0);
     }
     std::mutex linesLock;
@@ -307,18 +262,28 @@ TEST_F(StoreCrash, WhatStandsInTheWayAtAStartHoldsNoRecordBack) {
       std::lock_guard lock(linesLock);
       said.append(line).append("\n");
     });
-    startHere(appDir, server, server.baseUrl());
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    lastRun.kill();
-    // No flush: the backlog goes out by itself, also when the store is taken over later.
-    const auto sent = delivered(server, prefix, kBacklog, /*flushing=*/false);
+    testing::ChildHost other =
+        templates ? storeChild(appDir, server, mode.c_str())
+                  : testing::lockHeldByChild(appDir / (mode == "held" ? "ZLogs.lock" : "unused"));
+    ASSERT_TRUE(other.said(templates ? "started" : "held"));
+    if (!templates) startHere(appDir, server, server.baseUrl());
+    // The host takes the templates right after its start; killed while it holds them, or once
+    // the records built from them wait on disk.
+    std::this_thread::sleep_for(std::chrono::milliseconds(templates ? 1000 : 300));
+    for (int i = 0; i < 200 && mode == "offline" && waitingNamed(appDir, prefix) != tracked; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_TRUE(other.kill());
+    if (mode == "offline") {
+      EXPECT_EQ(waitingNamed(appDir, prefix), tracked);
+    }
+    if (templates) startHere(appDir, server, server.baseUrl());
+    const auto sent = delivered(server, prefix, tracked.size(), /*flushing=*/templates);
     ZelvanorTracker::shutdown();
     ZelvanorTracker::setDiagnostics(ZLogLevel::error, {});
-    EXPECT_EQ(std::set<std::string>(sent.begin(), sent.end()).size(),
-              static_cast<std::size_t>(kBacklog));
-    EXPECT_TRUE(testing::pendingRecords(appDir).empty());
+    EXPECT_EQ(sent, std::multiset<std::string>(tracked.begin(), tracked.end()));
+    EXPECT_TRUE(testing::pendingPayloads(appDir).empty());
     std::lock_guard lock(linesLock);
-    EXPECT_TRUE(held || said.find("ZLogs.lock is a FIFO") != std::string::npos) << said;
+    EXPECT_TRUE(mode != "fifo" || said.find("ZLogs.lock is a FIFO") != std::string::npos) << said;
   }
 }
 
@@ -342,7 +307,7 @@ struct SmallDisk {
 // A disk too small for the records, and one that is read-only (for root only a read-only mount
 // refuses a write; otherwise the directory's mode bits do): only what was really written counts
 // as kept, nothing is dropped, and once there is room every record is written, in order.
-TEST(FullDisk, RecordsTheDiskRefusesWaitInMemoryAndAreWrittenWhenThereIsRoom) {
+TEST(FullDisk, RecordsTheDiskRefusesWaitInMemoryAndAnsweredOnesAreNotSentAgain) {
   const bool root = ::geteuid() == 0;
   for (const bool readOnly : {false, true}) {
     SCOPED_TRACE(readOnly ? "read-only" : "full");
@@ -358,6 +323,23 @@ TEST(FullDisk, RecordsTheDiskRefusesWaitInMemoryAndAreWrittenWhenThereIsRoom) {
     };
     if (readOnly) {
       ASSERT_TRUE(setReadOnly(true));
+    } else {
+      // A disk that fills up while the store sends: the answers are still recorded, so a later
+      // start sends again none of the records that were answered, after a kill or after all were.
+      std::vector<std::string> answered;
+      for (int i = 0; i < 40; ++i) answered.push_back(testing::namedRecord(std::to_string(i), 10));
+      ASSERT_TRUE(platform::appendPrivate(dir.path() / "ZLogs.tmp", testing::framed(answered)));
+      for (const auto& [waiting, answer] : {std::pair{40, 15}, {25, 25}, {0, 0}}) {
+        detail::PendingStore store(dir.path(), {});
+        EXPECT_EQ(store.open(), static_cast<std::uint64_t>(waiting));
+        if (waiting == 40) testing::writeFile(dir.path() / "filler", std::string(64 << 10, 'f'));
+        for (int i = 0; i < answer; ++i) {
+          auto read = store.next();
+          ASSERT_TRUE(read);
+          store.answered(read->ref);
+        }
+      }  // killed: let go without any goodbye
+      fs::remove(dir.path() / "filler");
     }
     auto http = std::make_shared<network::HttpClient>(network::HttpClient::Options{});
     auto delivery = std::make_shared<detail::HttpsDelivery>(
@@ -389,34 +371,6 @@ TEST(FullDisk, RecordsTheDiskRefusesWaitInMemoryAndAreWrittenWhenThereIsRoom) {
     delivery->shutdown({}, {});
     http->shutdown();
   }
-}
-
-// A disk that fills up while the store sends: the answers are still recorded, so a later start
-// sends again none of the records that were answered, after a kill or after all were.
-TEST(FullDisk, AnsweredRecordsAreNotSentAgainAtALaterStart) {
-  if (::geteuid() != 0) GTEST_SKIP() << "mounting a small tmpfs needs root";
-  testing::TempDir dir;
-  SmallDisk disk(dir.path());
-  if (!disk.mounted) GTEST_SKIP() << "tmpfs could not be mounted here";
-  std::vector<std::string> records;
-  for (int i = 0; i < 40; ++i) records.push_back(testing::namedRecord(std::to_string(i), 10));
-  ASSERT_TRUE(platform::appendPrivate(dir.path() / "ZLogs.tmp", testing::framed(records)));
-  auto sendAndAnswer = [&](std::uint64_t waiting, int answer) {
-    detail::PendingStore store(dir.path(), {});
-    EXPECT_EQ(store.open(), waiting);
-    if (waiting == 40) {
-      // Full from here on.
-      testing::writeFile(dir.path() / "filler", std::string(64 << 10, 'f'));
-    }
-    for (int i = 0; i < answer; ++i) {
-      auto read = store.next();
-      ASSERT_TRUE(read);
-      store.answered(read->ref);
-    }
-  };  // killed: let go without any goodbye
-  sendAndAnswer(40, 15);
-  sendAndAnswer(25, 25);
-  sendAndAnswer(0, 0);
 }
 
 }  // namespace

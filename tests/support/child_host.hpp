@@ -91,10 +91,8 @@ class ChildHost {
 inline ChildHost lockHeldByChild(const std::filesystem::path& file) {
   return ChildHost([path = file.string()] {
     const int fd = ::open(path.c_str(), O_RDWR | O_CREAT, 0600);
-    struct flock whole {};
-    whole.l_type = F_WRLCK;
-    whole.l_whence = SEEK_SET;
-    if (fd < 0 || ::fcntl(fd, F_SETLK, &whole) != 0) return;
+    // lockf is an fcntl record lock from the offset (0) to the end and beyond: the whole file.
+    if (fd < 0 || ::lockf(fd, F_TLOCK, 0) != 0) return;
     (void)!::write(STDOUT_FILENO, "held\n", 5);
     ::sleep(30);
   });

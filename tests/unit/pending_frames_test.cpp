@@ -40,9 +40,21 @@ std::vector<Piece> scanAll(std::string_view bytes) {
   return pieces;
 }
 
+std::vector<Piece> readFile(const fs::path& file, std::uint64_t offset = 0) {
+  PendingFileReader reader;
+  std::vector<Piece> pieces;
+  if (!reader.open(file, offset)) return pieces;
+  for (std::size_t i = 0; i < 1000000; ++i) {
+    auto piece = reader.next();
+    if (!piece) break;
+    pieces.push_back(own(*piece));
+  }
+  return pieces;
+}
+
 // Every piece, exactly: whole frames, a torn end (a kill, or the zero-filled tail a filesystem
 // may leave after a power cut) and a damaged length in the middle, read past to the next frame.
-TEST(ScanFrames, WholeFramesTornEndsAndDamagedLengthsReadPast) {
+TEST(PendingFrames, WholeTornAndDamagedPiecesAtOnceOrThroughAFileOfAnySize) {
   const std::string a = namedRecord("a"), b = namedRecord("bb"), whole = framed({a, b});
   // The layout files of earlier runs and other tools share: length in native order, then bytes.
   EXPECT_EQ(whole, rawLength(static_cast<std::int64_t>(a.size())) + a +
@@ -74,22 +86,8 @@ TEST(ScanFrames, WholeFramesTornEndsAndDamagedLengthsReadPast) {
     SCOPED_TRACE(::testing::Message() << "case " << i);
     EXPECT_EQ(scanAll(cases[i].content), cases[i].pieces);
   }
-}
 
-std::vector<Piece> readFile(const fs::path& file, std::uint64_t offset = 0) {
-  PendingFileReader reader;
-  std::vector<Piece> pieces;
-  if (!reader.open(file, offset)) return pieces;
-  for (std::size_t i = 0; i < 1000000; ++i) {
-    auto piece = reader.next();
-    if (!piece) break;
-    pieces.push_back(own(*piece));
-  }
-  return pieces;
-}
-
-// The file a window at a time gives the same pieces as the content at once.
-TEST(PendingFileReader, ReadsFilesLargerThanItsWindowAndOnlyRegularFiles) {
+  // The file a window at a time gives the same pieces as the content at once.
   testing::TempDir dir;
   const fs::path file = dir.path() / "ZLogs.tmp";
   // First a false start spanning the reader's 256 KiB window: it starts before the window's end
@@ -109,16 +107,16 @@ TEST(PendingFileReader, ReadsFilesLargerThanItsWindowAndOnlyRegularFiles) {
   }
   content += rawLength(4000) + "{\"torn\":";
   writeFile(file, content);
-  const auto whole = scanAll(content);
+  const auto pieces = scanAll(content);
   const auto read = readFile(file);
-  EXPECT_EQ(read, whole);
+  EXPECT_EQ(read, pieces);
   EXPECT_EQ(std::count_if(read.begin(), read.end(),
                           [](auto& p) { return std::get<Kind>(p) == Kind::frame; }),
             702);
 
   // From a frame's start, as after a cursor: the same pieces from there on.
-  EXPECT_EQ(readFile(file, std::get<1>(whole[400])),
-            std::vector<Piece>(whole.begin() + 400, whole.end()));
+  EXPECT_EQ(readFile(file, std::get<1>(pieces[400])),
+            std::vector<Piece>(pieces.begin() + 400, pieces.end()));
 #ifndef _WIN32
   // What is no regular file is refused, and not waited on: a FIFO would block an ordinary open.
   ASSERT_EQ(::mkfifo((dir.path() / "fifo").c_str(), 0600), 0);

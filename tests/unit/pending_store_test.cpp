@@ -3,7 +3,6 @@
 // file of ours is ever read or waited on.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <sstream>
@@ -142,22 +141,6 @@ TEST_F(StoreTest, RecordsLeaveTheDiskOnlyOnceAnsweredAndTheRestWaitsInOrder) {
   // layer's own test (appends go through it).
 }
 
-TEST_F(StoreTest, TheDiskStaysWithinItsLimitByDroppingTheOldest) {
-  const ZStoreLimits limits{.maxBytesOnDisk = 16u << 10};
-  PendingStore store(dir.path(), limits);
-  store.open();
-  for (int i = 0; i < 2000; i += 50) {
-    ASSERT_EQ(store.keep(records(numbered(i, i + 50))).written, 50u);
-    EXPECT_LE(store.bytesOnDisk(), limits.maxBytesOnDisk);
-    EXPECT_LE(filesOnDisk(dir.path()), limits.maxBytesOnDisk) << "the files themselves too";
-  }
-  const auto kept = onDisk();
-  ASSERT_FALSE(kept.empty());
-  const int first = std::stoi(kept.front());
-  EXPECT_EQ(kept, numbered(first, 2000)) << "the newest, in order, no gaps";
-  EXPECT_EQ(store.counts().droppedForSpace, static_cast<std::uint64_t>(first));
-}
-
 // Plants `thing` (a word of tests/data/pending/foreign_files.txt) where one of the store's
 // files belongs.
 void plant(const fs::path& at, const std::string& thing, const std::string& good) {
@@ -209,8 +192,9 @@ TEST_F(StoreTest, DamagedOrForeignFilesNeverHoldUpOrPushOutTheGoodRecords) {
 }
 
 // A start takes "ZLogs.tmp" over while another writer of the app keeps appending to it: across
-// starts, every record is sent exactly once and in the order appended.
-TEST_F(StoreTest, StartsRacingWithAppendsLoseNoneAndDuplicateNone) {
+// starts, every record is sent exactly once and in the order appended. And where the disk limit
+// is reached, the oldest are dropped.
+TEST_F(StoreTest, StartsRacingWithAppendsLoseNoneAndTheDiskLimitDropsTheOldest) {
   constexpr int kRecords = 2000;
   std::atomic<bool> appending{true};
   std::thread appender([&] {
@@ -230,49 +214,21 @@ TEST_F(StoreTest, StartsRacingWithAppendsLoseNoneAndDuplicateNone) {
   start();
   EXPECT_EQ(sent, numbered(0, kRecords));
   EXPECT_TRUE(onDisk().empty());
-}
 
-// Templates are kept newest first within the limit. Taken at a start, they stay in their file
-// until their records are on disk: a kill before then finds them again, one after only as records.
-TEST_F(StoreTest, OnlyTheOwnerTakesTemplatesAndTakenOnesStayOnDiskUntilForgotten) {
-  const fs::path file = dir.path() / "ZTemplates.tmp";
-  {
-    PendingStore earlier(dir.path(), ZStoreLimits{.maxTemplatesKept = 2});
-    earlier.open();
-    ASSERT_TRUE(earlier.writeTemplates({"{\"a\":0}", "{\"a\":1}", "{\"a\":2}"}));
-  }
-  {
-    // Another process of the app holds the store: this one restores nothing, takes no template,
-    // and keeps its own records and templates behind, for a later start.
-    auto owner = testing::lockHeldByChild(dir.path() / "ZLogs.lock");
-    ASSERT_TRUE(owner.said("held"));
-    PendingStore other(dir.path(), {});
-    EXPECT_EQ(other.open(), 0u);
-    EXPECT_TRUE(other.takeTemplates().empty());
-    EXPECT_EQ(other.keep({namedRecord("from-the-other")}).written, 1u);
-    EXPECT_TRUE(other.writeTemplates({"{\"b\":1}"}));
-  }
-  PendingStore store(dir.path(), {});
+  // The disk stays within its limit by dropping the oldest.
+  const ZStoreLimits limits{.maxBytesOnDisk = 16u << 10};
+  PendingStore store(dir.path(), limits);
   store.open();
-  EXPECT_EQ(onDisk(), Names{"from-the-other"});
-  EXPECT_EQ(store.takeTemplates(), (Names{"{\"a\":1}", "{\"a\":2}", "{\"b\":1}"}));
-  EXPECT_TRUE(store.takeTemplates().empty()) << "taken once";
-  EXPECT_TRUE(fs::exists(file)) << "taking them leaves the file";
-  {
-    PendingStore afterAKill(dir.path(), {});
-    store.close();
-    afterAKill.open();
-    EXPECT_EQ(afterAKill.takeTemplates().size(), 3u);
+  for (int i = 0; i < 2000; i += 50) {
+    ASSERT_EQ(store.keep(records(numbered(i, i + 50))).written, 50u);
+    EXPECT_LE(store.bytesOnDisk(), limits.maxBytesOnDisk);
+    EXPECT_LE(filesOnDisk(dir.path()), limits.maxBytesOnDisk) << "the files themselves too";
   }
-  store.open();
-  store.forgetTakenTemplates();
-  EXPECT_FALSE(fs::exists(file));
-  // A shutdown keeps what is still waiting, including taken ones not yet resolved.
-  ASSERT_TRUE(store.writeTemplates({"{\"c\":1}"}));
-  store.close();
-  PendingStore later(dir.path(), {});
-  later.open();
-  EXPECT_EQ(later.takeTemplates(), Names{"{\"c\":1}"});
+  const auto kept = onDisk();
+  ASSERT_FALSE(kept.empty());
+  const int first = std::stoi(kept.front());
+  EXPECT_EQ(kept, numbered(first, 2000)) << "the newest, in order, no gaps";
+  EXPECT_EQ(store.counts().droppedForSpace, static_cast<std::uint64_t>(first));
 }
 
 // Damaged frames never hold up the records around them: payloads this build cannot read (a later
@@ -334,13 +290,21 @@ TEST_F(StoreTest, DamagedFramesAreMovedAsideOrReadPastInStretchesWithinTheQuaran
 // the pending file takes it over once that process lets go. Until then its records wait in the
 // shared file, which the owner moves aside at each of its starts: what counts against the
 // allowance is that file's size, not all this process ever appended; and when the file really is
-// full the newest are not dropped (the caller keeps them in memory).
-TEST_F(StoreTest, AStartThatFindsTheStoreOrThePendingFileHeldSharesItThenTakesItOver) {
+// full the newest are not dropped (the caller keeps them in memory). Templates the last run kept
+// are taken only once the store is owned, those of this process waiting behind them.
+TEST_F(StoreTest,
+       AStartThatFindsTheStoreOrThePendingFileHeldSharesItThenTakesItOverWithTheTemplates) {
   const ZStoreLimits limits{.maxBytesOnDisk = 16u << 10};
   for (const std::string held : {"ZLogs.lock", "ZLogs.tmp"}) {
     SCOPED_TRACE(held);
     testing::TempDir here;
     const fs::path d = here.path();
+    {
+      // The last run kept templates, newest first within the limit.
+      PendingStore earlier(d, ZStoreLimits{.maxTemplatesKept = 2});
+      earlier.open();
+      ASSERT_TRUE(earlier.writeTemplates({"{\"a\":0}", "{\"a\":1}", "{\"a\":2}"}));
+    }
     writeFile(d / "ZLogs.tmp", framed(records({"r1", "r2"})));
     auto other = testing::lockHeldByChild(d / held);
     ASSERT_TRUE(other.said("held"));
@@ -349,6 +313,9 @@ TEST_F(StoreTest, AStartThatFindsTheStoreOrThePendingFileHeldSharesItThenTakesIt
     EXPECT_TRUE(store.openUnfinished());
     Names expected{"r1", "r2"};
     if (held == "ZLogs.lock") {
+      // Only the owner takes templates; those of another process wait behind the kept ones.
+      EXPECT_TRUE(store.takeTemplates().empty());
+      EXPECT_TRUE(store.writeTemplates({"{\"b\":1}"}));
       for (int round = 1; round <= 8; ++round) {
         EXPECT_EQ(store.keep(records(numbered(round * 40, round * 40 + 40))).written, 40u);
         // What the owner does at its start (and later sends what it moved aside).
@@ -369,6 +336,27 @@ TEST_F(StoreTest, AStartThatFindsTheStoreOrThePendingFileHeldSharesItThenTakesIt
     EXPECT_FALSE(store.openUnfinished());
     EXPECT_EQ(sendAll(store), expected);
     EXPECT_TRUE(testing::pendingPayloads(d).empty());
+    if (held != "ZLogs.lock") continue;
+    // Taken once the store is owned, templates stay in their file until their records are on
+    // disk: a kill before then finds them again, one after only as records.
+    EXPECT_EQ(store.takeTemplates(), (Names{"{\"a\":1}", "{\"a\":2}", "{\"b\":1}"}));
+    EXPECT_TRUE(store.takeTemplates().empty()) << "taken once";
+    EXPECT_TRUE(fs::exists(d / "ZTemplates.tmp")) << "taking them leaves the file";
+    {
+      PendingStore afterAKill(d, {});
+      store.close();
+      afterAKill.open();
+      EXPECT_EQ(afterAKill.takeTemplates().size(), 3u);
+    }
+    store.open();
+    store.forgetTakenTemplates();
+    EXPECT_FALSE(fs::exists(d / "ZTemplates.tmp"));
+    // A shutdown keeps what is still waiting, including taken ones not yet resolved.
+    ASSERT_TRUE(store.writeTemplates({"{\"c\":1}"}));
+    store.close();
+    PendingStore later(d, {});
+    later.open();
+    EXPECT_EQ(later.takeTemplates(), Names{"{\"c\":1}"});
   }
 }
 
