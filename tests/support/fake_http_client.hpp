@@ -84,9 +84,6 @@ class FakeHttpClient final : public ZHttpClient {
     done(std::move(result));
     return true;
   }
-  bool answer(int status, std::string body, ZHttpHeaders headers = {}) {
-    return answer(ZHttpResponse{status, std::move(headers), std::move(body)});
-  }
 
   std::vector<ZHttpRequest> sent() const {
     std::lock_guard lock(mutex_);
