@@ -126,6 +126,7 @@ TEST_F(DeliveryTest, OnlyTheExactBodyOkDeliversAndEveryOtherAnswerHasItsOutcome)
     Rig rig(rowDir.path(), {.first = 1h, .jitter = 0});
     rig.send({row[0]});
     ASSERT_TRUE(rig.fake->waitForWaiting(1));
+    // What is sent again (a held one only, once the server's wait is over) is answered ok.
     rig.fake->setResponder([](const ZHttpRequest&) { return ZHttpResponse{200, {}, "ok"}; });
     rig.fake->answer(result);
     ASSERT_TRUE(rig.delivery->waitUntilSettled(5s));
