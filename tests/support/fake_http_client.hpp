@@ -28,6 +28,7 @@ inline std::pair<std::string, std::string> header(std::string_view line) {
 class FakeHttpClient final : public ZHttpClient {
  public:
   using Responder = std::function<std::optional<ZHttpResult>(const ZHttpRequest&)>;
+  using Done = std::function<void(ZHttpResult)>;
 
   /// Answers each request as it is sent (from within send, as a client may); a responder that
   /// returns nothing leaves that request waiting for the test.
@@ -36,19 +37,18 @@ class FakeHttpClient final : public ZHttpClient {
     responder_ = std::move(responder);
   }
 
-  void send(ZHttpRequest request, std::function<void(ZHttpResult)> done) override {
+  void send(ZHttpRequest request, Done done) override {
     Responder responder;
     {
       std::lock_guard lock(mutex_);
       sent_.push_back(request);
       responder = responder_;
     }
-    std::optional<ZHttpResult> answer = responder ? responder(request) : std::nullopt;
-    if (answer) {
+    if (auto answer = responder ? responder(request) : std::nullopt) {
       done(std::move(*answer));
     } else {
       std::lock_guard lock(mutex_);
-      waiting_.push_back({std::move(request), std::move(done)});
+      waiting_.push_back(std::move(done));
     }
     changed_.notify_all();
   }
@@ -73,40 +73,29 @@ class FakeHttpClient final : public ZHttpClient {
   /// Answers the request `n` places behind the oldest waiting one, as a server answering out of
   /// order would; false when there is none.
   bool answerNth(std::size_t n, ZHttpResult result) {
-    Waiting next;
+    Done done;
     {
       std::lock_guard lock(mutex_);
       if (waiting_.size() <= n) return false;
       const auto at = waiting_.begin() + static_cast<std::ptrdiff_t>(n);
-      next = std::move(*at);
+      done = std::move(*at);
       waiting_.erase(at);
     }
-    next.done(std::move(result));
+    done(std::move(result));
     return true;
-  }
-  bool answer(int status, std::string body, ZHttpHeaders headers = {}) {
-    return answer(ZHttpResponse{status, std::move(headers), std::move(body)});
   }
 
   std::vector<ZHttpRequest> sent() const {
     std::lock_guard lock(mutex_);
     return sent_;
   }
-  std::size_t waiting() const {
-    std::lock_guard lock(mutex_);
-    return waiting_.size();
-  }
 
  private:
-  struct Waiting {
-    ZHttpRequest request;
-    std::function<void(ZHttpResult)> done;
-  };
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   Responder responder_;
   std::vector<ZHttpRequest> sent_;
-  std::deque<Waiting> waiting_;
+  std::deque<Done> waiting_;  ///< the answers still owed, oldest first
 };
 
 }  // namespace zelvanor::testing

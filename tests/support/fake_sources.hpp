@@ -7,6 +7,7 @@
 #include <deque>
 #include <limits>
 #include <mutex>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -26,13 +27,12 @@ class RecordingTransport final : public detail::RecordTransport {
   // Restored records come back as the real transport counts them: waiting on disk, read back
   // when the queue sends them. Spilled ones wait behind them.
   void restore(std::function<void(std::uint64_t)> restored) override {
-    restored([this] {  // counted under the lock, reported outside it
-      std::lock_guard lock(mutex_);
-      ++restoreCalls_;
-      for (auto& record : std::exchange(pending_, {}))
-        onDisk_.push_back(encodeJson(record).value());
-      return onDisk_.size();
-    }());
+    std::unique_lock lock(mutex_);
+    ++restoreCalls_;
+    for (auto& record : std::exchange(pending_, {})) onDisk_.push_back(encodeJson(record).value());
+    const auto count = onDisk_.size();
+    lock.unlock();  // counted under the lock, reported outside it
+    restored(count);
   }
   std::uint64_t room() const override { return std::numeric_limits<std::uint64_t>::max(); }
   void setListener(std::function<void(std::uint64_t)>) override {}
@@ -106,10 +106,14 @@ class RecordingTransport final : public detail::RecordTransport {
 
 class ManualIdentity final : public detail::IdentitySource {
  public:
+  ManualIdentity() = default;
+  /// Knows the triple from the start, as a device holding the identity cookies does.
+  explicit ManualIdentity(ZXid known) : known_(std::move(known)) {}
   void retry() override { ++retries_; }
   int retries() const { return retries_.load(); }
   support::Cancellable fetchXid(std::function<void(const ZXid&)> onTriple) override {
     ++fetches_;
+    if (known_) onTriple(*known_);
     return subject_.subscribe(std::move(onTriple));
   }
   void deliver(const ZXid& xid) { subject_.send(xid); }
@@ -118,16 +122,8 @@ class ManualIdentity final : public detail::IdentitySource {
  private:
   std::atomic<int> fetches_{0};
   std::atomic<int> retries_{0};
+  std::optional<ZXid> known_;
   support::PassthroughSubject<ZXid> subject_;
-};
-
-/// Knows the triple from the start, as a device holding the identity cookies does.
-class ImmediateIdentity final : public detail::IdentitySource {
- public:
-  support::Cancellable fetchXid(std::function<void(const ZXid&)> onTriple) override {
-    onTriple(ZXid{"c", "d", "s"});
-    return {};
-  }
 };
 
 class ManualNetwork final : public detail::NetworkMonitor {

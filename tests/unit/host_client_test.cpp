@@ -225,7 +225,7 @@ TEST_F(HostClientTest, ASecondIdentityRequestWaitsForTheFirstAndItsCookies) {
   start(client);
   ASSERT_TRUE(client->waitForWaiting(1));
   EXPECT_EQ(client->sent().size(), 1u) << "one identity request at a time";
-  client->answer(200, kSyncAnswer, kSyncCookies);
+  client->answer(ZHttpResponse{200, kSyncCookies, kSyncAnswer});
   EXPECT_TRUE(ZelvanorTracker::waitUntilReady(10s));
   ZelvanorTracker::shutdown();
   const auto sent = client->sent();

@@ -108,7 +108,7 @@ TEST_F(TrackerTest, AStartDuringAnotherThreadsShutdownLosesNoRecord) {
   // One thread shuts down while another's call starts the next instance, which reads the file.
   ASSERT_TRUE(ZelvanorTracker::setEndpoints(
       ZEndpoints{"https://127.0.0.1:1", "https://127.0.0.1:1", "https://127.0.0.1:1", {}}));
-  deliverToThePendingFile(std::make_shared<testing::ImmediateIdentity>());
+  deliverToThePendingFile(std::make_shared<testing::ManualIdentity>(ZXid{"c", "d", "s"}));
   constexpr int kRounds = 4;
   constexpr int kPerRound = 400;
   for (int round = 0; round < kRounds; ++round) {
