@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """loopback_https_server.py COMMAND...: runs COMMAND beside an HTTPS server on loopback whose
-certificate a throwaway CA issued for this run, and exits with its status. It finds the server
-through its environment (see main). Python's own server, so that a client built for another
-system (the Windows build under Wine) can be tested against it too."""
+certificate a throwaway CA (trustme's) issued for this run, and exits with its status. It finds
+the server through its environment (see main). Python's own server, so that a client built for
+another system (the Windows build under Wine) can be tested against it too."""
 import http.server
 import os
 import socket
@@ -13,27 +13,20 @@ import tempfile
 import threading
 import time
 
+import trustme
 
-def openssl(*args, cwd):
-    subprocess.run(["openssl", *args], cwd=cwd, check=True, stdout=subprocess.DEVNULL,
-                   stderr=subprocess.DEVNULL)
-
-
-def make_certificates(directory):
-    """ca.pem, and server.pem with server.key for localhost, in `directory`."""
-    os.makedirs(directory)
-    openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", "ca.key", "-out",
-            "ca.pem", "-days", "2", "-subj", "/CN=Loopback test CA",
-            "-addext", "basicConstraints=critical,CA:TRUE",
-            "-addext", "keyUsage=critical,keyCertSign,cRLSign", cwd=directory)
-    openssl("req", "-newkey", "rsa:2048", "-nodes", "-keyout", "server.key", "-out",
-            "server.csr", "-subj", "/CN=localhost", cwd=directory)
-    with open(os.path.join(directory, "server.ext"), "w") as ext:
-        ext.write("subjectAltName=DNS:localhost\nextendedKeyUsage=serverAuth\n"
-                  "basicConstraints=CA:FALSE\n")
-    openssl("x509", "-req", "-in", "server.csr", "-CA", "ca.pem", "-CAkey", "ca.key",
-            "-CAcreateserial", "-days", "2", "-extfile", "server.ext", "-out", "server.pem",
-            cwd=directory)
+# What each path answers: status, body and headers ({port} is the server's own).
+ROUTES = {
+    "/ok": (200, b"ok", []),
+    # Not to be followed; it asks to wait, and sets dated, path-scoped and session cookies.
+    "/redirect": (302, b"moved", [
+        ("Location", "https://localhost:{port}/ok"), ("Retry-After", "7"),
+        ("Set-Cookie", "fa_cid=c1; Path=/; Max-Age=3600; Secure"),
+        ("Set-Cookie", "fa_did=d1; Path=/; Max-Age=3600"),
+        ("Set-Cookie", "scoped=s; Path=/only; Max-Age=3600"),
+        ("Set-Cookie", "session=x; Path=/")]),
+    "/big": (200, b"x" * (2 << 20), []),
+}
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
@@ -46,7 +39,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def answer(self, status, body, headers=()):
         self.send_response(status)
         for name, value in headers:
-            self.send_header(name, value)
+            self.send_header(name, value.format(port=self.server.server_address[1]))
         self.send_header("Content-Length", str(len(body)))
         self.end_headers()
         self.wfile.write(body)
@@ -56,25 +49,13 @@ class Handler(http.server.BaseHTTPRequestHandler):
             seen = "".join(f"{name}: {self.headers[name]}\n"
                            for name in ("Content-Type", "Expect", "Cookie") if name in self.headers)
             self.answer(200, f"{self.command} {self.path}\n{seen}".encode() + body)
-        elif self.path == "/ok":
-            self.answer(200, b"ok")
-        elif self.path == "/redirect":
-            port = self.server.server_address[1]
-            self.answer(302, b"moved", [
-                ("Location", f"https://localhost:{port}/ok"), ("Retry-After", "7"),
-                ("Set-Cookie", "fa_cid=c1; Path=/; Max-Age=3600; Secure"),
-                ("Set-Cookie", "fa_did=d1; Path=/; Max-Age=3600"),
-                ("Set-Cookie", "scoped=s; Path=/only; Max-Age=3600"),
-                ("Set-Cookie", "session=x; Path=/")])
         elif self.path == "/posted":
             self.answer(200, str(Handler.posted).encode())
-        elif self.path == "/big":
-            self.answer(200, b"x" * (2 << 20))
         elif self.path == "/hang":
             time.sleep(10)  # longer than any test waits for a timeout or a cancellation
             self.answer(200, b"late")
         else:
-            self.answer(404, b"")
+            self.answer(*ROUTES.get(self.path, (404, b"", [])))
 
     def do_POST(self):
         body = self.rfile.read(int(self.headers.get("Content-Length", "0")))
@@ -89,12 +70,11 @@ class Server(http.server.ThreadingHTTPServer):
         pass  # clients that give up on a certificate or a cancelled request end abruptly
 
 
-def serve(directory):
-    make_certificates(directory)
+def serve(ca):
+    """A server on a port of its own whose certificate for localhost `ca` issued."""
     server = Server(("127.0.0.1", 0), Handler)
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-    context.load_cert_chain(os.path.join(directory, "server.pem"),
-                            os.path.join(directory, "server.key"))
+    ca.issue_cert("localhost").configure_cert(context)
     server.socket = context.wrap_socket(server.socket, server_side=True)
     threading.Thread(target=server.serve_forever, daemon=True).start()
     return server
@@ -102,21 +82,21 @@ def serve(directory):
 
 def main():
     with tempfile.TemporaryDirectory() as directory:
-        server = serve(os.path.join(directory, "trusted"))
+        ca = trustme.CA()
+        ca.cert_pem.write_to_path(os.path.join(directory, "ca.pem"))
+        server = serve(ca)
         # The same server with a certificate from another CA, on a port of its own (Wine pools
         # connections across sessions by host and port).
-        stranger = serve(os.path.join(directory, "stranger"))
+        stranger = serve(trustme.CA())
         with socket.socket() as probe:  # bound, then closed: nothing listens there
             probe.bind(("127.0.0.1", 0))
             refused = probe.getsockname()[1]
         environment = dict(os.environ, ZELVANOR_TEST_HTTPS_PORT=str(server.server_address[1]),
-                           ZELVANOR_TEST_CA_FILE=os.path.join(directory, "trusted", "ca.pem"),
+                           ZELVANOR_TEST_CA_FILE=os.path.join(directory, "ca.pem"),
                            ZELVANOR_TEST_STRANGER_PORT=str(stranger.server_address[1]),
                            ZELVANOR_TEST_REFUSED_PORT=str(refused))
-        status = subprocess.run(sys.argv[1:], env=environment, timeout=300).returncode
-        server.shutdown()
-        stranger.shutdown()
-        return status
+        # The servers' threads end with this process.
+        return subprocess.run(sys.argv[1:], env=environment, timeout=300).returncode
 
 
 if __name__ == "__main__":

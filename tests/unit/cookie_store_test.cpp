@@ -25,7 +25,7 @@ std::optional<std::int64_t> expected(const std::string& field, std::int64_t cap 
   return field == "cap" ? cap : std::stoll(field);
 }
 
-TEST(HttpDate, ReadsEachFormLenientlyAndRejectsWhatNamesNoMoment) {
+TEST(HttpDate, ReadsEachFormLenientlyAndRetryAfterIsSecondsOrTheTimeUntilADate) {
   for (const auto& row : testing::dataTable("http/dates.tsv")) {
     EXPECT_EQ(parseHttpDateSeconds(row.at(0)), expected(row.at(1))) << row[0];
   }
@@ -34,9 +34,7 @@ TEST(HttpDate, ReadsEachFormLenientlyAndRejectsWhatNamesNoMoment) {
   ASSERT_TRUE(latest);
   EXPECT_GT(*latest, *parseHttpDate("1 Jan 2200 00:00:00"));
   EXPECT_EQ(parseHttpDate("Sun, 06 Nov 1994 08:49:37 GMT"), Clock::time_point(seconds(784111777)));
-}
-
-TEST(HttpDate, RetryAfterIsSecondsOrTheTimeUntilADateCappedAndNeverNegative) {
+  // Retry-After is seconds or the time until a date, capped and never negative.
   for (const auto& row : testing::dataTable("http/retry_after.tsv")) {
     const auto wait = parseRetryAfter(row.at(0), kNow);
     EXPECT_EQ(wait ? std::optional<std::int64_t>(wait->count()) : std::nullopt,
@@ -78,12 +76,9 @@ TEST(CookieStore, BoundsDropTheLeastRecentlySetPerDomainAndInAll) {
   EXPECT_EQ(cookies[1].name, "c2") << "c1 was the least recently set";
 
   // Another 3000 cookies on 60 other domains: the total bound drops h.test's, set first.
-  for (std::size_t domain = 0; domain < CookieStore::kMaxCookies / CookieStore::kMaxPerDomain;
-       ++domain) {
-    for (std::size_t i = 0; i < CookieStore::kMaxPerDomain; ++i) {
-      store.setFromHeader("https://d" + std::to_string(domain) + ".test/",
-                          "c" + std::to_string(i) + "=v", kNow);
-    }
+  for (std::size_t n = 0; n < CookieStore::kMaxCookies; ++n) {
+    store.setFromHeader("https://d" + std::to_string(n / CookieStore::kMaxPerDomain) + ".test/",
+                        "c" + std::to_string(n % CookieStore::kMaxPerDomain) + "=v", kNow);
   }
   EXPECT_EQ(store.size(), CookieStore::kMaxCookies);
   EXPECT_EQ(store.cookieHeaderFor("https://h.test/", kNow), "") << "the oldest domain went first";

@@ -7,11 +7,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
+#include <future>
 #include <mutex>
 #include <set>
 #include <stdexcept>
 #include <string>
-#include <thread>
 
 #include "manager/default_sources.hpp"
 #include "support/fake_http_client.hpp"
@@ -45,13 +45,12 @@ class HostClient final : public ZHttpClient {
  public:
   explicit HostClient(Misbehave misbehave, bool answerTwice = false)
       : misbehave_(std::move(misbehave)), answerTwice_(answerTwice) {}
-  ~HostClient() override { joinLate(); }
 
   void send(ZHttpRequest request, std::function<void(ZHttpResult)> done) override {
     if (isSync(request.url)) return done(ZHttpResponse{200, kSyncCookies, kSyncAnswer});
     std::unique_lock lock(mutex_);
     ++attempts_;
-    if (!healed_) {
+    if (!healed) {
       changed_.notify_all();
       lock.unlock();
       if (Result answer = misbehave_(request)) return done(std::move(*answer));
@@ -68,14 +67,12 @@ class HostClient final : public ZHttpClient {
     done(ZHttpResponse{200, {}, "ok"});
     if (!answerTwice_) return;
     lock.lock();
-    late_.emplace_back([done] { done(ZHttpResponse{503, {{"Retry-After", "0"}}, "late"}); });
+    late_.push_back(std::async(std::launch::async, [done] {
+      done(ZHttpResponse{503, {{"Retry-After", "0"}}, "late"});
+    }));
   }
   void cancelAll() override {}
 
-  void heal() {
-    std::lock_guard lock(mutex_);
-    healed_ = true;
-  }
   /// Waits until the records tried and the distinct events answered "ok" satisfy `ready`.
   bool waitFor(const std::function<bool(int attempts, std::size_t events)>& ready) {
     std::unique_lock lock(mutex_);
@@ -84,14 +81,12 @@ class HostClient final : public ZHttpClient {
     });
   }
   void joinLate() {
-    std::vector<std::thread> late;
-    {
-      std::lock_guard lock(mutex_);
-      late.swap(late_);
-    }
-    for (auto& thread : late) thread.join();
-  }
+    std::unique_lock lock(mutex_);
+    const auto late = std::move(late_);
+    lock.unlock();
+  }  // each waits, destroyed, for its answer to be given
 
+  std::atomic<bool> healed = false;  ///< from now on records are answered "ok"
   std::mutex mutex_;
   std::condition_variable changed_;
   int attempts_ = 0;
@@ -102,26 +97,20 @@ class HostClient final : public ZHttpClient {
  private:
   Misbehave misbehave_;
   bool answerTwice_;
-  bool healed_ = false;
   std::vector<std::function<void(ZHttpResult)>> unanswered_;
-  std::vector<std::thread> late_;
+  std::vector<std::future<void>> late_;  ///< destroyed, they wait for their threads
 };
 
 /// The C form, in front of a HostClient: requests and answers are translated both ways.
 void sendThroughC(const zelvanor_http_request* request, zelvanor_http_exchange* exchange,
                   void* user) {
-  ZHttpRequest translated{request->method,
-                          request->url,
-                          {},
-                          std::make_shared<const std::string>(request->body, request->body_length),
-                          request->timeout_seconds};
-  for (std::size_t i = 0; i < request->header_count; ++i) {
+  auto body = std::make_shared<const std::string>(request->body, request->body_length);
+  ZHttpRequest translated{request->method, request->url, {}, body, request->timeout_seconds};
+  for (std::size_t i = 0; i < request->header_count; ++i)
     translated.headers.push_back(testing::header(request->headers[i]));
-  }
   static_cast<ZHttpClient*>(user)->send(std::move(translated), [exchange](ZHttpResult result) {
-    if (const auto* failure = std::get_if<ZHttpFailure>(&result)) {
+    if (const auto* failure = std::get_if<ZHttpFailure>(&result))
       return zelvanor_http_fail(exchange, failure->description.c_str(), failure->tls);
-    }
     const auto& response = std::get<ZHttpResponse>(result);
     std::vector<std::string> lines;
     for (const auto& [name, value] : response.headers) lines.push_back(name + ": " + value);
@@ -142,12 +131,9 @@ class HostClientTest : public ::testing::Test {
                                                      .dataDirectory = dir.path().string()});
     ASSERT_TRUE(ZelvanorTracker::setEndpoints(ZEndpoints{kBase, kBase, kBase}));
   }
-  void TearDown() override {
+  void TearDown() override {  // the rest SetUp sets anew
     ZelvanorTracker::shutdown();
     ZelvanorTracker::setHttpClient(nullptr);
-    detail::setRetryTimings({});
-    ZelvanorTracker::setEndpoints(ZEndpoints{});
-    ZelvanorTracker::setPlatformFacts({});
   }
   /// Starts with `client` (through the C form with `viaC`), then tracks `count` events.
   static void start(const std::shared_ptr<ZHttpClient>& client, bool viaC = false, int count = 0) {
@@ -194,10 +180,10 @@ TEST_F(HostClientTest, EveryWayAClientFailsLosesNoRecordAndTheFirstAnswerStands)
     if (std::string(row.name) == "never answers") {
       ZelvanorTracker::shutdown();
       client = std::make_shared<HostClient>(row.misbehave);
-      client->heal();
+      client->healed = true;
       start(client, row.viaC);
     } else {
-      client->heal();
+      client->healed = true;
     }
     // Answers reach the SDK's worker a moment after the client gave them.
     EXPECT_TRUE(client->waitFor([](int, std::size_t events) { return events == kRecords; }));
@@ -228,8 +214,7 @@ TEST_F(HostClientTest, ASecondIdentityRequestWaitsForTheFirstAndItsCookies) {
   client->answer(ZHttpResponse{200, kSyncCookies, kSyncAnswer});
   EXPECT_TRUE(ZelvanorTracker::waitUntilReady(10s));
   ZelvanorTracker::shutdown();
-  const auto sent = client->sent();
-  EXPECT_EQ(std::count_if(sent.begin(), sent.end(), [](auto& r) { return isSync(r.url); }), 1)
+  EXPECT_EQ(std::ranges::count_if(client->sent(), [](auto& r) { return isSync(r.url); }), 1)
       << "the waiting request is not sent once the first answer gave the triple";
 }
 
