@@ -18,7 +18,7 @@ using namespace zelvanor;
 struct DiscardingTransport final : detail::RecordTransport {
   void restore(std::function<void(std::uint64_t)> restored) override { restored(0); }
   std::uint64_t room() const override { return 1u << 30; }
-  void setListener(std::function<void(std::uint64_t)>) override {}
+  void setListener(std::function<void()>) override {}
   void send(std::uint64_t, std::vector<std::string> records, bool) override {
     benchmark::DoNotOptimize(records);
   }

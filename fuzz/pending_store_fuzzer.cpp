@@ -31,15 +31,24 @@ void write(const fs::path& file, std::string_view bytes) {
 }
 
 // Reads every record a start hands out and answers it. Bounded: a paused read (a long run of
-// junk) is asked again, but never more often than there are pieces to read past.
+// junk) is asked again, but never more often than there are pieces to read past. The store's
+// count of what waits must be exactly what it then hands out or moves aside.
 std::uint64_t drain(PendingStore& store, std::uint64_t limit) {
+  constexpr auto kAll = ~std::uint64_t{0};
+  store.line().release(kAll);
+  const std::uint64_t counted = store.line().waiting();
+  const std::uint64_t quarantinedBefore = store.counts().quarantined;
   std::uint64_t records = 0;
   for (std::uint64_t turns = 0; turns < limit + 4; ++turns) {
-    auto read = store.next();
+    auto read = store.next(kAll);
     if (read) {
       ++records;
       store.answered(read->ref);
     } else if (!store.readPaused()) {
+      if (store.line().waiting() != 0 ||
+          counted != records + store.counts().quarantined - quarantinedBefore) {
+        fail("the store's count of waiting records differs from what it held");
+      }
       return records;
     }
   }

@@ -21,7 +21,6 @@ void HttpsDelivery::keep(std::vector<std::string> records) {
     keepBacklog_.erase(keepBacklog_.begin(),
                        keepBacklog_.begin() + static_cast<std::ptrdiff_t>(dropped));
   }
-  droppedToReport_ += store_.takeDroppedQueued();
   backlogDropped_ += dropped;
   {
     std::lock_guard lock(mutex_);
@@ -56,7 +55,6 @@ void HttpsDelivery::retryWrites() {
     spillBacklog_.erase(spillBacklog_.begin(),
                         spillBacklog_.begin() + static_cast<std::ptrdiff_t>(written));
   }
-  droppedToReport_ += store_.takeDroppedQueued();
   bytesOnDisk_.store(store_.bytesOnDisk());
   syncStoreCounts();
   if (keepBacklog_.empty() && spillBacklog_.empty()) {
@@ -116,21 +114,20 @@ void HttpsDelivery::syncStoreCounts(bool last) {
 }
 
 void HttpsDelivery::notifyQueue() {
-  // The queue hands over more when there is room; a dropped oldest record on disk leaves its
-  // count. Called with no lock held: the queue's lock comes first everywhere else.
-  std::function<void(std::uint64_t)> listener;
+  // The queue hands over more when there is room. Called with no lock held: the queue's lock
+  // comes first everywhere else.
+  std::function<void()> listener;
   {
     std::lock_guard lock(mutex_);
     if (stopped_.load()) return;
     listener = listener_;
   }
-  const std::uint64_t dropped = std::exchange(droppedToReport_, 0);
   // Room is offered in large steps: one refill per half window, not one per answer. Only room
   // that answers freed is offered: a turn that only wrote to disk leaves the queue's lock to the
   // host, which a burst keeps busy.
-  if (listener && (dropped > 0 || (roomFreed_ && room() >= window_ / 2))) {
+  if (listener && roomFreed_ && room() >= window_ / 2) {
     roomFreed_ = false;
-    listener(dropped);
+    listener();
   }
 }
 
@@ -160,7 +157,7 @@ void HttpsDelivery::shutdown(std::vector<std::string> unsent, std::vector<std::s
     for (auto& record : cancelled_) batch.push_back(std::move(record));
     for (auto& item : waiting_) {
       // Records read from disk (held back by a "come back later") are still in their segment.
-      if (item.fromDisk == 0 && !item.ref) batch.push_back(std::move(item.bytes));
+      if (!item.ref) batch.push_back(std::move(item.bytes));
     }
     for (auto& record : spillBacklog_) batch.push_back(std::move(record));
     for (auto& record : unsent) batch.push_back(std::move(record));
@@ -183,6 +180,7 @@ void HttpsDelivery::shutdown(std::vector<std::string> unsent, std::vector<std::s
     counts_.keptOnDisk += kept.written;
     unsettled_ = 0;
     outstanding_ = 0;
+    diskWanted_ = 0;
     settled_.notify_all();
     lateWritten_ = true;
     lateDone_.notify_all();
@@ -199,20 +197,18 @@ void HttpsDelivery::deleteLocalData() {
       if (stopped_.load()) return;
       for (auto& command : inbox_) {
         if (const auto* sendCommand = std::get_if<SendCommand>(&command)) {
-          const std::uint64_t count = sendCommand->fromDisk + sendCommand->records.size();
-          (sendCommand->networkAvailable ? viaNetwork : kept) += count;
+          (sendCommand->networkAvailable ? viaNetwork : kept) += sendCommand->records.size();
         }
       }
       inbox_.clear();
     }
-    for (const Waiting& item : waiting_) viaNetwork += item.fromDisk > 0 ? item.fromDisk : 1;
+    viaNetwork += waiting_.size();
     waiting_.clear();
     spillBacklog_.clear();
     keepBacklog_.clear();
     cancelled_.clear();
     keptToRetry_ = false;
     retryWhenIdle_ = false;
-    droppedToReport_ = 0;
     // Answers for requests already out find a newer generation: they keep nothing.
     ++generation_;
     store_.eraseAll();
@@ -246,7 +242,15 @@ HttpsDelivery::Counts HttpsDelivery::counts() const {
 
 bool HttpsDelivery::waitUntilSettled(std::chrono::milliseconds timeout) {
   std::unique_lock lock(mutex_);
-  return settled_.wait_for(lock, timeout, [&] { return unsettled_ == 0; });
+  // Records on disk let go with the gate open are waited for too, until they are read (and then
+  // in flight) or gone. The line has no signal of its own: it is looked at in short slices.
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    if (unsettled_ == 0 && line_->takenThrough() >= diskWanted_) return true;
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= deadline) return false;
+    settled_.wait_until(lock, std::min(deadline, now + kWaitSlice));
+  }
 }
 
 }  // namespace zelvanor::detail

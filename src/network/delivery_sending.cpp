@@ -15,28 +15,40 @@
 namespace zelvanor::detail {
 
 std::optional<HttpsDelivery::Next> HttpsDelivery::nextQueued() {
-  if (auto read = store_.next()) return Next{shareBytes(std::move(read->bytes)), read->ref, {}};
+  if (auto read = store_.next(diskSendThrough_)) {
+    return Next{shareBytes(std::move(read->bytes)), read->ref, diskSettings_};
+  }
   // Records may still follow on disk: the backlog in memory is behind them.
-  if (store_.readPaused() || spillBacklog_.empty()) return std::nullopt;
-  Next next{shareBytes(std::move(spillBacklog_.front())), std::nullopt, {}};
+  if (store_.readPaused() || spillBacklog_.empty() || !line_->takeOne(diskSendThrough_)) {
+    return std::nullopt;
+  }
+  Next next{shareBytes(std::move(spillBacklog_.front())), std::nullopt, diskSettings_};
   spillBacklog_.pop_front();
   return next;
 }
 
+void HttpsDelivery::sendFromDiskThrough(std::uint64_t through, const RequestSettings& settings) {
+  if (through <= diskSendThrough_) return;
+  diskSendThrough_ = through;
+  diskSettings_ = settings;
+}
+
 void HttpsDelivery::startWaiting() {
   // After shutdown the waiting records belong to the pending store (shutdown writes them).
-  while (!stopped_.load() && inFlight_ < kMaxInFlight && !waiting_.empty()) {
+  while (!stopped_.load() && inFlight_ < kMaxInFlight) {
     // Backing off: nothing goes out until the wait ends, and then one alone.
     if (retryPolicy_->waiting(support::RetryReason::collector) || (probing_ && inFlight_ > 0)) {
       break;
     }
     // Collection off: everything stays where it is until it is back on (resumeSending).
     if (!settings().collectionEnabled.load(std::memory_order_relaxed)) break;
-    Waiting& front = waiting_.front();
-    const RequestSettings settings = front.settings;
+    // Records on disk let go before the oldest one in memory go first.
+    const std::uint64_t taken = line_->takenThrough();
+    const bool fromDisk =
+        taken < diskSendThrough_ && (waiting_.empty() || waiting_.front().diskThrough > taken);
+    if (!fromDisk && waiting_.empty()) break;
     Next record;
-    record.settings = settings;
-    if (front.fromDisk > 0) {
+    if (fromDisk) {
       // The store's cursor stops at the oldest record not yet answered, so a slow answer must
       // not let many later ones go out: a kill would send all of those again.
       if (store_.unansweredSpread() >= kMaxInFlight) break;
@@ -47,19 +59,29 @@ void HttpsDelivery::startWaiting() {
         continueReadingLater();
         break;
       }
-      if (--front.fromDisk == 0) waiting_.pop_front();
       if (!queued) {
-        // Dropped for space or moved aside as unreadable since the queue counted it.
-        settle(1, true);
+        // Unreadable ones read past up to the line's limit: what is in memory is next.
+        if (line_->takenThrough() > taken) continue;
+        // The line counts records the store no longer has: nothing would ever come to read.
+        if (diagnosing(ZLogLevel::warning)) {
+          diagnose(ZLogLevel::warning, std::to_string(diskSendThrough_ - taken) +
+                                           " record(s) counted on disk were not found there");
+        }
+        line_->leave(diskSendThrough_ - taken);
         continue;
       }
-      record.bytes = std::move(queued->bytes);
-      record.ref = queued->ref;
+      record = std::move(*queued);
+      std::lock_guard lock(mutex_);
+      ++unsettled_;
+      ++outstanding_;
     } else {
+      Waiting& front = waiting_.front();
       record.bytes = shareBytes(std::move(front.bytes));
       record.ref = front.ref;
+      record.settings = front.settings;
       waiting_.pop_front();
     }
+    const RequestSettings settings = record.settings;
     auto request = ZHttpApi::trackEncoded(record.bytes).urlRequest(settings);
     record.sentAs = sentCount_++;
     record.generation = generation_;
@@ -242,14 +264,21 @@ void HttpsDelivery::retryKept() {
   }
   retryWhenIdle_ = false;
   keptToRetry_ = false;
-  // Records the disk would not take wait in memory: they go behind the ones on disk.
+  // Everything on disk that was let go (kept records taken back just now, and those let go
+  // while the gate was closed) went out, or was handed over, before anything still waiting in
+  // memory: it goes ahead of that, behind only records held by a "come back later", which are
+  // the next to go. Records the disk would not take follow the ones on disk.
+  const RequestSettings settings = RequestSettings::current();
+  const std::uint64_t through =
+      std::max({diskSendThrough_, diskLetGo_, line_->takenThrough()}) + added;
+  sendFromDiskThrough(through, settings);
   std::vector<std::string> backlog = std::move(keepBacklog_);
   keepBacklog_.clear();
-  if (added == 0 && backlog.empty()) return;
   {
     std::lock_guard lock(mutex_);
-    unsettled_ += added + backlog.size();
-    outstanding_ += added + backlog.size();
+    diskWanted_ = std::max(diskWanted_, through);
+    unsettled_ += backlog.size();
+    outstanding_ += backlog.size();
     // Only records this run kept count as sent again; what other processes of the app appended
     // meanwhile was left on disk for this one, like what an earlier run left.
     const std::uint64_t back = added + backlog.size();
@@ -258,15 +287,12 @@ void HttpsDelivery::retryKept() {
     counts_.resent += ours;
     counts_.restored += back - ours;
   }
-  // They went out (or were handed over) before anything still waiting: they go ahead of it,
-  // behind only records held by a "come back later", which are the next to go.
-  const RequestSettings settings = RequestSettings::current();
   auto at = std::find_if(waiting_.begin(), waiting_.end(),
                          [](const Waiting& item) { return !item.heldSince; });
-  if (added > 0)
-    at = std::next(waiting_.insert(at, Waiting{{}, added, settings, std::nullopt, std::nullopt}));
+  for (auto it = at; it != waiting_.end(); ++it)
+    it->diskThrough = std::max(it->diskThrough, through);
   for (auto& record : backlog) {
-    at = std::next(waiting_.insert(at, Waiting{std::move(record), 0, settings, {}, {}}));
+    at = std::next(waiting_.insert(at, Waiting{std::move(record), through, settings, {}, {}}));
   }
   bytesOnDisk_.store(store_.bytesOnDisk());
 }

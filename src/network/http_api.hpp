@@ -7,8 +7,8 @@
 #include <variant>
 
 #include "network/endpoints.hpp"
-#include "transport/http_client.hpp"
 #include "queue/record_transport.hpp"
+#include "transport/http_client.hpp"
 #include "zelvanor/record.hpp"
 
 namespace zelvanor::detail {

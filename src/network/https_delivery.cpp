@@ -35,7 +35,7 @@ HttpsDelivery::HttpsDelivery(std::shared_ptr<network::HttpClient> http,
                      : std::make_shared<support::SerialQueue>(
                            "com.zelvanor.sdk.worker", &platform::lowerCurrentThreadPriority)),
       window_(std::clamp<std::uint64_t>(limits.maxRecordsInMemory, kMaxInFlight, kMaxOutstanding)),
-      store_(std::move(dataDirectory), limits),
+      store_(std::move(dataDirectory), limits, line_),
       retryPolicy_(retryPolicy ? std::move(retryPolicy)
                                : std::make_shared<support::RetryPolicy>(retryTimings)) {
   store_.setStopFlag(&stopped_);
@@ -73,7 +73,6 @@ void HttpsDelivery::retryOpenLater(std::function<void(std::uint64_t)> restored) 
                             std::lock_guard lock(self->mutex_);
                             self->counts_.restored += found;
                           }
-                          self->droppedToReport_ += self->store_.takeDroppedQueued();
                           self->bytesOnDisk_.store(self->store_.bytesOnDisk());
                           self->syncStoreCounts();
                           restored(found);
@@ -109,7 +108,7 @@ void HttpsDelivery::keepPaceWithDisk() {
   if (!caughtUp && inboxesTaken_ == takenBefore) paceGivenUpAt_ = inboxesTaken_;
 }
 
-void HttpsDelivery::setListener(std::function<void(std::uint64_t)> listener) {
+void HttpsDelivery::setListener(std::function<void()> listener) {
   std::lock_guard lock(mutex_);
   listener_ = std::move(listener);
 }
@@ -134,7 +133,7 @@ void HttpsDelivery::post(Command command) {
   }
 }
 
-void HttpsDelivery::send(std::uint64_t fromDisk, std::vector<std::string> records,
+void HttpsDelivery::send(std::uint64_t diskThrough, std::vector<std::string> records,
                          bool networkAvailable) {
   // The sandbox switch and the timeout apply as the record is handed over, as if its request
   // were built now; the request itself is built when a connection is free.
@@ -142,16 +141,18 @@ void HttpsDelivery::send(std::uint64_t fromDisk, std::vector<std::string> record
   {
     std::lock_guard lock(mutex_);
     if (!stopped_.load()) {
-      const std::uint64_t count = fromDisk + records.size();
-      unsettled_ += count;
+      // Records on disk count once read (then they are in flight); until then a wait for them
+      // watches the line.
+      unsettled_ += records.size();
       if (networkAvailable) {
-        outstanding_ += count;
+        outstanding_ += records.size();
+        diskWanted_ = std::max(diskWanted_, diskThrough);
       } else {
         toDiskInInbox_ += records.size();
       }
       // Queued under the lock that shutdown takes to stop: the drain runs before shutdown's own
       // work on the worker, so every record is either sent or kept.
-      post(SendCommand{fromDisk, std::move(records), networkAvailable, settings});
+      post(SendCommand{diskThrough, std::move(records), networkAvailable, settings});
       return;
     }
   }
@@ -179,6 +180,7 @@ void HttpsDelivery::spill(std::vector<std::string> records) {
     std::lock_guard lock(mutex_);
     if (!stopped_.load()) {
       toDiskInInbox_ += records.size();
+      line_->join(records.size());
       post(SpillCommand{std::move(records)});
       return;
     }
@@ -191,6 +193,7 @@ void HttpsDelivery::spillFromKeptTemplates(std::vector<std::string> records) {
     std::lock_guard lock(mutex_);
     if (!stopped_.load()) {
       toDiskInInbox_ += records.size();
+      line_->join(records.size());
       post(SpillCommand{std::move(records), /*fromKeptTemplates=*/true});
       return;
     }
@@ -234,9 +237,9 @@ void HttpsDelivery::drainInbox() {
     if (auto* sendCommand = std::get_if<SendCommand>(&draining_[i])) {
       while (!sendCommand->networkAvailable && i + 1 < draining_.size()) {
         auto* next = std::get_if<SendCommand>(&draining_[i + 1]);
-        // Records a later hand-over reads from disk would come between: not joined.
-        if (!next || next->networkAvailable || next->fromDisk > 0) break;
+        if (!next || next->networkAvailable) break;
         joinRecords(sendCommand->records, next->records);
+        sendCommand->diskThrough = std::max(sendCommand->diskThrough, next->diskThrough);
         ++i;
       }
       if (!sendCommand->networkAvailable) toDisk += sendCommand->records.size();
@@ -264,42 +267,25 @@ void HttpsDelivery::drainInbox() {
 }
 
 void HttpsDelivery::handleSend(SendCommand& command) {
+  diskLetGo_ = std::max(diskLetGo_, command.diskThrough);
   if (!command.networkAvailable) {
-    // Gate closed: the records wait for a later start. Those on disk already are; they stay.
-    std::vector<std::string> toKeep;
-    std::uint64_t alreadyOnDisk = 0;
-    for (std::uint64_t i = 0; i < command.fromDisk; ++i) {
-      auto queued = nextQueued();
-      // Past a long run of unreadable pieces the reading goes on, unless shutdown began.
-      while (!queued && store_.readPaused() && !stopped_.load()) queued = nextQueued();
-      if (!queued) break;
-      if (queued->ref) {
-        store_.unsent(*queued->ref);
-        ++alreadyOnDisk;
-      } else {
-        toKeep.push_back(*queued->bytes);
-      }
-    }
-    for (auto& record : command.records) toKeep.push_back(std::move(record));
-    {
-      std::lock_guard lock(mutex_);
-      counts_.keptOnDisk += alreadyOnDisk;
-    }
-    if (diagnosing(ZLogLevel::info)) {
-      diagnose(ZLogLevel::info, std::to_string(command.fromDisk + command.records.size()) +
+    // Gate closed: the records wait for a later start. Those on disk already are; they stay, and
+    // go out once the network returns.
+    const std::uint64_t count = command.records.size();
+    if (count > 0 && diagnosing(ZLogLevel::info)) {
+      diagnose(ZLogLevel::info, std::to_string(count) +
                                     " record(s) kept on disk: the network is offline; they go "
                                     "out when it returns");
     }
     keptToRetry_ = true;
-    keep(std::move(toKeep));
-    settle(command.fromDisk + command.records.size(), false);
+    keep(std::move(command.records));
+    settle(count, false);
     return;
   }
-  if (command.fromDisk > 0) {
-    waiting_.push_back(Waiting{{}, command.fromDisk, command.settings, std::nullopt, std::nullopt});
-  }
+  sendFromDiskThrough(command.diskThrough, command.settings);
   for (auto& record : command.records) {
-    waiting_.push_back(Waiting{std::move(record), 0, command.settings, std::nullopt, std::nullopt});
+    waiting_.push_back(
+        Waiting{std::move(record), command.diskThrough, command.settings, std::nullopt, {}});
   }
   startWaiting();
 }
@@ -318,7 +304,7 @@ void HttpsDelivery::handleSpill(SpillCommand& command) {
     spillBacklog_.pop_front();
     ++dropped;
   }
-  droppedToReport_ += dropped + store_.takeDroppedQueued();
+  line_->leave(dropped);
   backlogDropped_ += dropped;
   syncStoreCounts();
   if (!spillBacklog_.empty()) scheduleRetry();

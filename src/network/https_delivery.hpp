@@ -43,8 +43,8 @@ class HttpsDelivery final : public RecordTransport,
   std::uint64_t room() const override;
   std::uint64_t recordsHeld() const override;
   void keepPaceWithDisk() override;
-  void setListener(std::function<void(std::uint64_t)> listener) override;
-  void send(std::uint64_t fromDisk, std::vector<std::string> records,
+  void setListener(std::function<void()> listener) override;
+  void send(std::uint64_t diskThrough, std::vector<std::string> records,
             bool networkAvailable) override;
   void networkChanged(bool available) override;
   void spill(std::vector<std::string> records) override;
@@ -72,7 +72,7 @@ class HttpsDelivery final : public RecordTransport,
 
  private:
   struct SendCommand {
-    std::uint64_t fromDisk = 0;
+    std::uint64_t diskThrough = 0;
     std::vector<std::string> records;
     bool networkAvailable = false;
     RequestSettings settings;
@@ -82,10 +82,11 @@ class HttpsDelivery final : public RecordTransport,
     bool fromKeptTemplates = false;  ///< once written, the store forgets those templates
   };
   using Command = std::variant<SendCommand, SpillCommand>;
-  /// A record waiting for a connection: its bytes, or `fromDisk` records still to be read.
+  /// A record in memory waiting for a connection, behind the records on disk that the line let
+  /// go before position `diskThrough`.
   struct Waiting {
     std::string bytes;
-    std::uint64_t fromDisk = 0;
+    std::uint64_t diskThrough = 0;
     RequestSettings settings;
     std::optional<StoreRef> ref;  ///< a record read from disk, back in line after "come back later"
     /// Held by a "come back later": when it went out, so that the held ones keep their order.
@@ -112,8 +113,12 @@ class HttpsDelivery final : public RecordTransport,
   static std::shared_ptr<const std::string> shareBytes(std::string bytes) {
     return std::make_shared<const std::string>(std::move(bytes));
   }
-  /// The oldest record waiting on disk (or, when the disk would not take them, in memory).
+  /// The oldest record waiting on disk (or, when the disk would not take them, in memory) that
+  /// may be sent now.
   std::optional<Next> nextQueued();
+  /// Records on disk let go before `through` may be read for sending now, and everything waiting
+  /// in memory goes after them.
+  void sendFromDiskThrough(std::uint64_t through, const RequestSettings& settings);
   void startWaiting();
   /// Goes on with startWaiting() in a later turn of the worker.
   void continueReadingLater();
@@ -137,7 +142,7 @@ class HttpsDelivery final : public RecordTransport,
   void keep(std::vector<std::string> records);
   void scheduleRetry();
   void retryWrites();
-  /// Settles `count` records and tells the queue about room and drops. Worker only.
+  /// Settles `count` records. Worker only.
   void settle(std::uint64_t count, bool network);
   void notifyQueue();
   /// Takes the store's counts over and says what is new; `last`: at shutdown, say everything.
@@ -155,7 +160,10 @@ class HttpsDelivery final : public RecordTransport,
   const std::uint64_t window_;
   /// Records in the inbox on their way to disk (spilled, or handed over with the gate closed).
   std::atomic<std::uint64_t> toDiskInInbox_{0};
-  std::function<void(std::uint64_t)> listener_;  ///< guarded by mutex_
+  std::function<void()> listener_;  ///< guarded by mutex_
+  /// Records on disk let go with the gate open, through this position: waited for as if handed
+  /// over (guarded by mutex_).
+  std::uint64_t diskWanted_ = 0;
   std::atomic<bool> stopped_{false};  ///< set under mutex_, so a hand-over is before or after it
   std::vector<std::string> late_;     ///< guarded by mutex_: tracked after the queue closed
   bool lateDoorClosed_ = false;       ///< guarded by mutex_: late ones no longer join late_
@@ -170,21 +178,28 @@ class HttpsDelivery final : public RecordTransport,
   /// The longest a host waits in keepPaceWithDisk() for writes that make no progress; it then
   /// waits no more until the worker has taken a hand-over again (a hung disk costs it once).
   static constexpr std::chrono::milliseconds kPaceLimit{250};
+  /// How often a wait for records to settle looks at the disk line again.
+  static constexpr std::chrono::milliseconds kWaitSlice{5};
   std::condition_variable inboxTaken_;
   std::uint64_t inboxesTaken_ = 0;       ///< guarded by mutex_: drainInbox() runs so far
   std::uint64_t paceGivenUpAt_ = ~0ULL;  ///< guarded by mutex_: inboxesTaken_ when a wait timed out
   std::atomic<std::uint64_t> bytesOnDisk_{0};
   // Worker only.
   PendingStore store_;
-  std::vector<Command> draining_;  ///< the inbox taken last, kept for its capacity
-  std::deque<Waiting> waiting_;    ///< records not yet handed to the client, in order
+  std::vector<Command> draining_;      ///< the inbox taken last, kept for its capacity
+  std::deque<Waiting> waiting_;        ///< records not yet handed to the client, in order
+  std::uint64_t diskSendThrough_ = 0;  ///< records on disk before this position may be read
+  /// The furthest position the queue let go in a hand-over taken so far, the gate open or not.
+  /// Records before it have reached the store; some the queue let go since may still be on
+  /// their way there, in the inbox.
+  std::uint64_t diskLetGo_ = 0;
+  RequestSettings diskSettings_;  ///< as they were when the last of those was let go
   std::size_t inFlight_ = 0;
   std::uint64_t sentCount_ = 0;           ///< records handed to the client so far
   std::deque<std::string> spillBacklog_;  ///< spilled records the disk would not take, in order
   std::vector<std::string> keepBacklog_;  ///< kept records the disk would not take yet
   std::vector<std::string> cancelled_;    ///< in flight when shutdown cancelled them
   bool retryScheduled_ = false;
-  std::uint64_t droppedToReport_ = 0;
   const std::shared_ptr<support::RetryPolicy> retryPolicy_;
   bool probing_ = false;        ///< after a wait: one request alone until it is answered
   bool keptToRetry_ = false;    ///< records were kept on disk in this run

@@ -2,8 +2,10 @@
 // triple. Records leave strictly oldest first.
 //
 // A record waits as its encoded JSON. The oldest may wait on disk instead (restored from an
-// earlier run, or moved there when more than the memory limit wait); the queue then only counts
-// them, and the transport reads them back in order when they are sent.
+// earlier run, or moved there when more than the memory limit wait): those are the transport's
+// disk line, which counts them; the queue only lets them go, and the transport reads them back in
+// order. Every record in memory is newer than every record on disk, so moving memory to disk
+// moves all of it, behind the rest.
 #pragma once
 
 #include <atomic>
@@ -67,7 +69,7 @@ class ZLogRecordQueue {
   std::size_t recordCount() const;
   struct Waiting {
     std::uint64_t inMemory = 0;
-    std::uint64_t onDisk = 0;
+    std::uint64_t onDisk = 0;  ///< the disk line's count: on disk (or on the way), not yet read
     /// Sent off by a threshold or a flush but not yet taken by the transport (it had no room),
     /// or the store is still being looked at.
     bool handingOver = false;
@@ -83,25 +85,20 @@ class ZLogRecordQueue {
   /// kept behind these, instead of waiting in a table nobody drains. Records waiting on disk stay
   /// there. Used at shutdown.
   std::vector<std::string> takeRecords();
-  /// Forgets every record and template it holds, in memory and counted on disk (the host asked
-  /// for the app's data to be deleted); the table stays open.
+  /// Forgets every record and template it holds in memory (the host asked for the app's data to
+  /// be deleted; the transport empties the disk line); the table stays open.
   void discardAll();
 
  private:
-  /// One record in memory, or a run of records waiting on disk (onDisk > 0), in table order.
-  struct Entry {
-    std::uint64_t onDisk = 0;
-    std::string bytes;
-  };
   // Shared with the transport's callbacks, which may outlive the queue.
   struct State {
     std::shared_ptr<RecordTransport> transport;
+    DiskLine* line = nullptr;  ///< the transport's
     std::uint64_t maxInMemory = 0;
     std::mutex mutex;
-    std::deque<Entry> entries;
-    std::uint64_t total = 0;     ///< records in entries
+    std::deque<std::string> records;  ///< in memory, oldest first, behind every one on disk
     std::uint64_t released = 0;  ///< leading records sent off but not yet taken by the transport
-    std::uint64_t inMemory = 0;
+    bool diskReleased = false;   ///< records on disk were let go: the transport is still to hear
     std::uint64_t peakInMemory = 0;
     bool closed = false;
     /// The store is still being looked at: drains meanwhile are replayed once it has answered,
@@ -114,13 +111,13 @@ class ZLogRecordQueue {
     std::atomic<bool> networkReported{false};  ///< the transport has heard of the network once
 
     void drainLocked(std::uint64_t threshold);
+    /// Records waiting for the threshold: on disk and not let go, and in memory not released.
+    std::uint64_t waitingLocked() const { return line->held() + records.size() - released; }
     /// Hands released records to the transport while it has room (all of them when the gate
     /// is closed: they go to disk).
     void pumpLocked();
-    /// Moves the newest run of records in memory to disk.
+    /// Moves every record in memory to disk, behind those already there.
     void spillLocked();
-    void addRestoredLocked(std::uint64_t count);
-    void dropFromDiskLocked(std::uint64_t count);
   };
 
   std::shared_ptr<State> state_;

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "store/disk_line.hpp"
 #include "zelvanor/record.hpp"
 
 namespace zelvanor::detail {
@@ -33,10 +34,13 @@ struct TransportCounts {
 class RecordTransport {
  public:
   virtual ~RecordTransport() = default;
+  /// Records waiting on disk to be sent, counted once: the queue counts them toward its
+  /// threshold and lets the oldest go; the transport reads them as far as they are let go.
+  DiskLine& diskLine() const { return *line_; }
   /// Takes over what earlier runs kept, on the SDK's own thread (the host never waits for the
-  /// disk); `restored` then runs on that thread with how many records wait on disk to be sent
-  /// first, and again with how many more whenever it takes over more later (another process held
-  /// the store at the start and has let go of it).
+  /// disk); they join the line, and `restored` then runs on that thread with how many there are,
+  /// and again with how many more whenever it takes over more later (another process held the
+  /// store at the start and has let go of it).
   virtual void restore(std::function<void(std::uint64_t count)> restored) = 0;
   /// How many more records the transport takes now for the network; the queue holds the rest,
   /// in order, until the listener says there is room.
@@ -49,17 +53,18 @@ class RecordTransport {
   /// tracking faster than the disk takes records would otherwise hold an unbounded backlog in
   /// memory, all of it lost to a kill.
   virtual void keepPaceWithDisk() {}
-  /// Runs on an SDK thread, with no lock held, when room frees up, and with the number of
-  /// records waiting on disk (the oldest) that were dropped for space.
-  virtual void setListener(std::function<void(std::uint64_t droppedFromDisk)> listener) = 0;
-  /// Sends records oldest first: the next `fromDisk` of those waiting on disk, then `records`.
-  /// With the network gate closed they are kept for a later start instead. Never blocks on I/O.
-  virtual void send(std::uint64_t fromDisk, std::vector<std::string> records,
+  /// Runs on an SDK thread, with no lock held, when room frees up.
+  virtual void setListener(std::function<void()> roomFreed) = 0;
+  /// Sends records oldest first: those waiting on disk that the line has let go before position
+  /// `diskThrough`, then `records`. With the network gate closed they are kept for a later start
+  /// instead (those on disk stay where they are). Never blocks on I/O.
+  virtual void send(std::uint64_t diskThrough, std::vector<std::string> records,
                     bool networkAvailable) = 0;
   /// The network gate's first state, then each time it opens or closes. Records kept on disk
   /// while it was closed, or after transport failures, go out again at once when it opens.
   virtual void networkChanged(bool available) = 0;
-  /// Moves records (oldest first) behind those waiting on disk: the queue's memory is full.
+  /// Moves records (oldest first) behind those waiting on disk: the queue's memory is full. They
+  /// join the line at once, before they are written.
   virtual void spill(std::vector<std::string> records) = 0;
   /// Like spill(), for records built from the templates takeKeptTemplates() gave: once they are
   /// on disk, those templates are no longer kept (a kill before then finds the templates again).
@@ -85,6 +90,9 @@ class RecordTransport {
   /// Waits until every record handed over so far has reached an outcome (an answer, or kept on
   /// disk); false when `timeout` passed first.
   virtual bool waitUntilSettled(std::chrono::milliseconds /*timeout*/) { return true; }
+
+ protected:
+  const std::shared_ptr<DiskLine> line_ = std::make_shared<DiskLine>();
 };
 
 }  // namespace zelvanor::detail

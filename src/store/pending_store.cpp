@@ -22,8 +22,9 @@ bool retried(Attempt&& attempt) {
 
 }  // namespace
 
-PendingStore::PendingStore(std::filesystem::path directory, ZStoreLimits limits)
-    : directory_(std::move(directory)), limits_(limits) {}
+PendingStore::PendingStore(std::filesystem::path directory, ZStoreLimits limits,
+                           std::shared_ptr<DiskLine> line)
+    : directory_(std::move(directory)), limits_(limits), line_(std::move(line)) {}
 
 std::filesystem::path PendingStore::segmentPath(const std::filesystem::path& directory,
                                                 std::uint64_t number) {
@@ -66,7 +67,7 @@ std::uint64_t PendingStore::retryOpen() {
   }
   tailLeft_ = false;
   const std::uint64_t number = segments_.back().number;
-  (void)countRecords(segments_.back());
+  line_->join(countRecords(segments_.back()));
   (void)makeRoom(0);
   const Segment* moved = findSegment(number);
   return moved ? moved->records : 0;
@@ -107,12 +108,14 @@ std::uint64_t PendingStore::takeOver() {
       return segment.records == 0 && platform::removeFile(segmentPath(segment.number));
     });
   }
+  std::uint64_t found = 0;
+  for (const auto& segment : segments_) found += segment.records;
+  line_->join(found);
   // A backlog larger than the disk may hold (an older build, a long time offline) loses its
   // oldest records now rather than holding the disk past its limit.
   (void)makeRoom(0);
   std::uint64_t waiting = 0;
   for (const auto& segment : segments_) waiting += segment.records;
-  droppedQueued_ = 0;
   return waiting;
 }
 
@@ -147,7 +150,7 @@ bool PendingStore::rotateTail(bool queued) {
 }
 
 void PendingStore::dropSegment(std::deque<Segment>::iterator segment) {
-  if (segment->queued) droppedQueued_ += segment->records;
+  if (segment->queued) line_->leave(segment->records);
   counts_.droppedForSpace += segment->records + segment->outstanding;
   if (readerSegment_ == segment->number) {
     reader_.close();
@@ -193,7 +196,7 @@ bool PendingStore::makeRoom(std::uint64_t bytes) {
     oldest->junk = std::min(oldest->junk, oldest->bytes - newStart);
     dropped = std::min(dropped, oldest->records);
     oldest->records -= dropped;
-    if (oldest->queued) droppedQueued_ += dropped;
+    if (oldest->queued) line_->leave(dropped);
     counts_.droppedForSpace += dropped;
     if (!cursorFrozen_ && outstanding_.empty()) {
       cursorSegment_ = oldest->number;
@@ -257,7 +260,11 @@ std::size_t PendingStore::spill(const std::vector<std::string>& records) {
   if (directory_.empty() || records.empty()) return 0;
   // Another process owns the segments: the shared file takes them, for whichever process next
   // takes the store over (this one too, once the owner lets go).
-  if (!owner_) return keep(records).handled();
+  if (!owner_) {
+    const std::size_t handled = keep(records).handled();
+    line_->leave(handled);
+    return handled;
+  }
   std::string frames;
   for (const auto& record : records) appendFrame(frames, record);
   if (frames.size() > limits_.maxBytesOnDisk / 2) return 0;
@@ -310,11 +317,14 @@ bool PendingStore::adoptKept(std::uint64_t& added) {
     segment.blocked = false;
     const std::uint64_t now = countRecords(segment);
     added += now > counted ? now - counted : 0;
+    // Counted fewer than the line holds for it (a file cut short meanwhile): those leave.
+    if (now < counted) line_->leave(counted - now);
   }
+  line_->joinReleased(added);
   return true;
 }
 
-std::optional<PendingStore::Read> PendingStore::next() {
+std::optional<PendingStore::Read> PendingStore::next(std::uint64_t through) {
   readPaused_ = false;
   // Pieces read past are moved aside and answered in one go when this call ends: a long run of
   // them costs one quarantine append and one cursor write per call, not one each.
@@ -346,16 +356,18 @@ std::optional<PendingStore::Read> PendingStore::next() {
       }
       if (!reader_.open(segmentPath(segment->number), segment->start)) {
         // Gone or replaced by something that is no file of ours: nothing to read there.
-        segment->records = 0;
+        line_->leave(std::exchange(segment->records, 0));
         removeIfDone(segment->number);
         continue;
       }
       readerSegment_ = segment->number;
     }
+    // Only as far as the queue has let records go: the rest still count toward its threshold.
+    if (line_->takenThrough() >= std::min(through, line_->releasedThrough())) break;
     const auto piece = reader_.next();
     if (!piece || segment->records == 0) {
       // Whatever is left cannot be read as records; the segment goes once it is answered.
-      segment->records = 0;
+      line_->leave(std::exchange(segment->records, 0));
       readerSegment_ = 0;
       reader_.close();
       removeIfDone(segment->number);
@@ -369,6 +381,7 @@ std::optional<PendingStore::Read> PendingStore::next() {
       continue;
     }
     --segment->records;
+    (void)line_->takeOne(through);
     std::optional<std::string> encoded;
     if (segment->ownEncoding) {
       encoded = std::string(piece->payload);

@@ -28,6 +28,7 @@
 #include <deque>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -35,6 +36,7 @@
 #include <vector>
 
 #include "platform/file_ops.hpp"
+#include "store/disk_line.hpp"
 #include "store/pending_frames.hpp"
 #include "zelvanor/storage.hpp"
 
@@ -65,11 +67,13 @@ class PendingStore {
   static void forEachWaiting(const std::filesystem::path& directory,
                              const std::function<void(std::string_view payload)>& visit);
 
-  /// `directory` empty: nothing is ever written, everything stays in memory.
-  PendingStore(std::filesystem::path directory, ZStoreLimits limits);
+  /// `directory` empty: nothing is ever written, everything stays in memory. `line` counts the
+  /// records waiting to be sent from the segments; the store keeps it up to date.
+  PendingStore(std::filesystem::path directory, ZStoreLimits limits,
+               std::shared_ptr<DiskLine> line = std::make_shared<DiskLine>());
 
   /// Takes over what earlier runs left: the segments, then "ZLogs.tmp" moved aside behind them.
-  /// Returns how many records now wait on disk to be sent.
+  /// Returns how many records now wait on disk to be sent (they joined the line).
   std::uint64_t open();
   /// open() could not take everything over: another process held the store (a quick relaunch
   /// while the last run still shuts down), or "ZLogs.tmp" stayed busy. retryOpen() tries again.
@@ -88,6 +92,8 @@ class PendingStore {
   /// The same files removed in `directory`, without a store: a start finishing a deletion that a
   /// crash interrupted. The segments and "ZLogs.tmp" go first, the cursor last.
   static void removeFiles(const std::filesystem::path& directory);
+  /// The records waiting to be sent, as the store counts them.
+  DiskLine& line() const noexcept { return *line_; }
   /// Checked while a large backlog is counted or read past: a shutdown does not wait for either.
   void setStopFlag(const std::atomic<bool>* stop) { stop_ = stop; }
 
@@ -100,19 +106,21 @@ class PendingStore {
   };
   /// Appends records kept for a later start.
   Kept keep(const std::vector<std::string>& records);
-  /// Appends records behind the ones waiting on disk to be sent; how many leading ones were
-  /// written (or dropped, each larger than the disk allowance). Only the owning process writes
-  /// segments; another one appends to "ZLogs.tmp", whose records a later owner sends.
+  /// Appends records behind the ones waiting on disk to be sent (they joined the line when they
+  /// were handed over); how many leading ones were written (or dropped, each larger than the disk
+  /// allowance). Only the owning process writes segments; another one appends to "ZLogs.tmp",
+  /// whose records a later owner sends: those leave this process's line.
   std::size_t spill(const std::vector<std::string>& records);
 
   struct Read {
     std::string bytes;  ///< decoded and encoded again: only this SDK's own encoding goes out
     StoreRef ref;
   };
-  /// The oldest record waiting on disk to be sent, or nothing when none is left. A long run of
-  /// pieces that are no record is read past a bounded stretch per call: nothing with
-  /// readPaused() set means records may follow, to be asked for in a later turn of the worker.
-  std::optional<Read> next();
+  /// The oldest record waiting on disk to be sent, or nothing when none is left that the line
+  /// lets go before position `through`. A long run of pieces that are no record is read past a
+  /// bounded stretch per call: nothing with readPaused() set means records may follow, to be
+  /// asked for in a later turn of the worker.
+  std::optional<Read> next(std::uint64_t through);
   /// The last next() stopped part way (the stretch's bound, or the stop flag), not at the end.
   bool readPaused() const noexcept { return readPaused_; }
   /// Pieces that are no record read past in one call of next(), at most.
@@ -125,13 +133,11 @@ class PendingStore {
   /// Takes every record kept for a later start (after a transport failure or with the network
   /// gate closed) into those waiting to be sent now, behind them: the network is back. Only once
   /// no record read from disk is in flight (false otherwise: ask again later). `added` is how
-  /// many more records wait to be sent.
+  /// many more records wait to be sent; they join the line let go at once.
   bool adoptKept(std::uint64_t& added);
   /// Records read from disk since the oldest one not yet answered: what a kill now would send
   /// again at the next start.
   std::size_t unansweredSpread() const noexcept { return outstanding_.size(); }
-  /// Records waiting to be sent that were dropped for space since the last call.
-  std::uint64_t takeDroppedQueued() { return std::exchange(droppedQueued_, 0); }
   const Counts& counts() const noexcept { return counts_; }
   /// What was found in the store's place and worked around since the last call (something that
   /// is no regular file where one of ours belongs), one line each, for the error diagnostics.
@@ -158,8 +164,10 @@ class PendingStore {
   struct Segment {
     std::uint64_t number = 0;
     std::uint64_t bytes = 0;
-    std::uint64_t start = 0;        ///< where reading begins (the cursor, for a taken-over one)
-    std::uint64_t records = 0;      ///< records in it not yet read (or, kept ones, in it at all)
+    std::uint64_t start = 0;  ///< where reading begins (the cursor, for a taken-over one)
+    /// Records in it not yet read (or, kept ones, in it at all). Over the queued segments they
+    /// are the line's records on disk: every change to them is told to the line.
+    std::uint64_t records = 0;
     std::uint64_t outstanding = 0;  ///< read and not yet answered
     std::uint64_t junk = 0;         ///< bytes in it that are no frame: not charged to the limit
     bool queued = true;             ///< its records wait to be sent in this run
@@ -240,7 +248,7 @@ class PendingStore {
   std::uint64_t cursorSegment_ = 0;
   std::uint64_t cursorOffset_ = 0;
   bool cursorFrozen_ = false;  ///< a record before it stays unsent: the cursor moves no more
-  std::uint64_t droppedQueued_ = 0;
+  const std::shared_ptr<DiskLine> line_;
   Counts counts_;
   const std::atomic<bool>* stop_ = nullptr;
   std::vector<std::string> takenTemplates_;  ///< taken and not yet forgotten

@@ -199,7 +199,7 @@ void PendingStore::eraseAll() {
   cursorSegment_ = 0;
   cursorOffset_ = 0;
   cursorFrozen_ = false;
-  droppedQueued_ = 0;
+  line_->clear();
   takenTemplates_.clear();
   cursorWritten_ = false;
   findings_.clear();

@@ -334,7 +334,7 @@ TEST(FullDisk, RecordsTheDiskRefusesWaitInMemoryAndAnsweredOnesAreNotSentAgain) 
         EXPECT_EQ(store.open(), static_cast<std::uint64_t>(waiting));
         if (waiting == 40) testing::writeFile(dir.path() / "filler", std::string(64 << 10, 'f'));
         for (int i = 0; i < answer; ++i) {
-          auto read = store.next();
+          auto read = testing::nextOf(store);
           ASSERT_TRUE(read);
           store.answered(read->ref);
         }

@@ -31,15 +31,16 @@ class RecordingTransport final : public detail::RecordTransport {
     ++restoreCalls_;
     for (auto& record : std::exchange(pending_, {})) onDisk_.push_back(encodeJson(record).value());
     const auto count = onDisk_.size();
+    diskLine().join(count);
     lock.unlock();  // counted under the lock, reported outside it
     restored(count);
   }
   std::uint64_t room() const override { return std::numeric_limits<std::uint64_t>::max(); }
-  void setListener(std::function<void(std::uint64_t)>) override {}
-  void send(std::uint64_t fromDisk, std::vector<std::string> records,
+  void setListener(std::function<void()>) override {}
+  void send(std::uint64_t diskThrough, std::vector<std::string> records,
             bool networkAvailable) override {
     std::lock_guard lock(mutex_);
-    for (std::uint64_t i = 0; i < fromDisk && !onDisk_.empty(); ++i) {
+    while (!onDisk_.empty() && diskLine().takeOne(diskThrough)) {
       sent_.push_back({decode(onDisk_.front()), networkAvailable});
       onDisk_.pop_front();
     }
@@ -53,7 +54,14 @@ class RecordingTransport final : public detail::RecordTransport {
   void spill(std::vector<std::string> records) override {
     std::lock_guard lock(mutex_);
     ++spills_;
+    diskLine().join(records.size());
     for (auto& record : records) onDisk_.push_back(std::move(record));
+  }
+  /// Drops the oldest records waiting on disk, as the store does for space.
+  void dropOldestOnDisk(std::size_t count) {
+    std::lock_guard lock(mutex_);
+    for (std::size_t i = 0; i < count && !onDisk_.empty(); ++i) onDisk_.pop_front();
+    diskLine().leave(count);
   }
   void keepLate(std::string record) override {
     std::lock_guard lock(mutex_);

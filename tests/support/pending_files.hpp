@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,13 @@
 #include "zelvanor/json.hpp"
 
 namespace zelvanor::testing {
+
+/// The next record of a store read on its own, with no queue in front to let records go: all go.
+inline std::optional<detail::PendingStore::Read> nextOf(detail::PendingStore& store) {
+  constexpr auto kAll = ~std::uint64_t{0};
+  store.line().release(kAll);
+  return store.next(kAll);
+}
 
 inline std::vector<std::string> pendingPayloads(const std::filesystem::path& dir) {
   std::vector<std::string> payloads;

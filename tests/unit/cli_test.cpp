@@ -100,7 +100,8 @@ TEST(CliPending, FixturesAreSplitAsTheSdkReadsThemAndShownUnchanged) {
     detail::PendingStore store(dir.path(), ZStoreLimits{});
     store.open();
     std::size_t sent = 0;
-    for (auto read = store.next(); read && sent < 100; read = store.next(), ++sent) {
+    for (auto read = testing::nextOf(store); read && sent < 100;
+         read = testing::nextOf(store), ++sent) {
       store.answered(read->ref);
     }
     EXPECT_EQ(sent, report.restorable());
