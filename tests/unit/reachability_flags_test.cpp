@@ -131,11 +131,12 @@ TEST(SystemReachabilityFlagSource, ReportsRouteChanges) {
   ASSERT_TRUE(
       run("ip link set lo up && ip link add v0 type veth peer name wwan0 && "
           "ip link set v0 up && ip link set wwan0 up && ip addr add 10.9.0.1/24 dev wwan0"));
-  std::unique_ptr<ReachabilityFlagSource> source = makeSystemReachabilityFlagSource();
-  EXPECT_EQ(source->currentFlags(), 0u) << "offline first";
+  // Declared before the source, so destroyed after it: its watch may still report meanwhile.
   std::mutex mutex;
   std::condition_variable changed;
   std::vector<std::uint32_t> reports;
+  std::unique_ptr<ReachabilityFlagSource> source = makeSystemReachabilityFlagSource();
+  EXPECT_EQ(source->currentFlags(), 0u) << "offline first";
   ASSERT_TRUE(source->start([&](std::uint32_t flags) {
     std::lock_guard lock(mutex);
     reports.push_back(flags);
