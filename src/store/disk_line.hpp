@@ -36,10 +36,15 @@ class DiskLine {
     released_ += now;
     return now;
   }
+  /// A record let go before `through` waits to be read.
+  bool mayTake(std::uint64_t through) const {
+    std::lock_guard lock(mutex_);
+    return mayTakeLocked(through);
+  }
   /// One record let go is read for sending; false when none is let go before `through`.
   bool takeOne(std::uint64_t through) {
     std::lock_guard lock(mutex_);
-    if (taken_ >= std::min(released_, through)) return false;
+    if (!mayTakeLocked(through)) return false;
     ++taken_;
     return true;
   }
@@ -77,6 +82,8 @@ class DiskLine {
   }
 
  private:
+  bool mayTakeLocked(std::uint64_t through) const { return taken_ < std::min(released_, through); }
+
   mutable std::mutex mutex_;
   std::uint64_t joined_ = 0;
   std::uint64_t released_ = 0;  ///< never below taken_

@@ -363,7 +363,7 @@ std::optional<PendingStore::Read> PendingStore::next(std::uint64_t through) {
       readerSegment_ = segment->number;
     }
     // Only as far as the queue has let records go: the rest still count toward its threshold.
-    if (line_->takenThrough() >= std::min(through, line_->releasedThrough())) break;
+    if (!line_->mayTake(through)) break;
     const auto piece = reader_.next();
     if (!piece || segment->records == 0) {
       // Whatever is left cannot be read as records; the segment goes once it is answered.
